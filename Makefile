@@ -1,0 +1,79 @@
+# `make help` lists the targets. ARGS goes to the program a target runs: make test ARGS="-k launch".
+SHELL := /bin/bash
+.SHELLFLAGS := -eu -o pipefail -c
+.DEFAULT_GOAL := help
+MAKEFLAGS += --no-print-directory
+.SUFFIXES:
+
+PRESET ?= release
+python := .venv/bin/python
+CPP = $(shell git ls-files -co --exclude-standard '*.cpp' '*.h' '*.hpp')
+unexport PYTHONPATH PYTHONHOME VIRTUAL_ENV
+
+.PHONY: help
+help: ## lists these targets
+	@sed -nE 's/^([a-z-]+):[^#]*## (.*)/  make \1\t\2/p' Makefile | expand -t 24
+
+.PHONY: setup
+setup: ## makes .venv with a working CPython and the pinned packages
+	@scripts/setup
+
+.PHONY: build
+build: setup ## builds the module in place (PRESET=dev turns C++ assertions on)
+	@scripts/build $(PRESET)
+
+.PHONY: test
+test: build ## runs the tests
+	@$(python) -X dev -W error -m pytest $(ARGS)
+
+.PHONY: demo
+demo: build ## works through a node's life on an EC2 endpoint of its own (ARGS=--json, ARGS=--local)
+	@$(python) -m demo $(ARGS)
+
+.PHONY: test-all
+test-all: ## builds and tests with each CPython 3.10 to 3.13 on this machine
+	@scripts/test_all $(ARGS)
+
+.PHONY: lint
+lint: build ## checks formatting, clang-tidy, ruff and types
+	@scripts/lint
+
+.PHONY: format
+format: setup ## formats C++ and Python in place
+	@scripts/need clang-format
+	@$(if $(CPP),clang-format -i $(CPP))
+	@$(python) -m ruff check --fix-only --quiet .
+	@$(python) -m ruff format --quiet .
+
+.PHONY: typecheck
+typecheck: build ## mypy --strict on the package; the stub against the built module
+	@scripts/typecheck
+
+.PHONY: sanitize
+sanitize: setup ## runs the tests under the address and undefined-behaviour sanitizers
+	@scripts/sanitize $(ARGS)
+
+.PHONY: bench
+bench: build ## measures every operation beside plain Python (ARGS=--instructions counts instead)
+	@$(python) -m benchmarks $(ARGS)
+
+.PHONY: docs
+docs: build ## builds the documentation into docs/_build/html
+	@scripts/docs
+
+.PHONY: wheel
+wheel: setup ## builds and tries a wheel for each CPython 3.10 to 3.13 on this machine, into dist/
+	@scripts/wheels
+
+.PHONY: test-kubernetes
+test-kubernetes: build ## runs the Kubernetes tests against a real kube-apiserver, built at the first time
+	@scripts/test_kubernetes $(ARGS)
+
+.PHONY: worker-timeouts
+worker-timeouts: build ## shows how each way a worker can fail is reported, and after how long
+	@$(python) -m tests.servers.worker_timeouts $(ARGS)
+
+.PHONY: clean
+clean: ## removes what was built; environments stay (rm -rf .venv*)
+	@rm -rf build dist docs/_build docs/_generated .mypy_cache .ruff_cache .pytest_cache
+	@rm -f tovarincore/*.so tests/python/*.so
