@@ -1,0 +1,1 @@
+"""Tovarin core: cloud nodes, their records, configuration and clients; import the modules you need."""

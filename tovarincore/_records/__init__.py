@@ -1,0 +1,1 @@
+"""The records of the domain, one file per subject; ``tovarincore.cloud_def`` publishes them."""

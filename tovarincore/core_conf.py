@@ -1,0 +1,152 @@
+"""Configuration of the package, and its logger.
+
+Settings stand in one TOML file: the one that the environment variable ``TOVARIN_CONF`` names, else ``core.toml``
+in the user's configuration directory. An environment variable ``TOVARIN_<SECTION>__<KEY>`` overrides the file.
+Nothing is read before the first setting is asked for.
+"""
+
+import fnmatch
+import logging
+import threading
+from collections.abc import Callable, Iterator
+from pathlib import Path
+from typing import Any, TypeVar
+
+from tovarincore._conf.errors import ConfigError
+from tovarincore._conf.log_levels import LogLevels
+from tovarincore._conf.names import did_you_mean
+from tovarincore._conf.paths import configured_path
+from tovarincore._conf.schema import SETTINGS, Setting
+from tovarincore._conf.settings import SETTINGS_BY_NAME, Settings, read_settings
+
+__all__ = [
+    "ConfigError",
+    "CoreConf",
+    "LogManager",
+    "Setting",
+    "core_conf_glbl",
+    "describe_settings",
+    "log_manager_glbl",
+]
+
+T = TypeVar("T")
+
+
+class CoreConf:
+    """The settings, each an attribute named ``section__key``, for example ``core_conf_glbl.worker__port``.
+
+    The first setting asked for reads the file; every later one is a look-up. Any thread may ask.
+
+    :raises ConfigError: from any setting, when the file or the environment holds something that is not allowed
+    :raises AttributeError: for a name that is no setting; the text gives the nearest one
+    """
+
+    def __init__(self) -> None:
+        self._lock = threading.RLock()
+        self._settings: Settings | None = None
+
+    @property
+    def path(self) -> Path:
+        """The configuration file, whether it exists or not."""
+        return configured_path("TOVARIN_CONF", "core.toml")
+
+    @property
+    def proxy_enabled(self) -> bool:
+        """Whether Amazon is reached through proxies."""
+        return bool(self.proxy__enabled)
+
+    def get_proxy_conf_tuple(self) -> tuple[str, str]:
+        """Return the proxies for http and for https; one that is not configured is the same as the other."""
+        http, https = self.proxy__http, self.proxy__https
+        return http or https, https or http
+
+    def get_worker_address(self, node: Any) -> tuple[str, int] | None:
+        """Return host and port that ``[worker_addresses]`` gives for a node, or ``None``.
+
+        A key that equals the node's name, uuid or address wins, in this order; then the first pattern of the
+        file that fits any of the three.
+
+        :param node: a record with ``name``, ``uuid`` and ``dns_address``
+        """
+        addresses = self._read().worker_addresses
+        if not addresses:
+            return None
+        names = [name for name in (node.name, node.uuid, node.dns_address) if isinstance(name, str)]
+        for name in names:
+            if name in addresses:
+                return addresses[name]
+        for pattern, address in addresses.items():
+            if any(fnmatch.fnmatchcase(name, pattern) for name in names):
+                return address
+        return None
+
+    def derive(self, name: str, build: Callable[[], T]) -> T:
+        """Return what ``build`` makes of the settings; it is called once for every reading of them.
+
+        :param name: what is built, one name per purpose
+        :param build: called without arguments, by one thread at a time; what it raises is passed on
+        """
+        derived = self._read().derived
+        if name not in derived:
+            with self._lock:
+                derived = self._read().derived
+                if name not in derived:
+                    derived[name] = build()
+        value: T = derived[name]
+        return value
+
+    def reload(self) -> None:
+        """Forget what was read: the next setting asked for reads the file and the environment anew."""
+        with self._lock:
+            self._settings = None
+
+    def _read(self) -> Settings:
+        settings = self._settings
+        if settings is None:
+            with self._lock:
+                settings = self._settings
+                if settings is None:
+                    settings = self._settings = read_settings(self.path)
+        return settings
+
+    def __getattr__(self, name: str) -> Any:
+        # The name is looked at first: copy, pickle and hasattr ask for names that must not read a file.
+        if name in SETTINGS_BY_NAME:
+            return self._read().values[name]
+        hint = "" if name.startswith("_") else f"; {did_you_mean(name, SETTINGS_BY_NAME)}"
+        raise AttributeError(f"{type(self).__name__} has no setting {name!r}{hint}")
+
+    def __dir__(self) -> list[str]:
+        return [*super().__dir__(), *SETTINGS_BY_NAME]
+
+
+class LogManager:
+    """Gives the package's logger, set up as the section ``[logging]`` asks."""
+
+    def __init__(self, core_conf: CoreConf) -> None:
+        self._core_conf = core_conf
+        self._levels = LogLevels()
+
+    def get_logger(self) -> logging.Logger:
+        """Return the logger ``tovarincore``.
+
+        As a library should, it writes nothing by itself unless ``[logging] handler`` says so, and a level that
+        the application has given to this logger stays. The loggers of the libraries underneath are held above
+        DEBUG, where they would write private keys and tokens, unless
+        ``[logging] let_sdk_debug_logs_show_secrets`` lifts that.
+
+        :raises ConfigError: the configuration cannot be used
+        """
+        conf = self._core_conf
+        return self._levels.apply(
+            conf.logging__level, conf.logging__handler, conf.logging__let_sdk_debug_logs_show_secrets
+        )
+
+
+def describe_settings() -> Iterator[Setting]:
+    """Yield every setting in the order of the documentation, with type, default, range and one line of text."""
+    yield from SETTINGS
+
+
+core_conf_glbl = CoreConf()
+log_manager_glbl = LogManager(core_conf_glbl)
