@@ -1,0 +1,125 @@
+// Listing the user's instances, and the requests that start, stop and end one.
+#include "aws.h"
+
+namespace cloud_node::aws {
+
+namespace {
+
+// [instance_id], the form in which every lifecycle request names its one instance
+Object only(Handle instance_id) { return list({instance_id}); }
+
+struct Tags {
+    Object uuid{"-"_s};
+    Object name{"-"_s};
+};
+
+// A later tag of the same key overwrites an earlier one.
+Tags tags_of(Handle instance, Where where)
+{
+    Tags tags;
+    if (!instance.contains("Tags"_s, where))
+        return tags;
+    for (Object item : each(instance.item("Tags"_s, where), where)) {
+        if (item.item("Key"_s, where).equals("tovarin_uuid"_s, where))
+            tags.uuid = item.item("Value"_s, where);
+        else if (item.item("Key"_s, where).equals("Name"_s, where))
+            tags.name = item.item("Value"_s, where);
+    }
+    return tags;
+}
+
+Object node_from(Handle self, Handle instance)
+{
+    Object instance_type = instance.item("InstanceType"_s);
+    Object types = global("CloudInstances"_s).get("instance_type_list"_s);
+    Object found_instance_type_def =
+        first_match(types, [&](Handle x) { return x.get("instance_type"_s).equals(instance_type); });
+    Object state = instance.item("State"_s).item("Name"_s).call("capitalize"_s, {});
+    Tags tags = tags_of(instance, Where::here());
+    Object dns_address = dns_address_of(instance);
+    Object instance_profile_name = none();
+    if (instance.contains("IamInstanceProfile"_s)) {
+        Object profile_name_from = global("ObjectMetaTextUtil"_s).get("get_profile_name_from_arn"_s);
+        instance_profile_name = call(profile_name_from, {str(instance.item("IamInstanceProfile"_s).item("Arn"_s))});
+    }
+    Object key_pair_name = none();
+    if (instance.contains("KeyName"_s))
+        key_pair_name = str(instance.item("KeyName"_s));
+    // By design an unknown type stops the whole listing: a partial list would empty the registry of the rest.
+    assert_that([&] { return !found_instance_type_def.is_none(); });
+    Object node_class = global("AWSCloudNode"_s);
+    Object region = self.get("region"_s);
+    Object instance_id = instance.item("InstanceId"_s);
+    Object node_state = global("NodeState"_s).call("from_aws_value"_s, {state});
+    return call(node_class, {"region"_k = region, "instance_id"_k = instance_id, "uuid"_k = tags.uuid, "name"_k = tags.name,
+                             "instance_type_def"_k = found_instance_type_def, "dns_address"_k = dns_address,
+                             "state"_k = node_state, "instance_profile_name"_k = instance_profile_name,
+                             "key_pair_name"_k = key_pair_name});
+}
+
+} // namespace
+
+Object dns_address_of(Handle instance, Where where)
+{
+    Object dns_address = str(instance.item("PublicDnsName"_s, where), where);
+    if (!dns_address.truthy(where) || len(dns_address, where) < 5)
+        dns_address = str(instance.item("PrivateDnsName"_s, where), where);
+    return dns_address;
+}
+
+void wait_until_instance_status_ok(Handle self, Handle ec2, Handle instance_id, Where where)
+{
+    self.get("logger"_s, where).call("debug"_s, {"Waiting until AWS states Cloud Worker is ready"_s}, where);
+    Object waiter = ec2.call("get_waiter"_s, {"instance_status_ok"_s}, where);
+    waiter.call("wait"_s, {"InstanceIds"_k = only(instance_id)}, where);
+    self.get("logger"_s, where).call("debug"_s, {"AWS stated Cloud Worker is ready"_s}, where);
+}
+
+Object list_instances(Handle self)
+{
+    Object ec2 = self.call("_get_client"_s, {});
+    Object filters = list({filter("tag:tovarin_username"_s, self.get("username"_s))});
+    Object response = ec2.call("describe_instances"_s, {"Filters"_k = filters});
+    Object instances = list({});
+    for (Object reservation : each(response.item("Reservations"_s)))
+        for (Object instance : each(reservation.item("Instances"_s)))
+            append(instances, node_from(self, instance));
+    return tuple({instances, success()});
+}
+
+Object start_node(Handle self, Handle instance_id, Handle wait_until_cloud_provider_ready, Handle reboot)
+{
+    Object ec2 = self.call("_get_client"_s, {});
+    Object response = reboot.truthy()
+                          ? ec2.call("reboot_instances"_s, {"InstanceIds"_k = only(instance_id), "DryRun"_k = false_()})
+                          : ec2.call("start_instances"_s, {"InstanceIds"_k = only(instance_id), "DryRun"_k = false_()});
+    self.get("logger"_s).call("debug"_s, {response});
+    if (!wait_until_cloud_provider_ready.truthy())
+        return none();
+    try {
+        wait_until_instance_status_ok(self, ec2, instance_id);
+    } catch (const Raised& raised) {
+        Handling handling(raised);
+        self.get("logger"_s).call("error"_s, {"AWS wait failed."_s, "exc_info"_k = true_()});
+    }
+    return none();
+}
+
+Object stop_node(Handle self, Handle instance_id)
+{
+    Object ec2 = self.call("_get_client"_s, {});
+    Object response = ec2.call("stop_instances"_s, {"InstanceIds"_k = only(instance_id), "Hibernate"_k = false_(),
+                                                    "DryRun"_k = false_(), "Force"_k = true_()});
+    self.get("logger"_s).call("debug"_s, {response});
+    return none();
+}
+
+Object terminate_node(Handle self, Handle instance_id, Handle)
+{
+    Object ec2 = self.call("_get_client"_s, {});
+    Object response = ec2.call("terminate_instances"_s, {"InstanceIds"_k = only(instance_id), "DryRun"_k = false_()});
+    self.get("logger"_s).call("debug"_s, {response});
+    return success();
+}
+
+} // namespace cloud_node::aws

@@ -1,0 +1,77 @@
+// A thin adapter: each operation is one call on the console client, whose result is returned as it comes back.
+#include "k8s.h"
+
+namespace cloud_node {
+
+namespace {
+
+ClassCell own_class;
+
+Object init(Handle self, Handle region)
+{
+    super_of(own_class, self).call("__init__"_s, {region});
+    self.set("console_client"_s, call_global("K8sConsoleClient"_s, {region}));
+    return none();
+}
+
+Object list_instances(Handle self) { return self.get("console_client"_s).call("get_cloud_nodes"_s, {}); }
+
+Object launch_node(Handle self, Handle instance_type_def, Handle instance_config, Handle, Handle, Handle, Handle,
+                   Handle additional_params, Handle startup_script)
+{
+    return self.get("console_client"_s)
+        .call("launch_node"_s, {"instance_type_def"_k = instance_type_def, "instance_config"_k = instance_config,
+                                "additional_params"_k = additional_params, "startup_script"_k = startup_script});
+}
+
+// A Kubernetes node can be neither started nor stopped; asking for it is no error.
+Object start_node(Handle, Handle, Handle, Handle) { return none(); }
+Object stop_node(Handle, Handle) { return none(); }
+
+Object terminate_node(Handle self, Handle instance_id, Handle stop_reason)
+{
+    return self.get("console_client"_s)
+        .call("terminate_node"_s, {"instance_id"_k = instance_id, "stop_reason"_k = stop_reason});
+}
+
+Object list_instance_templates(Handle self, Handle)
+{
+    return self.get("console_client"_s).call("list_instance_templates"_s, {});
+}
+
+Object list_instance_types(Handle self) { return self.get("console_client"_s).call("list_instance_types"_s, {}); }
+
+constexpr Method methods[] = {
+    method<init>("__init__", {{"self"}, {"region"}}, "None"),
+    method<list_instances>("list_instances", {{"self"}}, "Tuple[Optional[List[CloudNode]], OPResult]"),
+    method<launch_node>("launch_node",
+                        {{"self"},
+                         {"instance_type_def", "CloudInstanceTypeDef"},
+                         {"instance_config", "CloudInstanceConfig"},
+                         {"auth", "Optional[CloudAuth]", Default::none},
+                         {"username", "Optional[str]", Default::none},
+                         {"dry_run", nullptr, Default::false_},
+                         {"wait_until_cloud_provider_ready", nullptr, Default::false_},
+                         {"additional_params", "Optional[str]", Default::none},
+                         {"startup_script", "Optional[str]", Default::none}},
+                        "Tuple[Optional[CloudNode], OPResult]"),
+    method<start_node>("start_node", {{"self"},
+                                      {"instance_id", "str"},
+                                      {"reboot", nullptr, Default::false_},
+                                      {"wait_until_cloud_provider_ready", nullptr, Default::false_}}),
+    method<stop_node>("stop_node", {{"self"}, {"instance_id", "str"}}),
+    method<terminate_node>("terminate_node",
+                           {{"self"}, {"instance_id", "str"}, {"stop_reason", "Optional[str]", Default::none}}),
+    method<list_instance_templates>("list_instance_templates", {{"self"}, {"is_public", "bool", Default::true_}},
+                                    "Tuple[List[InstanceTemplate], OPResult]"),
+    method<list_instance_types>("list_instance_types", {{"self"}}, "Tuple[List[CloudInstanceTypeDef], OPResult]"),
+};
+
+} // namespace
+
+void build_k8s_node_manager()
+{
+    own_class.keep(build_class({"K8sNodeManager", nullptr, methods}, {global("NodeManager"_s)}));
+}
+
+} // namespace cloud_node

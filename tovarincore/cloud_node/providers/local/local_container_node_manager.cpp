@@ -1,0 +1,113 @@
+// The product's worker as one container on the user's machine: each operation is a call on the container helper.
+#include "local.h"
+
+namespace cloud_node {
+
+namespace {
+
+ClassCell own_class;
+
+Object init(Handle self, Handle region)
+{
+    super_of(own_class, self).call("__init__"_s, {region});
+    self.set("container_helper"_s, call_global("ContainerHelper"_s, {}));
+    return none();
+}
+
+Object list_instances(Handle self)
+{
+    Object node = self.get("container_helper"_s).call("get_existing_node"_s, {});
+    if (node.is_none())
+        return tuple({list({}), success()});
+    return tuple({list({node}), success()});
+}
+
+Object launch_node(Handle self, Handle, Handle instance_config, Handle, Handle, Handle, Handle, Handle, Handle)
+{
+    assert_that(
+        [&] {
+            return instance_config.truthy() && instance_config.get("instance_template"_s).truthy() &&
+                   instance_config.get("instance_template"_s).get("version"_s).truthy();
+        },
+        "Version must be provided to start a new local container"_s);
+    Object run_image = self.get("container_helper"_s).get("run_tvr_container_image"_s);
+    return call(run_image, {instance_config.get("instance_template"_s).get("version"_s)});
+}
+
+Object start_node(Handle self, Handle, Handle reboot, Handle)
+{
+    self.get("container_helper"_s).call("start_tovarin_container"_s, {"reboot"_k = reboot});
+    return none();
+}
+
+Object stop_node(Handle self, Handle)
+{
+    self.get("container_helper"_s).call("stop_tovarin_container"_s, {});
+    return none();
+}
+
+// Deliberate: only this one passes the helper's result on (test_local.py holds it).
+Object terminate_node(Handle self, Handle, Handle)
+{
+    return self.get("container_helper"_s).call("delete_tovarin_container"_s, {});
+}
+
+Object list_instance_templates(Handle self, Handle)
+{
+    Object versions = self.get("container_helper"_s).call("list_tvr_container_image_versions"_s, {});
+    if (!versions.truthy())
+        return tuple({list({}), success()});
+    Object instance_templates = list({});
+    Object region = global("CloudRegions"_s).call("get_local_container_region"_s, {});
+    assert_that([&] { return !region.is_none(); });
+    for (Object version : each(versions)) {
+        Object template_class = global("InstanceTemplate"_s);
+        Object pay_type = global("InstanceTemplatePayType"_s).get("DEV"_s);
+        Object created_date = global("datetime"_s).call("now"_s, {});
+        append(instance_templates,
+               call(template_class, {"instance_template_id"_k = version, "name"_k = version, "product_pay_type"_k = pay_type,
+                                     "created_date"_k = created_date, "region"_k = region, "version"_k = version}));
+    }
+    return tuple({instance_templates, success()});
+}
+
+Object list_instance_types(Handle)
+{
+    Object type = global("CloudInstances"_s).call("get_default_local_instance_type"_s, {});
+    return tuple({list({type}), success()});
+}
+
+constexpr Method methods[] = {
+    method<init>("__init__", {{"self"}, {"region", "CloudRegion"}}),
+    method<list_instances>("list_instances", {{"self"}}, "Tuple[Optional[List[CloudNode]], OPResult]"),
+    method<launch_node>("launch_node",
+                        {{"self"},
+                         {"instance_type_def", "CloudInstanceTypeDef"},
+                         {"instance_config", "CloudInstanceConfig"},
+                         {"auth", "Optional[CloudAuth]", Default::none},
+                         {"username", "Optional[str]", Default::none},
+                         {"dry_run", nullptr, Default::false_},
+                         {"wait_until_cloud_provider_ready", nullptr, Default::false_},
+                         {"additional_params", "Optional[str]", Default::none},
+                         {"startup_script", "Optional[str]", Default::none}},
+                        "Tuple[Optional[CloudNode], OPResult]"),
+    method<start_node>("start_node", {{"self"},
+                                      {"instance_id", "str"},
+                                      {"reboot", nullptr, Default::false_},
+                                      {"wait_until_cloud_provider_ready", nullptr, Default::false_}}),
+    method<stop_node>("stop_node", {{"self"}, {"instance_id", "str"}}),
+    method<terminate_node>("terminate_node",
+                           {{"self"}, {"instance_id", "str"}, {"stop_reason", "Optional[str]", Default::none}}),
+    method<list_instance_templates>("list_instance_templates", {{"self"}, {"is_public", "bool", Default::true_}},
+                                    "Tuple[List[InstanceTemplate], OPResult]"),
+    method<list_instance_types>("list_instance_types", {{"self"}}, "Tuple[List[CloudInstanceTypeDef], OPResult]"),
+};
+
+} // namespace
+
+void build_local_container_node_manager()
+{
+    own_class.keep(build_class({"LocalContainerNodeManager", nullptr, methods}, {global("NodeManager"_s)}));
+}
+
+} // namespace cloud_node

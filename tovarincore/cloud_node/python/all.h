@@ -1,0 +1,11 @@
+// The object layer whole, for the rooms that are written with it.
+#pragma once
+
+#include "builders.h"
+#include "class_builder.h"
+#include "errors.h"
+#include "globals.h"
+#include "iteration.h"
+#include "lock.h"
+#include "method.h"
+#include "object.h"

@@ -1,0 +1,92 @@
+#include "errors.h"
+
+#include "globals.h"
+
+namespace py {
+
+bool assertions_enabled = true;
+
+void raise(Handle error, Where where)
+{
+    if (PyExceptionClass_Check(error.ptr())) {
+        Object instance = call(error, {}, where);
+        if (!PyExceptionInstance_Check(instance.ptr()))
+            raise_type_error("calling %R should have returned an instance of BaseException", error, where);
+        PyErr_SetObject(borrow(reinterpret_cast<PyObject*>(Py_TYPE(instance.ptr()))).ptr(), instance.ptr());
+    } else if (PyExceptionInstance_Check(error.ptr())) {
+        PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.ptr())), error.ptr());
+    } else {
+        PyErr_SetString(PyExc_TypeError, "exceptions must derive from BaseException");
+    }
+    throw Raised{where};
+}
+
+void raise_type_error(const char* format, Handle argument, Where where)
+{
+    PyErr_Format(PyExc_TypeError, format, argument.ptr());
+    throw Raised{where};
+}
+
+void raise_assertion_error(Handle message, Where where)
+{
+    if (!message)
+        raise(kept_builtin("AssertionError"_s), where);
+    raise(call(kept_builtin("AssertionError"_s), {message}, where), where);
+}
+
+void add_traceback_entry(const char* function, const Where& where)
+{
+    PyObject *type, *value, *traceback;
+    PyErr_Fetch(&type, &value, &traceback);
+    PyCodeObject* code = PyCode_NewEmpty(where.file, function, where.line);
+    PyFrameObject* frame =
+        code == nullptr ? nullptr : PyFrame_New(PyThreadState_Get(), code, module_dictionary().ptr(), nullptr);
+    PyErr_Restore(type, value, traceback); // also drops an error of the two calls above: the first one matters
+    if (frame != nullptr) {
+        set_frame_line(frame, where.line);
+        PyTraceBack_Here(frame);
+    }
+    Py_XDECREF(reinterpret_cast<PyObject*>(frame));
+    Py_XDECREF(reinterpret_cast<PyObject*>(code));
+}
+
+Handling::Handling(const Raised& raised, Where here) : raised_(raised)
+{
+    if (!raised_.traced)
+        add_traceback_entry(here.function, raised_.where);
+    raised_.traced = true;
+    PyObject *type, *value, *traceback;
+    PyErr_Fetch(&type, &value, &traceback);
+    PyErr_NormalizeException(&type, &value, &traceback);
+    if (traceback != nullptr)
+        PyException_SetTraceback(value, traceback);
+    type_ = adopt(type);
+    value_ = adopt(value);
+    traceback_ = adopt(traceback);
+    PyErr_GetExcInfo(&type, &value, &traceback);
+    previous_type_ = adopt(type);
+    previous_value_ = adopt(value);
+    previous_traceback_ = adopt(traceback);
+    PyErr_SetExcInfo(Object(type_).release(), Object(value_).release(), Object(traceback_).release());
+}
+
+void Handling::restore_previous()
+{
+    restored_ = true;
+    PyErr_SetExcInfo(previous_type_.release(), previous_value_.release(), previous_traceback_.release());
+}
+
+void Handling::raise_again()
+{
+    restore_previous();
+    PyErr_Restore(type_.release(), value_.release(), traceback_.release());
+    throw Raised(raised_);
+}
+
+Handling::~Handling() noexcept(false)
+{
+    if (!restored_ && !finalising())
+        restore_previous();
+}
+
+} // namespace py

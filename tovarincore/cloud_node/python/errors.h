@@ -1,0 +1,95 @@
+// Raising, handling and cleaning up, as the Python statements do it.
+#pragma once
+
+#include "object.h"
+
+#include <new>
+#include <stdexcept>
+
+namespace py {
+
+// raise error            (a class is called without arguments, an instance is raised as it is)
+[[noreturn]] void raise(Handle error, Where where = Where::here());
+
+// The interpreter's own errors, for verbs that stand for a bytecode instruction.
+[[noreturn]] void raise_type_error(const char* format, Handle argument, Where where);
+
+// False when the interpreter runs with -O: then no assertion is evaluated.
+extern bool assertions_enabled;
+
+[[noreturn]] void raise_assertion_error(Handle message, Where where); // empty message: a bare AssertionError
+
+// assert condition(), message
+template <class Condition> void assert_that(Condition condition, Where where = Where::here())
+{
+    if (assertions_enabled && !condition())
+        raise_assertion_error(Handle(), where);
+}
+
+template <class Condition> void assert_that(Condition condition, Name message, Where where = Where::here())
+{
+    if (assertions_enabled && !condition())
+        raise_assertion_error(message, where);
+}
+
+// The scope of an `except` block or of a `finally` clause that runs because of an error. Constructed inside
+// `catch (const Raised&)`: takes the error out of the indicator, adds the failing statement to its traceback and makes it
+// the handled one, which is what sys.exc_info(), `exc_info=True` and exception chaining look at. Ends with the scope.
+class Handling {
+public:
+    explicit Handling(const Raised& raised, Where here = Where::here());
+    ~Handling() noexcept(false);
+    Handling(const Handling&) = delete;
+    Handling& operator=(const Handling&) = delete;
+
+    Handle error() const { return value_; }
+
+    // The plain `raise` at the end of the block: the same error travels on, with no second traceback entry for this method.
+    [[noreturn]] void raise_again();
+
+private:
+    void restore_previous() noexcept(false);
+
+    Raised raised_;
+    Object type_, value_, traceback_;
+    Object previous_type_, previous_value_, previous_traceback_;
+    bool restored_ = false;
+};
+
+// try: return body() finally: clause()
+// When both fail, the error of the clause travels on and carries the other as its context.
+template <class Body, class Clause> Object try_finally(Body body, Clause clause, Where here = Where::here())
+{
+    Object result;
+    try {
+        result = body();
+    } catch (const Raised& raised) {
+        Handling handling(raised, here);
+        clause();
+        handling.raise_again();
+    }
+    clause();
+    return result;
+}
+
+// Adds an entry for a native statement to the traceback of the error that is set.
+void add_traceback_entry(const char* function, const Where& where);
+
+// The edge between C++ and the interpreter: runs body() and turns what it throws into a set error and a null result.
+// Deliberately without a catch-all: a daemon thread that ends inside the body unwinds through here and must not be stopped.
+template <class Body> PyObject* at_the_edge(const char* function, Body body)
+{
+    try {
+        return body().release();
+    } catch (const Raised& raised) {
+        if (!raised.traced)
+            add_traceback_entry(function, raised.where);
+    } catch (const std::bad_alloc&) {
+        PyErr_NoMemory();
+    } catch (const std::exception& error) {
+        PyErr_SetString(PyExc_SystemError, error.what());
+    }
+    return nullptr;
+}
+
+} // namespace py

@@ -1,0 +1,290 @@
+#include "function.h"
+
+#include "function_shape.h"
+#include "globals.h"
+
+#include <structmember.h>
+
+namespace py {
+
+namespace {
+
+PyObject* default_value(const Parameter& parameter)
+{
+    switch (parameter.default_value) {
+    case Default::none:
+        return Py_None;
+    case Default::false_:
+        return Py_False;
+    case Default::true_:
+        return Py_True;
+    case Default::required:
+        break;
+    }
+    return nullptr;
+}
+
+enum class Binding { done, mismatch, failed };
+
+// Finds the parameter that a keyword names: by identity, since names are interned, then by comparison.
+Py_ssize_t find_parameter(FunctionObject* self, PyObject* keyword)
+{
+    PyObject* names = parameter_names(self);
+    if (names == nullptr)
+        return -2;
+    Py_ssize_t count = PyTuple_GET_SIZE(names);
+    for (Py_ssize_t i = 0; i < count; ++i)
+        if (PyTuple_GET_ITEM(names, i) == keyword)
+            return i;
+    for (Py_ssize_t i = 0; i < count; ++i) {
+        int equal = PyObject_RichCompareBool(PyTuple_GET_ITEM(names, i), keyword, Py_EQ);
+        if (equal != 0)
+            return equal < 0 ? -2 : i;
+    }
+    return -1;
+}
+
+// Fills `bound` with borrowed references: positional arguments, keywords, defaults.
+Binding bind(FunctionObject* self, PyObject* const* arguments, std::size_t given, PyObject* keywords, PyObject** bound)
+{
+    const Method& method = *self->method;
+    if (given > method.count)
+        return Binding::mismatch;
+    for (std::size_t i = 0; i < method.count; ++i)
+        bound[i] = i < given ? arguments[i] : nullptr;
+    Py_ssize_t keyword_count = keywords == nullptr ? 0 : PyTuple_GET_SIZE(keywords);
+    for (Py_ssize_t i = 0; i < keyword_count; ++i) {
+        Py_ssize_t index = find_parameter(self, PyTuple_GET_ITEM(keywords, i));
+        if (index == -2)
+            return Binding::failed;
+        if (index == -1 || bound[index] != nullptr)
+            return Binding::mismatch;
+        bound[index] = arguments[given + static_cast<std::size_t>(i)];
+    }
+    Py_ssize_t replaced = self->defaults == nullptr || self->defaults == Py_None ? 0 : PyTuple_GET_SIZE(self->defaults);
+    for (std::size_t i = given; i < method.count; ++i) {
+        if (bound[i] != nullptr)
+            continue;
+        Py_ssize_t place = static_cast<Py_ssize_t>(i) - (static_cast<Py_ssize_t>(method.count) - replaced);
+        if (self->defaults == nullptr)
+            bound[i] = default_value(method.parameters[i]);
+        else if (place >= 0)
+            bound[i] = PyTuple_GET_ITEM(self->defaults, place);
+        if (bound[i] == nullptr)
+            return Binding::mismatch;
+    }
+    return Binding::done;
+}
+
+PyObject* run(FunctionObject* self, PyObject* const* arguments)
+{
+    // A method that comes back to itself without a Python frame in between must end in RecursionError as well.
+    if (Py_EnterRecursiveCall(" while calling a Python object"))
+        return nullptr;
+    PyObject* result = self->method->body(*self->method, arguments);
+    Py_LeaveRecursiveCall();
+    return result;
+}
+
+PyObject* call_function(PyObject* callable, PyObject* const* arguments, std::size_t flagged_count, PyObject* keywords)
+{
+    auto* self = reinterpret_cast<FunctionObject*>(callable);
+    auto given = static_cast<std::size_t>(PyVectorcall_NARGS(flagged_count));
+    if (keywords == nullptr && given == self->method->count)
+        return run(self, arguments);
+    PyObject* bound[most_parameters];
+    switch (bind(self, arguments, given, keywords, bound)) {
+    case Binding::done:
+        return run(self, bound);
+    case Binding::mismatch:
+        return call_shape(self, arguments, flagged_count, keywords);
+    case Binding::failed:
+        break;
+    }
+    return nullptr;
+}
+
+PyObject* bind_to(PyObject* self, PyObject* instance, PyObject*)
+{
+    if (instance == nullptr || instance == Py_None) {
+        Py_INCREF(self);
+        return self;
+    }
+    return PyMethod_New(self, instance);
+}
+
+PyObject* represent(PyObject* self)
+{
+    return PyUnicode_FromFormat("<function %U at %p>", reinterpret_cast<FunctionObject*>(self)->qualname, self);
+}
+
+PyObject* get_defaults(PyObject* self, void*)
+{
+    auto* function = reinterpret_cast<FunctionObject*>(self);
+    if (function->defaults == nullptr) {
+        const Method& method = *function->method;
+        std::size_t first = 0;
+        while (first < method.count && default_value(method.parameters[first]) == nullptr)
+            ++first;
+        if (first == method.count)
+            Py_RETURN_NONE;
+        PyObject* made = PyTuple_New(static_cast<Py_ssize_t>(method.count - first));
+        if (made == nullptr)
+            return nullptr;
+        for (std::size_t i = first; i < method.count; ++i)
+            PyTuple_SET_ITEM(made, static_cast<Py_ssize_t>(i - first),
+                             Object(borrow(default_value(method.parameters[i]))).release());
+        return made;
+    }
+    Py_INCREF(function->defaults);
+    return function->defaults;
+}
+
+int set_defaults(PyObject* self, PyObject* value, void*)
+{
+    auto* function = reinterpret_cast<FunctionObject*>(self);
+    if (value == nullptr)
+        value = Py_None;
+    if (value != Py_None && !PyTuple_Check(value)) {
+        PyErr_SetString(PyExc_TypeError, "__defaults__ must be set to a tuple object");
+        return -1;
+    }
+    Py_INCREF(value);
+    Py_XSETREF(function->defaults, value);
+    Py_CLEAR(function->shape);
+    return 0;
+}
+
+PyObject* get_annotations(PyObject* self, void*)
+{
+    auto* function = reinterpret_cast<FunctionObject*>(self);
+    if (function->annotations == nullptr)
+        function->annotations = make_annotations(*function->method);
+    Py_XINCREF(function->annotations);
+    return function->annotations;
+}
+
+int set_annotations(PyObject* self, PyObject* value, void*)
+{
+    if (value == nullptr || !PyDict_Check(value)) {
+        PyErr_SetString(PyExc_TypeError, "__annotations__ must be set to a dict object");
+        return -1;
+    }
+    Py_INCREF(value);
+    Py_XSETREF(reinterpret_cast<FunctionObject*>(self)->annotations, value);
+    return 0;
+}
+
+PyObject* get_keyword_defaults(PyObject*, void*) { Py_RETURN_NONE; }
+
+PyObject* get_code(PyObject* self, void*) { return function_code(reinterpret_cast<FunctionObject*>(self)); }
+
+PyObject* get_globals(PyObject*, void*) { return Object(module_dictionary()).release(); }
+
+PyObject* reduce(PyObject* self, PyObject*)
+{
+    PyObject* qualname = reinterpret_cast<FunctionObject*>(self)->qualname;
+    Py_INCREF(qualname);
+    return qualname;
+}
+
+template <class Visit> int each_reference(FunctionObject* self, Visit visit)
+{
+    for (PyObject** member : {&self->name, &self->qualname, &self->module, &self->doc, &self->defaults, &self->annotations,
+                              &self->names, &self->shape, &self->attributes})
+        if (int stop = visit(member))
+            return stop;
+    return 0;
+}
+
+int traverse(PyObject* self, visitproc visit, void* arg)
+{
+    return each_reference(reinterpret_cast<FunctionObject*>(self),
+                          [&](PyObject** member) { return *member == nullptr ? 0 : visit(*member, arg); });
+}
+
+int clear(PyObject* self)
+{
+    return each_reference(reinterpret_cast<FunctionObject*>(self), [](PyObject** member) {
+        Py_CLEAR(*member);
+        return 0;
+    });
+}
+
+void deallocate(PyObject* self)
+{
+    PyObject_GC_UnTrack(self);
+    if (reinterpret_cast<FunctionObject*>(self)->weak_references != nullptr)
+        PyObject_ClearWeakRefs(self);
+    clear(self);
+    PyObject_GC_Del(self);
+}
+
+PyMemberDef members[] = {
+    {"__name__", T_OBJECT, offsetof(FunctionObject, name), 0, nullptr},
+    {"__qualname__", T_OBJECT, offsetof(FunctionObject, qualname), 0, nullptr},
+    {"__module__", T_OBJECT, offsetof(FunctionObject, module), 0, nullptr},
+    {"__doc__", T_OBJECT, offsetof(FunctionObject, doc), 0, nullptr},
+    {nullptr, 0, 0, 0, nullptr},
+};
+
+PyGetSetDef properties[] = {
+    {"__defaults__", get_defaults, set_defaults, nullptr, nullptr},
+    {"__kwdefaults__", get_keyword_defaults, nullptr, nullptr, nullptr},
+    {"__annotations__", get_annotations, set_annotations, nullptr, nullptr},
+    {"__code__", get_code, nullptr, nullptr, nullptr},
+    {"__globals__", get_globals, nullptr, nullptr, nullptr},
+    {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+PyMethodDef methods[] = {
+    {"__reduce__", reduce, METH_NOARGS, nullptr},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+PyTypeObject function_type = [] {
+    PyTypeObject type{};
+    Py_SET_REFCNT(reinterpret_cast<PyObject*>(&type), 1);
+    type.tp_name = "tovarincore.cloud_node.native_function";
+    type.tp_basicsize = sizeof(FunctionObject);
+    type.tp_dealloc = deallocate;
+    type.tp_vectorcall_offset = offsetof(FunctionObject, vectorcall);
+    type.tp_repr = represent;
+    type.tp_call = PyVectorcall_Call;
+    type.tp_flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL | Py_TPFLAGS_METHOD_DESCRIPTOR;
+    type.tp_traverse = traverse;
+    type.tp_clear = clear;
+    type.tp_weaklistoffset = offsetof(FunctionObject, weak_references);
+    type.tp_methods = methods;
+    type.tp_members = members;
+    type.tp_getset = properties;
+    type.tp_descr_get = bind_to;
+    type.tp_dictoffset = offsetof(FunctionObject, attributes);
+    return type;
+}();
+
+} // namespace
+
+void ready_function_type() { check(PyType_Ready(&function_type)); }
+
+Object make_function(const Method& method, const char* class_name)
+{
+    Object name = steal(PyUnicode_InternFromString(method.name));
+    Object qualname = steal(PyUnicode_FromFormat("%s.%s", class_name, method.name));
+    Object module = global("__name__"_s);
+    Object doc = method.doc == nullptr ? none() : steal(PyUnicode_FromString(method.doc));
+    auto* made = PyObject_GC_New(FunctionObject, &function_type);
+    Object function = steal(reinterpret_cast<PyObject*>(made));
+    made->vectorcall = call_function;
+    made->method = &method;
+    made->name = name.release();
+    made->qualname = qualname.release();
+    made->module = module.release();
+    made->doc = doc.release();
+    made->defaults = made->annotations = made->names = made->shape = made->attributes = made->weak_references = nullptr;
+    PyObject_GC_Track(function.ptr());
+    return function;
+}
+
+} // namespace py

@@ -1,0 +1,16 @@
+// The type of our methods: native callables that behave as Python functions do. They bind, can be marked abstract, take
+// attributes, can be weakly referenced and pickled by name, and show a signature; calls cost no argument tuple.
+//
+// Known limit: mock.patch.object(cls, name, autospec=True) does not bind `self` on a callable that is no types.FunctionType.
+#pragma once
+
+#include "method.h"
+
+namespace py {
+
+void ready_function_type();
+
+// A function for one row of a class's table. `class_name` is the first half of its __qualname__.
+Object make_function(const Method& method, const char* class_name);
+
+} // namespace py

@@ -1,0 +1,37 @@
+// The module's own names: its dictionary, the built-ins, and imports, looked up as a Python module looks them up.
+#pragma once
+
+#include "object.h"
+
+#include <initializer_list>
+
+namespace py {
+
+// The dictionary of the module being defined. Borrowed: the module lives until the process ends.
+Handle module_dictionary();
+
+// To be called first when the module starts: keeps its dictionary and the interpreter's built-ins.
+void open_module(Handle module);
+
+// name                    (the module's dictionary, then the built-ins, then NameError), at each call: tests replace names
+Object global(Name name, Where where = Where::here());
+void set_global(Name name, Handle value, Where where = Where::here());
+
+// name(...)
+Object call_global(Name name, Arguments arguments, Where where = Where::here());
+
+// A built-in that the module resolved once, when it started. Borrowed.
+Handle kept_builtin(Name name);
+void keep_builtins(std::initializer_list<Name> names); // NameError for a missing one
+
+// import module; from module import name    (through the __import__ that the built-ins hold at that moment)
+Object import_module(Name module, Where where = Where::here());
+Object import_from(Name module, Name name, Where where = Where::here());
+
+// isinstance(object, class), len(object), str(object), next(iterator, default): the built-ins of these names, unless the
+// module's dictionary or the built-ins hold something else under the name.
+bool is_instance(Handle object, Handle type, Where where = Where::here());
+Py_ssize_t len(Handle object, Where where = Where::here());
+Object str(Handle object, Where where = Where::here());
+
+} // namespace py

@@ -1,0 +1,29 @@
+// What differs between CPython versions, in one place: 3.10 is the target, 3.11 to 3.13 build from the same source.
+#pragma once
+
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
+#include <frameobject.h>
+
+namespace py {
+
+// True once the interpreter winds down. A daemon thread is then ended by unwinding our frames without the GIL,
+// so no destructor may touch an object any more.
+inline bool finalising()
+{
+#if PY_VERSION_HEX >= 0x030D0000
+    return Py_IsFinalizing() != 0;
+#else
+    return _Py_IsFinalizing() != 0;
+#endif
+}
+
+// A frame made for a traceback entry shows `line`: from 3.11 on the line of its code object serves.
+inline void set_frame_line([[maybe_unused]] PyFrameObject* frame, [[maybe_unused]] int line)
+{
+#if PY_VERSION_HEX < 0x030B0000
+    frame->f_lineno = line;
+#endif
+}
+
+} // namespace py

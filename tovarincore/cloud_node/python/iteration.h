@@ -1,0 +1,69 @@
+// for loops, unpacking, and the lazy search `next((x for x in xs if wanted(x)), None)`.
+#pragma once
+
+#include "errors.h"
+
+#include <array>
+
+namespace py {
+
+// for (Object x : each(xs)): iter(xs) is called at once, so xs may be a temporary.
+class Each {
+public:
+    explicit Each(Object iterator, Where where) : iterator_(std::move(iterator)), where_(where) {}
+
+    struct End {};
+
+    class Position {
+    public:
+        Position(Handle iterator, Where where) : iterator_(iterator), where_(where) { ++*this; }
+        Object operator*() { return std::move(current_); }
+        Position& operator++();
+        bool operator!=(End) const { return static_cast<bool>(current_); }
+
+    private:
+        Handle iterator_;
+        Where where_;
+        Object current_;
+    };
+
+    Position begin() const { return {iterator_, where_}; }
+    static End end() { return {}; }
+
+private:
+    Object iterator_;
+    Where where_;
+};
+
+Each each(Handle iterable, Where where = Where::here());
+
+void unpack_into(Handle sequence, Object* targets, Py_ssize_t count, Where where);
+
+// auto [a, b] = unpack<2>(pair);    a, b = pair, with the interpreter's own error texts
+template <std::size_t Count> std::array<Object, Count> unpack(Handle sequence, Where where = Where::here())
+{
+    std::array<Object, Count> targets;
+    unpack_into(sequence, targets.data(), static_cast<Py_ssize_t>(Count), where);
+    return targets;
+}
+
+// A StopIteration inside a generator expression reaches the caller as a RuntimeError.
+[[noreturn]] void raise_from_generator(const Raised& raised, Where here);
+
+// next((x for x in iterable if wanted(x)), None)
+template <class Wanted> Object first_match(Handle iterable, Wanted wanted, Where here = Where::here())
+{
+    Each elements = each(iterable, here);
+    try {
+        for (Object element : elements)
+            if (wanted(element))
+                return element;
+    } catch (const Raised& raised) {
+        if (!raised.matches(borrow(PyExc_StopIteration)))
+            throw;
+        raise_from_generator(raised, here);
+    }
+    return none();
+}
+
+} // namespace py

@@ -1,0 +1,25 @@
+// Locks, as every part of the module takes them: wait three seconds at the most, release on every path.
+#pragma once
+
+#include "builders.h"
+#include "globals.h"
+
+namespace py {
+
+// if <lock>.acquire(timeout=3): try: return body() finally: <lock>.release()   else: raise TimeoutError()
+// `lock` is a function that reads the lock anew, once before the body and once after it, as the two statements do.
+template <class Lock, class Body> Object holding_the(Lock lock, Body body, Where here = Where::here())
+{
+    bool acquired = lock().call("acquire"_s, {"timeout"_k = number(3)}, here).truthy(here);
+    if (!acquired)
+        raise(call_global("TimeoutError"_s, {}, here), here);
+    return try_finally(body, [&] { lock().call("release"_s, {}, here); }, here);
+}
+
+// The same for a lock that is an attribute of an object.
+template <class Body> Object holding(Handle owner, Name lock, Body body, Where here = Where::here())
+{
+    return holding_the([&] { return owner.get(lock, here); }, body, here);
+}
+
+} // namespace py

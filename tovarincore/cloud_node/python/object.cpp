@@ -1,0 +1,123 @@
+#include "object.h"
+
+#include <array>
+
+namespace py {
+
+void NameSlot::intern_all()
+{
+    for (NameSlot* slot = first_; slot != nullptr; slot = slot->next_)
+        if (slot->interned_ == nullptr)
+            slot->interned_ = steal(PyUnicode_InternFromString(slot->text_)).release();
+}
+
+bool Raised::matches(Handle error_class) const { return PyErr_ExceptionMatches(error_class.ptr()) != 0; }
+
+Object Handle::get(Name name, Where where) const { return steal(PyObject_GetAttr(pointer_, name.ptr()), where); }
+
+void Handle::set(Name name, Handle value, Where where) const
+{
+    check(PyObject_SetAttr(pointer_, name.ptr(), value.ptr()), where);
+}
+
+Object Handle::item(Handle key, Where where) const { return steal(PyObject_GetItem(pointer_, key.ptr()), where); }
+
+Object Handle::item(Py_ssize_t index, Where where) const
+{
+    if (PyList_CheckExact(pointer_) && index >= 0 && index < PyList_GET_SIZE(pointer_))
+        return Object(borrow(PyList_GET_ITEM(pointer_, index)));
+    Object key = steal(PyLong_FromSsize_t(index), where);
+    return item(key, where);
+}
+
+void Handle::set_item(Handle key, Handle value, Where where) const
+{
+    check(PyObject_SetItem(pointer_, key.ptr(), value.ptr()), where);
+}
+
+void Handle::set_item(Py_ssize_t index, Handle value, Where where) const
+{
+    Object key = steal(PyLong_FromSsize_t(index), where);
+    set_item(key, value, where);
+}
+
+bool Handle::contains(Handle value, Where where) const
+{
+    int found = PySequence_Contains(pointer_, value.ptr());
+    check(found, where);
+    return found != 0;
+}
+
+bool Handle::truthy(Where where) const
+{
+    int truth = PyObject_IsTrue(pointer_);
+    check(truth, where);
+    return truth != 0;
+}
+
+// Not PyObject_RichCompareBool: that one takes identity for equality, which `==` in an `if` does not.
+bool Handle::equals(Handle other, Where where) const
+{
+    return steal(PyObject_RichCompare(pointer_, other.ptr(), Py_EQ), where).truthy(where);
+}
+
+bool Handle::greater(Handle other, Where where) const
+{
+    return steal(PyObject_RichCompare(pointer_, other.ptr(), Py_GT), where).truthy(where);
+}
+
+namespace {
+
+constexpr std::size_t most_arguments = 16; // run_instances, the widest call, takes twelve
+
+// The arguments of one call as the vector call protocol wants them: one free slot in front, values, then the keywords'
+// values, with their names in a tuple.
+struct VectorCall {
+    std::array<PyObject*, most_arguments + 1> values{};
+    std::size_t positional = 0;
+    Object names;
+
+    VectorCall(Arguments arguments, Where where)
+    {
+        if (arguments.size() + 1 > most_arguments) {
+            PyErr_SetString(PyExc_SystemError, "more arguments in a call than the object layer passes on");
+            throw Raised{where};
+        }
+        std::size_t used = 1;
+        Py_ssize_t keywords = 0;
+        for (const Argument& argument : arguments) {
+            values[used++] = argument.value();
+            keywords += argument.name() != nullptr;
+        }
+        positional = arguments.size() - static_cast<std::size_t>(keywords);
+        if (keywords == 0)
+            return;
+        names = steal(PyTuple_New(keywords), where);
+        Py_ssize_t next = 0;
+        for (const Argument& argument : arguments)
+            if (argument.name() != nullptr)
+                PyTuple_SET_ITEM(names.ptr(), next++, Object(borrow(argument.name())).release());
+    }
+};
+
+} // namespace
+
+Object call(Handle function, Arguments arguments, Where where)
+{
+    VectorCall prepared(arguments, where);
+    return steal(PyObject_Vectorcall(function.ptr(), prepared.values.data() + 1,
+                                     prepared.positional | PY_VECTORCALL_ARGUMENTS_OFFSET, prepared.names.ptr()),
+                 where);
+}
+
+Object Handle::call(Name method, Arguments arguments, Where where) const
+{
+    VectorCall prepared(arguments, where);
+    prepared.values[0] = pointer_;
+    return steal(PyObject_VectorcallMethod(method.ptr(), prepared.values.data(),
+                                           (prepared.positional + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET,
+                                           prepared.names.ptr()),
+                 where);
+}
+
+} // namespace py

@@ -1,0 +1,150 @@
+// Owning and borrowed references to Python objects, and the operations every room uses on them.
+//
+// Rules of use
+//   1. A local variable is always an Object:          Object node = self.get("node"_s);
+//   2. A parameter is a Handle, a result an Object:   Object name_of(Handle node);
+//      (a Handle that outlives the Object behind it dangles: never `Handle h = o.get(...)`)
+//   3. Raw pointers enter by steal(p) or borrow(p) and leave by release(); there is no implicit way.
+//   4. Every operation either succeeds or throws Raised with the interpreter's error indicator set.
+//   5. Arguments stand in braces, which are evaluated left to right; where evaluating one can fail or has effects,
+//      look the method up first (Object m = o.get("m"_s); call(m, {f(x)});), because Python does.
+#pragma once
+
+#include "interpreter.h"
+#include "name.h"
+#include "where.h"
+
+#include <concepts>
+#include <initializer_list>
+#include <utility>
+
+namespace py {
+
+// The error indicator is set; `where` is the statement that failed. `traced` once the traceback shows that statement.
+struct Raised {
+    Where where;
+    bool traced = false;
+
+    bool matches(class Handle error_class) const;
+};
+
+class Object;
+class Argument;
+using Arguments = std::initializer_list<Argument>;
+
+class Handle {
+public:
+    constexpr Handle() = default;
+    Handle(Name name) : pointer_(name.ptr()) {}
+    Handle(int) = delete; // a literal 0 would otherwise become a null pointer
+
+    PyObject* ptr() const { return pointer_; }
+    explicit operator bool() const { return pointer_ != nullptr; } // whether there is an object at all; see truthy()
+
+    Object get(Name name, Where where = Where::here()) const;                   // self.name
+    void set(Name name, Handle value, Where where = Where::here()) const;       // self.name = value
+    Object item(Handle key, Where where = Where::here()) const;                 // self[key]
+    Object item(Py_ssize_t index, Where where = Where::here()) const;           // self[index]
+    void set_item(Handle key, Handle value, Where where = Where::here()) const; // self[key] = value
+    void set_item(Py_ssize_t index, Handle value, Where where = Where::here()) const;
+    bool contains(Handle value, Where where = Where::here()) const; // value in self
+    bool truthy(Where where = Where::here()) const;                 // if self:
+    bool equals(Handle other, Where where = Where::here()) const;   // if self == other: (never by identity)
+    bool greater(Handle other, Where where = Where::here()) const;  // if self > other:
+    bool is(Handle other) const { return pointer_ == other.pointer_; }
+    bool is_none() const { return pointer_ == Py_None; }
+    Object call(Name method, Arguments arguments, Where where = Where::here()) const; // self.method(...)
+
+protected:
+    explicit constexpr Handle(PyObject* pointer) : pointer_(pointer) {}
+    PyObject* pointer_ = nullptr;
+
+    friend Handle borrow(PyObject* pointer);
+};
+
+class Object : public Handle {
+public:
+    constexpr Object() = default;
+    explicit Object(Handle other) : Handle(other.ptr()) { Py_XINCREF(pointer_); }
+    Object(const Object& other) : Handle(other.pointer_) { Py_XINCREF(pointer_); }
+    Object(Object&& other) noexcept : Handle(std::exchange(other.pointer_, nullptr)) {}
+
+    Object& operator=(Object other) noexcept(false)
+    {
+        std::swap(pointer_, other.pointer_); // the old object is dropped last, when this one is whole again
+        return *this;
+    }
+
+    // May run Python code, in which a daemon thread can be ended by unwinding: hence noexcept(false).
+    ~Object() noexcept(false)
+    {
+        if (pointer_ != nullptr && !finalising())
+            Py_DECREF(pointer_);
+    }
+
+    [[nodiscard]] PyObject* release() { return std::exchange(pointer_, nullptr); }
+
+private:
+    struct Owned {};
+    Object(Owned, PyObject* pointer) : Handle(pointer) {}
+    friend Object adopt(PyObject* pointer);
+};
+
+inline Handle borrow(PyObject* pointer) { return Handle(pointer); }
+
+// Takes a reference over; null is allowed and gives an empty Object.
+inline Object adopt(PyObject* pointer) { return Object(Object::Owned{}, pointer); }
+
+// Takes over the new reference that an API call returned; null means that the call failed.
+inline Object steal(PyObject* pointer, Where where = Where::here())
+{
+    if (pointer == nullptr) [[unlikely]]
+        throw Raised{where};
+    return adopt(pointer);
+}
+
+// For API calls that report failure by a negative number.
+inline void check(int status, Where where = Where::here())
+{
+    if (status < 0) [[unlikely]]
+        throw Raised{where};
+}
+
+// "name"_k = value: an argument passed by keyword.
+struct Keyword {
+    Name name;
+    Handle value;
+};
+
+struct KeywordName {
+    Name name;
+    Keyword operator=(Handle value) const { return {name, value}; }
+};
+
+inline namespace literals {
+template <NameText Text> KeywordName operator""_k() { return {NameOf<Text>::slot}; }
+} // namespace literals
+
+// One argument of a call. Borrows: write it in the call, never keep it.
+class Argument {
+public:
+    template <std::convertible_to<Handle> Value> Argument(const Value& value) : value_(Handle(value)) {}
+    Argument(const Keyword& keyword) : value_(keyword.value), name_(keyword.name.ptr()) {}
+    Argument(int) = delete;
+
+    PyObject* value() const { return value_.ptr(); }
+    PyObject* name() const { return name_; }
+
+private:
+    Handle value_;
+    PyObject* name_ = nullptr;
+};
+
+Object call(Handle function, Arguments arguments, Where where = Where::here()); // function(...)
+
+inline Object none() { return Object(borrow(Py_None)); }
+inline Handle true_() { return borrow(Py_True); }
+inline Handle false_() { return borrow(Py_False); }
+inline Handle boolean(bool value) { return value ? true_() : false_(); }
+
+} // namespace py

@@ -1,0 +1,92 @@
+// The registry of one region: records cross it only as deep copies, in both directions, under one lock.
+#include "registry.h"
+
+namespace cloud_node {
+
+namespace {
+
+// self.__node_list, read anew at each mention, as Python does
+Object nodes_of(Handle self, Where where = Where::here()) { return self.get("_NodeManager__node_list"_s, where); }
+
+Object deepcopy(Handle value, Where where = Where::here()) { return call_global("deepcopy"_s, {value}, where); }
+
+// A deep copy of the first node whose attribute equals the value, else None.
+Object find_node(Handle self, Name attribute, Handle value, Where here = Where::here())
+{
+    auto search = [&] {
+        for (Object node : each(nodes_of(self, here), here))
+            if (node.get(attribute, here).equals(value, here))
+                return deepcopy(node, here);
+        return none();
+    };
+    return holding(self, "_NodeManager__node_list_lock"_s, search, here);
+}
+
+} // namespace
+
+Object node_manager_init(Handle self, Handle region)
+{
+    self.set("core_conf"_s, global("core_conf_glbl"_s));
+    self.set("logger"_s, global("log_manager_glbl"_s).call("get_logger"_s, {}));
+    self.set("region"_s, region);
+    self.set("_NodeManager__node_list"_s, list({}));
+    self.set("_NodeManager__node_list_lock"_s, global("threading"_s).call("Lock"_s, {}));
+    return none();
+}
+
+Object get_node_list(Handle self)
+{
+    return holding(self, "_NodeManager__node_list_lock"_s, [&] { return deepcopy(nodes_of(self)); });
+}
+
+Object set_node_list(Handle self, Handle node_list)
+{
+    return holding(self, "_NodeManager__node_list_lock"_s, [&] {
+        self.set("_NodeManager__node_list"_s, deepcopy(node_list));
+        return none();
+    });
+}
+
+Object set_node(Handle self, Handle node_given)
+{
+    return holding(self, "_NodeManager__node_list_lock"_s, [&] {
+        Object node = deepcopy(node_given);
+        Py_ssize_t count = len(nodes_of(self));
+        for (Py_ssize_t i = 0; i < count; ++i)
+            if (nodes_of(self).item(i).get("instance_id"_s).equals(node.get("instance_id"_s))) {
+                nodes_of(self).set_item(i, node);
+                return none();
+            }
+        nodes_of(self).call("append"_s, {node});
+        return none();
+    });
+}
+
+Object find_node_by_instance_id(Handle self, Handle instance_id) { return find_node(self, "instance_id"_s, instance_id); }
+
+Object find_node_by_uuid(Handle self, Handle uuid) { return find_node(self, "uuid"_s, uuid); }
+
+Object get_ready_node_next_in_line(Handle self)
+{
+    return holding(self, "_NodeManager__node_list_lock"_s, [&] {
+        for (Object node : each(nodes_of(self)))
+            if (node.get("ready"_s).truthy())
+                return deepcopy(node);
+        return none();
+    });
+}
+
+Object change_node_state(Handle self, Handle instance_id, Handle node_state, Handle ready)
+{
+    return holding(self, "_NodeManager__node_list_lock"_s, [&] {
+        for (Object node : each(nodes_of(self)))
+            if (node.get("instance_id"_s).equals(instance_id)) {
+                node.set("state"_s, node_state);
+                node.set("ready"_s, ready);
+                break;
+            }
+        return none();
+    });
+}
+
+} // namespace cloud_node
