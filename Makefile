@@ -7,7 +7,6 @@ MAKEFLAGS += --no-print-directory
 
 PRESET ?= release
 python := .venv/bin/python
-CPP = $(shell git ls-files -co --exclude-standard '*.cpp' '*.h' '*.hpp')
 unexport PYTHONPATH PYTHONHOME VIRTUAL_ENV
 
 .PHONY: help
@@ -40,8 +39,8 @@ lint: build ## checks formatting, clang-tidy, ruff and types
 
 .PHONY: format
 format: setup ## formats C++ and Python in place
-	@scripts/need clang-format
-	@$(if $(CPP),clang-format -i $(CPP))
+	@scripts/extra cpp-lint
+	@git ls-files -z -co --exclude-standard '*.cpp' '*.h' | xargs -0 -r .venv/bin/clang-format -i
 	@$(python) -m ruff check --fix-only --quiet .
 	@$(python) -m ruff format --quiet .
 

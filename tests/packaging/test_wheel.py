@@ -1,0 +1,85 @@
+"""What users install."""
+
+import os
+import subprocess
+import sys
+import venv
+from importlib.metadata import version
+from pathlib import Path
+
+import pytest
+
+from scripts.check_wheel import faults, main
+
+ROOT = Path(__file__).resolve().parents[2]
+
+
+def run(*command: str | Path, cwd: Path = ROOT) -> str:
+    """Run a command; return its output, or fail with all it said."""
+    # The scripts beside the interpreter are on the path, as in an activated environment: CMake and Ninja.
+    environment = dict(os.environ, PATH=f"{Path(sys.executable).parent}{os.pathsep}{os.environ['PATH']}")
+    done = subprocess.run(command, cwd=cwd, env=environment, capture_output=True, text=True, check=False)
+    assert done.returncode == 0, done.stdout + done.stderr
+    return done.stdout
+
+
+def pip(*arguments: str | Path) -> None:
+    """Run pip of this environment."""
+    run(sys.executable, "-m", "pip", "--disable-pip-version-check", "--quiet", *arguments)
+
+
+@pytest.fixture(scope="module")
+def wheel(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    """A wheel of this tree for the running interpreter."""
+    folder = tmp_path_factory.mktemp("wheel")
+    # Its C++ is compiled quickly, not for speed: nothing below runs it long.
+    settings = ("-C", "cmake.build-type=Debug", "-C", f"build-dir={folder / 'build'}")
+    pip("wheel", "--no-deps", "--no-build-isolation", *settings, "--wheel-dir", folder, ".")
+    (made,) = folder.glob("*.whl")
+    return made
+
+
+@pytest.mark.no_sanitizer  # the wheel's module is compiled as users compile it
+def test_a_wheel_carries_the_package_and_no_source_of_the_module(
+    wheel: Path, monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str]
+) -> None:
+    """The wheel of this tree passes the check that `make wheel` applies."""
+    monkeypatch.setattr(sys, "argv", ["check_wheel", str(wheel)])
+    assert (main(), capsys.readouterr().err) == (0, "")
+
+
+@pytest.mark.no_sanitizer  # as above
+def test_a_wheel_imports_in_an_environment_that_has_nothing_else(wheel: Path, tmp_path: Path) -> None:
+    """Importing the module needs no package but this one, and the version is that of the metadata."""
+    venv.create(tmp_path / "venv", with_pip=False)
+    python = tmp_path / "venv" / "bin" / "python"
+    pip("--python", python, "install", "--no-deps", "--no-index", wheel)
+    code = (
+        "import importlib.metadata as m; from tovarincore import cloud_node; "
+        "print(cloud_node.__file__, m.version('tovarincore'))"
+    )
+    said = run(python, "-I", "-X", "dev", "-W", "error", "-c", code, cwd=tmp_path).split()
+    assert said[0].startswith(str(tmp_path / "venv"))
+    assert said[1] == version("tovarincore")
+
+
+def test_the_check_of_a_wheel_names_each_fault() -> None:
+    """Sources, files outside the package, a missing module, stub, marker or data file are all named."""
+    names = ["tovarincore/cloud_node/module/module.cpp", "tests/conftest.py", "tovarincore/__init__.py"]
+    said = faults(names)
+    assert [line.split(" is ")[0].split(",")[0] for line in said] == [
+        "expected one built module",
+        "tovarincore/cloud_node/module/module.cpp",
+        "tests/conftest.py",
+        "tovarincore/py.typed",
+        "tovarincore/cloud_node.pyi",
+        "tovarincore/data/*.toml",
+    ]
+
+
+def test_the_version_stands_in_one_place() -> None:
+    """No file but pyproject.toml states the version."""
+    stated = f'"{version("tovarincore")}"'
+    assert run("git", "grep", "-lF", stated, "--", "*.py", "*.toml", "*.cpp", "*.h").split() == [
+        "pyproject.toml"
+    ]
