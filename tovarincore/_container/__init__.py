@@ -1,0 +1,1 @@
+"""Private to `tovarincore.container_helper`; this file imports nothing."""
