@@ -1,8 +1,8 @@
 """Configuration of the package, and its logger.
 
-Settings stand in one TOML file: the one that the environment variable ``TOVARIN_CONF`` names, else ``core.toml``
-in the user's configuration directory. An environment variable ``TOVARIN_<SECTION>__<KEY>`` overrides the file.
-Nothing is read before the first setting is asked for.
+Settings stand in one TOML file: the one that the environment variable ``TOVARIN_CONF`` names, else
+``core.toml`` in the user's configuration directory. An environment variable ``TOVARIN_<SECTION>__<KEY>``
+overrides the file. Nothing is read before the first setting is asked for.
 """
 
 import fnmatch
@@ -37,7 +37,7 @@ class CoreConf:
 
     The first setting asked for reads the file; every later one is a look-up. Any thread may ask.
 
-    :raises ConfigError: from any setting, when the file or the environment holds something that is not allowed
+    :raises ConfigError: from any setting, when the file or the environment holds something not allowed
     :raises AttributeError: for a name that is no setting; the text gives the nearest one
     """
 
@@ -130,9 +130,9 @@ class LogManager:
     def get_logger(self) -> logging.Logger:
         """Return the logger ``tovarincore``.
 
-        As a library should, it writes nothing by itself unless ``[logging] handler`` says so, and a level that
-        the application has given to this logger stays. The loggers of the libraries underneath are held above
-        DEBUG, where they would write private keys and tokens, unless
+        As a library should, it writes nothing by itself unless ``[logging] handler`` says so, and a level
+        that the application has given to this logger stays. The loggers of the libraries underneath are held
+        above DEBUG, where they would write private keys and tokens, unless
         ``[logging] let_sdk_debug_logs_show_secrets`` lifts that.
 
         :raises ConfigError: the configuration cannot be used
@@ -144,7 +144,7 @@ class LogManager:
 
 
 def describe_settings() -> Iterator[Setting]:
-    """Yield every setting in the order of the documentation, with type, default, range and one line of text."""
+    """Yield every setting: its type, default, range and one line of documentation."""
     yield from SETTINGS
 
 

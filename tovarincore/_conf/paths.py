@@ -7,7 +7,7 @@ __all__ = ["configured_path"]
 
 
 def configured_path(variable: str, file_name: str) -> Path:
-    """Return the path that an environment variable names, else the file in the user's configuration directory.
+    """Return the path that an environment variable names, else the user's own file.
 
     :param variable: environment variable that holds a path; unset and empty mean the same
     :param file_name: name of the file in the platform's configuration directory of the product

@@ -44,7 +44,7 @@ class Setting:
 # fmt: off
 SETTINGS: tuple[Setting, ...] = (
     Setting("network", "aws_custom_vpc", str, "",
-            "VPC of the security group; used only together with aws_custom_subnet, empty means the default VPC."),
+            "VPC of the security group; used only if aws_custom_subnet is set too, otherwise the default VPC."),
     Setting("network", "aws_custom_subnet", str, "",
             "Subnet to launch into; a text of fewer than ten characters counts as unset."),
     Setting("network", "bypass_ssl_verification", bool, False,
@@ -68,7 +68,8 @@ SETTINGS: tuple[Setting, ...] = (
     Setting("logging", "let_sdk_debug_logs_show_secrets", bool, False,
             "Let the libraries underneath log at DEBUG, which shows private keys, credentials and tokens."),
 
-    Setting("worker", "scheme", str, "ws", "Plain or encrypted connection to workers.", allowed=("ws", "wss")),
+    Setting("worker", "scheme", str, "ws", "Plain or encrypted connection to workers.",
+            allowed=("ws", "wss")),
     Setting("worker", "port", int, 8855, "Port that a worker listens on; opened in the security group.",
             minimum=1, maximum=65535),
     Setting("worker", "path", str, "/", "Path of the worker's web-socket.", form="url_path"),
@@ -89,12 +90,12 @@ SETTINGS: tuple[Setting, ...] = (
             "port-forwards). Exact keys come first, then patterns in the order of the file."),
 
     Setting("container", "engine_url", str, "",
-            "Address of the container engine; empty means the engine's own environment variables and socket."),
-    Setting("container", "image", str, "tovarin-worker", "Image repository of the worker; versions are its tags.",
-            form="not_empty"),
+            "Address of the container engine; empty means the engine's own variables and socket."),
+    Setting("container", "image", str, "tovarin-worker",
+            "Image repository of the worker; versions are its tags.", form="not_empty"),
     Setting("container", "name", str, "tovarin-worker", "Name of the one local container.", form="not_empty"),
-    Setting("container", "published_port", int, 8855, "Loopback port of this machine that leads to the worker.",
-            minimum=1, maximum=65535),
+    Setting("container", "published_port", int, 8855,
+            "Loopback port of this machine that leads to the worker.", minimum=1, maximum=65535),
     Setting("container", "worker_port", int, 8855, "Port of the worker inside the container.",
             minimum=1, maximum=65535),
     Setting("container", "memory_mib", int, 2048, "Memory limit of the container.", unit="MiB", minimum=16),

@@ -19,8 +19,8 @@ SETTINGS_BY_NAME: dict[str, Setting] = {row.name: row for row in SETTINGS if row
 class Settings:
     """What one reading of the configuration gave.
 
-    ``values`` maps ``section__key`` to the value, ``worker_addresses`` a key of that section to host and port,
-    and ``derived`` keeps what other modules make of the settings, for as long as this reading is in force.
+    ``values`` maps ``section__key`` to the value, ``worker_addresses`` a key of that section to host and
+    port, and ``derived`` keeps what other modules make of the settings while this reading is in force.
     """
 
     def __init__(self, values: dict[str, Any], worker_addresses: dict[str, tuple[str, int]]) -> None:

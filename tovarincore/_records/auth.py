@@ -14,7 +14,7 @@ class CloudAuth:
 class AWSCloudAuth(CloudAuth):
     """Credentials for Amazon: a named profile of the local Amazon configuration, or keys.
 
-    With neither, the SDK looks for credentials in its own places. No field shows in the ``repr`` but the profile.
+    With neither, the SDK looks for credentials in its own places. The ``repr`` shows the profile alone.
 
     :param aws_profile: name of a profile; wins over the keys when it is not empty
     :param aws_access_key_id: id of an access key

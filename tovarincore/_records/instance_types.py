@@ -91,7 +91,8 @@ def _types_of(tables: dict[str, Any], path: Path) -> dict[str, CloudInstanceType
 def _type_of(name: str, entry: object, source: str) -> CloudInstanceTypeDef:
     if not isinstance(entry, dict):
         raise ConfigError(
-            f"{source}: {entry!r} is not allowed; allowed is {{ cpu_count = 2, memory_mib = 4096 }} (type names in quotes)"
+            f"{source}: {entry!r} is not allowed;"
+            " allowed is { cpu_count = 2, memory_mib = 4096 }, after a type name in quotes"
         )
     for key, value in entry.items():
         if key not in _CHECKS:

@@ -11,7 +11,7 @@ __all__ = ["CloudInstanceConfig"]
 
 @dataclass
 class CloudInstanceConfig:
-    """Settings of one launch. A field given as ``None`` stays ``None``; EC2's client refuses that in some places.
+    """Settings of one launch. A field given as ``None`` stays ``None``, which EC2's client may refuse.
 
     :param disk_size: size of the root volume in GiB
     :param launch_instance_settings: what the node's preparation script is given; anything that JSON can hold.

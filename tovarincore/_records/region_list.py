@@ -13,7 +13,7 @@ class CloudRegions:
     """The regions that this installation knows.
 
     The file of the setting ``[cloud] regions_file`` gives the Kubernetes regions and, if it holds any, the
-    Amazon regions; otherwise these come from the endpoint data that the SDK carries. The network is never asked.
+    Amazon regions; otherwise these come from the endpoint data inside the SDK. The network is never asked.
     """
 
     @staticmethod
@@ -43,7 +43,7 @@ class CloudRegions:
     def get_all() -> list[CloudRegion]:
         """Return every region: the local one, those of Kubernetes, those of Amazon.
 
-        A machine without the SDK cannot use Amazon's regions; they are left out there unless the file has them.
+        A machine without the SDK cannot use Amazon's regions: there only those of the file are listed.
 
         :raises ConfigError: the configuration or the regions file cannot be used
         """

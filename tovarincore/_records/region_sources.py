@@ -40,8 +40,8 @@ def regions_from_sdk() -> list[CloudRegion]:
         from botocore.session import Session
     except ModuleNotFoundError as error:
         raise ConfigError(
-            "Amazon's regions are read from botocore, which is not installed; install boto3, or list the regions"
-            " in the file of the setting [cloud] regions_file"
+            "Amazon's regions are read from botocore, which is not installed; install boto3, or list the"
+            " regions in the file of the setting [cloud] regions_file"
         ) from error
     session = Session()
     partition = session.get_component("data_loader").load_data("partitions")["partitions"][0]
@@ -87,7 +87,8 @@ def _region(entry: dict[str, Any], source: str, path: Path) -> CloudRegion:
     cloud = entry.get("cloud")
     if not isinstance(cloud, str) or cloud not in _KEYS:
         raise ConfigError(
-            f'{source}: cloud {cloud!r} is not allowed; allowed is "AWS" or "k8s" (the local region always exists)'
+            f'{source}: cloud {cloud!r} is not allowed; allowed is "AWS" or "k8s"'
+            " (the local region always exists)"
         )
     keys = _KEYS[cloud]
     for key, value in entry.items():

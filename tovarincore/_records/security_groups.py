@@ -10,12 +10,15 @@ __all__ = ["SecurityGroupRule", "SecurityGroupRules"]
 
 @dataclass
 class SecurityGroupRule:
-    """One inbound rule. Rules are equal when ports and protocol are: EC2 lists existing ones without the text.
+    """One inbound rule.
+
+    Rules are equal when ports and protocol are: a rule read from EC2 comes without its description.
 
     :param from_port: first port of the range
     :param to_port: last port of the range
     :param ip_protocol: ``"tcp"``, ``"udp"``, ``"icmp"`` or a protocol number as EC2 writes it
-    :param description: shown in the console; EC2 takes up to 255 letters, digits, blanks and ``._-:/()#,@[]+=&;{}!$*``
+    :param description: shown in the console; EC2 takes up to 255 letters, digits, blanks and
+        ``._-:/()#,@[]+=&;{}!$*``
     """
 
     from_port: int
@@ -38,7 +41,8 @@ class SecurityGroupRules:
 
     inbound_list = _InboundList()
     """List of :class:`SecurityGroupRule`: the port that workers listen on (``[worker] port``) and no other,
-    since every rule is open to every address. Reading raises ``ConfigError`` when the configuration cannot be used."""
+    since every rule is open to every address. Reading raises ``ConfigError`` when the configuration
+    cannot be used."""
 
 
 def _inbound_rules() -> list[SecurityGroupRule]:

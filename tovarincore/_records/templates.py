@@ -78,9 +78,9 @@ class InstanceTemplate:
 
         The names of the product's images follow the pattern ``TOVARIN_AI_<kind>_<pay type>_<version>`` to the
         letter: the kind is ``CPU`` or ``GPU``, the pay type ``PLAN_A``, ``PLAN_B`` or ``DEV``, the version
-        numbers joined by dots, with a suffix after a hyphen where one is wanted: ``TOVARIN_AI_GPU_PLAN_A_1.2.3``,
-        ``TOVARIN_AI_CPU_DEV_2.0-rc.1``. Anybody can publish an image whose name begins alike, so a name that
-        does not follow the pattern is no error.
+        numbers joined by dots, with a suffix of letters, digits, dots and hyphens after a hyphen where one is
+        wanted: ``TOVARIN_AI_GPU_PLAN_A_1.2.3``, ``TOVARIN_AI_CPU_DEV_2.0-rc.1``. Anybody can publish an image
+        whose name begins alike, so a name that does not follow the pattern is no error.
 
         :param image_template_id: the provider's id of the image
         :param image_template_name: name of the image
@@ -88,9 +88,8 @@ class InstanceTemplate:
         :param region: region that offers it
         :return: the template, or ``None`` for a name, or anything else, that does not follow the pattern
         """
-        if not isinstance(image_template_name, str):
-            return None
-        match = _IMAGE_NAME.fullmatch(image_template_name)
+        name: object = image_template_name
+        match = _IMAGE_NAME.fullmatch(name) if isinstance(name, str) else None
         if match is None:
             return None
         kind, pay_type, version = match.groups()
