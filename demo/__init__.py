@@ -1,0 +1,1 @@
+"""Runnable demonstrations of the node manager: `python -m demo`."""

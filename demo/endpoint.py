@@ -1,0 +1,130 @@
+"""An EC2 endpoint on loopback, inside this process: the moto server, with what a launch needs put into it."""
+
+from __future__ import annotations
+
+import threading
+import urllib.request
+from collections.abc import Sequence
+from types import TracebackType
+from typing import Any
+
+import boto3
+from botocore.config import Config
+from werkzeug.serving import make_server
+
+HOST = "127.0.0.1"
+REGION_NAME = "us-east-1"
+KEY_PAIR_NAME = "tovarin-key"
+INSTANCE_PROFILE_NAME = "tovarin-node-profile"
+# Accepted by the endpoint whatever they are; the SDK refuses to send a request without any.
+ACCESS_KEY_ID = "demo-access-key-id"
+SECRET_ACCESS_KEY = "demo-secret-access-key"
+
+
+def ports_text(from_port: int, to_port: int) -> str:
+    """A range of ports as a person writes it."""
+    return str(from_port) if from_port == to_port else f"{from_port}-{to_port}"
+
+
+class Ec2Endpoint:
+    """Context manager that runs an EC2 (and IAM) endpoint on a free loopback port.
+
+    It refuses unknown images, key pairs and instance types as EC2 does; the emulator by itself lets
+    them pass. One at a time: the emulator's account is shared by the whole process.
+    """
+
+    def __init__(self) -> None:
+        self.url = ""
+        self._clients: dict[str, Any] = {}
+
+    def __enter__(self) -> Ec2Endpoint:
+        # Imported here: the emulator takes a noticeable part of a second that other demos need not wait for.
+        from moto import settings
+        from moto.moto_server.werkzeug_app import (
+            DomainDispatcherApplication,
+            MotoRequestHandler,
+            create_backend_app,
+        )
+
+        class QuietRequestHandler(MotoRequestHandler):
+            """The emulator's handler without its line per request on standard error."""
+
+            def log_request(self, code: int | str = "-", size: int | str = "-") -> None:
+                """Write nothing."""
+
+        # The emulator reads these from the environment when it is first imported, which may have been
+        # long ago; its code looks at the module's attributes.
+        settings.ENABLE_AMI_VALIDATION = True
+        settings.ENABLE_KEYPAIR_VALIDATION = True
+        settings.EC2_ENABLE_INSTANCE_TYPE_VALIDATION = True
+        self._server = make_server(
+            HOST,
+            0,
+            DomainDispatcherApplication(create_backend_app),
+            threaded=True,
+            request_handler=QuietRequestHandler,
+        )
+        self.url = f"http://{HOST}:{self._server.server_port}"
+        self._thread = threading.Thread(target=self._server.serve_forever, name="ec2-endpoint", daemon=True)
+        self._thread.start()
+        return self
+
+    def __exit__(
+        self,
+        kind: type[BaseException] | None,
+        error: BaseException | None,
+        trace: TracebackType | None,
+    ) -> None:
+        for client in self._clients.values():
+            client.close()
+        self._clients.clear()
+        self._server.shutdown()
+        self._thread.join()
+        self._server.server_close()
+
+    def reset(self) -> None:
+        """Forget every instance, image, key pair, profile and security group."""
+        request = urllib.request.Request(self.url + "/moto-api/reset", data=b"", method="POST")
+        urllib.request.build_opener(urllib.request.ProxyHandler({})).open(request, timeout=10).close()
+
+    def client(self, service: str = "ec2") -> Any:
+        """A client of this endpoint that does not pass through the code under demonstration."""
+        if service not in self._clients:
+            session = boto3.Session(aws_access_key_id=ACCESS_KEY_ID, aws_secret_access_key=SECRET_ACCESS_KEY)
+            self._clients[service] = session.client(
+                service, region_name=REGION_NAME, endpoint_url=self.url, config=Config(proxies={})
+            )
+        return self._clients[service]
+
+    def register_image(self, name: str, public: bool = True) -> str:
+        """Register a machine image, public or private, and return its id."""
+        ec2 = self.client()
+        image_id = ec2.register_image(Name=name, RootDeviceName="/dev/sda1", Architecture="x86_64")["ImageId"]
+        # Images are private until their launch permission is changed.
+        if public:
+            ec2.modify_image_attribute(ImageId=image_id, LaunchPermission={"Add": [{"Group": "all"}]})
+        return str(image_id)
+
+    def prepare_account(self, image_names: Sequence[str]) -> None:
+        """Register public images; make the key pair and the instance profile that launches ask for."""
+        for name in image_names:
+            self.register_image(name)
+        self.client().create_key_pair(KeyName=KEY_PAIR_NAME)
+        self.client("iam").create_instance_profile(InstanceProfileName=INSTANCE_PROFILE_NAME)
+
+    def security_group(self, name: str) -> tuple[str, list[dict[str, str]]]:
+        """The id of a security group and its inbound rules, as rows for a table."""
+        ec2 = self.client()
+        groups = ec2.describe_security_groups(Filters=[{"Name": "group-name", "Values": [name]}])
+        group_id = str(groups["SecurityGroups"][0]["GroupId"])
+        rules = ec2.describe_security_group_rules(Filters=[{"Name": "group-id", "Values": [group_id]}])
+        return group_id, [
+            {
+                "ports": ports_text(rule["FromPort"], rule["ToPort"]),
+                "protocol": rule["IpProtocol"],
+                "source": rule["CidrIpv4"],
+                "description": rule.get("Description", ""),
+            }
+            for rule in rules["SecurityGroupRules"]
+            if not rule["IsEgress"]
+        ]
