@@ -14,6 +14,7 @@ from werkzeug.serving import make_server
 
 HOST = "127.0.0.1"
 REGION_NAME = "us-east-1"
+POLL_SECONDS = 0.05
 KEY_PAIR_NAME = "tovarin-key"
 INSTANCE_PROFILE_NAME = "tovarin-node-profile"
 # Accepted by the endpoint whatever they are; the SDK refuses to send a request without any.
@@ -65,7 +66,9 @@ class Ec2Endpoint:
             request_handler=QuietRequestHandler,
         )
         self.url = f"http://{HOST}:{self._server.server_port}"
-        self._thread = threading.Thread(target=self._server.serve_forever, name="ec2-endpoint", daemon=True)
+        self._thread = threading.Thread(
+            target=self._server.serve_forever, args=(POLL_SECONDS,), name="ec2-endpoint", daemon=True
+        )
         self._thread.start()
         return self
 

@@ -12,12 +12,18 @@ from botocore.exceptions import ClientError
 from demo.endpoint import KEY_PAIR_NAME, Ec2Endpoint, ports_text
 
 
+@pytest.fixture(scope="module")
+def running() -> Iterator[Ec2Endpoint]:
+    """An endpoint that the tests of this file share."""
+    with Ec2Endpoint() as endpoint:
+        yield endpoint
+
+
 @pytest.fixture
-def endpoint() -> Iterator[Ec2Endpoint]:
+def endpoint(running: Ec2Endpoint) -> Ec2Endpoint:
     """A running endpoint with nothing in it."""
-    with Ec2Endpoint() as running:
-        running.reset()
-        yield running
+    running.reset()
+    return running
 
 
 def launch(endpoint: Ec2Endpoint, **changes: Any) -> None:
