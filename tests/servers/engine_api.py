@@ -1,0 +1,109 @@
+"""A stand-in for a container engine's interface: a Unix socket that gives prepared answers."""
+
+from __future__ import annotations
+
+import json
+import tempfile
+import threading
+from collections.abc import Callable
+from dataclasses import dataclass
+from http.server import BaseHTTPRequestHandler
+from pathlib import Path
+from socketserver import ThreadingUnixStreamServer
+from types import TracebackType
+from typing import Any
+from urllib.parse import parse_qs, urlsplit
+
+Answer = tuple[int, Any]
+
+
+@dataclass(frozen=True)
+class EngineRequest:
+    """A request as it arrived: path without the version, query parameters and JSON body."""
+
+    method: str
+    path: str
+    query: dict[str, str]
+    body: Any
+
+
+class _Server(ThreadingUnixStreamServer):
+    daemon_threads = True
+    api: EngineApi
+
+
+class EngineApi:
+    """Context manager that answers each request with what `answers` holds for its method and path.
+
+    An answer is a status with a JSON value, or a function that writes to the connection by itself.
+    """
+
+    def __init__(self) -> None:
+        self.answers: dict[tuple[str, str], Answer | Callable[[Any], None]] = {
+            ("GET", "/version"): (200, {"ApiVersion": "1.41"})
+        }
+        self.requests: list[EngineRequest] = []
+        self.url = ""
+
+    def __enter__(self) -> EngineApi:
+        # Not pytest's folder: the path of a Unix socket is short.
+        self._folder = tempfile.TemporaryDirectory(prefix="tovarin-api-")
+        path = Path(self._folder.name) / "engine.sock"
+        self._server = _Server(str(path), _Handler)
+        self._server.api = self
+        self._thread = threading.Thread(target=self._server.serve_forever, args=(0.02,), daemon=True)
+        self._thread.start()
+        self.url = f"unix://{path}"
+        return self
+
+    def __exit__(
+        self,
+        kind: type[BaseException] | None,
+        error: BaseException | None,
+        trace: TracebackType | None,
+    ) -> None:
+        self._server.shutdown()
+        self._thread.join()
+        self._server.server_close()
+        self._folder.cleanup()
+
+
+class _Handler(BaseHTTPRequestHandler):
+    protocol_version = "HTTP/1.1"
+    server: _Server
+
+    def do_GET(self) -> None:
+        self._answer()
+
+    def do_POST(self) -> None:
+        self._answer()
+
+    def do_DELETE(self) -> None:
+        self._answer()
+
+    def address_string(self) -> str:
+        return "unix"
+
+    def log_message(self, format: str, *args: Any) -> None:
+        """Write nothing."""
+
+    def _answer(self) -> None:
+        url = urlsplit(self.path)
+        path = url.path.removeprefix("/v1.41")
+        content = self.rfile.read(int(self.headers.get("Content-Length", 0)))
+        query = {name: values[0] for name, values in parse_qs(url.query).items()}
+        api = self.server.api
+        api.requests.append(
+            EngineRequest(self.command, path, query, json.loads(content) if content else None)
+        )
+        answer = api.answers[self.command, path]
+        if callable(answer):
+            self.close_connection = True
+            answer(self.wfile)
+            return
+        status, value = answer
+        body = b"" if value is None else json.dumps(value).encode()
+        self.send_response(status)
+        self.send_header("Content-Length", str(len(body)))
+        self.end_headers()
+        self.wfile.write(body)

@@ -1,0 +1,396 @@
+"""The container helper on an engine that keeps its containers in memory."""
+
+from __future__ import annotations
+
+import dataclasses
+import threading
+import time
+from collections.abc import Callable, Iterator
+from pathlib import Path
+from typing import Any
+
+import pytest
+
+from tests.servers.settings import settings_of
+from tovarincore._container.engine import ContainerRequest, ContainerSummary
+from tovarincore._container.errors import ContainerNameTakenError
+from tovarincore._container.limit import TimeLimit
+from tovarincore.cloud_def import CloudInstances, CloudRegions, NodeState
+from tovarincore.container_helper import UUID_LABEL, VERSION_LABEL, ContainerError, ContainerHelper
+from tovarincore.core_def import OPResultErrorCode
+
+SETTINGS: dict[str, Any] = {
+    "image": "acme/worker",
+    "name": "the-worker",
+    "published_port": 9001,
+    "worker_port": 9002,
+    "memory_mib": 64,
+    "cpu_count": 0.5,
+    "operation_seconds": 8,
+}
+GRACE_SECONDS = 4
+
+
+class MemoryEngine:
+    """A container engine in memory that records every call.
+
+    `failures` gives the error to raise for a method, `before` something to do first.
+    """
+
+    def __init__(self) -> None:
+        self.calls: list[tuple[Any, ...]] = []
+        self.tags = ["1.9", "1.10"]
+        self.container: ContainerSummary | None = None
+        self.failures: dict[str, ContainerError] = {}
+        self.before: dict[str, Callable[[], object]] = {}
+        self.opened = 0
+        self.closed = 0
+
+    def open(self, limit: TimeLimit) -> MemoryEngine:
+        self.opened += 1
+        return self
+
+    def close(self) -> None:
+        self.closed += 1
+
+    def put_container(self, version: str = "1.10", status: str = "running") -> None:
+        labels = {UUID_LABEL: "uuid-1", VERSION_LABEL: version}
+        self.container = ContainerSummary("id-1", "the-worker", status, labels)
+
+    def list_image_tags(self, repository: str) -> list[str]:
+        self._record("list_image_tags", repository)
+        return self.tags
+
+    def find_container(self, name: str, label: str) -> ContainerSummary | None:
+        self._record("find_container", name, label)
+        return self.container
+
+    def create_container(self, request: ContainerRequest) -> str:
+        self._record("create_container", request)
+        self.container = ContainerSummary("id-1", request.name, "created", request.labels)
+        return "id-1"
+
+    def start_container(self, container_id: str) -> None:
+        self._record("start_container", container_id)
+        self._set_status("running")
+
+    def unpause_container(self, container_id: str) -> None:
+        self._record("unpause_container", container_id)
+        self._set_status("running")
+
+    def restart_container(self, container_id: str, grace_seconds: int) -> None:
+        self._record("restart_container", container_id, grace_seconds)
+        self._set_status("running")
+
+    def stop_container(self, container_id: str, grace_seconds: int) -> None:
+        self._record("stop_container", container_id, grace_seconds)
+        self._set_status("exited")
+
+    def remove_container(self, container_id: str) -> None:
+        self._record("remove_container", container_id)
+        self.container = None
+
+    def changes(self) -> list[tuple[Any, ...]]:
+        """The recorded calls that are no look-ups."""
+        return [call for call in self.calls if call[0] not in ("find_container", "list_image_tags")]
+
+    def _set_status(self, status: str) -> None:
+        assert self.container is not None
+        self.container = dataclasses.replace(self.container, status=status)
+
+    def _record(self, *call: Any) -> None:
+        self.calls.append(call)
+        self.before.get(call[0], lambda: None)()
+        if call[0] in self.failures:
+            raise self.failures[call[0]]
+
+
+@pytest.fixture(autouse=True)
+def settings(tmp_path: Path) -> Iterator[None]:
+    """The settings that the expectations below name."""
+    with settings_of(tmp_path, {"container": SETTINGS}):
+        yield
+
+
+@pytest.fixture
+def engine() -> MemoryEngine:
+    """An engine with two image versions and no container."""
+    return MemoryEngine()
+
+
+@pytest.fixture
+def helper(engine: MemoryEngine) -> ContainerHelper:
+    """A helper that connects to the engine in memory."""
+    return ContainerHelper(engine.open)
+
+
+def test_making_a_helper_touches_no_engine(engine: MemoryEngine, helper: ContainerHelper) -> None:
+    """The facade makes a helper for the region long before anybody wants a container."""
+    assert (engine.opened, engine.calls) == (0, [])
+
+
+def test_versions_come_newest_first(engine: MemoryEngine, helper: ContainerHelper) -> None:
+    """The tags of the configured image are ordered as versions, not as texts."""
+    assert helper.list_tvr_container_image_versions() == ["1.10", "1.9"]
+    assert engine.calls == [("list_image_tags", "acme/worker")]
+
+
+def test_no_container_is_none(engine: MemoryEngine, helper: ContainerHelper) -> None:
+    """None says that the engine answered and holds no worker container."""
+    assert helper.get_existing_node() is None
+    assert engine.calls == [("find_container", "the-worker", UUID_LABEL)]
+
+
+@pytest.mark.parametrize(
+    ("method", "query"),
+    [("list_tvr_container_image_versions", "list_image_tags"), ("get_existing_node", "find_container")],
+)
+def test_an_engine_that_does_not_answer_is_no_empty_listing(
+    engine: MemoryEngine, helper: ContainerHelper, method: str, query: str
+) -> None:
+    """Listings raise: an empty one would empty the registry."""
+    engine.failures[query] = ContainerError("no answer", OPResultErrorCode.ENGINE_UNAVAILABLE)
+    with pytest.raises(ContainerError, match="no answer"):
+        getattr(helper, method)()
+
+
+def test_the_record_describes_the_container(engine: MemoryEngine, helper: ContainerHelper) -> None:
+    """Identity comes from the engine and the label, the address is loopback, the worker list fresh."""
+    engine.put_container()
+    node = helper.get_existing_node()
+    other = helper.get_existing_node()
+    assert node is not None
+    assert other is not None
+    assert node.region is CloudRegions.get_local_container_region()
+    assert (node.instance_id, node.uuid, node.name) == ("id-1", "uuid-1", "the-worker")
+    assert (node.dns_address, node.state, node.ready) == ("127.0.0.1", NodeState.RUNNING, False)
+    assert node.instance_type_def == CloudInstances.get_default_local_instance_type()
+    assert node.worker_id_list == []
+    assert node.worker_id_list is not other.worker_id_list
+
+
+@pytest.mark.parametrize(
+    ("status", "state"),
+    [
+        ("created", NodeState.STOPPED),
+        ("running", NodeState.RUNNING),
+        ("paused", NodeState.STOPPED),
+        ("restarting", NodeState.STARTING),
+        ("removing", NodeState.SHUTTING_DOWN),
+        ("exited", NodeState.STOPPED),
+        ("dead", NodeState.TERMINATED),
+        ("a status of tomorrow", NodeState.UNKNOWN),
+    ],
+)
+def test_the_engines_status_becomes_a_state(
+    engine: MemoryEngine, helper: ContainerHelper, status: str, state: NodeState
+) -> None:
+    """Only a running container counts as running; a status that is not known is said to be that."""
+    engine.put_container(status=status)
+    node = helper.get_existing_node()
+    assert node is not None
+    assert node.state is state
+
+
+def test_run_creates_the_container_as_configured(engine: MemoryEngine, helper: ContainerHelper) -> None:
+    """Image, ports and limits come from the settings; the version and a new uuid become labels."""
+    node, result = helper.run_tvr_container_image("1.10")
+    assert (result.success, result.error) == (True, False)
+    assert node is not None
+    assert engine.changes() == [
+        (
+            "create_container",
+            ContainerRequest(
+                name="the-worker",
+                image="acme/worker:1.10",
+                labels={UUID_LABEL: node.uuid, VERSION_LABEL: "1.10"},
+                environment={},
+                published_port=9001,
+                worker_port=9002,
+                memory_bytes=64 * 1024 * 1024,
+                cpu_count=0.5,
+            ),
+        ),
+        ("start_container", "id-1"),
+    ]
+    assert len(node.uuid) == 36
+    assert node.state is NodeState.RUNNING
+
+
+def test_the_uuid_stays_and_is_new_for_every_container(engine: MemoryEngine, helper: ContainerHelper) -> None:
+    """Stop, start and reboot keep the uuid; the container that follows a termination has another."""
+    node, _ = helper.run_tvr_container_image("1.10")
+    helper.stop_tovarin_container()
+    helper.start_tovarin_container()
+    helper.start_tovarin_container(reboot=True)
+    again = helper.get_existing_node()
+    helper.delete_tovarin_container()
+    successor, _ = helper.run_tvr_container_image("1.10")
+    assert node is not None
+    assert again is not None
+    assert successor is not None
+    assert again.uuid == node.uuid
+    assert successor.uuid != node.uuid
+
+
+@pytest.mark.parametrize(
+    ("status", "change"),
+    [("exited", "start_container"), ("running", "start_container"), ("paused", "unpause_container")],
+)
+def test_run_of_the_existing_version_starts_and_returns_it(
+    engine: MemoryEngine, helper: ContainerHelper, status: str, change: str
+) -> None:
+    """A second launch of the same version is no error and makes no second container."""
+    engine.put_container("1.10", status)
+    node, result = helper.run_tvr_container_image("1.10")
+    assert result.success
+    assert node is not None
+    assert (node.uuid, node.state) == ("uuid-1", NodeState.RUNNING)
+    assert engine.changes() == [(change, "id-1")]
+
+
+def test_run_of_another_version_says_to_terminate_first(
+    engine: MemoryEngine, helper: ContainerHelper
+) -> None:
+    """The existing container is left alone."""
+    engine.put_container("1.9")
+    node, result = helper.run_tvr_container_image("1.10")
+    assert (node, result.error, result.success) == (None, True, False)
+    assert result.msg == (
+        'Worker container "the-worker" of version 1.9 exists: terminate it before launching version 1.10.'
+    )
+    assert engine.changes() == []
+
+
+def test_run_takes_the_container_that_another_caller_just_made(
+    engine: MemoryEngine, helper: ContainerHelper
+) -> None:
+    """Two launches at the same time end with one container and two successes."""
+    engine.before["create_container"] = engine.put_container
+    engine.failures["create_container"] = ContainerNameTakenError("taken")
+    node, result = helper.run_tvr_container_image("1.10")
+    assert result.success
+    assert node is not None
+    assert node.uuid == "uuid-1"
+
+
+def test_a_strangers_container_of_that_name_is_an_error(
+    engine: MemoryEngine, helper: ContainerHelper
+) -> None:
+    """A container without the labels is never started, stopped or removed."""
+    engine.failures["create_container"] = ContainerNameTakenError("the name is taken")
+    node, result = helper.run_tvr_container_image("1.10")
+    assert (node, result.error, result.msg) == (None, True, "the name is taken")
+    assert [call[0] for call in engine.changes()] == ["create_container"]
+
+
+@pytest.mark.parametrize("removable", [True, False])
+def test_a_container_that_cannot_start_is_removed_again(
+    engine: MemoryEngine, helper: ContainerHelper, removable: bool
+) -> None:
+    """The result tells why the start failed, also when the removal fails as well."""
+    engine.failures["start_container"] = ContainerError("port in use", OPResultErrorCode.RESOURCE_EXHAUSTED)
+    if not removable:
+        engine.failures["remove_container"] = ContainerError("cannot remove")
+    node, result = helper.run_tvr_container_image("1.10")
+    assert (node, result.error, result.msg) == (None, True, "port in use")
+    assert result.error_code is OPResultErrorCode.RESOURCE_EXHAUSTED
+    assert [call[0] for call in engine.changes()] == [
+        "create_container",
+        "start_container",
+        "remove_container",
+    ]
+
+
+def test_stop_and_reboot_give_the_worker_a_grace_time(engine: MemoryEngine, helper: ContainerHelper) -> None:
+    """Half of the limit, so that the engine's answer still comes within it."""
+    engine.put_container()
+    helper.stop_tovarin_container()
+    helper.start_tovarin_container(reboot=True)
+    assert engine.changes() == [
+        ("stop_container", "id-1", GRACE_SECONDS),
+        ("restart_container", "id-1", GRACE_SECONDS),
+    ]
+
+
+def test_start_lets_a_paused_container_go_on(engine: MemoryEngine, helper: ContainerHelper) -> None:
+    """Engines refuse to start a paused container."""
+    engine.put_container(status="paused")
+    helper.start_tovarin_container()
+    assert engine.changes() == [("unpause_container", "id-1")]
+
+
+@pytest.mark.parametrize(
+    "call",
+    [
+        pytest.param(lambda helper: helper.start_tovarin_container(), id="start"),
+        pytest.param(lambda helper: helper.start_tovarin_container(reboot=True), id="reboot"),
+        pytest.param(lambda helper: helper.stop_tovarin_container(), id="stop"),
+    ],
+)
+def test_without_a_container_start_reboot_and_stop_raise(
+    engine: MemoryEngine, helper: ContainerHelper, call: Callable[[ContainerHelper], None]
+) -> None:
+    """Nobody reads their results, so they raise."""
+    with pytest.raises(ContainerError, match='no worker container "the-worker": launch one') as caught:
+        call(helper)
+    assert caught.value.error_code is OPResultErrorCode.NOT_FOUND
+    assert engine.changes() == []
+
+
+def test_a_second_delete_is_a_success(engine: MemoryEngine, helper: ContainerHelper) -> None:
+    """The first removes the container, the second finds none."""
+    engine.put_container()
+    assert helper.delete_tovarin_container().success
+    assert helper.delete_tovarin_container().success
+    assert engine.changes() == [("remove_container", "id-1")]
+
+
+def test_a_delete_that_fails_gives_an_error_result(engine: MemoryEngine, helper: ContainerHelper) -> None:
+    """The text and the code of the failure are in the result."""
+    engine.put_container()
+    engine.failures["remove_container"] = ContainerError("no", OPResultErrorCode.TIMEOUT)
+    result = helper.delete_tovarin_container()
+    assert (result.success, result.error, result.msg) == (False, True, "no")
+    assert result.error_code is OPResultErrorCode.TIMEOUT
+
+
+def test_every_connection_is_closed(engine: MemoryEngine, helper: ContainerHelper) -> None:
+    """Also after failures, and so one helper can serve several threads."""
+    helper.run_tvr_container_image("1.10")
+    engine.failures["find_container"] = ContainerError("no")
+    helper.delete_tovarin_container()
+    with pytest.raises(ContainerError):
+        helper.get_existing_node()
+    assert (engine.opened, engine.closed) == (3, 3)
+
+
+@pytest.mark.parametrize(
+    ("hanging", "call"),
+    [
+        pytest.param("list_image_tags", ContainerHelper.list_tvr_container_image_versions, id="versions"),
+        pytest.param("find_container", ContainerHelper.get_existing_node, id="listing"),
+        pytest.param("create_container", lambda helper: helper.run_tvr_container_image("1.10"), id="run"),
+        pytest.param("find_container", ContainerHelper.start_tovarin_container, id="start"),
+        pytest.param("find_container", ContainerHelper.stop_tovarin_container, id="stop"),
+        pytest.param("find_container", ContainerHelper.delete_tovarin_container, id="delete"),
+    ],
+)
+def test_every_call_ends_within_the_limit(
+    engine: MemoryEngine, tmp_path: Path, hanging: str, call: Callable[[ContainerHelper], Any]
+) -> None:
+    """An engine that hangs costs operation_seconds and gives a time-out, by result or by exception."""
+    released = threading.Event()
+    engine.before[hanging] = lambda: released.wait(20)
+    started = time.monotonic()
+    with settings_of(tmp_path, {"container": {**SETTINGS, "operation_seconds": 0.2}}):
+        try:
+            returned = call(ContainerHelper(engine.open))
+            result = returned[1] if isinstance(returned, tuple) else returned
+            code, text = result.error_code, result.msg
+        except ContainerError as error:
+            code, text = error.error_code, str(error)
+    assert time.monotonic() - started < 1
+    assert code is OPResultErrorCode.TIMEOUT
+    assert "did not answer within 0.2 s" in text
+    released.set()

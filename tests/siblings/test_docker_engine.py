@@ -1,0 +1,343 @@
+"""The container engine behind the docker package, on an endpoint that gives prepared answers."""
+
+from __future__ import annotations
+
+import json
+import socket
+import subprocess
+import sys
+import time
+from collections.abc import Callable, Iterator
+from contextlib import closing, suppress
+from pathlib import Path
+from typing import IO, Any
+
+import pytest
+
+from tests.servers.engine_api import EngineApi, EngineRequest
+from tests.servers.settings import settings_of
+from tovarincore._container.docker_engine import open_docker_engine
+from tovarincore._container.engine import ContainerEngine, ContainerRequest, ContainerSummary
+from tovarincore._container.errors import ContainerError, ContainerNameTakenError
+from tovarincore._container.limit import TimeLimit
+from tovarincore.container_helper import ContainerHelper
+from tovarincore.core_def import OPResultErrorCode
+
+REQUEST = ContainerRequest(
+    name="the-worker",
+    image="acme/worker:1.0",
+    labels={"a": "b"},
+    environment={},
+    published_port=9001,
+    worker_port=9002,
+    memory_bytes=64 * 1024 * 1024,
+    cpu_count=0.5,
+)
+NO_SUCH_CONTAINER = (404, {"message": "No such container: id-1"})
+
+
+@pytest.fixture
+def api(tmp_path: Path) -> Iterator[EngineApi]:
+    """The endpoint, set as the engine in the configuration."""
+    with EngineApi() as api, settings_of(tmp_path, {"container": {"engine_url": api.url}}):
+        yield api
+
+
+@pytest.fixture
+def engine(api: EngineApi) -> Iterator[ContainerEngine]:
+    """A connection to the endpoint."""
+    with closing(open_docker_engine(TimeLimit(5, "testing"))) as engine:
+        api.requests.clear()
+        yield engine
+
+
+def test_tags_are_those_of_exactly_this_repository(api: EngineApi, engine: ContainerEngine) -> None:
+    """Images without a name, and repositories whose name merely begins alike, do not count."""
+    api.answers["GET", "/images/json"] = (
+        200,
+        [
+            {"RepoTags": ["reg:5000/acme/worker:1.0", "reg:5000/acme/worker:latest"]},
+            {"RepoTags": ["reg:5000/acme/worker-gpu:3.0", "<none>:<none>"]},
+            {"RepoTags": None},
+        ],
+    )
+    assert engine.list_image_tags("reg:5000/acme/worker") == ["1.0", "latest"]
+    assert json.loads(api.requests[0].query["filters"]) == {"reference": ["reg:5000/acme/worker"]}
+
+
+def test_a_container_is_looked_for_by_label_and_exact_name(api: EngineApi, engine: ContainerEngine) -> None:
+    """Stopped ones included; the engine matches names as regular expressions."""
+    api.answers["GET", "/containers/json"] = (
+        200,
+        [{"Id": "id-1", "Names": ["/a.worker"], "State": "exited", "Labels": {"l": "x"}}],
+    )
+    assert engine.find_container("a.worker", "l") == ContainerSummary(
+        "id-1", "a.worker", "exited", {"l": "x"}
+    )
+    query = api.requests[0].query
+    assert query["all"] == "1"
+    assert json.loads(query["filters"]) == {"label": ["l"], "name": [r"^/?a\.worker$"]}
+
+
+def test_a_container_is_created_with_limits_and_a_loopback_port(
+    api: EngineApi, engine: ContainerEngine
+) -> None:
+    """No swap on top of the memory, and nothing published to the network."""
+    api.answers["POST", "/containers/create"] = (201, {"Id": "id-1"})
+    assert engine.create_container(REQUEST) == "id-1"
+    body = api.requests[0].body
+    host = body["HostConfig"]
+    assert api.requests[0].query == {"name": "the-worker"}
+    assert (body["Image"], body["Labels"]) == ("acme/worker:1.0", {"a": "b"})
+    assert host["PortBindings"] == {"9002/tcp": [{"HostIp": "127.0.0.1", "HostPort": "9001"}]}
+    assert (host["Memory"], host["MemorySwap"]) == (64 * 1024 * 1024, 64 * 1024 * 1024)
+    assert (host["NanoCpus"], host["Init"]) == (500_000_000, True)
+
+
+@pytest.mark.parametrize(
+    ("call", "request_seen"),
+    [
+        pytest.param(
+            lambda engine: engine.start_container("id-1"),
+            EngineRequest("POST", "/containers/id-1/start", {}, None),
+            id="start",
+        ),
+        pytest.param(
+            lambda engine: engine.unpause_container("id-1"),
+            EngineRequest("POST", "/containers/id-1/unpause", {}, None),
+            id="unpause",
+        ),
+        pytest.param(
+            lambda engine: engine.stop_container("id-1", 3),
+            EngineRequest("POST", "/containers/id-1/stop", {"t": "3"}, None),
+            id="stop",
+        ),
+        pytest.param(
+            lambda engine: engine.restart_container("id-1", 3),
+            EngineRequest("POST", "/containers/id-1/restart", {"t": "3"}, None),
+            id="restart",
+        ),
+        pytest.param(
+            lambda engine: engine.remove_container("id-1"),
+            EngineRequest(
+                "DELETE", "/containers/id-1", {"v": "True", "link": "False", "force": "True"}, None
+            ),
+            id="remove",
+        ),
+    ],
+)
+def test_a_change_is_one_request(
+    api: EngineApi,
+    engine: ContainerEngine,
+    call: Callable[[ContainerEngine], None],
+    request_seen: EngineRequest,
+) -> None:
+    """Each change of a container is sent once, with the grace time where one is given."""
+    api.answers[request_seen.method, request_seen.path] = (204, None)
+    call(engine)
+    assert api.requests == [request_seen]
+
+
+def test_a_missing_image_is_named(api: EngineApi, engine: ContainerEngine) -> None:
+    """The text says how to get the image."""
+    api.answers["POST", "/containers/create"] = (404, {"message": "No such image: acme/worker:1.0"})
+    with pytest.raises(
+        ContainerError, match=r"Image acme/worker:1\.0 is not on .*: build it .*pull it"
+    ) as caught:
+        engine.create_container(REQUEST)
+    assert caught.value.error_code is OPResultErrorCode.NOT_FOUND
+
+
+def test_a_name_in_use_has_an_error_of_its_own(api: EngineApi, engine: ContainerEngine) -> None:
+    """The helper tells a stranger's container from one that another caller just made."""
+    api.answers["POST", "/containers/create"] = (409, {"message": "Conflict. The name is already in use"})
+    with pytest.raises(ContainerNameTakenError, match=r'named "the-worker" .* rename or remove it'):
+        engine.create_container(REQUEST)
+
+
+@pytest.mark.parametrize(
+    "message",
+    [
+        "endpoint w (9ed): Bind for 127.0.0.1:9001 failed: port is already allocated",
+        "endpoint w (9c7): Error starting userland proxy: listen tcp4 127.0.0.1:9001: bind: "
+        "address already in use",
+    ],
+    ids=["container", "program"],
+)
+def test_a_port_in_use_is_named(api: EngineApi, engine: ContainerEngine, message: str) -> None:
+    """Whether a container or another program holds it, the text names the port and the setting."""
+    api.answers["POST", "/containers/id-1/start"] = (500, {"message": message})
+    with pytest.raises(
+        ContainerError, match=r"Port 9001 of 127\.0\.0\.1 is in use .*published_port"
+    ) as caught:
+        engine.start_container("id-1")
+    assert caught.value.error_code is OPResultErrorCode.RESOURCE_EXHAUSTED
+
+
+def test_a_refused_value_is_passed_on_in_the_engines_words(api: EngineApi, engine: ContainerEngine) -> None:
+    """The engine knows best what it allows."""
+    api.answers["POST", "/containers/create"] = (400, {"message": "Range of CPUs is from 0.01 to 2.00"})
+    with pytest.raises(ContainerError, match=r"refused the request: Range of CPUs .* change that in \[cont"):
+        engine.create_container(REQUEST)
+
+
+def test_a_container_that_vanished_is_not_found(api: EngineApi, engine: ContainerEngine) -> None:
+    """Somebody removed it between the look-up and the change."""
+    api.answers["POST", "/containers/id-1/stop"] = NO_SUCH_CONTAINER
+    with pytest.raises(ContainerError, match="no longer has what was asked for") as caught:
+        engine.stop_container("id-1", 1)
+    assert caught.value.error_code is OPResultErrorCode.NOT_FOUND
+
+
+@pytest.mark.parametrize(
+    "answer",
+    [
+        NO_SUCH_CONTAINER,
+        (409, {"message": "removal of container id-1 is already in progress"}),
+    ],
+    ids=["gone", "going"],
+)
+def test_removing_what_somebody_else_removes_is_a_success(
+    api: EngineApi, engine: ContainerEngine, answer: tuple[int, Any]
+) -> None:
+    """Two terminations at the same time both succeed."""
+    api.answers["DELETE", "/containers/id-1"] = answer
+    engine.remove_container("id-1")
+
+
+def test_a_failing_removal_is_an_error(api: EngineApi, engine: ContainerEngine) -> None:
+    """Only a container that is gone counts as removed."""
+    api.answers["DELETE", "/containers/id-1"] = (500, {"message": "driver failed to remove root filesystem"})
+    with pytest.raises(ContainerError, match="driver failed to remove"):
+        engine.remove_container("id-1")
+
+
+def _trickle(connection: IO[bytes]) -> None:
+    with suppress(OSError):
+        for byte in b"HTTP/1.1 200 OK\r\n" + 20 * b"X: y\r\n":
+            connection.write(bytes([byte]))
+            connection.flush()
+            time.sleep(0.05)
+
+
+@pytest.mark.parametrize("path", ["/version", "/containers/json"])
+def test_an_answer_that_trickles_in_ends_at_the_limit(api: EngineApi, tmp_path: Path, path: str) -> None:
+    """Every byte comes soon after the last one, yet the whole call is bounded."""
+    api.answers["GET", path] = _trickle
+    settings = {"engine_url": api.url, "operation_seconds": 0.4}
+    started = time.monotonic()
+    with settings_of(tmp_path, {"container": settings}), pytest.raises(ContainerError) as caught:
+        ContainerHelper().get_existing_node()
+    assert time.monotonic() - started < 1.5
+    assert caught.value.error_code is OPResultErrorCode.TIMEOUT
+
+
+def test_no_request_is_sent_after_the_limit(api: EngineApi) -> None:
+    """An operation that was left behind at its limit changes nothing later on."""
+    limit = TimeLimit(0.2, "testing")
+    with closing(open_docker_engine(limit)) as engine:
+        api.requests.clear()
+        time.sleep(0.25)
+        with pytest.raises(ContainerError, match=r"within 0\.2 s while testing"):
+            engine.create_container(REQUEST)
+    assert api.requests == []
+
+
+@pytest.mark.parametrize(
+    "answer",
+    [
+        pytest.param(lambda connection: connection.write(b"SSH-2.0-OpenSSH\r\n"), id="not-http"),
+        pytest.param(lambda connection: None, id="hangs-up"),
+        pytest.param((200, {"hello": "world"}), id="other-json"),
+        pytest.param((200, "hello"), id="other-type"),
+        pytest.param(
+            lambda connection: connection.write(b"HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\n<p>"), id="html"
+        ),
+    ],
+)
+def test_something_else_than_an_engine_is_reported(api: EngineApi, answer: Any) -> None:
+    """The text names the address and the setting, whatever answers there."""
+    api.answers["GET", "/version"] = answer
+    with pytest.raises(ContainerError, match=r"No container engine answers at unix://.*engine_url") as caught:
+        open_docker_engine(TimeLimit(5, "testing"))
+    assert caught.value.error_code is OPResultErrorCode.ENGINE_UNAVAILABLE
+
+
+def _missing(path: Path) -> None:
+    """Put nothing there."""
+
+
+def _abandoned(path: Path) -> None:
+    with socket.socket(socket.AF_UNIX) as left_behind:
+        left_behind.bind(str(path))
+
+
+@pytest.mark.parametrize(
+    ("put_there", "advice"),
+    [
+        pytest.param(_missing, r"install and start one .*engine_url in \[container\]", id="missing"),
+        pytest.param(_abandoned, "it does not run, start it", id="stopped"),
+    ],
+)
+def test_a_missing_engine_says_what_to_do(
+    tmp_path: Path, put_there: Callable[[Path], None], advice: str
+) -> None:
+    """An engine that is not installed and one that does not run are told apart."""
+    with EngineApi() as api:
+        path = Path(api.url.removeprefix("unix://")).with_name("x.sock")
+        put_there(path)
+        with settings_of(tmp_path, {"container": {"engine_url": f"unix://{path}"}}):
+            node, result = ContainerHelper().run_tvr_container_image("1.0")
+    assert (node, result.error) == (None, True)
+    assert result.error_code is OPResultErrorCode.ENGINE_UNAVAILABLE
+    with pytest.raises(ContainerError, match=f"No container engine answers at unix://{path}: {advice}"):
+        raise ContainerError(str(result.msg))
+
+
+def test_a_socket_that_may_not_be_opened_names_the_group(
+    api: EngineApi, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """The usual reason is a user outside the engine's group."""
+
+    def refuse(self: socket.socket, address: object) -> None:
+        raise PermissionError(13, "Permission denied")
+
+    monkeypatch.setattr(socket.socket, "connect", refuse)
+    with pytest.raises(ContainerError, match=r"add the user to the engine's group \(docker\)"):
+        open_docker_engine(TimeLimit(5, "testing"))
+
+
+def test_the_environment_names_the_engine_unless_the_setting_does(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """DOCKER_HOST counts as it does for the engine's own command."""
+    with EngineApi() as api, settings_of(tmp_path, {}):
+        monkeypatch.setenv("DOCKER_HOST", api.url)
+        api.answers["GET", "/containers/json"] = (200, [])
+        assert ContainerHelper().get_existing_node() is None
+        assert [request.path for request in api.requests] == ["/version", "/containers/json"]
+
+
+def test_a_missing_package_is_one_line_that_names_the_extra(
+    api: EngineApi, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """Who needs no local containers need not install the engine's package."""
+    monkeypatch.setitem(sys.modules, "docker", None)
+    _, result = ContainerHelper().run_tvr_container_image("1.0")
+    assert result.msg == (
+        "Local containers need the docker package: run pip install 'tovarincore[containers]'"
+    )
+    with pytest.raises(ContainerError, match=r"tovarincore\[containers\]"):
+        ContainerHelper().get_existing_node()
+
+
+def test_the_package_is_imported_at_first_use() -> None:
+    """Importing the helper and making one need no engine package."""
+    program = (
+        "import sys; from tovarincore.container_helper import ContainerHelper; ContainerHelper(); "
+        "print(sorted({'docker', 'requests'} & set(sys.modules)))"
+    )
+    done = subprocess.run(
+        [sys.executable, "-c", program], check=True, capture_output=True, text=True, timeout=60
+    )
+    assert done.stdout.strip() == "[]"
