@@ -96,8 +96,13 @@ class CoreConf:
         return value
 
     def reload(self) -> None:
-        """Forget what was read: the next setting asked for reads the file and the environment anew."""
+        """Forget what was read: the next setting asked for reads the file and the environment anew.
+
+        A setting that was assigned to this object, as tests do, is forgotten too.
+        """
         with self._lock:
+            for name in SETTINGS_BY_NAME:
+                self.__dict__.pop(name, None)
             self._settings = None
 
     def _read(self) -> Settings:

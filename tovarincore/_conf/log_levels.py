@@ -2,12 +2,20 @@
 
 import logging
 import threading
+from typing import NamedTuple
 
 __all__ = ["LogLevels"]
 
 _HELD = ("boto3", "botocore", "urllib3", "websockets", "httpcore")
 """Libraries whose DEBUG lines show response bodies or request headers."""
 _HELD_CHILDREN = tuple(f"{name}." for name in _HELD)
+
+
+class _HeldLevel(NamedTuple):
+    """The level that a logger had, and the one that it was given instead."""
+
+    before: int
+    given: int
 
 
 class LogLevels:
@@ -17,7 +25,7 @@ class LogLevels:
         self._lock = threading.Lock()
         self._own_level = logging.NOTSET
         self._own_handler: logging.Handler | None = None
-        self._levels_before: dict[str, int] = {}
+        self._held: dict[str, _HeldLevel] = {}
 
     def apply(self, level: str, handler: str, show_secrets: bool) -> logging.Logger:
         """Set the logger ``tovarincore`` up and return it; repeating it changes nothing.
@@ -50,22 +58,30 @@ class LogLevels:
         logger.addHandler(self._own_handler)
 
     def _hold(self) -> None:
+        # Without a level of ours the library would have followed the root's.
         wanted = max(logging.INFO, logging.root.level)
         for name in _HELD:
-            logger = logging.getLogger(name)
-            # A level of ours follows the root's: without it the library would have followed it too.
-            if name in self._levels_before or logger.level < logging.INFO:
-                self._levels_before.setdefault(name, logger.level)
-                logger.setLevel(wanted)
+            self._hold_one(name, wanted, least=logging.NOTSET)
         # A child with a level of its own does not ask its parent.
         for name in list(logging.root.manager.loggerDict):
             if name.startswith(_HELD_CHILDREN):
-                logger = logging.getLogger(name)
-                if logging.NOTSET < logger.level < logging.INFO:
-                    self._levels_before.setdefault(name, logger.level)
-                    logger.setLevel(logging.INFO)
+                self._hold_one(name, logging.INFO, least=logging.NOTSET + 1)
+
+    def _hold_one(self, name: str, wanted: int, least: int) -> None:
+        logger = logging.getLogger(name)
+        held = self._held.get(name)
+        if held is not None and logger.level == held.given:
+            before = held.before
+        elif least <= logger.level < logging.INFO:
+            before = logger.level
+        else:
+            return
+        logger.setLevel(wanted)
+        self._held[name] = _HeldLevel(before, wanted)
 
     def _release(self) -> None:
-        for name, level in self._levels_before.items():
-            logging.getLogger(name).setLevel(level)
-        self._levels_before.clear()
+        for name, held in self._held.items():
+            logger = logging.getLogger(name)
+            if logger.level == held.given:
+                logger.setLevel(held.before)
+        self._held.clear()

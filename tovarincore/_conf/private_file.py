@@ -6,7 +6,6 @@ import fcntl
 import os
 import shlex
 import stat
-import tempfile
 import time
 from collections.abc import Iterator
 from pathlib import Path
@@ -54,6 +53,9 @@ def write_private(path: Path, data: bytes) -> None:
 
     :raises ConfigError: the file cannot be written; the old one is then as it was
     """
+    # Imported here: few programs write.
+    import tempfile
+
     # A link stays a link: the file that it leads to is replaced.
     target = Path(os.path.realpath(path))
     try:

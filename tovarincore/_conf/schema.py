@@ -44,7 +44,7 @@ class Setting:
 # fmt: off
 SETTINGS: tuple[Setting, ...] = (
     Setting("network", "aws_custom_vpc", str, "",
-            "VPC of the security group; used only if aws_custom_subnet is set too, otherwise the default VPC."),
+            "VPC of the security group; used only if aws_custom_subnet is set too, else the default VPC."),
     Setting("network", "aws_custom_subnet", str, "",
             "Subnet to launch into; a text of fewer than ten characters counts as unset."),
     Setting("network", "bypass_ssl_verification", bool, False,

@@ -2,11 +2,17 @@
 
 from dataclasses import dataclass, field
 from typing import Any
-from uuid import uuid4
 
 from tovarincore._records.templates import InstanceTemplate
 
 __all__ = ["CloudInstanceConfig"]
+
+
+def _new_uuid() -> str:
+    # Imported here: it takes longer than all the rest of this package, and only launches need it.
+    from uuid import uuid4
+
+    return str(uuid4())
 
 
 @dataclass
@@ -27,7 +33,7 @@ class CloudInstanceConfig:
     launch_instance_settings: Any = field(repr=False)
     instance_template: InstanceTemplate
     key_pair_name: str | None = "tovarin-key"
-    uuid: str = field(default_factory=lambda: str(uuid4()))
+    uuid: str = field(default_factory=_new_uuid)
     name: str | None = "tovarin-node"
     instance_profile_name: str | None = None
 
