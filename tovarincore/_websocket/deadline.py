@@ -1,0 +1,47 @@
+"""The one clock of a request."""
+
+import math
+import time
+
+from tovarincore._websocket.errors import RequestFailed
+from tovarincore.core_def import OPResultErrorCode
+
+__all__ = ["Deadline"]
+
+
+class Deadline:
+    """The moment until which a request may last, by the monotonic clock.
+
+    :param seconds: time from now
+    """
+
+    def __init__(self, seconds: float) -> None:
+        self.seconds = seconds
+        self.doing = "starting"
+        """What the request is doing, for the message of a time-out."""
+        self._end = time.monotonic() + seconds
+
+    def remaining(self) -> float:
+        """Return the seconds that are left.
+
+        :raises RequestFailed: none are left (``TIMEOUT``)
+        """
+        left = self._end - time.monotonic()
+        if left <= 0:
+            raise self.expired()
+        return left
+
+    def expired(self) -> RequestFailed:
+        """Return the failure that says what was waited for in vain (``TIMEOUT``)."""
+        return RequestFailed(
+            OPResultErrorCode.TIMEOUT,
+            f"no answer within {self.seconds:g} s, stopped while {self.doing}; see whether the worker runs "
+            "and its port is open, or allow more time",
+        )
+
+    def poll_timeout(self) -> int:
+        """Return what is left in whole milliseconds, rounded up: waiting never ends before the deadline.
+
+        :raises RequestFailed: nothing is left (``TIMEOUT``)
+        """
+        return math.ceil(self.remaining() * 1000)

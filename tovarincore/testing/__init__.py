@@ -1,0 +1,1 @@
+"""Servers for tests and demos."""

@@ -1,0 +1,158 @@
+"""The client of the workers' web-socket."""
+
+import os
+import secrets
+import threading
+import time
+from types import TracebackType
+from typing import Any
+
+from tovarincore._websocket.connection import Connection
+from tovarincore._websocket.deadline import Deadline
+from tovarincore._websocket.errors import ConnectionLost, RequestFailed
+from tovarincore._websocket.messages import read_reply, read_system_stat, write_request
+from tovarincore._websocket.target import Target, read_target
+from tovarincore.api_def import PingRequest, SystemStatRequest
+from tovarincore.cloud_def import CloudNode
+from tovarincore.core_def import OPResult
+
+__all__ = ["WebSocketClient"]
+
+_MAX_TIMEOUT_SECONDS = 86400
+
+
+class WebSocketClient:
+    """Sends requests to the worker on a node.
+
+    Making one opens and reads nothing: the first request reads the configuration and connects. The connection
+    is kept for the requests after it, and re-made once within a request that finds it broken. Any thread may
+    ask; requests of one client wait for each other, which counts as part of their time. A client that is
+    simply dropped closes its connection.
+
+    :param node: the node; its record receives what :meth:`refresh_system_stat` learns
+    :param client_timeout_sec: longest time for one request in seconds, everything included: resolving,
+        connecting, TLS, proxy, handshake, sending and receiving
+    :raises ValueError: the time is not more than 0 and at most a day
+    """
+
+    def __init__(self, node: CloudNode, client_timeout_sec: float = 10.0) -> None:
+        if not 0 < client_timeout_sec <= _MAX_TIMEOUT_SECONDS:
+            raise ValueError(
+                f"client_timeout_sec is {client_timeout_sec!r}; allowed is more than 0 and at most "
+                f"{_MAX_TIMEOUT_SECONDS} seconds"
+            )
+        self.node = node
+        self.client_timeout_sec = client_timeout_sec
+        self.worker_id: str | None = None
+        """Id of the worker that the client serves; its owner sets it, or the first reply tells."""
+        self._connection: Connection | None = None
+        self._lock = threading.Lock()
+        self._process_id = os.getpid()
+
+    def api_get_op_result(self, request: PingRequest | SystemStatRequest) -> OPResult:
+        """Send a request and wait for the reply.
+
+        :return: ``success``, or an error with a message and one of the codes ``TIMEOUT``,
+            ``CONNECTION_FAILED``, ``UNAUTHENTICATED``, ``CERTIFICATE_INVALID`` and ``PROTOCOL_ERROR``;
+            no failure of network or peer raises
+        :raises ConfigError: configuration or credential store cannot be used
+        """
+        return self._ask(request)[0]
+
+    def refresh_system_stat(self) -> OPResult:
+        """Ask for the load of the worker's machine and write it into the node's record.
+
+        The record stays as it is when the worker does not tell. ``system_stat_time`` is this machine's time.
+
+        :return: as :meth:`api_get_op_result`
+        :raises ConfigError: configuration or credential store cannot be used
+        """
+        result, reply = self._ask(SystemStatRequest())
+        if not result.success:
+            return result
+        try:
+            cpu_percent, used, total = read_system_stat(reply)
+        except RequestFailed as failure:
+            return self._failed(failure)
+        self.node.cpu_percent = cpu_percent
+        self.node.memory_used_bytes = used
+        self.node.memory_total_bytes = total
+        self.node.system_stat_time = time.time()
+        return result
+
+    def close(self) -> None:
+        """Close the connection; a request under way in another thread is waited for. The next request opens
+        another connection."""
+        with self._own_lock():
+            self._drop()
+
+    def __enter__(self) -> "WebSocketClient":
+        return self
+
+    def __exit__(
+        self, kind: type[BaseException] | None, value: BaseException | None, trace: TracebackType | None
+    ) -> None:
+        self.close()
+
+    def __repr__(self) -> str:
+        return f"<WebSocketClient of node {self.node.name!r}, worker {self.worker_id!r}>"
+
+    def _ask(self, request: PingRequest | SystemStatRequest) -> tuple[OPResult, dict[str, Any]]:
+        deadline = Deadline(self.client_timeout_sec)
+        try:
+            target = read_target(self.node)
+            deadline.doing = "waiting for another thread's request"
+            lock = self._own_lock()
+            if not lock.acquire(timeout=deadline.remaining()):
+                raise deadline.expired()
+            try:
+                reply = self._exchange(request.kind, target, deadline)
+            finally:
+                lock.release()
+        except RequestFailed as failure:
+            return self._failed(failure), {}
+        if self.worker_id is None:
+            self.worker_id = reply.get("worker_id")
+        return OPResult(success=True), reply
+
+    def _own_lock(self) -> threading.Lock:
+        if self._process_id != os.getpid():
+            # In a forked child the lock may stand as another thread of the parent held it.
+            self._lock, self._process_id = threading.Lock(), os.getpid()
+        return self._lock
+
+    def _exchange(self, kind: str, target: Target, deadline: Deadline) -> dict[str, Any]:
+        request_id = secrets.token_hex(8)
+        text = write_request(kind, request_id)
+        answered = False
+        try:
+            answer = self._send(text, target, deadline)
+            reply = read_reply(answer, kind, request_id, target)
+            answered = True
+        finally:
+            # After a failure of any kind a late answer could be on its way: it would meet the next request.
+            if not answered:
+                self._drop()
+        return reply
+
+    def _send(self, text: str, target: Target, deadline: Deadline) -> str:
+        kept = self._connection
+        if kept is not None and kept.target == target and kept.process_id == os.getpid():
+            try:
+                return kept.exchange(text, deadline)
+            except ConnectionLost:
+                # It was broken since the last request, which is nobody's failure.
+                pass
+        self._drop()
+        self._connection = Connection(target, deadline)
+        return self._connection.exchange(text, deadline)
+
+    def _drop(self) -> None:
+        if self._connection is not None:
+            self._connection.close()
+            self._connection = None
+
+    def _failed(self, failure: RequestFailed) -> OPResult:
+        return OPResult(
+            error=True, error_code=failure.code, msg=f"Worker of node {self.node.name}: {failure.msg}"
+        )
