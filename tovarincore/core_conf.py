@@ -96,13 +96,8 @@ class CoreConf:
         return value
 
     def reload(self) -> None:
-        """Forget what was read: the next setting asked for reads the file and the environment anew.
-
-        A setting that was assigned to this object, as tests do, is forgotten too.
-        """
+        """Forget what was read: the next setting asked for reads the file and the environment anew."""
         with self._lock:
-            for name in SETTINGS_BY_NAME:
-                self.__dict__.pop(name, None)
             self._settings = None
 
     def _read(self) -> Settings:

@@ -12,7 +12,8 @@ def test_each_request_has_its_kind_on_class_and_record() -> None:
 def test_requests_of_one_kind_are_equal() -> None:
     """They carry nothing that could differ, and differ from those of another kind."""
     assert PingRequest() == PingRequest()
-    assert PingRequest() != SystemStatRequest()
+    requests: list[object] = [PingRequest(), SystemStatRequest()]
+    assert requests[0] != requests[1]
 
 
 def test_the_protocol_has_a_version() -> None:

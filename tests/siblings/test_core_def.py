@@ -29,7 +29,7 @@ def test_a_result_says_nothing_unless_told() -> None:
 def test_a_result_is_built_by_keyword_only() -> None:
     """Positions would let success and error be mixed up."""
     with pytest.raises(TypeError, match="positional"):
-        OPResult(True)  # type: ignore[misc]
+        OPResult(True)  # type: ignore[call-arg]
 
 
 def test_exc_info_keeps_the_traceback_as_text_and_stays_true() -> None:

@@ -120,7 +120,9 @@ def test_the_setting_with_the_warning_in_its_name_lifts_the_hold(
     assert logging.getLogger("botocore").level == logging.NOTSET
 
 
-def test_a_logger_set_to_debug_later_is_held_again(log_manager: LogManager, root_at_debug: io.StringIO) -> None:
+def test_a_logger_set_to_debug_later_is_held_again(
+    log_manager: LogManager, root_at_debug: io.StringIO
+) -> None:
     """The next node manager that is made sees to it."""
     log_manager.get_logger()
     logging.getLogger("botocore").setLevel(logging.DEBUG)

@@ -11,7 +11,9 @@ from tovarincore.util import ObjectMetaTextUtil
         pytest.param("arn:aws:iam::123456789012:instance-profile/node", "node", id="plain"),
         pytest.param("arn:aws:iam::123456789012:instance-profile/team/a/node", "node", id="path"),
         pytest.param("arn:aws-cn:iam::123456789012:instance-profile/node", "node", id="partition"),
-        pytest.param("arn:aws:iam::1:instance-profile/a+b=c,d.e@f-g_h", "a+b=c,d.e@f-g_h", id="odd characters"),
+        pytest.param(
+            "arn:aws:iam::1:instance-profile/a+b=c,d.e@f-g_h", "a+b=c,d.e@f-g_h", id="odd characters"
+        ),
         pytest.param("node", "node", id="no slash"),
         pytest.param("", "", id="empty"),
     ],

@@ -96,6 +96,10 @@ def _type_of(name: str, entry: object, source: str) -> CloudInstanceTypeDef:
         )
     for key, value in entry.items():
         if key not in _CHECKS:
+            if isinstance(value, dict):
+                raise ConfigError(
+                    f'{source}: is only half a name; put names with dots in quotes: "{name}.{key}"'
+                )
             raise ConfigError(f'{source}: unknown key "{key}"; {did_you_mean(key, _CHECKS)}')
         kind, least = _CHECKS[key]
         fits = type(value) is kind and (least is None or value >= least)
