@@ -6,8 +6,9 @@ from pathlib import Path
 from typing import Any
 
 from tovarincore._conf.errors import ConfigError
+from tovarincore._conf.names import did_you_mean
 
-__all__ = ["parse_toml", "read_toml"]
+__all__ = ["parse_toml", "read_named_toml", "read_toml", "require_section"]
 
 
 def read_toml(path: Path) -> dict[str, Any] | None:
@@ -22,6 +23,29 @@ def read_toml(path: Path) -> dict[str, Any] | None:
     except OSError as error:
         raise ConfigError(f"{path}: cannot be read: {error.strerror}") from error
     return parse_toml(data, path)
+
+
+def read_named_toml(path: Path, setting: str) -> dict[str, Any]:
+    """Return the tables of a file that a setting names.
+
+    :param path: the file
+    :param setting: the setting, for the error's text
+    :raises ConfigError: there is no such file, it cannot be read or is not TOML
+    """
+    tables = read_toml(path)
+    if tables is None:
+        raise ConfigError(f"{path}: no such file; the setting {setting} names it")
+    return tables
+
+
+def require_section(tables: dict[str, Any], section: str, path: Path) -> None:
+    """Refuse every section of a file but one.
+
+    :raises ConfigError: another section, with the name that would have been right
+    """
+    for name in tables:
+        if name != section:
+            raise ConfigError(f'{path}: unknown section "{name}"; {did_you_mean(name, [section])}')
 
 
 def parse_toml(data: bytes, path: Path) -> dict[str, Any]:

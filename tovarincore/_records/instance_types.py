@@ -6,7 +6,7 @@ from typing import Any, Optional
 
 from tovarincore._conf.errors import ConfigError
 from tovarincore._conf.names import did_you_mean
-from tovarincore._conf.toml_file import parse_toml, read_toml
+from tovarincore._conf.toml_file import parse_toml, read_named_toml, require_section
 from tovarincore.core_conf import core_conf_glbl
 
 __all__ = ["CloudInstanceTypeDef", "CloudInstances"]
@@ -67,19 +67,12 @@ def _read_instance_types() -> list[CloudInstanceTypeDef]:
     file_name = core_conf_glbl.cloud__instance_types_file
     if file_name:
         path = Path(file_name).expanduser()
-        tables = read_toml(path)
-        if tables is None:
-            raise ConfigError(f"{path}: no such file; the setting [cloud] instance_types_file names it")
-        types.update(_types_of(tables, path))
+        types.update(_types_of(read_named_toml(path, "[cloud] instance_types_file"), path))
     return list(types.values())
 
 
 def _types_of(tables: dict[str, Any], path: Path) -> dict[str, CloudInstanceTypeDef]:
-    for section in tables:
-        if section != "instance_types":
-            raise ConfigError(
-                f'{path}: unknown section "{section}"; {did_you_mean(section, ["instance_types"])}'
-            )
+    require_section(tables, "instance_types", path)
     entries = tables.get("instance_types", {})
     if not isinstance(entries, dict):
         raise ConfigError(

@@ -6,7 +6,7 @@ from typing import Any
 
 from tovarincore._conf.errors import ConfigError
 from tovarincore._conf.names import did_you_mean
-from tovarincore._conf.toml_file import read_toml
+from tovarincore._conf.toml_file import read_named_toml, require_section
 from tovarincore._records.regions import CloudRegion, K8sRegion
 
 __all__ = ["is_sdk_installed", "regions_from_file", "regions_from_sdk"]
@@ -61,12 +61,8 @@ def regions_from_file(file_name: str) -> list[CloudRegion]:
     if not file_name:
         return []
     path = Path(file_name).expanduser()
-    tables = read_toml(path)
-    if tables is None:
-        raise ConfigError(f"{path}: no such file; the setting [cloud] regions_file names it")
-    for key in tables:
-        if key != "region":
-            raise ConfigError(f'{path}: unknown section "{key}"; {did_you_mean(key, ["region"])}')
+    tables = read_named_toml(path, "[cloud] regions_file")
+    require_section(tables, "region", path)
     entries = tables.get("region", [])
     if not isinstance(entries, list) or not all(isinstance(entry, dict) for entry in entries):
         raise ConfigError(f"{path}: region is not allowed here; allowed are tables [[region]]")
