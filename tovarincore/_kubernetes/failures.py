@@ -1,0 +1,108 @@
+"""Turns what goes wrong below into the one error of this package."""
+
+import json
+import ssl
+from collections.abc import Iterator
+from contextlib import contextmanager
+
+import httpcore2
+import httpx2
+import msgspec
+from lightkube.core.exceptions import ApiError
+
+from tovarincore._kubernetes.deadline import Deadline
+from tovarincore._kubernetes.errors import KubernetesError
+from tovarincore.core_def import OPResultErrorCode
+
+__all__ = ["translated"]
+
+_CODE_OF_STATUS = {
+    401: OPResultErrorCode.UNAUTHENTICATED,
+    403: OPResultErrorCode.UNAUTHORIZED_OPERATION,
+    404: OPResultErrorCode.NOT_FOUND,
+    504: OPResultErrorCode.TIMEOUT,
+}
+
+
+@contextmanager
+def translated(deadline: Deadline) -> Iterator[None]:
+    """Raise what goes wrong in the body as :class:`KubernetesError`.
+
+    :param deadline: the deadline that the body's requests keep
+    """
+    try:
+        yield
+    except httpx2.HTTPStatusError as error:
+        raise _refusal(error) from error
+    except httpcore2.ConnectTimeout as error:
+        exceeded = deadline.exceeded()
+        exceeded.outcome_unknown = False
+        raise exceeded from error
+    except httpcore2.TimeoutException as error:
+        raise deadline.exceeded() from error
+    except httpcore2.ConnectError as error:
+        raise _unreachable(error) from error
+    except httpcore2.NetworkError as error:
+        raise KubernetesError(
+            f"The connection to the Kubernetes API server broke off ({error}). Try again; it may restart.",
+            OPResultErrorCode.CONNECTION_FAILED,
+            outcome_unknown=True,
+        ) from error
+    except httpcore2.LocalProtocolError:
+        # Its text would show the header, and with it the token.
+        raise KubernetesError(
+            "The credentials cannot be sent: they hold characters that no HTTP header may have.",
+            OPResultErrorCode.UNAUTHENTICATED,
+        ) from None
+    except httpcore2.ProtocolError as error:
+        raise _not_understood(f"{error}") from error
+    except (msgspec.MsgspecError, json.JSONDecodeError, UnicodeDecodeError) as error:
+        raise _not_understood(f"it is not what was asked for ({type(error).__name__})") from error
+    except (httpcore2.UnsupportedProtocol, httpx2.UnsupportedProtocol, httpx2.InvalidURL) as error:
+        raise KubernetesError(
+            "The server's address in the kubeconfig cannot be used; it has to be like https://host:6443",
+            OPResultErrorCode.CONNECTION_FAILED,
+        ) from error
+
+
+def _refusal(error: httpx2.HTTPStatusError) -> KubernetesError:
+    status = error.response.status_code
+    if isinstance(error, ApiError) and error.status.message:
+        message = error.status.message
+    else:
+        message = f"The Kubernetes API server answered {status} {error.response.reason_phrase}".rstrip()
+    code = _CODE_OF_STATUS.get(status)
+    if status == 403 and "exceeded quota" in message:
+        # The server has no reason of its own for it: a quota is one more admission that says no.
+        code = OPResultErrorCode.RESOURCE_EXHAUSTED
+    if status == 401:
+        message += ": the cluster does not accept the credentials of the kubeconfig; renew them"
+    return KubernetesError(message, code, status=status, outcome_unknown=status >= 500)
+
+
+def _unreachable(error: httpcore2.ConnectError) -> KubernetesError:
+    if isinstance(_root_of(error), ssl.SSLError):
+        return KubernetesError(
+            f"The certificate of the Kubernetes API server cannot be verified, or it refuses ours: {error}. "
+            "Give its authority in the kubeconfig as certificate-authority.",
+            OPResultErrorCode.CERTIFICATE_INVALID,
+        )
+    return KubernetesError(
+        f"The Kubernetes API server cannot be reached: {error}. Check its address in the kubeconfig.",
+        OPResultErrorCode.CONNECTION_FAILED,
+    )
+
+
+def _root_of(error: BaseException) -> BaseException:
+    while error.__cause__ is not None:
+        error = error.__cause__
+    return error
+
+
+def _not_understood(why: str) -> KubernetesError:
+    return KubernetesError(
+        f"The Kubernetes API server's answer cannot be understood: {why}. Check that the address in "
+        "the kubeconfig is that of an API server.",
+        OPResultErrorCode.PROTOCOL_ERROR,
+        outcome_unknown=True,
+    )
