@@ -1,4 +1,5 @@
 """`tovarincore.cloud_node` written as plain Python: the tests' oracle, the benchmarks' baseline."""
+
 # It stays one file, since all of it must share one namespace, and it keeps the extension's habits on purpose:
 # typing's old names, annotations as text, handlers without a type, imports inside methods.
 # ruff: noqa: E722, F401, I001, PT018, RUF019, UP006, UP035, UP045
@@ -134,7 +135,7 @@ class NodeManager(ABC):
         finally:
             lock.release()
 
-    def refresh_node(self, node: "CloudNode"):
+    def refresh_node(self, node: "CloudNode") -> "OPResult":
         try:
             updated_node = deepcopy(node)
             webs_client = WebSocketClient(updated_node, client_timeout_sec=2)
@@ -150,7 +151,7 @@ class NodeManager(ABC):
             self.logger.debug(msg, exc_info=True)
             return OPResult(error=True, msg=msg, exc_info=True)
 
-    def refresh_node_list(self):
+    def refresh_node_list(self) -> "OPResult":
         try:
             prev_node_list = self.get_node_list()
             new_node_list, op_result = self.list_instances()
@@ -269,31 +270,6 @@ class AWSNodeManager(NodeManager, CloudKeyPairManager):
             return session.client("ec2", region_name=self.region.name, config=config, verify=verify)
         finally:
             lock.release()
-
-    def list_instance_templates(self, is_public: "bool" = True) -> "Tuple[List[InstanceTemplate], OPResult]":
-        ec2 = self._get_client()
-        filters = [{"Name": "name", "Values": ["TOVARIN_AI_*"]}]
-        if is_public:
-            filters.append({"Name": "is-public", "Values": ["true"]})
-        response = ec2.describe_images(Filters=filters)
-        result_list = []
-        if "Images" in response:
-            from dateutil.parser import parse
-
-            for image in response["Images"]:
-                creation_date = parse(image["CreationDate"]).replace(tzinfo=None)
-                instance_template = InstanceTemplate.create_from(
-                    image_template_id=image["ImageId"],
-                    image_template_name=image["Name"],
-                    creation_date=creation_date,
-                    region=self.region,
-                )
-                if instance_template is not None:
-                    result_list.append(instance_template)
-        return result_list, OPResult(success=True)
-
-    def list_instance_types(self) -> "Tuple[List[CloudInstanceTypeDef], OPResult]":
-        return [], OPResult(success=True)
 
     def launch_node(
         self,
@@ -497,6 +473,31 @@ class AWSNodeManager(NodeManager, CloudKeyPairManager):
         response = ec2.terminate_instances(InstanceIds=[instance_id], DryRun=False)
         self.logger.debug(response)
         return OPResult(success=True)
+
+    def list_instance_templates(self, is_public: "bool" = True) -> "Tuple[List[InstanceTemplate], OPResult]":
+        ec2 = self._get_client()
+        filters = [{"Name": "name", "Values": ["TOVARIN_AI_*"]}]
+        if is_public:
+            filters.append({"Name": "is-public", "Values": ["true"]})
+        response = ec2.describe_images(Filters=filters)
+        result_list = []
+        if "Images" in response:
+            from dateutil.parser import parse
+
+            for image in response["Images"]:
+                creation_date = parse(image["CreationDate"]).replace(tzinfo=None)
+                instance_template = InstanceTemplate.create_from(
+                    image_template_id=image["ImageId"],
+                    image_template_name=image["Name"],
+                    creation_date=creation_date,
+                    region=self.region,
+                )
+                if instance_template is not None:
+                    result_list.append(instance_template)
+        return result_list, OPResult(success=True)
+
+    def list_instance_types(self) -> "Tuple[List[CloudInstanceTypeDef], OPResult]":
+        return [], OPResult(success=True)
 
     def _check_and_get_security_group_id(self):
         security_group_name = self.tovarin_security_group_name
