@@ -101,7 +101,7 @@ class WebSocketClient:
         deadline = Deadline(self.client_timeout_sec)
         try:
             target = read_target(self.node)
-            deadline.doing = "waiting for another thread's request"
+            deadline.enter("waiting for another thread's request", "use a client for each thread")
             lock = self._own_lock()
             if not lock.acquire(timeout=deadline.remaining()):
                 raise deadline.expired()

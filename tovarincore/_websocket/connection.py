@@ -57,17 +57,17 @@ class Connection:
         if self._protocol.state is not State.OPEN:
             raise ConnectionLost("the worker closed the connection after its last reply")
         self._protocol.send_text(text.encode())
-        deadline.doing = "waiting for the reply"
-        parts: list[bytes] = []
+        deadline.enter("waiting for the reply", "see the worker's log")
+        payload = bytearray()
         for frame in self._frames(deadline):
             if frame.opcode is Opcode.BINARY:
                 raise _protocol_error("it answered with a binary message")
             if frame.opcode in (Opcode.TEXT, Opcode.CONT):
-                parts.append(bytes(frame.data))
+                payload += frame.data
                 if frame.fin:
                     break
         try:
-            return b"".join(parts).decode("utf-8")
+            return payload.decode("utf-8")
         except UnicodeDecodeError as exc:
             raise _protocol_error("its answer is not UTF-8") from exc
 
@@ -87,7 +87,7 @@ class Connection:
         if self.target.token:
             request.headers["Authorization"] = f"Bearer {self.target.token}"
         self._protocol.send_request(request)
-        deadline.doing = "waiting for the web-socket handshake"
+        deadline.enter("waiting for the web-socket handshake", "see whether a worker listens there")
         while not self._protocol.events_received() and self._protocol.handshake_exc is None:
             self._receive(deadline)
         failure = self._protocol.handshake_exc

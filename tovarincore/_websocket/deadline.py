@@ -17,9 +17,13 @@ class Deadline:
 
     def __init__(self, seconds: float) -> None:
         self.seconds = seconds
-        self.doing = "starting"
-        """What the request is doing, for the message of a time-out."""
+        self._stage = "preparing the request"
+        self._advice = "see whether this machine is overloaded"
         self._end = time.monotonic() + seconds
+
+    def enter(self, stage: str, advice: str) -> None:
+        """Note what the request does from now on, and where to look when it takes too long."""
+        self._stage, self._advice = stage, advice
 
     def remaining(self) -> float:
         """Return the seconds that are left.
@@ -35,8 +39,8 @@ class Deadline:
         """Return the failure that says what was waited for in vain (``TIMEOUT``)."""
         return RequestFailed(
             OPResultErrorCode.TIMEOUT,
-            f"no answer within {self.seconds:g} s, stopped while {self.doing}; see whether the worker runs "
-            "and its port is open, or allow more time",
+            f"no answer within {self.seconds:g} s, stopped while {self._stage}; {self._advice}, or allow more "
+            "time",
         )
 
     def poll_timeout(self) -> int:

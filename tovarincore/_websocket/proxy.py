@@ -20,7 +20,7 @@ def open_tunnel(stream: Stream, target: Target, authorization: str, deadline: De
     :raises RequestFailed: the proxy refuses (``CONNECTION_FAILED``), does not speak HTTP
         (``PROTOCOL_ERROR``), or does not answer in time (``TIMEOUT``)
     """
-    deadline.doing = "waiting for the proxy to open a tunnel"
+    deadline.enter("waiting for the proxy to open a tunnel", "see whether [proxy] names a working one")
     host = f"[{target.host}]" if ":" in target.host else target.host
     request = f"CONNECT {host}:{target.port} HTTP/1.1\r\nHost: {host}:{target.port}\r\n"
     if authorization:

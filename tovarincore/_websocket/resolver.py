@@ -108,7 +108,7 @@ def resolve(host: str, port: int, deadline: Deadline) -> list[SocketAddress]:
         pass
     else:
         return [(socket.AF_INET if numeric.version == 4 else socket.AF_INET6, host, port)]
-    deadline.doing = f"resolving {host}"
+    deadline.enter(f"resolving {host}", "see whether this machine's name service answers")
     try:
         lookup = _pool.look_up(host, deadline)
     except RuntimeError as exc:

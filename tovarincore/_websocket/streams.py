@@ -95,7 +95,7 @@ class TlsStream:
                 OPResultErrorCode.CONNECTION_FAILED,
                 f"{server_name} is no name that a certificate can carry ({exc}); correct the node's address",
             ) from exc
-        deadline.doing = "waiting for the TLS handshake"
+        deadline.enter("waiting for the TLS handshake", "see whether the peer speaks TLS there")
         while True:
             try:
                 self._tls.do_handshake()
@@ -163,7 +163,9 @@ def connect(host: str, port: int, deadline: Deadline) -> TcpStream:
     :raises RequestFailed: no address accepts (``CONNECTION_FAILED``), or not in time (``TIMEOUT``)
     """
     addresses = resolve(host, port, deadline)
-    deadline.doing = f"connecting to {host} port {port}"
+    deadline.enter(
+        f"connecting to {host} port {port}", "see whether the host runs and a firewall drops the port"
+    )
     failure: OSError | None = None
     for position, address in enumerate(addresses):
         seconds = deadline.remaining() / (len(addresses) - position)

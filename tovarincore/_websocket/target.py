@@ -8,7 +8,7 @@ from urllib.parse import unquote, urlsplit
 
 from tovarincore._websocket.errors import RequestFailed, shown
 from tovarincore.cloud_conf import CloudConfManager
-from tovarincore.cloud_def import CloudNode
+from tovarincore.cloud_def import CloudNode, CloudRegion
 from tovarincore.core_conf import ConfigError, core_conf_glbl
 from tovarincore.core_def import OPResultErrorCode
 
@@ -69,7 +69,7 @@ def read_target(node: CloudNode) -> Target:
     :raises RequestFailed: the node has no usable address (``CONNECTION_FAILED``)
     """
     conf = core_conf_glbl
-    host, port = conf.get_worker_address(node) or (node.dns_address, conf.worker__port)
+    host, port = conf.get_worker_address(node) or (node.dns_address, _own_port(node.region))
     name = node.dns_address or host
     for address in (host, name):
         if not re.fullmatch(r"[A-Za-z0-9._:%-]+", address or ""):
@@ -90,6 +90,19 @@ def read_target(node: CloudNode) -> Target:
         max_message_bytes=conf.worker__max_message_bytes,
         max_nesting=conf.worker__max_nesting,
     )
+
+
+def _own_port(region: CloudRegion) -> int:
+    port: int
+    match region.cloud:
+        case "local":
+            # The container's port is published under one of this machine's.
+            port = core_conf_glbl.container__published_port
+        case "k8s":
+            port = core_conf_glbl.kubernetes__worker_port
+        case _:
+            port = core_conf_glbl.worker__port
+    return port
 
 
 def _worker_tls() -> ssl.SSLContext:

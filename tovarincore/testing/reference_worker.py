@@ -29,6 +29,7 @@ __all__ = ["ReferenceWorker"]
 _VERSION = 1
 _MAX_REQUEST_BYTES = 65536
 
+_logger = logging.getLogger("tovarincore.reference_worker")
 # The library logs the headers of the handshake at DEBUG, the token among them. Outside of the hierarchy,
 # no configuration can turn this logger on.
 _silent = logging.Logger("reference-worker", level=logging.CRITICAL + 1)
@@ -79,6 +80,8 @@ class ReferenceWorker:
         self._listening = socket.create_server((self.host, self.port), family=family, backlog=128)
         self.port = self._listening.getsockname()[1]
         self._loop = asyncio.new_event_loop()
+        # What asyncio reports by itself are clients that leave in the middle of a handshake.
+        self._loop.set_exception_handler(lambda _, context: _logger.debug("%s", context["message"]))
         self._stopping = asyncio.Event()
         self._thread = threading.Thread(target=self._run, name="reference-worker", daemon=True)
         self._thread.start()
@@ -215,8 +218,8 @@ def main() -> None:
     )
     parser.add_argument(
         "--token",
-        default=os.environ.get("TOVARIN_WORKER_TOKEN"),
-        help="bearer token to ask for; default is the variable TOVARIN_WORKER_TOKEN",
+        default=os.environ.get("TOVARIN_WORKER__TOKEN"),
+        help="bearer token to ask for; default is the variable TOVARIN_WORKER__TOKEN",
     )
     parser.add_argument("--worker-id", default="worker-1", help="id that it reports (%(default)s)")
     options = parser.parse_args()
