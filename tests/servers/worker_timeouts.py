@@ -17,12 +17,13 @@ import time
 from collections.abc import Callable, Iterator
 from contextlib import AbstractContextManager, ExitStack, contextmanager
 from dataclasses import dataclass
+from datetime import timedelta
 from pathlib import Path
 from typing import Any
 from unittest import mock
 
 from tests.servers import worker_peers as peers
-from tests.servers.certificates import Authority
+from tests.servers.certificates import make_server_certificate
 from tests.servers.settings import settings_of
 from tovarincore.api_def import PingRequest
 from tovarincore.cloud_def import CloudInstances, CloudNode, CloudRegion
@@ -92,13 +93,13 @@ def _tls_silence(folder: Path) -> Iterator[tuple[str, Settings]]:
         yield "127.0.0.1", {"worker": {"scheme": "wss", "port": peer.port}}
 
 
-def _certificate(name: str, *, trusted: bool, expired: bool = False) -> Any:
+def _certificate(name: str, *, trusted: bool, valid_for: timedelta = timedelta(days=1)) -> Any:
     @contextmanager
     def surroundings(folder: Path) -> Iterator[tuple[str, Settings]]:
-        authority = Authority(folder)
-        with ReferenceWorker(ssl_context=authority.server_context(name, expired=expired)) as worker:
+        files = make_server_certificate(folder, name, valid_for=valid_for)
+        with ReferenceWorker(ssl_context=files.server_context()) as worker:
             settings = {"scheme": "wss", "port": worker.port}
-            yield "127.0.0.1", {"worker": settings | ({"ca_file": str(authority.ca_file)} if trusted else {})}
+            yield "127.0.0.1", {"worker": settings | ({"ca_file": str(files.authority)} if trusted else {})}
 
     return surroundings
 
@@ -186,7 +187,7 @@ SCENARIOS = (
     Scenario(
         "has an expired certificate",
         _CODE.CERTIFICATE_INVALID,
-        _certificate("127.0.0.1", trusted=True, expired=True),
+        _certificate("127.0.0.1", trusted=True, valid_for=timedelta(hours=-1)),
     ),
     Scenario("wants another token", _CODE.UNAUTHENTICATED, _wrong_token),
     Scenario("port is closed", _CODE.CONNECTION_FAILED, _closed_port),

@@ -39,8 +39,8 @@ class Deadline:
         """Return the failure that says what was waited for in vain (``TIMEOUT``)."""
         return RequestFailed(
             OPResultErrorCode.TIMEOUT,
-            f"no answer within {self.seconds:g} s, stopped while {self._stage}; {self._advice}, or allow more "
-            "time",
+            f"no answer within {self.seconds:g} s, stopped while {self._stage}; {self._advice}, or allow "
+            "more time",
         )
 
     def poll_timeout(self) -> int:
