@@ -77,7 +77,7 @@ class Program:
 
     def __init__(self, module: Any, journal: Journal) -> None:
         self.module = module
-        self.amazon = module.AWSNodeManager  # tampering may take the name away
+        self.classes = {kind: getattr(module, kind) for kind in KINDS}  # tampering may take the names away
         self.journal = journal
         self.choice = journal.choice
         self.facade: Any = None
@@ -125,14 +125,14 @@ class Program:
             return
         provider = self.choice(*self.providers)
         table = dict(PROVIDER)
-        if isinstance(provider, self.amazon):
+        if isinstance(provider, self.classes["AWSNodeManager"]):
             table.update(AMAZON)
         name = self.choice(*table)
         self.call(provider, name, table[name])
 
     def make_provider(self) -> Any:
         kind = self.choice(*KINDS)
-        cls = getattr(self.module, kind)
+        cls = self.classes[kind]
         if self.choice(True, False, False, False):
             cls = self.subclass(cls)
         arguments = (self.region(), self.auth(), "user") if kind == "AWSNodeManager" else (self.region(),)
