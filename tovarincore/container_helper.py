@@ -12,6 +12,7 @@ from tovarincore._container.engine import ContainerEngine, ContainerRequest, Con
 from tovarincore._container.errors import ContainerError, ContainerNameTakenError
 from tovarincore._container.limit import TimeLimit, run_within
 from tovarincore._container.versions import newest_first
+from tovarincore.cloud_conf import CloudConfManager
 from tovarincore.cloud_def import CloudInstances, CloudNode, CloudRegion, CloudRegions, NodeState
 from tovarincore.core_conf import core_conf_glbl
 from tovarincore.core_def import OPResult, OPResultErrorCode
@@ -22,6 +23,7 @@ T = TypeVar("T")
 
 UUID_LABEL = "tovarin.worker.uuid"
 VERSION_LABEL = "tovarin.worker.version"
+TOKEN_VARIABLE = "TOVARIN_WORKER_TOKEN"
 
 _MEBIBYTE = 1024 * 1024
 # Long enough for a worker to say goodbye; a short operation limit leaves it less.
@@ -93,6 +95,7 @@ class ContainerHelper:
         def start(engine: ContainerEngine) -> None:
             container = _find_to_change(engine)
             if reboot:
+                _wake(engine, container)
                 engine.restart_container(container.container_id, _grace_seconds())
             else:
                 _start(engine, container)
@@ -103,7 +106,9 @@ class ContainerHelper:
         """Stop the container; a stopped one stays so. Raises ContainerError, also when there is none."""
 
         def stop(engine: ContainerEngine) -> None:
-            engine.stop_container(_find_to_change(engine).container_id, _grace_seconds())
+            container = _find_to_change(engine)
+            _wake(engine, container)
+            engine.stop_container(container.container_id, _grace_seconds())
 
         self._operate("stopping the worker", stop)
 
@@ -157,7 +162,7 @@ def _create_and_start(engine: ContainerEngine, version: str) -> ContainerSummary
             name=core_conf_glbl.container__name,
             image=f"{core_conf_glbl.container__image}:{version}",
             labels={UUID_LABEL: str(uuid.uuid4()), VERSION_LABEL: version},
-            environment={},
+            environment=_worker_environment(),
             published_port=core_conf_glbl.container__published_port,
             worker_port=core_conf_glbl.container__worker_port,
             memory_bytes=core_conf_glbl.container__memory_mib * _MEBIBYTE,
@@ -172,6 +177,13 @@ def _create_and_start(engine: ContainerEngine, version: str) -> ContainerSummary
             engine.remove_container(container_id)
         raise
     return _find_to_change(engine)
+
+
+def _worker_environment() -> dict[str, str]:
+    """The token that the web-socket client will send, for the worker to ask for; nothing without one."""
+    stored = CloudConfManager().get_cloud_conf(_local_region())
+    token = (stored and stored.worker_token) or core_conf_glbl.worker__token
+    return {TOKEN_VARIABLE: token} if token else {}
 
 
 def _find(engine: ContainerEngine) -> ContainerSummary | None:
@@ -189,11 +201,17 @@ def _find_to_change(engine: ContainerEngine) -> ContainerSummary:
 
 
 def _start(engine: ContainerEngine, container: ContainerSummary) -> None:
-    if container.status == "paused":
-        # Engines refuse to start these.
-        engine.unpause_container(container.container_id)
-    else:
+    # Engines refuse to start a paused container.
+    if not _wake(engine, container):
         engine.start_container(container.container_id)
+
+
+def _wake(engine: ContainerEngine, container: ContainerSummary) -> bool:
+    """Let a paused container go on, which otherwise sits out its grace time; says whether it was one."""
+    paused = container.status == "paused"
+    if paused:
+        engine.unpause_container(container.container_id)
+    return paused
 
 
 def _grace_seconds() -> int:

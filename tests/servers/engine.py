@@ -34,7 +34,6 @@ class ContainerEngineServer:
 
     def __init__(self) -> None:
         self._cleanup = ExitStack()
-        self._name = f"tvtest{os.getpid() % 100_000}"
         self.url = ""
 
     def __enter__(self) -> ContainerEngineServer:
@@ -42,6 +41,8 @@ class ContainerEngineServer:
         _check_machine()
         with ExitStack() as cleanup:
             self._folder = Path(tempfile.mkdtemp(prefix="tovarin-engine-"))
+            # Of the bridge and the control group; an interface's name has at most 15 characters.
+            self._name = "tovarin" + self._folder.name[-8:]
             cleanup.callback(shutil.rmtree, self._folder, ignore_errors=True)
             cleanup.callback(self._remove_control_groups)
             cleanup.callback(self._unmount)
@@ -61,9 +62,10 @@ class ContainerEngineServer:
         trace: TracebackType | None,
     ) -> None:
         self.go_on()
-        with self.client() as client:
-            for container in client.containers(all=True):
-                client.remove_container(container["Id"], force=True, v=True)
+        if self._process.poll() is None:
+            with self.client() as client:
+                for container in client.containers(all=True):
+                    client.remove_container(container["Id"], force=True, v=True)
         self._cleanup.close()
 
     def client(self, seconds: int = 30) -> docker.APIClient:
@@ -77,6 +79,14 @@ class ContainerEngineServer:
     def go_on(self) -> None:
         """Let the engine go on after `hang`."""
         self._process.send_signal(signal.SIGCONT)
+
+    def kill(self) -> None:
+        """End the engine at once, in the middle of whatever it does."""
+        self._process.kill()
+        self._process.wait()
+        # The containerd that it started lives on.
+        with suppress(FileNotFoundError, ProcessLookupError):
+            os.kill(int((self._folder / "exec/containerd/containerd.pid").read_text()), signal.SIGKILL)
 
     def _start_process(self) -> None:
         folder = self._folder
@@ -123,16 +133,14 @@ class ContainerEngineServer:
         try:
             self._process.wait(_STOP_SECONDS)
         except subprocess.TimeoutExpired:
-            self._process.kill()
-            self._process.wait()
-            # Its containerd would live on; it stands in the log folder's pid file.
-            with suppress(FileNotFoundError, ProcessLookupError):
-                os.kill(int((self._folder / "exec/containerd/containerd.pid").read_text()), signal.SIGKILL)
+            self.kill()
 
     def _add_bridge(self) -> None:
         _ip("link", "add", "name", self._name, "type", "bridge")
         try:
-            _ip("address", "add", _BRIDGE_ADDRESS.format(os.getpid() % 250), "dev", self._name)
+            taken = _ip("-oneline", "-4", "address", "show")
+            free = (address for address in map(_BRIDGE_ADDRESS.format, range(256)) if address not in taken)
+            _ip("address", "add", next(free), "dev", self._name)
             _ip("link", "set", self._name, "up")
         except EngineNotRunnable:
             _ip("link", "delete", self._name)
@@ -161,7 +169,8 @@ def _check_machine() -> None:
             )
 
 
-def _ip(*arguments: str) -> None:
+def _ip(*arguments: str) -> str:
     done = subprocess.run(["ip", *arguments], check=False, capture_output=True, text=True)
     if done.returncode != 0:
         raise EngineNotRunnable(f"no bridge network here: ip {' '.join(arguments)}: {done.stderr.strip()}")
+    return done.stdout

@@ -93,8 +93,9 @@ class _Handler(BaseHTTPRequestHandler):
         content = self.rfile.read(int(self.headers.get("Content-Length", 0)))
         query = {name: values[0] for name, values in parse_qs(url.query).items()}
         api = self.server.api
+        is_json = self.headers.get("Content-Type") == "application/json"
         api.requests.append(
-            EngineRequest(self.command, path, query, json.loads(content) if content else None)
+            EngineRequest(self.command, path, query, json.loads(content) if is_json and content else None)
         )
         answer = api.answers[self.command, path]
         if callable(answer):

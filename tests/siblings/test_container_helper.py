@@ -15,8 +15,15 @@ from tests.servers.settings import settings_of
 from tovarincore._container.engine import ContainerRequest, ContainerSummary
 from tovarincore._container.errors import ContainerNameTakenError
 from tovarincore._container.limit import TimeLimit
+from tovarincore.cloud_conf import CloudConf, CloudConfManager
 from tovarincore.cloud_def import CloudInstances, CloudRegions, NodeState
-from tovarincore.container_helper import UUID_LABEL, VERSION_LABEL, ContainerError, ContainerHelper
+from tovarincore.container_helper import (
+    TOKEN_VARIABLE,
+    UUID_LABEL,
+    VERSION_LABEL,
+    ContainerError,
+    ContainerHelper,
+)
 from tovarincore.core_def import OPResultErrorCode
 
 SETTINGS: dict[str, Any] = {
@@ -313,11 +320,27 @@ def test_stop_and_reboot_give_the_worker_a_grace_time(engine: MemoryEngine, help
     ]
 
 
-def test_start_lets_a_paused_container_go_on(engine: MemoryEngine, helper: ContainerHelper) -> None:
-    """Engines refuse to start a paused container."""
+@pytest.mark.parametrize(
+    ("call", "changes"),
+    [
+        pytest.param(ContainerHelper.start_tovarin_container, [], id="start"),
+        pytest.param(
+            ContainerHelper.stop_tovarin_container, [("stop_container", "id-1", GRACE_SECONDS)], id="stop"
+        ),
+        pytest.param(
+            lambda helper: helper.start_tovarin_container(reboot=True),
+            [("restart_container", "id-1", GRACE_SECONDS)],
+            id="reboot",
+        ),
+    ],
+)
+def test_a_paused_container_is_let_go_on_first(
+    engine: MemoryEngine, helper: ContainerHelper, call: Callable[[ContainerHelper], None], changes: list[Any]
+) -> None:
+    """Engines refuse to start a paused container, and it cannot heed the stop signal."""
     engine.put_container(status="paused")
-    helper.start_tovarin_container()
-    assert engine.changes() == [("unpause_container", "id-1")]
+    call(helper)
+    assert engine.changes() == [("unpause_container", "id-1"), *changes]
 
 
 @pytest.mark.parametrize(
@@ -394,3 +417,27 @@ def test_every_call_ends_within_the_limit(
     assert code is OPResultErrorCode.TIMEOUT
     assert "did not answer within 0.2 s" in text
     released.set()
+
+
+@pytest.mark.parametrize(
+    ("stored", "setting", "environment"),
+    [
+        pytest.param(None, "", {}, id="none"),
+        pytest.param(None, "from-setting", {TOKEN_VARIABLE: "from-setting"}, id="setting"),
+        pytest.param("stored-one", "from-setting", {TOKEN_VARIABLE: "stored-one"}, id="stored"),
+    ],
+)
+def test_the_worker_asks_for_the_token_that_clients_send(
+    engine: MemoryEngine, tmp_path: Path, stored: str | None, setting: str, environment: dict[str, str]
+) -> None:
+    """A token stored for the region goes before the setting; the request does not show it."""
+    region = CloudRegions.get_local_container_region()
+    assert region is not None
+    with settings_of(tmp_path, {"container": SETTINGS, "worker": {"token": setting}}):
+        if stored is not None:
+            CloudConfManager().set_cloud_conf(region, CloudConf(None, "", stored))
+        ContainerHelper(engine.open).run_tvr_container_image("1.10")
+    request = engine.changes()[0][1]
+    assert request.environment == environment
+    assert "from-setting" not in repr(request)
+    assert "stored-one" not in repr(request)

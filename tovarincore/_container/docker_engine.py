@@ -167,7 +167,8 @@ def _explained(limit: TimeLimit, address: str) -> Iterator[None]:
 def _missing_image(image: str) -> ContainerError:
     return ContainerError(
         f"Image {image} is not on the container engine: build it (docker build -t {image} -f "
-        "containers/worker/Dockerfile tovarincore), pull it, or choose a version that list_instance_templates returns.",
+        "containers/worker/Dockerfile tovarincore), pull it, or choose a version that "
+        "list_instance_templates returns.",
         OPResultErrorCode.NOT_FOUND,
     )
 

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 from collections.abc import Mapping
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 from typing import Protocol
 
 
@@ -24,7 +24,8 @@ class ContainerRequest:
     name: str
     image: str
     labels: Mapping[str, str]
-    environment: Mapping[str, str]
+    # Holds the worker's token.
+    environment: Mapping[str, str] = field(repr=False)
     published_port: int
     worker_port: int
     memory_bytes: int

@@ -1,0 +1,312 @@
+"""The local region through the facade, on a real container engine with a real worker in the container."""
+
+from __future__ import annotations
+
+import socket
+import threading
+import time
+from collections.abc import Callable, Iterator
+from contextlib import AbstractContextManager, ExitStack
+from pathlib import Path
+from typing import Any
+
+import pytest
+
+from tests.servers.engine import ContainerEngineServer, EngineNotRunnable
+from tests.servers.local_region import LIMIT_SECONDS, LocalRegion, free_port, local_region, local_settings
+from tests.servers.settings import settings_of
+from tovarincore._container.docker_engine import DockerEngine
+from tovarincore.cloud_def import (
+    NodeState,
+)
+from tovarincore.cloud_node import cloud_manager_glbl
+from tovarincore.container_helper import ContainerError
+from tovarincore.core_def import OPResultErrorCode
+from tovarincore.testing.worker_image import import_worker_image
+
+pytestmark = pytest.mark.xdist_group("container engine")
+
+VERSIONS = ["1.2.0", "1.10.0", "1.9.0"]
+NEWEST_FIRST = ["1.10.0", "1.9.0", "1.2.0"]
+IMAGE = "tovarin-worker"
+# For an engine that is made to hang.
+SHORT_LIMIT_SECONDS = 1.5
+
+
+@pytest.fixture(scope="session")
+def engine_server() -> Iterator[ContainerEngineServer]:
+    """An engine with three versions of the worker image; where none can run, the tests are skipped."""
+    with ExitStack() as cleanup:
+        try:
+            server = cleanup.enter_context(ContainerEngineServer())
+        except EngineNotRunnable as reason:
+            pytest.skip(f"no container engine can run here: {reason}")
+        with server.client() as client:
+            import_worker_image(client, IMAGE, VERSIONS)
+        yield server
+
+
+@pytest.fixture
+def local(engine_server: ContainerEngineServer, tmp_path: Path) -> Iterator[LocalRegion]:
+    """The local region on the engine, without any container; removes what the test left."""
+    port = free_port()
+    with engine_server.client() as client, settings_of(tmp_path, local_settings(engine_server, port)):
+        local = LocalRegion(engine_server, client, port)
+        assert local.refresh().success
+        yield local
+        engine_server.go_on()
+        for container in client.containers(all=True):
+            client.remove_container(container["Id"], force=True)
+
+
+@pytest.fixture
+def short_limit(local: LocalRegion, tmp_path: Path) -> Callable[[], AbstractContextManager[None]]:
+    """Lets the body of a `with` statement run with a short limit per operation."""
+    return lambda: settings_of(tmp_path, local_settings(local.server, local.port, SHORT_LIMIT_SECONDS))
+
+
+def _within(seconds: float, call: Callable[[], Any]) -> Any:
+    """What the call returned or raised, which must have happened within this time and a second."""
+    started = time.monotonic()
+    try:
+        outcome = call()
+    except ContainerError as error:
+        outcome = error
+    assert time.monotonic() - started < seconds + 1
+    return outcome
+
+
+def test_a_workers_whole_life(local: LocalRegion) -> None:
+    """Templates, launch, ready over the web-socket, stop, start, reboot, terminate; nothing at the end."""
+    assert [template.version for template in local.templates()] == NEWEST_FIRST
+
+    node = local.running_node("1.9.0")
+    assert (node.state, node.dns_address, node.ready) == (NodeState.RUNNING, "127.0.0.1", True)
+    assert node.memory_total_bytes is not None
+    first = node
+
+    local.stop(node)
+    assert local.registry()[0].state is NodeState.STOPPING
+    node = local.refreshed_node()
+    assert (node.state, node.ready) == (NodeState.STOPPED, False)
+
+    local.start(node)
+    assert local.registry()[0].state is NodeState.STARTING
+    node = local.wait_until_ready()
+    started_first = local.client.inspect_container(node.instance_id)["State"]["StartedAt"]
+
+    local.start(node, reboot=True)
+    node = local.wait_until_ready()
+    assert local.client.inspect_container(node.instance_id)["State"]["StartedAt"] > started_first
+    assert (node.instance_id, node.uuid) == (first.instance_id, first.uuid)
+
+    assert local.terminate(node).success
+    assert local.registry()[0].state is NodeState.SHUTTING_DOWN
+    assert local.refresh().success
+    assert local.registry() == []
+    assert local.terminate(node).success
+
+
+def test_the_container_is_limited_and_on_loopback_only(local: LocalRegion) -> None:
+    """Memory, processors and the published port are as configured."""
+    node = local.running_node()
+    details = local.client.inspect_container(node.instance_id)
+    host = details["HostConfig"]
+    assert (host["Memory"], host["MemorySwap"], host["NanoCpus"]) == (256 << 20, 256 << 20, 750_000_000)
+    assert details["NetworkSettings"]["Ports"] == {
+        "8855/tcp": [{"HostIp": "127.0.0.1", "HostPort": str(local.port)}]
+    }
+
+
+def test_launching_again_returns_the_container_there_is(local: LocalRegion) -> None:
+    """The same version is started and returned; another version has to wait for a termination."""
+    node = local.running_node("1.9.0")
+    local.stop(node)
+    again, result = local.launch("1.9.0")
+    assert result.success
+    assert again is not None
+    assert (again.instance_id, again.uuid, again.state) == (node.instance_id, node.uuid, NodeState.RUNNING)
+
+    other, result = local.launch("1.10.0")
+    assert (other, result.error) == (None, True)
+    assert "terminate it before launching version 1.10.0" in str(result.msg)
+    assert local.refreshed_node().uuid == node.uuid
+
+
+def test_trying_a_launch_really_launches(local: LocalRegion) -> None:
+    """The engine has no dry run, and the facade passes on what the launch returned."""
+    (template, *_) = local.templates()
+    result = cloud_manager_glbl.try_launching_node(local.region, None, *local.launch_arguments(template))
+    assert result.success
+    assert local.refreshed_node().state is NodeState.RUNNING
+
+
+def test_a_container_killed_from_outside_is_seen_stopped(local: LocalRegion) -> None:
+    """The next refresh says so, and the node can be started again."""
+    node = local.running_node()
+    local.client.kill(node.instance_id)
+    node = local.refreshed_node()
+    assert (node.state, node.ready) == (NodeState.STOPPED, False)
+    local.start(node)
+    assert local.wait_until_ready().uuid == node.uuid
+
+
+def test_a_container_removed_from_outside_is_gone(local: LocalRegion) -> None:
+    """The next refresh empties the registry; stopping says that there is none, terminating is a success."""
+    node = local.running_node()
+    local.client.remove_container(node.instance_id, force=True)
+    with pytest.raises(ContainerError, match="launch one"):
+        local.stop(node)
+    assert local.terminate(node).success
+    assert local.refresh().success
+    assert local.registry() == []
+
+
+def test_a_paused_worker_is_not_ready_and_start_lets_it_go_on(local: LocalRegion) -> None:
+    """A worker that hangs costs a refresh no more than the limit."""
+    node = local.running_node()
+    local.client.pause(node.instance_id)
+    assert _within(LIMIT_SECONDS, local.refresh).success
+    (node,) = local.registry()
+    assert (node.state, node.ready) == (NodeState.STOPPED, False)
+    local.start(node)
+    assert local.wait_until_ready().state is NodeState.RUNNING
+
+
+def test_a_paused_worker_can_be_stopped(local: LocalRegion) -> None:
+    """A worker that hangs is stopped within the limit."""
+    node = local.running_node()
+    local.client.pause(node.instance_id)
+    assert _within(LIMIT_SECONDS, lambda: local.stop(node)) is None
+    assert local.refreshed_node().state is NodeState.STOPPED
+    assert local.client.containers(filters={"status": "exited"}, all=True) != []
+
+
+def test_a_paused_worker_can_be_rebooted_and_terminated(local: LocalRegion) -> None:
+    """A worker that hangs works again after a reboot, and is got rid of within the limit."""
+    node = local.running_node()
+    local.client.pause(node.instance_id)
+    _within(LIMIT_SECONDS, lambda: local.start(node, reboot=True))
+    node = local.wait_until_ready()
+    local.client.pause(node.instance_id)
+    assert _within(LIMIT_SECONDS, lambda: local.terminate(node)).success
+    assert local.client.containers(all=True) == []
+
+
+def test_a_removed_image_leaves_the_container_and_fails_the_next_launch(local: LocalRegion) -> None:
+    """What runs goes on; a later launch of that version says how to get the image."""
+    node = local.running_node("1.2.0")
+    (removed,) = [template for template in local.templates() if template.version == "1.2.0"]
+    local.client.remove_image(f"{IMAGE}:1.2.0", force=True)
+    try:
+        assert [template.version for template in local.templates()] == ["1.10.0", "1.9.0"]
+        assert local.refreshed_node().ready
+        assert local.terminate(node).success
+        launched, result = local.launch_template(removed)
+        assert (launched, result.error_code) == (None, OPResultErrorCode.NOT_FOUND)
+        assert f"Image {IMAGE}:1.2.0 is not on the container engine" in str(result.msg)
+        assert local.refresh().success
+        assert local.registry() == []
+    finally:
+        local.client.tag(f"{IMAGE}:1.9.0", IMAGE, "1.2.0")
+
+
+def test_a_port_in_use_fails_the_launch_and_leaves_nothing(local: LocalRegion) -> None:
+    """The text names the port; no half-made container stands in the way of the next launch."""
+    with socket.create_server(("127.0.0.1", local.port)):
+        node, result = local.launch("1.10.0")
+        assert (node, result.error_code) == (None, OPResultErrorCode.RESOURCE_EXHAUSTED)
+        assert f"Port {local.port} of 127.0.0.1 is in use" in str(result.msg)
+    assert local.client.containers(all=True) == []
+    local.running_node()
+
+
+def test_a_strangers_container_of_that_name_is_left_alone(local: LocalRegion) -> None:
+    """It is no node, cannot be terminated from here, and a launch says to rename or remove it."""
+    stranger = local.client.create_container(f"{IMAGE}:1.9.0", name="tovarin-worker")["Id"]
+    assert local.refresh().success
+    assert local.registry() == []
+    node, result = local.launch("1.9.0")
+    assert (node, result.error) == (None, True)
+    assert 'A container named "tovarin-worker" that was not made here' in str(result.msg)
+    assert cloud_manager_glbl.terminate_node(local.region, None, stranger).success
+    assert [container["Id"] for container in local.client.containers(all=True)] == [stranger]
+
+
+def test_a_hanging_engine_ends_every_call_within_the_limit(
+    local: LocalRegion, short_limit: Callable[[], AbstractContextManager[None]]
+) -> None:
+    """Each ends in a time-out, the registry stays as it was, and afterwards a refresh tells the truth."""
+    node = local.running_node()
+    template = local.templates()[0]
+    calls: list[Callable[[], Any]] = [
+        lambda: local.stop(node),
+        lambda: local.start(node),
+        lambda: local.terminate(node),
+        lambda: local.launch_template(template)[1],
+        local.templates,
+    ]
+    local.server.hang()
+    with short_limit():
+        assert _within(SHORT_LIMIT_SECONDS, local.refresh).error
+        outcomes = [_within(SHORT_LIMIT_SECONDS, call) for call in calls]
+    assert [outcome.error_code for outcome in outcomes] == [OPResultErrorCode.TIMEOUT] * len(calls)
+    assert local.registry() == [node]
+    local.server.go_on()
+    assert local.wait_until_ready().uuid == node.uuid
+
+
+def test_an_engine_that_hangs_in_the_middle_of_a_launch_is_not_fatal(
+    local: LocalRegion,
+    short_limit: Callable[[], AbstractContextManager[None]],
+    monkeypatch: pytest.MonkeyPatch,
+) -> None:
+    """The launch times out with the container made and not started; launching again starts that one."""
+    start_container = DockerEngine.start_container
+
+    def hang_before_start(engine: DockerEngine, container_id: str) -> None:
+        local.server.hang()
+        start_container(engine, container_id)
+
+    monkeypatch.setattr(DockerEngine, "start_container", hang_before_start)
+    with short_limit():
+        node, result = _within(SHORT_LIMIT_SECONDS, lambda: local.launch("1.10.0"))
+    monkeypatch.undo()
+    assert (node, result.error_code) == (None, OPResultErrorCode.TIMEOUT)
+    assert "while starting worker version 1.10.0" in str(result.msg)
+
+    local.server.go_on()
+    found = local.refreshed_node()
+    again, result = local.launch("1.10.0")
+    assert result.success
+    assert again is not None
+    assert again.uuid == found.uuid
+    local.wait_until_ready()
+
+
+def test_an_engine_that_ends_in_the_middle_of_a_call_gives_a_clear_error(tmp_path: Path) -> None:
+    """The call ends at once with what to look at; the next one says to start the engine."""
+    with ContainerEngineServer() as server, settings_of(tmp_path, local_settings(server, free_port())):
+        server.hang()
+        killer = threading.Timer(0.3, server.kill)
+        killer.start()
+        broken_off = _within(LIMIT_SECONDS, lambda: cloud_manager_glbl.list_instances(local_region()))
+        killer.join()
+        refused = _within(LIMIT_SECONDS, lambda: cloud_manager_glbl.list_instances(local_region()))
+    assert broken_off.error_code is OPResultErrorCode.ENGINE_UNAVAILABLE
+    assert "see that it runs" in str(broken_off)
+    assert refused.error_code is OPResultErrorCode.ENGINE_UNAVAILABLE
+    assert "it does not run, start it" in str(refused)
+
+
+def test_an_engine_that_ends_leaves_the_registry_as_it_was(tmp_path: Path, local: LocalRegion) -> None:
+    """A refresh without an engine is an error, not an empty listing; a launch says to start one."""
+    node = local.running_node()
+    template = local.templates()[0]
+    gone = {"container": {"engine_url": f"unix://{tmp_path}/gone.sock"}}
+    with settings_of(tmp_path, gone):
+        assert _within(LIMIT_SECONDS, local.refresh).error
+        assert local.registry() == [node]
+        _, result = _within(LIMIT_SECONDS, lambda: local.launch_template(template))
+        assert result.error_code is OPResultErrorCode.ENGINE_UNAVAILABLE
+    assert local.registry() == [node]
