@@ -7,10 +7,13 @@ import urllib.request
 from collections.abc import Sequence
 from types import TracebackType
 from typing import Any
+from unittest.mock import patch
 
 import boto3
 from botocore.config import Config
 from werkzeug.serving import make_server
+
+from demo.environment import environment
 
 HOST = "127.0.0.1"
 REGION_NAME = "us-east-1"
@@ -30,8 +33,9 @@ def ports_text(from_port: int, to_port: int) -> str:
 class Ec2Endpoint:
     """Context manager that runs an EC2 (and IAM) endpoint on a free loopback port.
 
-    It refuses unknown images, key pairs and instance types as EC2 does; the emulator by itself lets
-    them pass. One at a time: the emulator's account is shared by the whole process.
+    It refuses unknown images, key pairs and instance types and describes instances without a public
+    name as EC2 does, which the emulator does not do by itself. It starts empty. One at a time: all
+    endpoints of a process share the emulator's one account.
     """
 
     def __init__(self) -> None:
@@ -40,12 +44,15 @@ class Ec2Endpoint:
 
     def __enter__(self) -> Ec2Endpoint:
         # Imported here: the emulator takes a noticeable part of a second that other demos need not wait for.
-        from moto import settings
-        from moto.moto_server.werkzeug_app import (
-            DomainDispatcherApplication,
-            MotoRequestHandler,
-            create_backend_app,
-        )
+        # Its import stumbles over a profile that the user's environment names.
+        with environment({}):
+            from moto import settings
+            from moto.ec2.models.instances import Instance
+            from moto.moto_server.werkzeug_app import (
+                DomainDispatcherApplication,
+                MotoRequestHandler,
+                create_backend_app,
+            )
 
         class QuietRequestHandler(MotoRequestHandler):
             """The emulator's handler without its line per request on standard error."""
@@ -58,6 +65,12 @@ class Ec2Endpoint:
         settings.ENABLE_AMI_VALIDATION = True
         settings.ENABLE_KEYPAIR_VALIDATION = True
         settings.EC2_ENABLE_INSTANCE_TYPE_VALIDATION = True
+        # EC2 sends an empty name for an instance without a public one; the emulator sends none at all.
+        find_name = Instance.public_dns_name.fget
+        self._empty_names = patch.object(
+            Instance, "public_dns_name", property(lambda instance: find_name(instance) or "")
+        )
+        self._empty_names.start()
         self._server = make_server(
             HOST,
             0,
@@ -70,6 +83,7 @@ class Ec2Endpoint:
             target=self._server.serve_forever, args=(POLL_SECONDS,), name="ec2-endpoint", daemon=True
         )
         self._thread.start()
+        self.reset()
         return self
 
     def __exit__(
@@ -84,6 +98,7 @@ class Ec2Endpoint:
         self._server.shutdown()
         self._thread.join()
         self._server.server_close()
+        self._empty_names.stop()
 
     def reset(self) -> None:
         """Forget every instance, image, key pair, profile and security group."""
@@ -93,10 +108,11 @@ class Ec2Endpoint:
     def client(self, service: str = "ec2") -> Any:
         """A client of this endpoint that does not pass through the code under demonstration."""
         if service not in self._clients:
-            session = boto3.Session(aws_access_key_id=ACCESS_KEY_ID, aws_secret_access_key=SECRET_ACCESS_KEY)
-            self._clients[service] = session.client(
-                service, region_name=REGION_NAME, endpoint_url=self.url, config=Config(proxies={})
-            )
+            with environment({}):
+                session = boto3.Session(ACCESS_KEY_ID, SECRET_ACCESS_KEY, region_name=REGION_NAME)
+                self._clients[service] = session.client(
+                    service, endpoint_url=self.url, config=Config(proxies={})
+                )
         return self._clients[service]
 
     def register_image(self, name: str, public: bool = True) -> str:

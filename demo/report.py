@@ -38,7 +38,11 @@ class Step:
     def expect(self, what: str, seen: object, wanted: object) -> None:
         """Check that `seen` equals `wanted`; otherwise the step counts as gone wrong."""
         if seen != wanted:
-            self.failed_checks.append(f"{what}: wanted {wanted!r}, saw {seen!r}")
+            self.fail(f"{what}: wanted {wanted!r}, saw {seen!r}")
+
+    def fail(self, text: str) -> None:
+        """Count the step as gone wrong, for the reason given."""
+        self.failed_checks.append(text)
 
     def show_table(self, title: str, rows: Sequence[Row]) -> None:
         """Show rows under a title; every row has the same columns."""
@@ -96,7 +100,7 @@ class Report:
         try:
             yield step
         except Exception as error:
-            step.failed_checks.append("the step raised " + "".join(traceback.format_exception(error)).strip())
+            step.fail("the step raised " + "".join(traceback.format_exception(error)).strip())
         finally:
             step.seconds = time.monotonic() - started
         self._write_step(step)

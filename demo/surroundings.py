@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import os
 import tempfile
 from collections.abc import Iterator, Mapping
 from contextlib import contextmanager
@@ -10,26 +9,10 @@ from pathlib import Path
 
 import tomli_w
 
+from demo.environment import environment
 from tovarincore.cloud_conf import CloudConf, CloudConfManager
 from tovarincore.cloud_def import CloudRegion
 from tovarincore.core_conf import core_conf_glbl
-
-# Left out, because they would send requests elsewhere or change what the demo shows.
-FOREIGN_PREFIXES = ("AWS_", "TOVARIN_")
-
-
-@contextmanager
-def environment(values: Mapping[str, str]) -> Iterator[None]:
-    """Run the body with these variables and none of the user's own Amazon or product variables."""
-    before = dict(os.environ)
-    for name in [name for name in os.environ if name.startswith(FOREIGN_PREFIXES)]:
-        del os.environ[name]
-    os.environ.update(values)
-    try:
-        yield
-    finally:
-        os.environ.clear()
-        os.environ.update(before)
 
 
 @contextmanager

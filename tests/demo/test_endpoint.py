@@ -26,11 +26,12 @@ def endpoint(running: Ec2Endpoint) -> Ec2Endpoint:
     return running
 
 
-def launch(endpoint: Ec2Endpoint, **changes: Any) -> None:
-    """Launch one instance, with `changes` to what the account allows."""
+def launch(endpoint: Ec2Endpoint, **changes: Any) -> str:
+    """Launch one instance, with `changes` to what the account allows; returns its id."""
     image_id = endpoint.register_image("TOVARIN_AI_CPU_PLAN_A_1.0.0")
     wanted = {"ImageId": image_id, "InstanceType": "t3.small", "KeyName": KEY_PAIR_NAME}
-    endpoint.client().run_instances(MinCount=1, MaxCount=1, **{**wanted, **changes})
+    response = endpoint.client().run_instances(MinCount=1, MaxCount=1, **{**wanted, **changes})
+    return str(response["Instances"][0]["InstanceId"])
 
 
 def public_images(endpoint: Ec2Endpoint) -> list[str]:
@@ -61,6 +62,15 @@ def test_what_ec2_does_not_know_is_refused(endpoint: Ec2Endpoint, change: dict[s
     with pytest.raises(ClientError) as refused:
         launch(endpoint, **change)
     assert refused.value.response["Error"]["Code"] == code
+
+
+@pytest.mark.parametrize("operation", ["stop_instances", "terminate_instances"])
+def test_an_instance_without_a_public_name_has_an_empty_one(endpoint: Ec2Endpoint, operation: str) -> None:
+    """A stopped or terminated instance is described with an empty public name, not without one."""
+    endpoint.prepare_account([])
+    getattr(endpoint.client(), operation)(InstanceIds=[launch(endpoint)])
+    (reservation,) = endpoint.client().describe_instances()["Reservations"]
+    assert reservation["Instances"][0]["PublicDnsName"] == ""
 
 
 def test_a_reset_empties_the_account(endpoint: Ec2Endpoint) -> None:

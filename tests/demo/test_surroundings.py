@@ -8,7 +8,7 @@ from pathlib import Path
 
 import pytest
 
-from demo.surroundings import environment, surroundings
+from demo.surroundings import surroundings
 from tovarincore.cloud_conf import CloudConf, CloudConfManager
 from tovarincore.cloud_def import AWSCloudAuth, CloudRegion
 from tovarincore.core_conf import core_conf_glbl
@@ -20,20 +20,6 @@ def credentials() -> CloudConf:
     """Credentials to store."""
     auth = AWSCloudAuth(aws_access_key_id="id", aws_secret_access_key="secret")
     return CloudConf(cloud_auth=auth, user_name="demo-user")
-
-
-def test_the_users_own_variables_are_hidden_and_come_back(monkeypatch: pytest.MonkeyPatch) -> None:
-    """A profile or an endpoint of the user's must not reach the demo, and is there again after it."""
-    monkeypatch.setenv("AWS_PROFILE", "somebody")
-    monkeypatch.setenv("TOVARIN_NETWORK__AWS_CUSTOM_VPC", "vpc-of-somebody")
-    monkeypatch.setenv("OTHER", "kept")
-    before = dict(os.environ)
-    with environment({"AWS_ENDPOINT_URL_EC2": "http://127.0.0.1:1"}):
-        assert [name for name in os.environ if name.startswith(("AWS_", "TOVARIN_"))] == [
-            "AWS_ENDPOINT_URL_EC2"
-        ]
-        assert os.environ["OTHER"] == "kept"
-    assert dict(os.environ) == before
 
 
 def test_settings_and_credentials_hold_inside_only() -> None:

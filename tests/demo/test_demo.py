@@ -1,0 +1,102 @@
+"""Tests of the demo as a person runs it, and of what it does when a step goes wrong."""
+
+from __future__ import annotations
+
+import json
+import os
+import subprocess
+import sys
+from pathlib import Path
+from typing import Any
+
+import pytest
+
+from demo.ec2_tour import HEALTHY, NODE_NAMES, run_ec2_demo
+from tovarincore.cloud_def import AWSCloudAuth, CloudRegion
+from tovarincore.cloud_node import CloudManager
+
+ROOT = Path(__file__).resolve().parents[2]
+# Under a minute is promised on an ordinary machine; a busy one may take longer.
+PATIENCE_SECONDS = 180
+
+
+def run_demo(*arguments: str) -> subprocess.CompletedProcess[str]:
+    """Run `python -m demo` with warnings as errors, in an environment that would mislead it."""
+    misleading = {"AWS_PROFILE": "no-such-profile", "HTTP_PROXY": "http://127.0.0.1:1"}
+    return subprocess.run(
+        [sys.executable, "-X", "dev", "-W", "error", "-m", "demo", *arguments],
+        cwd=ROOT,
+        env={**os.environ, **misleading},
+        capture_output=True,
+        text=True,
+        timeout=PATIENCE_SECONDS,
+        check=False,
+    )
+
+
+def json_lines(text: str) -> list[dict[str, Any]]:
+    """The objects of a JSON lines text."""
+    return [json.loads(line) for line in text.splitlines()]
+
+
+def test_the_demo_shows_every_step_as_json_lines() -> None:
+    """All steps are right, the node's states follow each other, and the security group is shown."""
+    done = run_demo("--json")
+    assert (done.returncode, done.stderr) == (0, "")
+    _opening, *steps, outcome = json_lines(done.stdout)
+    assert all(step["ok"] for step in steps)
+    assert outcome["ok"]
+    assert outcome["steps"] == len(steps)
+    states = [node["state"] for step in steps for node in step.get("nodes", []) if node["name"] == HEALTHY]
+    assert states == [
+        "Starting",
+        "Running",
+        "Stopping",
+        "Stopped",
+        "Starting",
+        "Running",
+        "Starting",
+        "Running",
+        "Shutting-down",
+        "Terminated",
+        "Terminated",
+    ]
+    assert [rule["protocol"] for rule in steps[-1]["inbound rules"]] == ["tcp"]
+    (refused,) = [step for step in steps if "refuses" in step["name"]]
+    assert "ami-0123456789abcdef0" in refused["said"][0]
+
+
+def test_the_demo_reads_well_for_a_person() -> None:
+    """The text names every node with state, readiness and address, and ends with the verdict."""
+    done = run_demo()
+    assert (done.returncode, done.stderr) == (0, "")
+    assert "Dry run of a launch" in done.stdout
+    for name in NODE_NAMES:
+        assert name in done.stdout
+    assert ".amazonaws.com" in done.stdout
+    assert "EC2 says: " in done.stdout
+    assert "steps showed what they should" in done.stdout.splitlines()[-1]
+
+
+class ForgetfulManager(CloudManager):
+    """A facade whose stop does nothing."""
+
+    def stop_node(self, region: CloudRegion, auth: AWSCloudAuth, instance_id: str) -> None:
+        """Do nothing."""
+
+
+def test_a_step_that_goes_wrong_is_named_and_ends_with_status_1(capsys: pytest.CaptureFixture[str]) -> None:
+    """A stop that does not stop is noticed; the steps that build on it are not tried."""
+    assert run_ec2_demo(json_lines=True, manager=ForgetfulManager()) == 1
+    *_, failed, outcome = json_lines(capsys.readouterr().out)
+    assert failed["name"] == "Stop the node"
+    assert not failed["ok"]
+    assert "recorded state" in failed["failed_checks"][0]
+    assert outcome["went_wrong"] == ["Stop the node"]
+
+
+def test_an_unknown_option_is_refused() -> None:
+    """A misspelt option is not silently ignored."""
+    done = run_demo("--jsno")
+    assert done.returncode == 2
+    assert "--jsno" in done.stderr
