@@ -166,19 +166,20 @@ def connect(host: str, port: int, deadline: Deadline) -> TcpStream:
     deadline.enter(
         f"connecting to {host} port {port}", "see whether the host runs and a firewall drops the port"
     )
-    failure: OSError | None = None
+    # Its text alone: an exception kept in a local variable keeps this frame, which keeps the exception.
+    failure = ""
     for position, address in enumerate(addresses):
         seconds = deadline.remaining() / (len(addresses) - position)
         try:
             return TcpStream(_connect_to(address, seconds))
         except OSError as exc:
-            failure = exc
+            failure = str(exc)
     # An address that did not answer in its share is no news when the time is over anyway.
     deadline.remaining()
     raise RequestFailed(
         OPResultErrorCode.CONNECTION_FAILED,
         f"cannot connect to {host} port {port} ({failure}); see whether the worker runs and listens there",
-    ) from failure
+    )
 
 
 def _connect_to(address: SocketAddress, seconds: float) -> socket.socket:
