@@ -56,8 +56,8 @@ class K8sConsoleClient:
 
         :param additional_params: JSON object whose keys may be ``node_selector``, ``tolerations``, ``env``,
             ``service_account``, ``image_pull_secrets`` and ``priority_class``
-        :param startup_script: run in the worker's container when it starts, beside the image's entry point, by
-            the interpreter of its ``#!`` line or else by ``/bin/sh``
+        :param startup_script: run in the worker's container when it starts, beside the image's entry point,
+            by the interpreter of its ``#!`` line or else by ``/bin/sh``
         :return: the node in state ``STARTING``, or ``None`` and what went wrong
         """
         try:

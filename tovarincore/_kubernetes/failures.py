@@ -42,9 +42,9 @@ def translated(deadline: Deadline) -> Iterator[None]:
         raise deadline.exceeded() from error
     except httpcore2.ConnectError as error:
         raise _unreachable(error) from error
-    except httpcore2.NetworkError as error:
+    except (httpcore2.NetworkError, httpcore2.RemoteProtocolError) as error:
         raise KubernetesError(
-            f"The connection to the Kubernetes API server broke off ({error}). Try again; it may restart.",
+            f"The connection to the API server broke off ({error}). Try again: it may be restarting.",
             OPResultErrorCode.CONNECTION_FAILED,
             outcome_unknown=True,
         ) from error
@@ -54,10 +54,13 @@ def translated(deadline: Deadline) -> Iterator[None]:
             "The credentials cannot be sent: they hold characters that no HTTP header may have.",
             OPResultErrorCode.UNAUTHENTICATED,
         ) from None
-    except httpcore2.ProtocolError as error:
-        raise _not_understood(f"{error}") from error
     except (msgspec.MsgspecError, json.JSONDecodeError, UnicodeDecodeError) as error:
-        raise _not_understood(f"it is not what was asked for ({type(error).__name__})") from error
+        raise KubernetesError(
+            "The server's answer is not what was asked for. Check that the address in the kubeconfig is that of "
+            f"a Kubernetes API server ({type(error).__name__}).",
+            OPResultErrorCode.PROTOCOL_ERROR,
+            outcome_unknown=True,
+        ) from error
     except (httpcore2.UnsupportedProtocol, httpx2.UnsupportedProtocol, httpx2.InvalidURL) as error:
         raise KubernetesError(
             "The server's address in the kubeconfig cannot be used; it has to be like https://host:6443",
@@ -97,12 +100,3 @@ def _root_of(error: BaseException) -> BaseException:
     while error.__cause__ is not None:
         error = error.__cause__
     return error
-
-
-def _not_understood(why: str) -> KubernetesError:
-    return KubernetesError(
-        f"The Kubernetes API server's answer cannot be understood: {why}. Check that the address in "
-        "the kubeconfig is that of an API server.",
-        OPResultErrorCode.PROTOCOL_ERROR,
-        outcome_unknown=True,
-    )

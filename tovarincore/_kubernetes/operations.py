@@ -162,7 +162,7 @@ def _discard(client: Client, launch: Launch, deadline: Deadline, cause: BaseExce
                 client.delete(Secret, secret_name(launch.pod_name))
     except KubernetesError as error:
         raise KubernetesError(
-            f"{cause} The pod {launch.pod_name} may have been left behind: removing it failed as well ({error}). "
+            f"{cause} The pod {launch.pod_name} may have been left behind: removing it failed ({error}). "
             "List the nodes and terminate it if it is there.",
             cause.error_code if isinstance(cause, KubernetesError) else None,
         ) from cause
