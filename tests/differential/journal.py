@@ -111,6 +111,7 @@ class Journal:
 
     def __init__(self, seed: int, fail_at: Optional[int] = None, failure: str = "exception") -> None:
         self.random = random.Random(seed)
+        self.health = self.random.choice((0.0, 0.8, 0.97))
         self.events: list[tuple[str, ...]] = []
         self.noted = 0  # events at which a failure can be injected; the results and states between them are none
         self.fail_at = fail_at
@@ -133,7 +134,12 @@ class Journal:
         return outcome()
 
     def choice(self, *options: Any) -> Any:
+        """One of the options, each as likely as the others."""
         return self.random.choice(options)
+
+    def prefer(self, usual: Any, *others: Any) -> Any:
+        """The usual option, or now and then another: how often is the program's own health."""
+        return usual if self.random.random() < self.health else self.random.choice((usual, *others))
 
     def number_of(self, value: Any) -> int:
         """The rank of an object among those shown so far: the same in both runs, unlike its id."""

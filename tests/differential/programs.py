@@ -80,6 +80,9 @@ class Program:
         self.classes = {kind: getattr(module, kind) for kind in KINDS}  # tampering may take the names away
         self.journal = journal
         self.choice = journal.choice
+        self.auths = [type("Auth", (module.AWSCloudAuth,), {})()]
+        self.auths[0].__dict__.update(aws_profile=self.choice("profile", "", None), aws_access_key_id="id")
+        self.auths[0].__dict__.update(aws_secret_access_key="secret", aws_session_token=None)
         self.facade: Any = None
         self.providers: list[Any] = []
         self.nodes: list[Any] = []
@@ -88,8 +91,9 @@ class Program:
     def run(self) -> None:
         """Builds a facade, does a few things with it, and writes the state it left into the journal."""
         self.step("CloudManager()", self.make_facade)
+        deeds = (self.use_facade, self.use_provider, self.use_provider, self.use_amazon, self.use_amazon, self.use_pool)
         for _ in range(self.choice(1, 2, 3, 4, 6)):
-            self.choice(self.use_facade, self.use_provider, self.use_provider, self.use_pool, self.tamper)()
+            self.journal.prefer(self.choice(*deeds), self.tamper)()
         self.show_state()
 
     def step(self, name: str, action: Callable[[], Any]) -> None:
@@ -130,12 +134,20 @@ class Program:
         name = self.choice(*table)
         self.call(provider, name, table[name])
 
-    def make_provider(self) -> Any:
-        kind = self.choice(*KINDS)
+    def use_amazon(self) -> None:
+        self.step("provider", lambda: self.make_provider("AWSNodeManager"))
+        if self.providers:
+            provider = self.providers[-1]
+            tables = {**AMAZON, **PROVIDER}
+            for name in (self.choice(*AMAZON), self.choice("launch_node", "list_instances", "start_node", *PROVIDER)):
+                self.call(provider, name, tables[name])
+
+    def make_provider(self, kind: str = "") -> Any:
+        kind = kind or self.choice(*KINDS)
         cls = self.classes[kind]
-        if self.choice(True, False, False, False):
+        if self.journal.prefer(False, True):
             cls = self.subclass(cls)
-        arguments = (self.region(), self.auth(), "user") if kind == "AWSNodeManager" else (self.region(),)
+        arguments = (self.region(), self.auth(), self.journal.prefer("user", None)) if kind == "AWSNodeManager" else (self.region(),)
         provider = cls(*arguments)
         self.providers.append(provider)
         nodes = [self.node() for _ in range(self.choice(0, 1, 2, 3))]
@@ -146,7 +158,9 @@ class Program:
     def subclass(self, base: Any) -> Any:
         """A subclass that overrides one method, calling the original in between."""
         journal = self.journal
-        name = self.choice("_get_client", "list_instances", "set_node", "get_node_list", "_get_security_group_id", "_create_session")
+        name = self.choice(
+            "_get_client", "list_instances", "set_node", "get_node_list", "_get_security_group_id", "_create_session"
+        )
 
         def override(this: Any, *args: Any, **kwargs: Any) -> Any:
             journal.note("override", name, args, kwargs)
@@ -183,7 +197,7 @@ class Program:
 
     def call(self, target: Any, name: str, kinds: tuple[str, ...]) -> None:
         arguments = [getattr(self, kind)() for kind in kinds]
-        if arguments and self.choice(*range(12)) == 0:
+        if arguments and self.journal.prefer(False, False, False, True):
             arguments.pop()
         self.step(name, lambda: getattr(target, name)(*arguments))
 
@@ -193,25 +207,25 @@ class Program:
         return self.choice(None, "x", 5, Probe(self.journal, "any"))
 
     def flag(self) -> Any:
-        return self.choice(True, False, False, Probe(self.journal, "flag"))
+        return self.journal.prefer(self.choice(True, False), Probe(self.journal, "flag"))
 
     def text(self) -> Any:
-        return self.choice("i-1", "i-2", "i-1", None, 7, Probe(self.journal, "text"))
+        return self.journal.prefer(self.choice("i-1", "i-2"), None, 7, Probe(self.journal, "text"))
 
     def region(self) -> Any:
         if not self.regions or self.choice(True, False, False):
             self.regions.append(Probe(self.journal, "region"))
-        return self.choice(*self.regions, *self.regions, None)
+        return self.journal.prefer(self.choice(*self.regions), None)
 
     def auth(self) -> Any:
-        return self.choice(self.module.AWSCloudAuth(), self.module.AWSCloudAuth(), None, "not an auth")
+        return self.journal.prefer(self.auths[0], None, "not an auth")
 
     def plan(self) -> Any:
         name = self.choice("CpuPlanA", "GpuPlanA", "CpuPlanB", "GpuPlanB", "")
         return getattr(self.module, name)() if name else None
 
     def config(self) -> Any:
-        return self.choice(Probe(self.journal, "config"), Probe(self.journal, "config"), None)
+        return self.journal.prefer(Probe(self.journal, "config"), None)
 
     def node(self) -> Any:
         plain = SimpleNamespace(
@@ -222,7 +236,7 @@ class Program:
             worker_id_list=self.choice([], ["w"], ["w", "v"]),
             region=self.region(),
         )
-        if self.choice(*range(8)) == 0:
+        if self.journal.prefer(False, False, False, True):
             del plain.__dict__[self.choice(*vars(plain))]
         self.nodes.append(self.choice(plain, plain, Probe(self.journal, "node")))
         return self.choice(*self.nodes)
@@ -241,7 +255,7 @@ class Program:
         plain = SimpleNamespace(
             node=SimpleNamespace(uuid=self.choice("i-1", "i-2", "i-3")), worker_id=self.choice("w-1", "w-2")
         )
-        if self.choice(*range(8)) == 0:
+        if self.journal.prefer(False, False, False, True):
             del plain.__dict__[self.choice("node", "worker_id")]
         return self.choice(plain, plain, Probe(self.journal, "client"))
 

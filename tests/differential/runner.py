@@ -49,7 +49,7 @@ def difference(extension: Any, twin: Any, case: Case) -> Optional[str]:
     return None
 
 
-def cases(twin: Any, first_seed: int, programs: int) -> Iterator[Case]:
+def cases(twin: Any, first_seed: int, programs: int, failures: int = 10) -> Iterator[Case]:
     """As many cases as asked for: each seed runs plainly, then with failures of any kind at events of its own."""
     made = 0
     seed = first_seed
@@ -58,7 +58,7 @@ def cases(twin: Any, first_seed: int, programs: int) -> Iterator[Case]:
         made += 1
         noted = run(twin, Case(seed)).noted
         dice = random.Random(~seed)
-        for _ in range(min(10, programs - made)):
+        for _ in range(min(failures, programs - made)):
             yield Case(seed, dice.randrange(noted), dice.choice(FAILURES))
             made += 1
         seed += 1

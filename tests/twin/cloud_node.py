@@ -571,10 +571,10 @@ class AWSNodeManager(NodeManager, CloudKeyPairManager):
         for inbound_rule in SecurityGroupRules.inbound_list:
             found = next((rule for rule in existing_rules if rule == inbound_rule), None)
             if not found:
-                self.logger.debug("Inbound Rule Not Found : " + str(inbound_rule))
+                self.logger.debug(f"Inbound Rule Not Found : {inbound_rule}")
                 not_existing_rules.append(inbound_rule)
             else:
-                self.logger.debug("Inbound Rule Found : " + str(found))
+                self.logger.debug(f"Inbound Rule Found : {found}")
         if not_existing_rules:
             self._add_inbound_security_group_rules(security_group_id, not_existing_rules)
             self.logger.debug("Added not existing rules")

@@ -47,7 +47,7 @@ Object get_security_group_id(Handle self, Handle name)
         if (uses_custom_vpc(self, Where::here()))
             append(filters, filter("vpc-id"_s, self.get("core_conf"_s).get("network__aws_custom_vpc"_s)));
         Object response = self.call("_get_client"_s, {}).call("describe_security_groups"_s, {"Filters"_k = filters});
-        if (response.contains("SecurityGroups"_s) && len(response.item("SecurityGroups"_s)) > 0)
+        if (response.contains("SecurityGroups"_s) && response.item("SecurityGroups"_s).truthy())
             return response.item("SecurityGroups"_s).item(Py_ssize_t{0}).item("GroupId"_s);
         Object log = self.get("logger"_s).get("debug"_s);
         call(log, {concat({"Security Group : "_s, name, " Not Exists"_s})});
