@@ -1,0 +1,98 @@
+"""The implementations that every test of behaviour runs on: the built extension and its plain-Python twin."""
+
+from __future__ import annotations
+
+import importlib
+import os
+import subprocess
+import sys
+from collections.abc import Callable, Iterator
+from importlib.machinery import EXTENSION_SUFFIXES
+from pathlib import Path
+from types import ModuleType
+
+import pytest
+
+from tests.fakes import CallLog, recording_logger
+from tests.servers.settings import settings_of
+
+MODULES = {"extension": "tovarincore.cloud_node", "twin": "tests.twin.cloud_node"}
+ONLY = os.environ.get("TOVARIN_TESTS_ONLY", "")
+IMPLEMENTATIONS = [ONLY] if ONLY else list(MODULES)
+ROOT = Path(__file__).parent.parent
+
+
+def pytest_configure() -> None:
+    """Refuse to start without the built module, whose absence the import system would not report."""
+    if ONLY and ONLY not in MODULES:
+        raise pytest.UsageError(f"TOVARIN_TESTS_ONLY is {ONLY!r}; allowed are {', '.join(MODULES)}")
+    if ONLY != "twin":
+        # Without the built module the folder of C++ sources is imported, as an empty namespace package.
+        path = importlib.import_module(MODULES["extension"]).__file__
+        if path is None or not path.endswith(tuple(EXTENSION_SUFFIXES)):
+            raise pytest.UsageError(
+                f"tovarincore.cloud_node is not built for this interpreter ({EXTENSION_SUFFIXES[0]}):"
+                " run `make build` first"
+            )
+
+
+@pytest.fixture
+def own_settings(tmp_path: Path) -> Iterator[None]:
+    """Defaults in place of the configuration and the credentials of the machine that runs the tests."""
+    with settings_of(tmp_path, {}):
+        yield
+
+
+@pytest.fixture(params=IMPLEMENTATIONS)
+def cloud_node(request: pytest.FixtureRequest, own_settings: None) -> ModuleType:
+    """Each implementation of the module in turn."""
+    return importlib.import_module(MODULES[request.param])
+
+
+@pytest.fixture
+def log(cloud_node: ModuleType, monkeypatch: pytest.MonkeyPatch) -> CallLog:
+    """The one record of calls and log events; node managers made in the test log into it."""
+    calls = CallLog()
+    logger = recording_logger(calls)
+    monkeypatch.setattr(cloud_node, "log_manager_glbl", LogManager(logger))
+    return calls
+
+
+class LogManager:
+    """Hands out one logger, as the package's log manager does."""
+
+    def __init__(self, logger: object) -> None:
+        self.get_logger = lambda: logger
+
+
+Child = Callable[..., subprocess.CompletedProcess[str]]
+
+
+@pytest.fixture
+def run_child(tmp_path: Path) -> Child:
+    """Runs Python code in a process of its own, from the root of the tree, warnings being errors."""
+
+    def run(code: str, *options: str, **environment: str) -> subprocess.CompletedProcess[str]:
+        return subprocess.run(
+            [sys.executable, "-W", "error", *options, "-c", code],
+            cwd=ROOT,
+            env={**os.environ, "PYTHONPATH": str(ROOT), "PYTHONDONTWRITEBYTECODE": "1", **environment},
+            capture_output=True,
+            text=True,
+            timeout=120,
+        )
+
+    return run
+
+
+@pytest.fixture
+def run_optimised(cloud_node: ModuleType, run_child: Child) -> Callable[[str], str]:
+    """Runs code on the implementation without assertions, and returns what it prints."""
+
+    def run(code: str) -> str:
+        prologue = f"import sys\nfrom {cloud_node.__name__.rpartition('.')[0]} import cloud_node\n"
+        child = run_child(prologue + code, "-O")
+        assert (child.returncode, child.stderr) == (0, ""), child.stderr
+        return child.stdout
+
+    return run

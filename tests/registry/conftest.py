@@ -1,0 +1,32 @@
+"""A node manager whose provider answers as the test says."""
+
+from __future__ import annotations
+
+from types import ModuleType
+from typing import Any
+
+import pytest
+
+from tests.fakes import AWS_REGION, CallLog
+
+OPERATIONS = (
+    "launch_node",
+    "list_instances",
+    "start_node",
+    "stop_node",
+    "terminate_node",
+    "list_instance_templates",
+    "list_instance_types",
+)
+
+
+def provider_class(cloud_node: ModuleType, *left_out: str) -> Any:
+    """Return a subclass of NodeManager that overrides its abstract operations but for those named."""
+    body = {name: lambda self, *args, **kwargs: None for name in OPERATIONS if name not in left_out}
+    return type(cloud_node.NodeManager)("Provider", (cloud_node.NodeManager,), body)
+
+
+@pytest.fixture
+def manager(cloud_node: ModuleType, log: CallLog) -> Any:
+    """A manager of an empty registry."""
+    return provider_class(cloud_node)(AWS_REGION)
