@@ -18,13 +18,16 @@ __all__ = [
     "Conversation",
     "Peer",
     "answers_http",
+    "answers_once",
     "answers_text",
     "closes_at_once",
     "drips_handshake",
     "drips_reply",
     "floods_messages",
     "floods_pings",
+    "echoes",
     "never_replies",
+    "proxies",
     "refusing_port",
     "resets_after_request",
     "says_nothing",
@@ -79,6 +82,11 @@ class Conversation:
             assert isinstance(event, Frame)
             if event.opcode is Opcode.TEXT:
                 return bytes(event.data).decode()
+
+    def reply(self, text: str) -> None:
+        """Send a text message."""
+        self.protocol.send_text(text.encode())
+        self.connected.sendall(b"".join(self.protocol.data_to_send()))
 
     def _next(self) -> object:
         while not (events := self.protocol.events_received()):
@@ -243,6 +251,19 @@ def answers_http(answer: bytes) -> Behaviour:
     return behave
 
 
+def echoes(conversation: Conversation) -> None:
+    """Answers each request with itself, which is the shortest right reply to a ping."""
+    conversation.open()
+    while True:
+        conversation.reply(conversation.message())
+
+
+def answers_once(conversation: Conversation) -> None:
+    """Answers one request rightly, then closes."""
+    conversation.open()
+    conversation.reply(conversation.message())
+
+
 def answers_text(reply: Callable[[dict[str, object]], bytes], opcode: int = 0x81) -> Behaviour:
     """Answers each request with the frame whose payload is made of it."""
 
@@ -254,3 +275,31 @@ def answers_text(reply: Callable[[dict[str, object]], bytes], opcode: int = 0x81
             conversation.connected.sendall(head + payload)
 
     return behave
+
+
+def proxies(heads: list[bytes], answer: bytes = b"HTTP/1.1 200 Connection established\r\n\r\n") -> Behaviour:
+    """Answers CONNECT as given and, after a success, passes everything on; keeps what it was asked."""
+
+    def behave(conversation: Conversation) -> None:
+        head = b""
+        while not head.endswith(b"\r\n\r\n"):
+            head += conversation.connected.recv(1)
+        heads.append(head)
+        conversation.connected.sendall(answer)
+        if b" 200 " not in answer:
+            return
+        host, port = head.split()[1].rsplit(b":", 1)
+        with socket.create_connection((host.strip(b"[]").decode(), int(port))) as worker:
+            back = threading.Thread(target=_pass_on, args=(worker, conversation.connected), daemon=True)
+            back.start()
+            _pass_on(conversation.connected, worker)
+            back.join()
+
+    return behave
+
+
+def _pass_on(source: socket.socket, destination: socket.socket) -> None:
+    with suppress(OSError):
+        while data := source.recv(65536):
+            destination.sendall(data)
+    _shut_down(destination)

@@ -1,0 +1,44 @@
+"""The time limit of a request to a worker, against every way in which a worker can fail."""
+
+import math
+import time
+
+import pytest
+
+from tests.servers.worker_timeouts import SCENARIOS, Scenario, is_right, measure
+from tovarincore._websocket.deadline import Deadline
+from tovarincore._websocket.errors import RequestFailed
+from tovarincore.core_def import OPResultErrorCode
+
+
+@pytest.mark.parametrize("scenario", SCENARIOS, ids=lambda scenario: scenario.title.replace(" ", "-"))
+def test_the_result_is_right_and_in_time(scenario: Scenario) -> None:
+    """Whoever hangs or drips costs the limit and at most 0.2 s on top; other failures show at once."""
+    seconds = 0.5
+    result, took = measure(scenario, seconds)
+    assert is_right(scenario, result, took, seconds), (result, took)
+    assert result.error is not result.success
+    if scenario.code is not None:
+        # What was wrong and what to do about it.
+        assert result.msg is not None
+        assert result.msg.startswith("Worker of node node: ")
+        assert ";" in result.msg
+
+
+def test_waiting_never_ends_before_the_deadline() -> None:
+    """Whole milliseconds are rounded up, so that a wait of this length does not need another one."""
+    deadline = Deadline(0.0501)
+    assert deadline.poll_timeout() == math.ceil(deadline.remaining() * 1000) == 51
+
+
+def test_a_time_out_tells_what_was_waited_for() -> None:
+    """The text names the limit, the stage and where to look."""
+    deadline = Deadline(0.01)
+    deadline.enter("counting sheep", "see the shepherd")
+    time.sleep(0.02)
+    with pytest.raises(RequestFailed) as caught:
+        deadline.remaining()
+    assert caught.value.code is OPResultErrorCode.TIMEOUT
+    assert caught.value.msg == (
+        "no answer within 0.01 s, stopped while counting sheep; see the shepherd, or allow more time"
+    )
