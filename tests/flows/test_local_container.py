@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import re
 import socket
 import threading
 import time
@@ -29,6 +30,7 @@ pytestmark = pytest.mark.xdist_group("container engine")
 VERSIONS = ["1.2.0", "1.10.0", "1.9.0"]
 NEWEST_FIRST = ["1.10.0", "1.9.0", "1.2.0"]
 IMAGE = "tovarin-worker"
+DOCUMENT = Path(__file__).parents[2] / "docs" / "local-containers.md"
 # For an engine that is made to hang.
 SHORT_LIMIT_SECONDS = 1.5
 
@@ -310,3 +312,11 @@ def test_an_engine_that_ends_leaves_the_registry_as_it_was(tmp_path: Path, local
         _, result = _within(LIMIT_SECONDS, lambda: local.launch_template(template))
         assert result.error_code is OPResultErrorCode.ENGINE_UNAVAILABLE
     assert local.registry() == [node]
+
+
+def test_the_documented_program_runs(local: LocalRegion, capsys: pytest.CaptureFixture[str]) -> None:
+    """The sample of the documentation launches, waits for the worker and terminates it."""
+    (program,) = re.findall(r"^```python\n(.*?)^```$", DOCUMENT.read_text(), re.DOTALL | re.MULTILINE)
+    exec(compile(program, str(DOCUMENT), "exec"), {})
+    assert "'tovarin-worker', <NodeState.RUNNING: 'Running'>, True" in capsys.readouterr().out
+    assert local.client.containers(all=True) == []
