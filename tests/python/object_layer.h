@@ -27,7 +27,8 @@ template <auto Function> PyMethodDef entry(const char* name)
     return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&call_entry<Function>)), METH_FASTCALL, nullptr};
 }
 
-extern PyMethodDef verbs[]; // object_layer.cpp
+extern PyMethodDef verbs[];       // object_layer.cpp
+extern PyMethodDef deep_copies[]; // deep_copy_entries.cpp
 
 void build_sample_classes(); // sample_classes.cpp
 

@@ -1,6 +1,8 @@
 // Classes made from tables, for the tests of functions and of the class builder.
 #include "object_layer.h"
 
+#include "python/deep_copy_genuine.h"
+
 namespace object_layer {
 
 namespace {
@@ -51,9 +53,12 @@ int execute(PyObject* module)
         open_module(borrow(module));
         ready_function_type();
         check(PyModule_AddFunctions(module, verbs));
+        check(PyModule_AddFunctions(module, deep_copies));
         keep_builtins({"staticmethod"_s, "super"_s, "AssertionError"_s});
         set_global("ABC"_s, import_from("abc"_s, "ABC"_s));
         set_global("abstractmethod"_s, import_from("abc"_s, "abstractmethod"_s));
+        set_global("deepcopy"_s, import_from("copy"_s, "deepcopy"_s));
+        keep_genuine_deepcopy();
         build_sample_classes();
         return none();
     });

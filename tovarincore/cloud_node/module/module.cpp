@@ -1,5 +1,6 @@
 // PyInit_cloud_node: one short list of steps in order.
 #include "../facade/facade.h"
+#include "../python/deep_copy_genuine.h"
 #include "../providers/aws/aws.h"
 #include "../providers/k8s/k8s.h"
 #include "../providers/local/local.h"
@@ -20,6 +21,7 @@ void run_module_body(Handle module)
     open_module(module);
     ready_function_type();
     bind_imports();
+    keep_genuine_deepcopy();
     keep_builtins({"staticmethod"_s, "range"_s, "super"_s, "AssertionError"_s, "NotImplementedError"_s});
     build_node_manager();
     build_cloud_key_pair_manager();

@@ -3,6 +3,7 @@
 
 #include "builders.h"
 #include "class_builder.h"
+#include "deep_copy.h"
 #include "errors.h"
 #include "globals.h"
 #include "iteration.h"

@@ -8,15 +8,13 @@ namespace {
 // self.__node_list, read anew at each mention, as Python does
 Object nodes_of(Handle self, Where where = Where::here()) { return self.get("_NodeManager__node_list"_s, where); }
 
-Object deepcopy(Handle value, Where where = Where::here()) { return call_global("deepcopy"_s, {value}, where); }
-
 // A deep copy of the first node whose attribute equals the value, else None.
 Object find_node(Handle self, Name attribute, Handle value, Where here = Where::here())
 {
     auto search = [&] {
         for (Object node : each(nodes_of(self, here), here))
             if (node.get(attribute, here).equals(value, here))
-                return deepcopy(node, here);
+                return deep_copy(node, here);
         return none();
     };
     return holding(self, "_NodeManager__node_list_lock"_s, search, here);
@@ -36,13 +34,13 @@ Object node_manager_init(Handle self, Handle region)
 
 Object get_node_list(Handle self)
 {
-    return holding(self, "_NodeManager__node_list_lock"_s, [&] { return deepcopy(nodes_of(self)); });
+    return holding(self, "_NodeManager__node_list_lock"_s, [&] { return deep_copy(nodes_of(self)); });
 }
 
 Object set_node_list(Handle self, Handle node_list)
 {
     return holding(self, "_NodeManager__node_list_lock"_s, [&] {
-        self.set("_NodeManager__node_list"_s, deepcopy(node_list));
+        self.set("_NodeManager__node_list"_s, deep_copy(node_list));
         return none();
     });
 }
@@ -50,7 +48,7 @@ Object set_node_list(Handle self, Handle node_list)
 Object set_node(Handle self, Handle node_given)
 {
     return holding(self, "_NodeManager__node_list_lock"_s, [&] {
-        Object node = deepcopy(node_given);
+        Object node = deep_copy(node_given);
         Py_ssize_t count = len(nodes_of(self));
         for (Py_ssize_t i = 0; i < count; ++i)
             if (nodes_of(self).item(i).get("instance_id"_s).equals(node.get("instance_id"_s))) {
@@ -71,7 +69,7 @@ Object get_ready_node_next_in_line(Handle self)
     return holding(self, "_NodeManager__node_list_lock"_s, [&] {
         for (Object node : each(nodes_of(self)))
             if (node.get("ready"_s).truthy())
-                return deepcopy(node);
+                return deep_copy(node);
         return none();
     });
 }

@@ -50,7 +50,7 @@ void carry_worker_ids_over(Handle prev_node_list, Handle new_node_list, Where wh
 Object refresh_node(Handle self, Handle node)
 {
     try {
-        Object updated_node = call_global("deepcopy"_s, {node});
+        Object updated_node = deep_copy(node);
         Object webs_client = probe_client(updated_node);
         Object request = call_global("PingRequest"_s, {});
         Object ping_op_result = webs_client.call("api_get_op_result"_s, {request});

@@ -1,0 +1,251 @@
+#include "deep_copy_plain.h"
+
+#include <cstring>
+
+namespace py {
+
+PointerMemo::~PointerMemo() noexcept(false)
+{
+    for (std::size_t i = 0, size = std::size_t{1} << bits_; used_ > 0 && i < size; ++i)
+        if (table_[i].original != nullptr) {
+            Py_DECREF(table_[i].original);
+            --used_;
+        }
+    if (table_ != inline_)
+        PyMem_Free(table_);
+}
+
+PointerMemo::Entry* PointerMemo::find(PyObject* original) const
+{
+    std::size_t mask = (std::size_t{1} << bits_) - 1;
+    std::size_t i = (reinterpret_cast<std::uintptr_t>(original) * 0x9E3779B97F4A7C15u) >> (64 - bits_);
+    while (table_[i].original != nullptr && table_[i].original != original)
+        i = (i + 1) & mask;
+    return &table_[i];
+}
+
+bool PointerMemo::add(Entry* free_entry, PyObject* original, PyObject* copy)
+{
+    if ((used_ + 1) * 3 > (std::size_t{2} << bits_)) {
+        if (!grow())
+            return false;
+        free_entry = find(original);
+    }
+    Py_INCREF(original);
+    *free_entry = {original, copy};
+    ++used_;
+    return true;
+}
+
+bool PointerMemo::grow()
+{
+    std::size_t old_size = std::size_t{1} << bits_;
+    unsigned more = bits_ < 12 ? 2 : 1;
+    auto* table = static_cast<Entry*>(PyMem_Calloc(old_size << more, sizeof(Entry)));
+    if (table == nullptr) {
+        PyErr_NoMemory();
+        return false;
+    }
+    Entry* old = std::exchange(table_, table);
+    bits_ += more;
+    for (std::size_t i = 0; i < old_size; ++i)
+        if (old[i].original != nullptr)
+            *find(old[i].original) = old[i];
+    if (old != inline_)
+        PyMem_Free(old);
+    return true;
+}
+
+// Every container costs one level of the recursion limit, as every call does.
+PyObject* PlainCopy::copy(PyObject* original)
+{
+    if (is_plain_value(Py_TYPE(original))) {
+        Py_INCREF(original);
+        return original;
+    }
+    if (Py_EnterRecursiveCall(" while copying an object"))
+        return nullptr;
+    Py_INCREF(original); // a collection may run any code, which may take the original away
+    PyObject* made = copy_container(original);
+    Py_DECREF(original);
+    Py_LeaveRecursiveCall();
+    return made;
+}
+
+PyObject* PlainCopy::copy_container(PyObject* original)
+{
+    PointerMemo::Entry* entry = memo_.find(original);
+    if (entry->original != nullptr) {
+        Py_INCREF(entry->copy);
+        return entry->copy;
+    }
+    CopyVerdict& verdict = copy_verdict(Py_TYPE(original));
+    switch (verdict.kind) {
+    case CopyKind::list:
+        return copy_list(original, entry);
+    case CopyKind::object:
+        return copy_object(original, entry, verdict);
+    case CopyKind::tuple:
+        return copy_tuple(original);
+    case CopyKind::dict:
+        return copy_dict(original, entry);
+    case CopyKind::enumeration:
+        if (!is_own_copy(original, verdict) || !memo_.add(entry, original, original))
+            return nullptr;
+        [[fallthrough]];
+    case CopyKind::atomic:
+        Py_INCREF(original);
+        return original;
+    case CopyKind::unusual:
+        break;
+    }
+    return nullptr;
+}
+
+PyObject* PlainCopy::copy_list(PyObject* original, PointerMemo::Entry* entry)
+{
+    PyObject* made = PyList_New(PyList_GET_SIZE(original));
+    if (made == nullptr)
+        return nullptr;
+    Py_SET_SIZE(made, 0); // the collector already sees the list: it shows only what is filled
+    if (!memo_.add(entry, original, made)) {
+        Py_DECREF(made);
+        return nullptr;
+    }
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(original); ++i) {
+        PyObject* element = copy(PyList_GET_ITEM(original, i));
+        if (element == nullptr) {
+            Py_DECREF(made);
+            return nullptr;
+        }
+        Py_ssize_t size = PyList_GET_SIZE(made);
+        if (size < reinterpret_cast<PyListObject*>(made)->allocated) {
+            PyList_SET_ITEM(made, size, element);
+            Py_SET_SIZE(made, size + 1);
+            continue;
+        }
+        int failed = PyList_Append(made, element); // code run by a collection made the original longer
+        Py_DECREF(element);
+        if (failed != 0) {
+            Py_DECREF(made);
+            return nullptr;
+        }
+    }
+    return made;
+}
+
+PyObject* PlainCopy::copy_tuple(PyObject* original)
+{
+    Py_ssize_t size = PyTuple_GET_SIZE(original);
+    PyObject* elements = PyList_New(size);
+    if (elements == nullptr)
+        return nullptr;
+    Py_SET_SIZE(elements, 0);
+    bool changed = false;
+    for (Py_ssize_t i = 0; i < size; ++i) {
+        PyObject* element = copy(PyTuple_GET_ITEM(original, i));
+        if (element == nullptr) {
+            Py_DECREF(elements);
+            return nullptr;
+        }
+        changed = changed || element != PyTuple_GET_ITEM(original, i);
+        PyList_SET_ITEM(elements, i, element);
+        Py_SET_SIZE(elements, i + 1);
+    }
+    // Looked up only now: a container inside may hold the tuple, and has then copied it already.
+    PointerMemo::Entry* entry = memo_.find(original);
+    PyObject* made = entry->original != nullptr ? entry->copy : original;
+    if (made == original && changed)
+        made = PyList_AsTuple(elements);
+    else
+        Py_INCREF(made);
+    Py_DECREF(elements);
+    if (made != nullptr && made != original && entry->original == nullptr && !memo_.add(memo_.find(original), original, made))
+        Py_CLEAR(made);
+    return made;
+}
+
+// Only keys that are found without running Python code.
+PyObject* PlainCopy::copy_dict(PyObject* original, PointerMemo::Entry* entry)
+{
+    PyObject* made = PyDict_New();
+    if (made == nullptr)
+        return nullptr;
+    bool going_on = memo_.add(entry, original, made);
+    Py_ssize_t size = PyDict_GET_SIZE(original);
+    PyObject *key, *value;
+    for (Py_ssize_t position = 0; going_on && PyDict_Next(original, &position, &key, &value) != 0;) {
+        if (!is_plain_value(Py_TYPE(key))) {
+            going_on = false;
+            break;
+        }
+        Py_INCREF(key);
+        PyObject* copied = copy(value);
+        going_on = copied != nullptr && PyDict_SetItem(made, key, copied) == 0;
+        Py_XDECREF(copied);
+        Py_DECREF(key);
+        if (going_on && PyDict_GET_SIZE(original) != size) { // by code that a collection ran
+            PyErr_SetString(PyExc_RuntimeError, "dictionary changed size during iteration");
+            going_on = false;
+        }
+    }
+    if (!going_on)
+        Py_CLEAR(made);
+    return made;
+}
+
+PyObject* PlainCopy::copy_object(PyObject* original, PointerMemo::Entry* entry, CopyVerdict& verdict)
+{
+    PyTypeObject* type = Py_TYPE(original);
+    PyObject* made = type->tp_alloc(type, 0);
+    if (made == nullptr)
+        return nullptr;
+    PyObject* dict = *layout::dict_slot(original);
+    if (!memo_.add(entry, original, made) || (dict != nullptr && !PyDict_CheckExact(dict))) {
+        Py_DECREF(made);
+        return nullptr;
+    }
+    if (dict == nullptr)
+        return made;
+    PyObject* attributes = copy_attributes(dict, verdict);
+    if (attributes == nullptr) {
+        Py_DECREF(made);
+        return nullptr;
+    }
+    *layout::dict_slot(made) = attributes;
+    return made;
+}
+
+// A dictionary that only its object refers to is met nowhere else, so it needs no entry in the memo and is copied whole,
+// which keeps the key table shared; then the values that have copies of their own are replaced.
+PyObject* PlainCopy::copy_attributes(PyObject* dict, CopyVerdict& verdict)
+{
+    if (!has_plain_names(dict, verdict))
+        return nullptr;
+    if (Py_REFCNT(dict) > 1) {
+        PyObject* state = copy(dict);
+        PyObject* attributes = state == nullptr ? nullptr : PyDict_Copy(state);
+        Py_XDECREF(state);
+        return attributes;
+    }
+    Py_INCREF(dict);
+    PyObject* attributes = PyDict_Copy(dict);
+    Py_DECREF(dict);
+    if (attributes == nullptr)
+        return nullptr;
+    PyObject *name, *value;
+    for (Py_ssize_t position = 0; PyDict_Next(attributes, &position, &name, &value) != 0;) {
+        if (is_plain_value(Py_TYPE(value)))
+            continue;
+        PyObject* copied = copy(value);
+        if (copied != value && (copied == nullptr || PyDict_SetItem(attributes, name, copied) != 0)) {
+            Py_XDECREF(copied);
+            Py_DECREF(attributes);
+            return nullptr;
+        }
+        Py_DECREF(copied);
+    }
+    return attributes;
+}
+
+} // namespace py

@@ -1,0 +1,57 @@
+// A deep copy of plain data that runs no Python code at all: lists, tuples, dictionaries, plain objects, members of
+// enumerations and atomic values. At the first thing that is anything else it gives up, and nobody can have noticed that it
+// was tried: the caller starts again in another way.
+#pragma once
+
+#include "deep_copy_types.h"
+
+namespace py {
+
+// The originals met so far and their copies, by address. Small graphs need no allocation; nothing is kept between copies.
+class PointerMemo {
+public:
+    struct Entry {
+        PyObject* original;
+        PyObject* copy;
+    };
+
+    PointerMemo() = default;
+    PointerMemo(const PointerMemo&) = delete;
+    PointerMemo& operator=(const PointerMemo&) = delete;
+    ~PointerMemo() noexcept(false);
+
+    // The entry of the original, or the free one that it would take. Valid until the next add().
+    Entry* find(PyObject* original) const;
+
+    // Owns the original from now on: an address that is used again would stand for another object.
+    // False with MemoryError set when the table cannot grow.
+    bool add(Entry* free_entry, PyObject* original, PyObject* copy);
+
+private:
+    static constexpr unsigned inline_bits = 4;
+
+    bool grow();
+
+    Entry inline_[std::size_t{1} << inline_bits]{};
+    Entry* table_ = inline_;
+    unsigned bits_ = inline_bits;
+    std::size_t used_ = 0;
+};
+
+class PlainCopy {
+public:
+    // A new reference. Null with an error set: failed. Null without: something unusual was met.
+    PyObject* copy(PyObject* original);
+
+private:
+    PyObject* copy_container(PyObject* original);
+    PyObject* copy_list(PyObject* original, PointerMemo::Entry* entry);
+    PyObject* copy_tuple(PyObject* original);
+    PyObject* copy_dict(PyObject* original, PointerMemo::Entry* entry);
+    PyObject* copy_object(PyObject* original, PointerMemo::Entry* entry, CopyVerdict& verdict);
+    PyObject* copy_attributes(PyObject* dict, CopyVerdict& verdict);
+
+    PointerMemo memo_;
+};
+
+} // namespace py

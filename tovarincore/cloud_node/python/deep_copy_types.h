@@ -1,0 +1,48 @@
+// What deepcopy would do with an instance of a type, found out once per type and version of the type.
+#pragma once
+
+#include "known_keys.h"
+
+namespace py {
+
+enum class CopyKind : std::uint8_t {
+    unusual,     // a hook, slots, a built-in base, ...: Python's own function has to look at it
+    atomic,      // is its own copy
+    list,
+    tuple,
+    dict,
+    object,      // plain attribute access, no copy or pickle hook, an ordinary __dict__, object.__new__
+    enumeration, // a member of an enumeration that is as the enum module made it
+};
+
+struct CopyVerdict {
+    PyTypeObject* type = nullptr;
+    unsigned version = 0;
+    unsigned metatype_version = 0;
+    CopyKind kind = CopyKind::unusual;
+    PyObject* members = nullptr; // of an enumeration: its _value2member_map_; lives as long as this version of the type
+    KnownKeys keys;              // of a plain object: a table without a name that deepcopy or pickle look for
+};
+
+// The types of nearly all attribute values; such values are their own copies and no hashing or comparing of them can run
+// Python code.
+inline bool is_plain_value(PyTypeObject* type)
+{
+    return type == &PyUnicode_Type || type == Py_TYPE(Py_None) || type == &PyBool_Type || type == &PyLong_Type ||
+           type == &PyFloat_Type;
+}
+
+// Valid until the next call. Runs no Python code.
+CopyVerdict& copy_verdict(PyTypeObject* type);
+
+// Whether deepcopy would find this member of an enumeration (see CopyVerdict) to be its own copy.
+bool is_own_copy(PyObject* member, const CopyVerdict& verdict);
+
+// The value that such a member was made from; borrowed.
+PyObject* value_of_member(PyObject* member);
+
+// Whether the names of all attributes are plain: none that is no text, none with two leading underscores. Remembers the
+// key table of a dictionary that has passed.
+bool has_plain_names(PyObject* dict, CopyVerdict& verdict);
+
+} // namespace py

@@ -1,0 +1,48 @@
+// One shared key table, remembered: whether a dictionary uses it is then one comparison.
+#pragma once
+
+#include "layout.h"
+
+namespace py {
+
+class KnownKeys {
+public:
+    // The dictionary shares the table, and uses none of its keys but the first `count()`.
+    bool cover(PyObject* dict) const
+    {
+        return table_ != nullptr && layout::key_table(dict) == table_ && layout::shared_values(dict) != nullptr &&
+               PyDict_GET_SIZE(dict) <= count_;
+    }
+
+    Py_ssize_t count() const { return count_; }
+
+    // Keeps the table of a key-sharing dictionary alive, by an own dictionary that shares it: so its address means it.
+    void remember(PyObject* dict)
+    {
+        PyObject* witness = PyDict_Copy(dict);
+        if (witness == nullptr) {
+            PyErr_Clear(); // only not remembered
+            return;
+        }
+        PyObject** values = layout::shared_values(witness);
+        if (values == nullptr || layout::key_table(witness) != layout::key_table(dict)) {
+            Py_DECREF(witness);
+            return;
+        }
+        count_ = PyDict_GET_SIZE(witness);
+        table_ = layout::key_table(witness);
+        for (Py_ssize_t i = 0; i < count_; ++i) {
+            Py_INCREF(Py_None);
+            Py_SETREF(values[i], Py_None); // the values are nobody's business here; their owner still holds them
+        }
+        PyObject* previous = std::exchange(witness_, witness);
+        Py_XDECREF(previous);
+    }
+
+private:
+    PyObject* witness_ = nullptr; // kept for the life of the process
+    const void* table_ = nullptr;
+    Py_ssize_t count_ = 0;
+};
+
+} // namespace py

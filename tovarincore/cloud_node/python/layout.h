@@ -1,0 +1,54 @@
+// What is read of CPython 3.10's own structures, all in this place. Other versions lay them out differently: there
+// nothing is known, every fast path that asks here is off, and the general path serves.
+#pragma once
+
+#include "object.h"
+
+#include <cstdint>
+
+namespace py::layout {
+
+#if PY_VERSION_HEX < 0x030B0000
+
+inline constexpr bool known = true;
+
+// Changes with every change of the dictionary; no two dictionaries ever have the same.
+inline std::uint64_t version_of_dict(PyObject* dict) { return reinterpret_cast<PyDictObject*>(dict)->ma_version_tag; }
+
+// Changes with every change of the type or of a base; no two types ever have the same. 0: none at the moment.
+inline unsigned version_of_type(PyTypeObject* type)
+{
+    return PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG) ? type->tp_version_tag : 0;
+}
+
+// Where an instance keeps its __dict__; for types with a positive tp_dictoffset.
+inline PyObject** dict_slot(PyObject* instance)
+{
+    return reinterpret_cast<PyObject**>(reinterpret_cast<char*>(instance) + Py_TYPE(instance)->tp_dictoffset);
+}
+
+// A key-sharing dictionary: values of its own, in the order of a key table that the instances of a class share. The
+// table only ever grows, and the dictionary uses its first PyDict_GET_SIZE() keys. Null for other dictionaries.
+inline PyObject** shared_values(PyObject* dict) { return reinterpret_cast<PyDictObject*>(dict)->ma_values; }
+inline const void* key_table(PyObject* dict) { return reinterpret_cast<PyDictObject*>(dict)->ma_keys; }
+
+// The head of the built-in lock. `tovarincore` checks at import that it is so, see lock.cpp.
+struct LockObject {
+    PyObject_HEAD
+    PyThread_type_lock lock;
+    PyObject* weak_references;
+    char locked;
+};
+
+#else
+
+inline constexpr bool known = false;
+inline std::uint64_t version_of_dict(PyObject*) { return 0; }
+inline unsigned version_of_type(PyTypeObject*) { return 0; }
+inline PyObject** dict_slot(PyObject*) { return nullptr; }
+inline PyObject** shared_values(PyObject*) { return nullptr; }
+inline const void* key_table(PyObject*) { return nullptr; }
+
+#endif
+
+} // namespace py::layout
