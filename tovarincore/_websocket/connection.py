@@ -11,7 +11,7 @@ from websockets.protocol import State
 from websockets.uri import WebSocketURI
 
 from tovarincore._websocket.deadline import Deadline
-from tovarincore._websocket.errors import ConnectionLost, RequestFailed, shown
+from tovarincore._websocket.errors import ConnectionLost, RequestFailed, not_ours, shown
 from tovarincore._websocket.proxy import open_tunnel
 from tovarincore._websocket.streams import Stream, TlsStream, connect
 from tovarincore._websocket.target import Target
@@ -61,7 +61,7 @@ class Connection:
         payload = bytearray()
         for frame in self._frames(deadline):
             if frame.opcode is Opcode.BINARY:
-                raise _protocol_error("it answered with a binary message")
+                raise not_ours("it answered with a binary message")
             if frame.opcode in (Opcode.TEXT, Opcode.CONT):
                 payload += frame.data
                 if frame.fin:
@@ -69,7 +69,7 @@ class Connection:
         try:
             return payload.decode("utf-8")
         except UnicodeDecodeError as exc:
-            raise _protocol_error("its answer is not UTF-8") from exc
+            raise not_ours("its answer is not UTF-8") from exc
 
     def close(self) -> None:
         """Close without waiting for the other side."""
@@ -98,7 +98,7 @@ class Connection:
         if self._protocol.reader.eof:
             raise ConnectionLost("the connection ended during the web-socket handshake")
         cause = failure.__cause__ or failure
-        raise _protocol_error(f"its handshake is not a web-socket's ({self._shown(str(cause))})")
+        raise not_ours(f"its handshake is not a web-socket's ({self._shown(str(cause))})")
 
     def _frames(self, deadline: Deadline) -> Iterator[Frame]:
         while True:
@@ -123,7 +123,7 @@ class Connection:
                 f"the worker sent a message of more than {self.target.max_message_bytes} bytes; see whether "
                 "it is one of this product, or raise [worker] max_message_bytes",
             )
-        return _protocol_error(f"it broke the web-socket protocol ({self._shown(str(failure))})")
+        return not_ours(f"it broke the web-socket protocol ({self._shown(str(failure))})")
 
     def _shown(self, text: str) -> str:
         return shown(text, self.target.token)
@@ -168,12 +168,4 @@ def _refused(status: int) -> RequestFailed:
             OPResultErrorCode.CONNECTION_FAILED,
             f"the worker's server has a failure of its own (status {status}); see its log",
         )
-    return _protocol_error(
-        f"it answered the handshake with status {status}; see whether [worker] path is right"
-    )
-
-
-def _protocol_error(why: str) -> RequestFailed:
-    return RequestFailed(
-        OPResultErrorCode.PROTOCOL_ERROR, f"what answers there is no worker of this product: {why}"
-    )
+    return not_ours(f"it answered [worker] path with status {status}")

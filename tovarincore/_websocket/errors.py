@@ -2,7 +2,7 @@
 
 from tovarincore.core_def import OPResultErrorCode
 
-__all__ = ["ConnectionLost", "RequestFailed", "shown"]
+__all__ = ["ConnectionLost", "RequestFailed", "not_ours", "shown"]
 
 _SHOWN_CHARACTERS = 200
 
@@ -21,10 +21,21 @@ class RequestFailed(Exception):
 
 
 class ConnectionLost(RequestFailed):
-    """The connection ended before the answer was there; another one may do better."""
+    """The connection ended before the answer was there; another one may do better.
 
-    def __init__(self, msg: str) -> None:
-        super().__init__(OPResultErrorCode.CONNECTION_FAILED, msg)
+    :param how: how it ended
+    """
+
+    def __init__(self, how: str) -> None:
+        super().__init__(OPResultErrorCode.CONNECTION_FAILED, f"{how}; see the log of what listens there")
+
+
+def not_ours(why: str) -> RequestFailed:
+    """Return the failure of a peer that does not speak as a worker does (``PROTOCOL_ERROR``)."""
+    return RequestFailed(
+        OPResultErrorCode.PROTOCOL_ERROR,
+        f"what answers there is no worker of this product: {why}; correct the node's address or the port",
+    )
 
 
 def shown(text: str, secret: str = "") -> str:

@@ -3,7 +3,7 @@
 import json
 from typing import Any, NoReturn
 
-from tovarincore._websocket.errors import RequestFailed, shown
+from tovarincore._websocket.errors import RequestFailed, not_ours, shown
 from tovarincore._websocket.target import Target
 from tovarincore.api_def import PROTOCOL_VERSION
 from tovarincore.core_def import OPResultErrorCode
@@ -37,23 +37,26 @@ def read_reply(text: str, kind: str, request_id: str, target: Target) -> dict[st
     try:
         reply = json.loads(text, parse_constant=_refuse_constant)
     except ValueError as exc:
-        raise _wrong(f"it is not JSON: {shown(text, target.token)}") from exc
+        raise not_ours(f"its answer is not JSON: {shown(text, target.token)}") from exc
     if not isinstance(reply, dict):
-        raise _wrong(f"it is a {type(reply).__name__} and not an object")
+        raise not_ours("its answer is no JSON object")
     if reply.get("v") != PROTOCOL_VERSION:
         version = shown(str(reply.get("v")), target.token)
-        raise _wrong(
-            f"it is of version {version} and this client speaks {PROTOCOL_VERSION}; update the older one"
+        raise RequestFailed(
+            OPResultErrorCode.PROTOCOL_ERROR,
+            f"the answer is of version {version} and this client speaks {PROTOCOL_VERSION}; update the older",
         )
     if reply.get("kind") == "error":
         raise _refusal(kind, reply.get("error"), target.token)
     if reply.get("id") != request_id or reply.get("kind") != kind:
-        raise _wrong(f"it answers another request than this {kind}")
+        raise not_ours(f"it answers another request than this {kind}")
     worker_id = reply.get("worker_id")
     if worker_id is not None and not (
         isinstance(worker_id, str) and 0 < len(worker_id) <= _MAX_WORKER_ID_CHARACTERS
     ):
-        raise _wrong(f"its worker_id is no text of 1 to {_MAX_WORKER_ID_CHARACTERS} characters")
+        raise not_ours(
+            f"the worker_id of its answer is no text of 1 to {_MAX_WORKER_ID_CHARACTERS} characters"
+        )
     return reply
 
 
@@ -64,15 +67,13 @@ def read_system_stat(reply: dict[str, Any]) -> tuple[float, int, int]:
     """
     stat = reply.get("stat")
     if not isinstance(stat, dict):
-        raise _wrong('it has no object "stat"')
+        raise not_ours('its answer has no object "stat"')
     cpu_percent: Any = stat.get("cpu_percent")
     if type(cpu_percent) not in (int, float) or not 0 <= cpu_percent <= 100:
-        raise _wrong("its cpu_percent is no number from 0 to 100")
+        raise not_ours("its answer's cpu_percent is no number from 0 to 100")
     used, total = stat.get("memory_used_bytes"), stat.get("memory_total_bytes")
     if type(used) is not int or type(total) is not int or not 0 <= used <= total < 2**63:
-        raise _wrong(
-            "its memory_used_bytes and memory_total_bytes are no numbers of bytes, the first the smaller"
-        )
+        raise not_ours("its answer's memory_used_bytes and memory_total_bytes are no such numbers of bytes")
     return float(cpu_percent), used, total
 
 
@@ -91,7 +92,7 @@ def check_nesting(text: str, max_nesting: int) -> None:
             return
         brackets = brackets.replace(b"[]", b"")
     if brackets:
-        raise _wrong(f"it is nested more than {max_nesting} deep, or its brackets do not match")
+        raise not_ours(f"its answer is nested more than {max_nesting} deep, or its brackets do not match")
 
 
 def _refusal(kind: str, error: object, token: str) -> RequestFailed:
@@ -105,9 +106,3 @@ def _refusal(kind: str, error: object, token: str) -> RequestFailed:
 
 def _refuse_constant(name: str) -> NoReturn:
     raise ValueError(f"{name} is not JSON")
-
-
-def _wrong(why: str) -> RequestFailed:
-    return RequestFailed(
-        OPResultErrorCode.PROTOCOL_ERROR, f"the answer is not of a worker of this product: {why}"
-    )

@@ -1,0 +1,438 @@
+"""The client of the workers' web-socket."""
+
+import gc
+import json
+import logging
+import socket
+import threading
+import time
+from collections.abc import Callable
+from pathlib import Path
+from typing import Any
+
+import pytest
+import tomli_w
+
+from tests.servers import worker_peers as peers
+from tests.servers.worker_timeouts import node_at
+from tovarincore.api_def import PingRequest, SystemStatRequest
+from tovarincore.cloud_conf import CloudConf, CloudConfManager
+from tovarincore.cloud_def import AWSCloudAuth
+from tovarincore.core_conf import ConfigError, core_conf_glbl
+from tovarincore.core_def import OPResult, OPResultErrorCode
+from tovarincore.testing.reference_worker import ReferenceWorker
+from tovarincore.webs_client import WebSocketClient
+
+Configure = Callable[..., None]
+
+
+@pytest.fixture
+def configure(conf_file: Path) -> Configure:
+    """Replaces the settings of the section [worker]."""
+
+    def write(**worker: Any) -> None:
+        conf_file.write_text(tomli_w.dumps({"worker": worker}))
+        core_conf_glbl.reload()
+
+    return write
+
+
+def client_of(seconds: float = 2) -> WebSocketClient:
+    """Return a client of a node on this machine."""
+    return WebSocketClient(node_at("127.0.0.1"), client_timeout_sec=seconds)
+
+
+def ping(client: WebSocketClient) -> OPResult:
+    """Return the result of a ping."""
+    return client.api_get_op_result(PingRequest())
+
+
+def test_a_ping_succeeds_and_tells_the_worker_id(configure: Configure) -> None:
+    """The id is unknown until the worker has answered."""
+    with ReferenceWorker(worker_id="worker-9") as worker, client_of() as client:
+        configure(port=worker.port)
+        assert client.worker_id is None
+        assert ping(client) == OPResult(success=True)
+        assert client.worker_id == "worker-9"
+
+
+def test_a_worker_id_that_the_owner_has_set_stays(configure: Configure) -> None:
+    """The owner knows better which worker the client serves."""
+    with ReferenceWorker() as worker, client_of() as client:
+        configure(port=worker.port)
+        client.worker_id = "mine"
+        assert ping(client).success
+        assert client.worker_id == "mine"
+
+
+def test_making_a_client_opens_and_reads_nothing(conf_file: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    """A configuration that cannot be used shows with the first request, as the error that names it."""
+    node = node_at("127.0.0.1")
+    conf_file.write_text("not toml [")
+    core_conf_glbl.reload()
+    with monkeypatch.context() as patch:
+        patch.setattr(socket, "socket", None)
+        client = WebSocketClient(node)
+    with pytest.raises(ConfigError, match=r"core\.toml"):
+        ping(client)
+    with pytest.raises(ConfigError, match=r"core\.toml"):
+        client.refresh_system_stat()
+
+
+@pytest.mark.parametrize("seconds", [0, -1, float("nan"), float("inf"), 86401])
+def test_a_time_limit_must_be_positive_and_at_most_a_day(seconds: float) -> None:
+    """The text says what is allowed."""
+    with pytest.raises(ValueError, match="allowed is more than 0 and at most 86400 seconds"):
+        client_of(seconds)
+
+
+def test_statistics_are_written_into_the_record(configure: Configure) -> None:
+    """All four fields, the time by this machine's clock; asking without refreshing writes none."""
+    with ReferenceWorker() as worker, client_of() as client:
+        configure(port=worker.port)
+        assert client.api_get_op_result(SystemStatRequest()).success
+        assert client.node.system_stat_time is None
+        before = time.time()
+        assert client.refresh_system_stat() == OPResult(success=True)
+    node = client.node
+    assert node.cpu_percent is not None
+    assert 0 <= node.cpu_percent <= 100
+    assert node.memory_used_bytes is not None
+    assert node.memory_total_bytes is not None
+    assert 0 < node.memory_used_bytes < node.memory_total_bytes
+    assert node.system_stat_time is not None
+    assert before <= node.system_stat_time <= time.time()
+
+
+def no_stat(request: dict[str, object]) -> bytes:
+    """Reply to a request as a worker that knows no statistics."""
+    return json.dumps(request).encode()
+
+
+@pytest.mark.parametrize("behaviour", [peers.closes_at_once, peers.answers_text(no_stat)])
+def test_statistics_that_do_not_come_leave_the_record_alone(
+    configure: Configure, behaviour: peers.Behaviour
+) -> None:
+    """Nothing is raised, and no field is changed, not even to unknown."""
+    with peers.Peer(behaviour) as peer, client_of() as client:
+        configure(port=peer.port)
+        client.node.cpu_percent = 5.0
+        client.node.system_stat_time = 1.0
+        before = vars(client.node).copy()
+        result = client.refresh_system_stat()
+    assert (result.success, result.error) == (False, True)
+    assert vars(client.node) == before
+
+
+def test_the_connection_is_kept(configure: Configure) -> None:
+    """Later requests go over the first one's connection."""
+    with peers.Peer(peers.echoes) as peer, client_of() as client:
+        configure(port=peer.port)
+        assert all(ping(client).success for _ in range(5))
+        assert peer.accepted == 1
+
+
+def test_a_kept_connection_that_is_broken_is_made_again(configure: Configure) -> None:
+    """The request that finds it broken succeeds over a new one."""
+    with peers.Peer(peers.answers_once) as peer, client_of() as client:
+        configure(port=peer.port)
+        assert all(ping(client).success for _ in range(3))
+        assert peer.accepted == 3
+
+
+def test_a_worker_may_start_anew(configure: Configure) -> None:
+    """Its clients find it again at the same port."""
+    with ReferenceWorker() as worker, client_of() as client:
+        configure(port=worker.port)
+        assert ping(client).success
+        worker.stop()
+        refused = ping(client)
+        worker.start()
+        assert ping(client).success
+    assert refused.error_code is OPResultErrorCode.CONNECTION_FAILED
+
+
+def test_a_connection_is_made_again_only_once(configure: Configure) -> None:
+    """A worker that breaks every connection is not tried until the deadline."""
+    answered = threading.Event()
+
+    def answers_the_first(conversation: peers.Conversation) -> None:
+        if answered.is_set():
+            peers.resets_after_request(conversation)
+        else:
+            answered.set()
+            peers.answers_once(conversation)
+
+    with peers.Peer(answers_the_first) as peer, client_of() as client:
+        configure(port=peer.port)
+        assert ping(client).success
+        assert ping(client).error_code is OPResultErrorCode.CONNECTION_FAILED
+        assert peer.accepted == 2
+
+
+@pytest.mark.parametrize("behaviour", [peers.closes_at_once, peers.resets_after_request])
+def test_a_fresh_connection_that_breaks_is_a_failure(
+    configure: Configure, behaviour: peers.Behaviour
+) -> None:
+    """It was not broken by age; trying again would meet the same."""
+    with peers.Peer(behaviour) as peer, client_of() as client:
+        configure(port=peer.port)
+        assert ping(client).error_code is OPResultErrorCode.CONNECTION_FAILED
+        assert peer.accepted == 1
+
+
+def test_an_answer_that_comes_too_late_meets_no_later_request(configure: Configure) -> None:
+    """After a time-out the connection is given up."""
+    late = threading.Event()
+
+    def answers_late(conversation: peers.Conversation) -> None:
+        conversation.open()
+        message = conversation.message()
+        late.wait()
+        conversation.reply(message)
+        conversation.hold()
+
+    with peers.Peer(answers_late) as peer, client_of(0.1) as client:
+        configure(port=peer.port)
+        assert ping(client).error_code is OPResultErrorCode.TIMEOUT
+        late.set()
+        client.client_timeout_sec = 2
+        assert ping(client).success
+        assert peer.accepted == 2
+
+
+def test_changed_settings_take_effect_on_a_kept_connection(configure: Configure) -> None:
+    """What was opened with the old ones is not used any more."""
+    with ReferenceWorker() as one, ReferenceWorker(token="t") as other, client_of() as client:
+        configure(port=one.port)
+        assert ping(client).success
+        configure(port=other.port, token="t")
+        assert ping(client).success
+        assert (one.requests, other.requests) == (1, 1)
+
+
+def test_a_dropped_client_closes_its_connection(configure: Configure) -> None:
+    """At once and quietly, without the collector's help."""
+    gone = threading.Event()
+
+    def notices_the_end(conversation: peers.Conversation) -> None:
+        try:
+            peers.echoes(conversation)
+        finally:
+            gone.set()
+
+    with peers.Peer(notices_the_end) as peer:
+        configure(port=peer.port)
+        gc.disable()
+        try:
+            client = client_of()
+            assert ping(client).success
+            del client
+            assert gone.wait(5)
+        finally:
+            gc.enable()
+
+
+def test_a_closed_client_connects_anew_when_it_is_asked(configure: Configure) -> None:
+    """Closing twice does no harm."""
+    with peers.Peer(peers.echoes) as peer, client_of() as client:
+        configure(port=peer.port)
+        client.close()
+        assert ping(client).success
+        client.close()
+        client.close()
+        assert ping(client).success
+        assert peer.accepted == 2
+
+
+def test_threads_share_a_client(configure: Configure) -> None:
+    """Their requests go one after the other over the one connection, none is lost or mixed up."""
+    results: list[bool] = []
+    with peers.Peer(peers.echoes) as peer, client_of(10) as client:
+        configure(port=peer.port)
+        start = threading.Barrier(8)
+
+        def ask() -> None:
+            start.wait()
+            results.extend(ping(client).success for _ in range(25))
+
+        threads = [threading.Thread(target=ask) for _ in range(8)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        assert peer.accepted == 1
+    assert results == [True] * 200
+
+
+def test_waiting_for_another_thread_counts_as_part_of_the_time(configure: Configure) -> None:
+    """The second request ends at its own limit, though the first has the connection."""
+    with peers.Peer(peers.never_replies) as peer, client_of(0.6) as client:
+        configure(port=peer.port)
+        first = threading.Thread(target=ping, args=(client,))
+        first.start()
+        while not peer.accepted:
+            time.sleep(0.001)
+        client.client_timeout_sec = 0.2
+        start = time.monotonic()
+        result = ping(client)
+        took = time.monotonic() - start
+        first.join()
+    assert 0.2 <= took < 0.4
+    assert result.error_code is OPResultErrorCode.TIMEOUT
+    assert "another thread's request" in (result.msg or "")
+
+
+def test_an_interrupt_gives_the_connection_up(configure: Configure, monkeypatch: pytest.MonkeyPatch) -> None:
+    """It reaches the caller, and the answer that is left over meets no later request."""
+    with peers.Peer(peers.echoes) as peer, client_of() as client:
+        configure(port=peer.port)
+        assert ping(client).success
+        with monkeypatch.context() as patch:
+            patch.setattr("tovarincore.webs_client.read_reply", interrupt)
+            with pytest.raises(KeyboardInterrupt):
+                ping(client)
+        assert ping(client).success
+        assert peer.accepted == 2
+
+
+def interrupt(*_: object) -> None:
+    """Do as a signal handler does at Ctrl-C."""
+    raise KeyboardInterrupt
+
+
+def test_the_credential_store_goes_before_the_setting(configure: Configure) -> None:
+    """Each region can have a token of its own."""
+    with ReferenceWorker(token="stored") as worker, client_of() as client:
+        configure(port=worker.port, token="configured")
+        assert ping(client).error_code is OPResultErrorCode.UNAUTHENTICATED
+        CloudConfManager().set_cloud_conf(
+            client.node.region, CloudConf(AWSCloudAuth(), "ada", worker_token="stored")
+        )
+        assert ping(client).success
+
+
+@pytest.mark.parametrize("token", ["", "wrong", "rightx", "righ"])
+def test_another_token_is_refused(configure: Configure, token: str) -> None:
+    """The result tells where a token is set."""
+    with ReferenceWorker(token="right") as worker, client_of() as client:
+        configure(port=worker.port, token=token)
+        result = ping(client)
+    assert result.error_code is OPResultErrorCode.UNAUTHENTICATED
+    assert "[worker] token" in (result.msg or "")
+
+
+def test_the_token_is_never_shown(configure: Configure, caplog: pytest.LogCaptureFixture) -> None:
+    """Not in a repr, a log line at any level or a message, even when the peer sends it back."""
+    caplog.set_level(logging.DEBUG)
+    secret = "s3cr3t-t0k3n"
+
+    def sends_back(conversation: peers.Conversation) -> None:
+        head = conversation.request()
+        given = head.headers["Authorization"]
+        assert given == f"Bearer {secret}"
+        conversation.connected.sendall(f"HTTP/1.1 101 {given}\r\nUpgrade: {given}\r\n\r\n".encode())
+
+    with peers.Peer(sends_back) as peer, client_of() as client:
+        configure(port=peer.port, token=secret)
+        result = ping(client)
+        assert result.error_code is OPResultErrorCode.PROTOCOL_ERROR
+        shown = f"{result!r} {client!r} {vars(client)!r} {caplog.text}"
+    with ReferenceWorker(token=secret) as worker, client_of() as client:
+        configure(port=worker.port, token=secret)
+        assert ping(client).success
+        connection = client._connection
+        shown += f"{client!r} {connection!r} {connection and connection.target!r} {worker!r} {caplog.text}"
+    assert secret not in shown
+
+
+@pytest.mark.parametrize(
+    ("behaviour", "code", "why"),
+    [
+        (peers.closes_at_once, "CONNECTION_FAILED", "ended during the web-socket handshake"),
+        (peers.resets_after_request, "CONNECTION_FAILED", "broke while receiving"),
+        (peers.answers_http(b"SSH-2.0-server\r\n"), "PROTOCOL_ERROR", "not a web-socket's"),
+        (peers.answers_http(b"\xff\xfe\r\n\r\n"), "PROTOCOL_ERROR", "not a web-socket's"),
+        (peers.answers_http(b"HTTP/1.1 101 Hi\r\n\r\n"), "PROTOCOL_ERROR", "not a web-socket's"),
+        (
+            peers.answers_http(b"HTTP/1.1 101 Hi\r\n" + b"a: b\r\n" * 999),
+            "PROTOCOL_ERROR",
+            "too many HTTP headers",
+        ),
+        (peers.answers_http(b"HTTP/1.1 101 " + b"x" * 99999), "PROTOCOL_ERROR", "line too long"),
+        (peers.answers_http(b"HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"), "PROTOCOL_ERROR", "status 200"),
+        (peers.answers_http(b"HTTP/1.1 302 Found\r\nLocation: /\r\n\r\n"), "PROTOCOL_ERROR", "status 302"),
+        (
+            peers.answers_http(b"HTTP/1.1 404 No\r\nContent-Length: 0\r\n\r\n"),
+            "PROTOCOL_ERROR",
+            "[worker] path",
+        ),
+        (
+            peers.answers_http(b"HTTP/1.1 403 No\r\nContent-Length: 0\r\n\r\n"),
+            "UNAUTHENTICATED",
+            "status 403",
+        ),
+        (
+            peers.answers_http(b"HTTP/1.1 503 No\r\nContent-Length: 0\r\n\r\n"),
+            "CONNECTION_FAILED",
+            "status 503",
+        ),
+        (peers.answers_text(lambda request: b"hello"), "PROTOCOL_ERROR", "not JSON"),
+        (peers.answers_text(lambda request: b"\xff"), "PROTOCOL_ERROR", "not UTF-8"),
+        (peers.answers_text(lambda request: b"[" * 999), "PROTOCOL_ERROR", "nested more than 32 deep"),
+        (peers.answers_text(lambda request: b"{}", opcode=0x82), "PROTOCOL_ERROR", "binary message"),
+        (peers.answers_text(lambda request: b"{}", opcode=0x80), "PROTOCOL_ERROR", "web-socket protocol"),
+        (peers.answers_text(lambda request: b"{}", opcode=0x83), "PROTOCOL_ERROR", "web-socket protocol"),
+        (peers.answers_text(lambda request: b"{}", opcode=0xC1), "PROTOCOL_ERROR", "web-socket protocol"),
+        (peers.answers_text(lambda request: b"x" * 2000), "PROTOCOL_ERROR", "more than 1024 bytes"),
+        (peers.answers_text(lambda request: b"?", opcode=0x88), "PROTOCOL_ERROR", "web-socket protocol"),
+    ],
+)
+def test_a_peer_that_is_no_worker_is_an_error_result(
+    configure: Configure, behaviour: peers.Behaviour, code: str, why: str
+) -> None:
+    """At once, with the code of its kind and a text that says what was wrong."""
+    with peers.Peer(behaviour) as peer, client_of() as client:
+        configure(port=peer.port, max_message_bytes=1024)
+        result = ping(client)
+    assert result.error
+    assert result.error_code is OPResultErrorCode[code], result
+    assert why in (result.msg or ""), result
+
+
+def test_a_polite_good_bye_instead_of_a_reply_is_a_lost_connection(configure: Configure) -> None:
+    """Code and reason of the worker are passed on."""
+
+    def says_good_bye(conversation: peers.Conversation) -> None:
+        conversation.open()
+        conversation.message()
+        conversation.protocol.send_close(1013, "too many clients")
+        conversation.connected.sendall(b"".join(conversation.protocol.data_to_send()))
+        conversation.hold()
+
+    with peers.Peer(says_good_bye) as peer, client_of() as client:
+        configure(port=peer.port)
+        result = ping(client)
+    assert result.error_code is OPResultErrorCode.CONNECTION_FAILED
+    assert "closed the connection (code 1013, 'too many clients')" in (result.msg or "")
+
+
+def test_pings_and_pieces_on_the_way_do_not_disturb(configure: Configure) -> None:
+    """A reply may come in pieces, with pings between them, which are answered with the next request."""
+    pongs: list[bytes] = []
+
+    def chatters(conversation: peers.Conversation) -> None:
+        conversation.open()
+        text = conversation.message().encode()
+        conversation.connected.sendall(b"\x89\x02hi" + b"\x01" + bytes([len(text) - 5]) + text[:-5])
+        conversation.connected.sendall(b"\x89\x02ho" + b"\x80\x05" + text[-5:])
+        pongs.append(conversation.connected.recv(4096))
+        conversation.hold()
+
+    with peers.Peer(chatters) as peer, client_of(0.3) as client:
+        configure(port=peer.port)
+        assert ping(client).success
+        assert not ping(client).success
+    assert pongs
+    # Final frame, opcode 10, masked, two bytes.
+    assert pongs[0].startswith(b"\x8a\x82")
