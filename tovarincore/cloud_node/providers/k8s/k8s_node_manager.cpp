@@ -1,4 +1,5 @@
 // A thin adapter: each operation is one call on the console client, whose result is returned as it comes back.
+#include "../../registry/docs.h"
 #include "k8s.h"
 
 namespace cloud_node {
@@ -42,8 +43,9 @@ Object list_instance_templates(Handle self, Handle)
 Object list_instance_types(Handle self) { return self.get("console_client"_s).call("list_instance_types"_s, {}); }
 
 constexpr Method methods[] = {
-    method<init>("__init__", {{"self"}, {"region"}}, "None"),
-    method<list_instances>("list_instances", {{"self"}}, "Tuple[Optional[List[CloudNode]], OPResult]"),
+    method<init>("__init__", {{"self"}, {"region"}}, "None", docs::node_manager_init),
+    method<list_instances>("list_instances", {{"self"}}, "Tuple[Optional[List[CloudNode]], OPResult]",
+                           docs::list_instances),
     method<launch_node>("launch_node",
                         {{"self"},
                          {"instance_type_def", "CloudInstanceTypeDef"},
@@ -54,24 +56,28 @@ constexpr Method methods[] = {
                          {"wait_until_cloud_provider_ready", nullptr, Default::false_},
                          {"additional_params", "Optional[str]", Default::none},
                          {"startup_script", "Optional[str]", Default::none}},
-                        "Tuple[Optional[CloudNode], OPResult]"),
-    method<start_node>("start_node", {{"self"},
-                                      {"instance_id", "str"},
-                                      {"reboot", nullptr, Default::false_},
-                                      {"wait_until_cloud_provider_ready", nullptr, Default::false_}}),
-    method<stop_node>("stop_node", {{"self"}, {"instance_id", "str"}}),
+                        "Tuple[Optional[CloudNode], OPResult]", docs::launch_node),
+    method<start_node>("start_node",
+                       {{"self"},
+                        {"instance_id", "str"},
+                        {"reboot", nullptr, Default::false_},
+                        {"wait_until_cloud_provider_ready", nullptr, Default::false_}},
+                       nullptr, docs::start_node),
+    method<stop_node>("stop_node", {{"self"}, {"instance_id", "str"}}, nullptr, docs::stop_node),
     method<terminate_node>("terminate_node",
-                           {{"self"}, {"instance_id", "str"}, {"stop_reason", "Optional[str]", Default::none}}),
+                           {{"self"}, {"instance_id", "str"}, {"stop_reason", "Optional[str]", Default::none}}, nullptr,
+                           docs::terminate_node),
     method<list_instance_templates>("list_instance_templates", {{"self"}, {"is_public", "bool", Default::true_}},
-                                    "Tuple[List[InstanceTemplate], OPResult]"),
-    method<list_instance_types>("list_instance_types", {{"self"}}, "Tuple[List[CloudInstanceTypeDef], OPResult]"),
+                                    "Tuple[List[InstanceTemplate], OPResult]", docs::list_instance_templates),
+    method<list_instance_types>("list_instance_types", {{"self"}}, "Tuple[List[CloudInstanceTypeDef], OPResult]",
+                                docs::list_instance_types),
 };
 
 } // namespace
 
 void build_k8s_node_manager()
 {
-    own_class.keep(build_class({"K8sNodeManager", nullptr, methods}, {global("NodeManager"_s)}));
+    own_class.keep(build_class({"K8sNodeManager", docs::k8s_node_manager, methods}, {global("NodeManager"_s)}));
 }
 
 } // namespace cloud_node

@@ -1,4 +1,5 @@
 // The product's worker as one container on the user's machine: each operation is a call on the container helper.
+#include "../../registry/docs.h"
 #include "local.h"
 
 namespace cloud_node {
@@ -65,8 +66,9 @@ Object list_instance_templates(Handle self, Handle)
         Object pay_type = global("InstanceTemplatePayType"_s).get("DEV"_s);
         Object created_date = global("datetime"_s).call("now"_s, {});
         append(instance_templates,
-               call(template_class, {"instance_template_id"_k = version, "name"_k = version, "product_pay_type"_k = pay_type,
-                                     "created_date"_k = created_date, "region"_k = region, "version"_k = version}));
+               call(template_class,
+                    {"instance_template_id"_k = version, "name"_k = version, "product_pay_type"_k = pay_type,
+                     "created_date"_k = created_date, "region"_k = region, "version"_k = version}));
     }
     return tuple({instance_templates, success()});
 }
@@ -78,8 +80,9 @@ Object list_instance_types(Handle)
 }
 
 constexpr Method methods[] = {
-    method<init>("__init__", {{"self"}, {"region", "CloudRegion"}}),
-    method<list_instances>("list_instances", {{"self"}}, "Tuple[Optional[List[CloudNode]], OPResult]"),
+    method<init>("__init__", {{"self"}, {"region", "CloudRegion"}}, nullptr, docs::node_manager_init),
+    method<list_instances>("list_instances", {{"self"}}, "Tuple[Optional[List[CloudNode]], OPResult]",
+                           docs::list_instances),
     method<launch_node>("launch_node",
                         {{"self"},
                          {"instance_type_def", "CloudInstanceTypeDef"},
@@ -90,24 +93,29 @@ constexpr Method methods[] = {
                          {"wait_until_cloud_provider_ready", nullptr, Default::false_},
                          {"additional_params", "Optional[str]", Default::none},
                          {"startup_script", "Optional[str]", Default::none}},
-                        "Tuple[Optional[CloudNode], OPResult]"),
-    method<start_node>("start_node", {{"self"},
-                                      {"instance_id", "str"},
-                                      {"reboot", nullptr, Default::false_},
-                                      {"wait_until_cloud_provider_ready", nullptr, Default::false_}}),
-    method<stop_node>("stop_node", {{"self"}, {"instance_id", "str"}}),
+                        "Tuple[Optional[CloudNode], OPResult]", docs::launch_node),
+    method<start_node>("start_node",
+                       {{"self"},
+                        {"instance_id", "str"},
+                        {"reboot", nullptr, Default::false_},
+                        {"wait_until_cloud_provider_ready", nullptr, Default::false_}},
+                       nullptr, docs::start_node),
+    method<stop_node>("stop_node", {{"self"}, {"instance_id", "str"}}, nullptr, docs::stop_node),
     method<terminate_node>("terminate_node",
-                           {{"self"}, {"instance_id", "str"}, {"stop_reason", "Optional[str]", Default::none}}),
+                           {{"self"}, {"instance_id", "str"}, {"stop_reason", "Optional[str]", Default::none}}, nullptr,
+                           docs::terminate_node),
     method<list_instance_templates>("list_instance_templates", {{"self"}, {"is_public", "bool", Default::true_}},
-                                    "Tuple[List[InstanceTemplate], OPResult]"),
-    method<list_instance_types>("list_instance_types", {{"self"}}, "Tuple[List[CloudInstanceTypeDef], OPResult]"),
+                                    "Tuple[List[InstanceTemplate], OPResult]", docs::list_instance_templates),
+    method<list_instance_types>("list_instance_types", {{"self"}}, "Tuple[List[CloudInstanceTypeDef], OPResult]",
+                                docs::list_instance_types),
 };
 
 } // namespace
 
 void build_local_container_node_manager()
 {
-    own_class.keep(build_class({"LocalContainerNodeManager", nullptr, methods}, {global("NodeManager"_s)}));
+    own_class.keep(build_class({"LocalContainerNodeManager", docs::local_container_node_manager, methods},
+                               {global("NodeManager"_s)}));
 }
 
 } // namespace cloud_node
