@@ -66,7 +66,7 @@ class Ec2Endpoint:
         settings.ENABLE_KEYPAIR_VALIDATION = True
         settings.EC2_ENABLE_INSTANCE_TYPE_VALIDATION = True
         # EC2 sends an empty name for an instance without a public one; the emulator sends none at all.
-        find_name = Instance.public_dns_name.fget
+        find_name = vars(Instance)["public_dns_name"].fget
         self._empty_names = patch.object(
             Instance, "public_dns_name", property(lambda instance: find_name(instance) or "")
         )
@@ -109,7 +109,8 @@ class Ec2Endpoint:
         """A client of this endpoint that does not pass through the code under demonstration."""
         if service not in self._clients:
             with environment({}):
-                session = boto3.Session(ACCESS_KEY_ID, SECRET_ACCESS_KEY, region_name=REGION_NAME)
+                # Of no type: the session's own are overloads for the names of all services, as literals.
+                session: Any = boto3.Session(ACCESS_KEY_ID, SECRET_ACCESS_KEY, region_name=REGION_NAME)
                 self._clients[service] = session.client(
                     service, endpoint_url=self.url, config=Config(proxies={})
                 )

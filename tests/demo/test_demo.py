@@ -12,7 +12,7 @@ from typing import Any
 import pytest
 
 from demo.ec2_tour import HEALTHY, NODE_NAMES, run_ec2_demo
-from tovarincore.cloud_def import AWSCloudAuth, CloudRegion
+from tovarincore.cloud_def import CloudAuth, CloudRegion
 from tovarincore.cloud_node import CloudManager
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -20,18 +20,34 @@ ROOT = Path(__file__).resolve().parents[2]
 PATIENCE_SECONDS = 180
 
 
-def run_demo(*arguments: str) -> subprocess.CompletedProcess[str]:
-    """Run `python -m demo` with warnings as errors, in an environment that would mislead it."""
+def start_demo(*arguments: str) -> subprocess.Popen[str]:
+    """Start `python -m demo` with warnings as errors, in an environment that would mislead it."""
     misleading = {"AWS_PROFILE": "no-such-profile", "HTTP_PROXY": "http://127.0.0.1:1"}
-    return subprocess.run(
+    return subprocess.Popen(
         [sys.executable, "-X", "dev", "-W", "error", "-m", "demo", *arguments],
         cwd=ROOT,
         env={**os.environ, **misleading},
-        capture_output=True,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
         text=True,
-        timeout=PATIENCE_SECONDS,
-        check=False,
     )
+
+
+def finish(demo: subprocess.Popen[str]) -> tuple[int, str, str]:
+    """Exit status, standard output and standard error of a demo, once it has ended."""
+    with demo:
+        try:
+            out, err = demo.communicate(timeout=PATIENCE_SECONDS)
+        finally:
+            demo.kill()
+        return demo.returncode, out, err
+
+
+@pytest.fixture(scope="module")
+def demos() -> dict[str, tuple[int, str, str]]:
+    """The demo in both forms, run side by side since each spends most of its time waiting."""
+    started = {"json": start_demo("--json"), "text": start_demo()}
+    return {form: finish(demo) for form, demo in started.items()}
 
 
 def json_lines(text: str) -> list[dict[str, Any]]:
@@ -39,11 +55,11 @@ def json_lines(text: str) -> list[dict[str, Any]]:
     return [json.loads(line) for line in text.splitlines()]
 
 
-def test_the_demo_shows_every_step_as_json_lines() -> None:
+def test_the_demo_shows_every_step_as_json_lines(demos: dict[str, tuple[int, str, str]]) -> None:
     """All steps are right, the node's states follow each other, and the security group is shown."""
-    done = run_demo("--json")
-    assert (done.returncode, done.stderr) == (0, "")
-    _opening, *steps, outcome = json_lines(done.stdout)
+    status, out, err = demos["json"]
+    assert (status, err) == (0, "")
+    _opening, *steps, outcome = json_lines(out)
     assert all(step["ok"] for step in steps)
     assert outcome["ok"]
     assert outcome["steps"] == len(steps)
@@ -66,22 +82,22 @@ def test_the_demo_shows_every_step_as_json_lines() -> None:
     assert "ami-0123456789abcdef0" in refused["said"][0]
 
 
-def test_the_demo_reads_well_for_a_person() -> None:
+def test_the_demo_reads_well_for_a_person(demos: dict[str, tuple[int, str, str]]) -> None:
     """The text names every node with state, readiness and address, and ends with the verdict."""
-    done = run_demo()
-    assert (done.returncode, done.stderr) == (0, "")
-    assert "Dry run of a launch" in done.stdout
+    status, out, err = demos["text"]
+    assert (status, err) == (0, "")
+    assert "Dry run of a launch" in out
     for name in NODE_NAMES:
-        assert name in done.stdout
-    assert ".amazonaws.com" in done.stdout
-    assert "EC2 says: " in done.stdout
-    assert "steps showed what they should" in done.stdout.splitlines()[-1]
+        assert name in out
+    assert ".amazonaws.com" in out
+    assert "EC2 says: " in out
+    assert "steps showed what they should" in out.splitlines()[-1]
 
 
 class ForgetfulManager(CloudManager):
     """A facade whose stop does nothing."""
 
-    def stop_node(self, region: CloudRegion, auth: AWSCloudAuth, instance_id: str) -> None:
+    def stop_node(self, region: CloudRegion, auth: CloudAuth | None, instance_id: str) -> None:
         """Do nothing."""
 
 
@@ -97,6 +113,6 @@ def test_a_step_that_goes_wrong_is_named_and_ends_with_status_1(capsys: pytest.C
 
 def test_an_unknown_option_is_refused() -> None:
     """A misspelt option is not silently ignored."""
-    done = run_demo("--jsno")
-    assert done.returncode == 2
-    assert "--jsno" in done.stderr
+    status, _, err = finish(start_demo("--jsno"))
+    assert status == 2
+    assert "--jsno" in err

@@ -10,12 +10,13 @@ import pytest
 from botocore.exceptions import ClientError
 
 from demo.endpoint import KEY_PAIR_NAME, Ec2Endpoint, ports_text
+from demo.environment import environment
 
 
 @pytest.fixture(scope="module")
 def running() -> Iterator[Ec2Endpoint]:
     """An endpoint that the tests of this file share."""
-    with Ec2Endpoint() as endpoint:
+    with environment({}), Ec2Endpoint() as endpoint:
         yield endpoint
 
 
@@ -104,7 +105,7 @@ def test_one_port_is_no_range() -> None:
 
 def test_the_port_is_free_again_afterwards() -> None:
     """Leaving the endpoint closes its socket."""
-    with Ec2Endpoint() as endpoint:
+    with environment({}), Ec2Endpoint() as endpoint:
         port = int(endpoint.url.rpartition(":")[2])
         endpoint.client().describe_vpcs()
     with socket.socket() as probe:

@@ -12,7 +12,7 @@ import pytest
 from botocore.exceptions import ParamValidationError
 
 from demo.endpoint import INSTANCE_PROFILE_NAME, KEY_PAIR_NAME
-from tests.servers.ec2 import SECURITY_GROUP_NAME, USER_NAME, Ec2World, one_record
+from tests.servers.ec2 import USER_NAME, Ec2World, one_record
 from tovarincore.cloud_def import InstanceTemplate, NodeState, SecurityGroupRules
 from tovarincore.core_def import OPResultErrorCode
 
@@ -44,10 +44,8 @@ def wanted_rules() -> list[tuple[int, int, str, str, str]]:
 def test_a_launch_returns_the_node_that_ec2_started(ec2: Ec2World) -> None:
     """The returned record names EC2's instance, its address and the configuration it was launched from."""
     config = ec2.config("cold-1")
-    node, result = ec2.launch(config)
+    node = ec2.launched(config)
     (instance,) = ec2.instances()
-    assert result.success
-    assert not result.error
     assert node.region is ec2.region
     assert node.instance_id == instance["InstanceId"]
     assert node.uuid == config.uuid
@@ -83,7 +81,7 @@ def test_ec2_holds_what_the_launch_asked_for(ec2: Ec2World) -> None:
 def test_the_start_up_script_carries_the_launch_settings(ec2: Ec2World) -> None:
     """The script runs the preparation script with the settings as base64 JSON, and asks for no profiler."""
     settings = {"idle_minutes": 30, "greeting": "grüß dich; $(reboot) 'x'"}
-    node, _ = ec2.launch(ec2.config(launch_instance_settings=settings))
+    node = ec2.launched(ec2.config(launch_instance_settings=settings))
     lines = user_data(ec2, node.instance_id).split("\n")
     assert lines[:3] == ["#!/bin/bash", "", ""]
     command, script, argument = lines[3].split(" ")
@@ -98,7 +96,7 @@ def test_a_profiler_request_is_written_by_the_start_up_script(
     """A positive number of seconds in the settings leaves a request file on the node and a warning."""
     ec2.set_setting("DEVELOPMENT_SETTINGS__PROFILER_NODE_SECOND", "30")
     with caplog.at_level(logging.WARNING, logger="tovarincore"):
-        node, _ = ec2.launch()
+        node = ec2.launched()
     request = user_data(ec2, node.instance_id).split("\n")[2]
     assert request == "echo '30' > /home/tovarin/.tovarin/profile.requested"
     warning = one_record(caplog.records, logging.WARNING)
@@ -157,8 +155,7 @@ def test_the_providers_own_dry_run_reports_its_code(ec2: Ec2World, caplog: pytes
 
 def test_a_launch_can_wait_until_ec2_calls_the_node_ready(ec2: Ec2World) -> None:
     """After the wait the node is still handed back as starting: listings report the real state."""
-    node, result = ec2.launch(wait_until_cloud_provider_ready=True)
-    assert result.success
+    node = ec2.launched(wait_until_cloud_provider_ready=True)
     assert node.state is NodeState.STARTING
 
 
@@ -288,7 +285,7 @@ def test_a_launch_without_a_template_starts_nothing(ec2: Ec2World) -> None:
 
 def test_a_launched_node_enters_the_registry_by_set_node(ec2: Ec2World) -> None:
     """The launch itself leaves the registry alone; the caller can store the node at once."""
-    node, _ = ec2.launch()
+    node = ec2.launched()
     assert ec2.manager.get_node_list(ec2.region) == []
     ec2.manager.set_node(node)
     found = ec2.manager.find_node_by_uuid(ec2.region, node.uuid)
@@ -312,9 +309,7 @@ def test_threads_can_launch_at_the_same_time(ec2: Ec2World) -> None:
 
     def launch(name: str) -> None:
         barrier.wait(10)
-        node, result = ec2.launch(ec2.config(name))
-        if result.success:
-            successes.append(node.instance_id)
+        successes.append(ec2.launched(ec2.config(name)).instance_id)
 
     threads = [threading.Thread(target=launch, args=(f"cold-{number}",)) for number in range(1, 5)]
     for thread in threads:
@@ -324,13 +319,6 @@ def test_threads_can_launch_at_the_same_time(ec2: Ec2World) -> None:
     assert len(set(successes)) == 4
     assert len(ec2.instances()) == 5
     assert len(ec2.security_groups()) == 1
-
-
-def test_the_group_name_is_the_products_own(ec2: Ec2World) -> None:
-    """Instances carry the group that operators look for in their console."""
-    ec2.launch()
-    (instance,) = ec2.instances()
-    assert [group["GroupName"] for group in instance["SecurityGroups"]] == [SECURITY_GROUP_NAME]
 
 
 def test_the_default_template_can_be_launched(ec2: Ec2World) -> None:

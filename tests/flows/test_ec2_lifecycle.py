@@ -37,7 +37,7 @@ def test_a_listed_node_carries_what_ec2_holds(ec2: Ec2World) -> None:
     """Id, tags, type, address, profile and key pair come from EC2's description."""
     ec2.run_instance("cold-1")
     (instance,) = ec2.instances()
-    (node,), _ = ec2.manager.list_instances(ec2.region)
+    (node,) = ec2.listed()
     assert node.region is ec2.manager.get_node_manager(ec2.region).region
     assert node.instance_id == instance["InstanceId"]
     assert (node.uuid, node.name) == ("uuid-of-cold-1", "cold-1")
@@ -49,8 +49,8 @@ def test_a_listed_node_carries_what_ec2_holds(ec2: Ec2World) -> None:
 
 def test_a_launched_node_is_listed_under_its_own_names(ec2: Ec2World) -> None:
     """The record of the launch and the record of the listing speak of the same node."""
-    launched, _ = ec2.launch()
-    (listed,), _ = ec2.manager.list_instances(ec2.region)
+    launched = ec2.launched()
+    (listed,) = ec2.listed()
     assert (listed.instance_id, listed.uuid, listed.name) == (
         launched.instance_id,
         launched.uuid,
@@ -64,8 +64,7 @@ def test_nodes_of_other_users_are_not_listed(ec2: Ec2World) -> None:
     ec2.run_instance("cold-1")
     ec2.run_instance("cold-2", user_name="somebody-else")
     ec2.run_instance("cold-3", TagSpecifications=[])
-    nodes, _ = ec2.manager.list_instances(ec2.region)
-    assert [node.name for node in nodes] == ["cold-1"]
+    assert [node.name for node in ec2.listed()] == ["cold-1"]
 
 
 def test_an_instance_without_names_profile_or_key_is_listed_with_placeholders(ec2: Ec2World) -> None:
@@ -78,7 +77,7 @@ def test_an_instance_without_names_profile_or_key_is_listed_with_placeholders(ec
         MaxCount=1,
         TagSpecifications=[{"ResourceType": "instance", "Tags": owner}],
     )
-    (node,), _ = ec2.manager.list_instances(ec2.region)
+    (node,) = ec2.listed()
     assert (node.uuid, node.name) == ("-", "-")
     assert (node.instance_profile_name, node.key_pair_name) == (None, None)
 
@@ -99,7 +98,7 @@ def test_an_instance_without_a_public_name_is_reached_by_its_private_one(ec2: Ec
     """In a network that gives no public names the private name is the node's address."""
     with ec2.faults() as faults:
         faults.script("DescribeInstances", described(ec2, "running"))
-        (node,), _ = ec2.manager.list_instances(ec2.region)
+        (node,) = ec2.listed()
     assert node.dns_address == "ip-10-7-1-4.ec2.internal"
 
 
@@ -118,8 +117,7 @@ def test_each_of_ec2s_states_is_a_node_state(ec2: Ec2World, aws_state: str, stat
     """The six states of an EC2 instance are all known."""
     with ec2.faults() as faults:
         faults.script("DescribeInstances", described(ec2, aws_state))
-        (node,), result = ec2.manager.list_instances(ec2.region)
-    assert result.success
+        (node,) = ec2.listed()
     assert node.state is state
 
 
@@ -173,7 +171,7 @@ def test_a_refresh_drops_nodes_that_ec2_no_longer_lists(ec2: Ec2World) -> None:
 def test_a_single_node_can_be_refreshed(ec2: Ec2World) -> None:
     """The caller's record learns that the worker is ready; the stored copy gets the statistics."""
     ec2.run_instance("ready-1")
-    (node,), _ = ec2.manager.list_instances(ec2.region)
+    (node,) = ec2.listed()
     result = ec2.manager.refresh_node(node)
     assert result.success
     assert node.ready
@@ -188,17 +186,17 @@ def test_a_node_goes_through_its_whole_life(ec2: Ec2World) -> None:
     ec2.refresh()
     assert ec2.states() == [("ready-1", NodeState.RUNNING, True)]
 
-    assert ec2.manager.stop_node(ec2.region, ec2.auth, instance_id) is None
+    ec2.manager.stop_node(ec2.region, ec2.auth, instance_id)
     assert ec2.states() == [("ready-1", NodeState.STOPPING, False)]
     ec2.refresh()
     assert ec2.states() == [("ready-1", NodeState.STOPPED, False)]
 
-    assert ec2.manager.start_node(ec2.region, ec2.auth, instance_id) is None
+    ec2.manager.start_node(ec2.region, ec2.auth, instance_id)
     assert ec2.states() == [("ready-1", NodeState.STARTING, False)]
     ec2.refresh()
     assert ec2.states() == [("ready-1", NodeState.RUNNING, True)]
 
-    assert ec2.manager.start_node(ec2.region, ec2.auth, instance_id, reboot=True) is None
+    ec2.manager.start_node(ec2.region, ec2.auth, instance_id, reboot=True)
     assert ec2.states() == [("ready-1", NodeState.STARTING, False)]
     ec2.refresh()
     assert ec2.states() == [("ready-1", NodeState.RUNNING, True)]
@@ -213,14 +211,11 @@ def test_a_node_goes_through_its_whole_life(ec2: Ec2World) -> None:
 def test_a_start_can_wait_until_ec2_calls_the_node_ready(
     ec2: Ec2World, caplog: pytest.LogCaptureFixture
 ) -> None:
-    """A wait that ends well returns None and logs no error."""
+    """A wait that ends well logs no error."""
     instance_id = ec2.run_instance("cold-1")
     ec2.raw.stop_instances(InstanceIds=[instance_id])
     with caplog.at_level(logging.ERROR):
-        started = ec2.manager.start_node(
-            ec2.region, ec2.auth, instance_id, wait_until_cloud_provider_ready=True
-        )
-    assert started is None
+        ec2.manager.start_node(ec2.region, ec2.auth, instance_id, wait_until_cloud_provider_ready=True)
     assert caplog.records == []
     assert [instance["State"]["Name"] for instance in ec2.instances()] == ["running"]
 
@@ -275,15 +270,14 @@ def test_only_the_first_page_is_listed(ec2: Ec2World) -> None:
     """EC2 answers with a first page of a hundred launches; a node beyond it is not seen."""
     for number in range(101):
         ec2.run_instance(f"cold-{number}")
-    nodes, result = ec2.manager.list_instances(ec2.region)
-    assert result.success
+    nodes = ec2.listed()
     assert len(ec2.raw.describe_instances()["NextToken"]) > 0
     assert [node.name for node in nodes] == [f"cold-{number}" for number in range(100)]
 
 
 def test_a_new_facade_finds_the_nodes_again(ec2: Ec2World) -> None:
     """Nothing but EC2 remembers the nodes: a restarted product lists them anew."""
-    node, _ = ec2.launch()
+    node = ec2.launched()
     restarted = CloudManager()
     assert restarted.refresh_node_list(ec2.region).success
     found = restarted.find_node_by_uuid(ec2.region, node.uuid)

@@ -8,6 +8,7 @@ import socket
 from collections.abc import Iterator
 from contextlib import contextmanager
 from dataclasses import dataclass, field
+from datetime import datetime
 from typing import Any
 
 from demo.endpoint import (
@@ -24,10 +25,10 @@ from tests.servers.fault import FaultEndpoint
 from tovarincore.cloud_conf import CloudConf
 from tovarincore.cloud_def import (
     AWSCloudAuth,
-    AWSCloudNode,
     CloudInstanceConfig,
     CloudInstances,
     CloudInstanceTypeDef,
+    CloudNode,
     CloudRegion,
     CpuPlanA,
     InstanceTemplate,
@@ -73,7 +74,7 @@ class Ec2World:
             "instance_template": InstanceTemplate.create_from(
                 image_template_id=self.image_id,
                 image_template_name=IMAGE_NAME,
-                creation_date=None,
+                creation_date=datetime(2024, 3, 1),
                 region=self.region,
             ),
             "name": name,
@@ -82,16 +83,29 @@ class Ec2World:
 
     def launch(
         self, config: CloudInstanceConfig | None = None, **arguments: Any
-    ) -> tuple[AWSCloudNode, OPResult]:
+    ) -> tuple[CloudNode | None, OPResult]:
         """Launch through the facade as the world's user."""
-        result: tuple[AWSCloudNode, OPResult] = self.manager.launch_node(
+        return self.manager.launch_node(
             self.region,
             self.auth,
             self.type_def,
             self.config() if config is None else config,
             **{"username": USER_NAME, **arguments},
         )
-        return result
+
+    def launched(self, config: CloudInstanceConfig | None = None, **arguments: Any) -> CloudNode:
+        """The node of a launch that must succeed."""
+        node, result = self.launch(config, **arguments)
+        assert result.success, result
+        assert node is not None
+        return node
+
+    def listed(self) -> list[CloudNode]:
+        """The nodes of a listing that must succeed."""
+        nodes, result = self.manager.list_instances(self.region)
+        assert result.success, result
+        assert nodes is not None
+        return nodes
 
     def run_instance(self, name: str = "cold-1", user_name: str = USER_NAME, **changes: Any) -> str:
         """Start an instance behind the facade's back, tagged as a launch tags it; returns its id."""
