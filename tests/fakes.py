@@ -32,7 +32,7 @@ class Call(NamedTuple):
     kwargs: tuple[tuple[str, Any], ...]
 
 
-def call(name: str, *args: Any, **kwargs: Any) -> Call:
+def call(name: str, /, *args: Any, **kwargs: Any) -> Call:
     """Return the record that this call leaves."""
     return Call(name, args, tuple(kwargs.items()))
 
