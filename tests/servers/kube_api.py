@@ -6,6 +6,7 @@ import json
 import socket
 import ssl
 import threading
+from collections.abc import Callable
 from dataclasses import dataclass
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from pathlib import Path
@@ -33,6 +34,7 @@ class Fault:
     :param delay: seconds to wait before the answer
     :param served: the request takes effect before the fault does
     :param hang_up: the connection is closed without an answer
+    :param before: called when the request has arrived
     :param drip: seconds between the single bytes of the answer, header included
     """
 
@@ -43,6 +45,7 @@ class Fault:
     served: bool = False
     hang_up: bool = False
     drip: float = 0.0
+    before: Callable[[], None] | None = None
 
 
 class KubeApi:
@@ -181,6 +184,8 @@ class _Handler(BaseHTTPRequestHandler):
         fault = self.server.api.take_fault(" ".join(filter(None, (self.command, plural, part)))) or Fault()
         replaced = fault.refusal is not None or fault.body is not None or fault.hang_up
         code, answer = 200, b""
+        if fault.before is not None:
+            fault.before()
         if fault.delay and not fault.served:
             self.server.stopping.wait(fault.delay)
         if fault.served or not replaced:

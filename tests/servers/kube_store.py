@@ -52,13 +52,13 @@ class KubeStore:
 
     def __init__(self) -> None:
         self.objects: dict[Key, Manifest] = {}
-        self._lock = threading.RLock()
+        self.lock = threading.RLock()
         self._version = 0
         self._snapshots: dict[str, list[Manifest]] = {}
 
     def create(self, plural: str, namespace: str, manifest: Manifest) -> Manifest:
         """Check and keep a new object."""
-        with self._lock:
+        with self.lock:
             metadata = manifest.setdefault("metadata", {})
             name = metadata.get("name", "")
             self._check(plural, namespace, name, manifest)
@@ -77,12 +77,12 @@ class KubeStore:
 
     def get(self, plural: str, namespace: str, name: str) -> Manifest:
         """Return one object."""
-        with self._lock:
+        with self.lock:
             return copy.deepcopy(self._find(plural, namespace, name))
 
     def change(self, plural: str, namespace: str, name: str, patch: Manifest, part: str | None) -> Manifest:
         """Merge a patch into an object; with a sub-resource (`part`), into that part alone."""
-        with self._lock:
+        with self.lock:
             found = self._find(plural, namespace, name)
             _merge(found, {part: patch.get(part)} if part else patch)
             self._version += 1
@@ -91,12 +91,12 @@ class KubeStore:
 
     def bind(self, namespace: str, name: str, machine: str) -> None:
         """Place a pod on a machine, as the scheduler does."""
-        with self._lock:
+        with self.lock:
             self._find("pods", namespace, name)["spec"]["nodeName"] = machine
 
     def delete(self, plural: str, namespace: str, name: str, grace_seconds: int | None) -> None:
         """Remove an object, or mark it when it is a pod that a machine has to end first."""
-        with self._lock:
+        with self.lock:
             found = self._find(plural, namespace, name)
             if plural == "pods" and found["spec"].get("nodeName") and grace_seconds != 0:
                 grace = found["spec"].get("terminationGracePeriodSeconds", 30)
@@ -111,7 +111,7 @@ class KubeStore:
         self, plural: str, namespace: str, selector: str, limit: int, token: str | None
     ) -> tuple[list[Manifest], str | None]:
         """Return a page of a listing and the token for the next; all pages show the state at the first."""
-        with self._lock:
+        with self.lock:
             if token is None:
                 snapshot, start = str(uuid.uuid4()), 0
                 wanted = [part.split("=", 1) for part in selector.split(",") if part]
@@ -138,7 +138,7 @@ class KubeStore:
 
     def expire_listings(self) -> None:
         """Forget the state that half-read listings show, as compaction does."""
-        with self._lock:
+        with self.lock:
             self._snapshots.clear()
 
     def _find(self, plural: str, namespace: str, name: str) -> Manifest:

@@ -13,7 +13,7 @@ import msgspec
 import yaml  # type: ignore[import-untyped]
 from lightkube import ApiError, Client, KubeConfig
 from lightkube.codecs import load_all_yaml
-from lightkube.models.core_v1 import ObjectReference
+from lightkube.models.core_v1 import ObjectReference, ResourceQuotaSpec
 from lightkube.models.meta_v1 import ObjectMeta
 from lightkube.resources.core_v1 import (
     ConfigMap,
@@ -37,6 +37,7 @@ from tovarincore.cloud_def import (
     InstanceTemplatePayType,
     K8sRegion,
 )
+from tovarincore.core_conf import core_conf_glbl
 from tovarincore.k8s_console_client import K8sConsoleClient
 
 _DOCUMENT = Path(__file__).parents[2] / "docs" / "kubernetes.md"
@@ -92,6 +93,10 @@ class KubeWorld:
         }
         return CloudInstanceConfig(**{**fields, **changes})
 
+    def reload(self) -> None:
+        """Let changed settings take effect."""
+        core_conf_glbl.reload()
+
     def pods(self) -> list[Pod]:
         """Every pod of the namespace."""
         return list(self.admin.list(Pod))
@@ -142,9 +147,10 @@ class KubeWorld:
     def limit_pods(self, count: int) -> None:
         """Set a quota, with the figures that a controller would fill in."""
         name = "few"
-        self.admin.create(
-            ResourceQuota.from_dict({"metadata": {"name": name}, "spec": {"hard": {"pods": str(count)}}})
+        quota = ResourceQuota(
+            metadata=ObjectMeta(name=name), spec=ResourceQuotaSpec(hard={"pods": str(count)})
         )
+        self.admin.create(quota)
         status = {"status": {"hard": {"pods": str(count)}, "used": {"pods": "0"}}}
         self.admin.patch(ResourceQuotaStatus, name, status, patch_type=PatchType.MERGE)
 
@@ -159,7 +165,7 @@ def kube_world(
         world.admin.create(Namespace(metadata=ObjectMeta(name=world.namespace)))
         if isinstance(server, KubeReal):
             for rights in documented_rights(world.namespace):
-                world.admin.create(rights)  # type: ignore[call-overload]
+                world.admin.create(rights)
         yield world
         if isinstance(server, KubeReal):
             with suppress(ApiError):

@@ -56,8 +56,8 @@ def translated(deadline: Deadline) -> Iterator[None]:
         ) from None
     except (msgspec.MsgspecError, json.JSONDecodeError, UnicodeDecodeError) as error:
         raise KubernetesError(
-            "The server's answer is not what was asked for. Check that the address in the kubeconfig is that of "
-            f"a Kubernetes API server ({type(error).__name__}).",
+            "The server's answer is not what was asked for. Check that the address in the kubeconfig is that "
+            f"of a Kubernetes API server ({type(error).__name__}).",
             OPResultErrorCode.PROTOCOL_ERROR,
             outcome_unknown=True,
         ) from error
@@ -84,7 +84,8 @@ def _refusal(error: httpx2.HTTPStatusError) -> KubernetesError:
 
 
 def _unreachable(error: httpcore2.ConnectError) -> KubernetesError:
-    if isinstance(_root_of(error), ssl.SSLError):
+    # The library gives the error of the socket as the argument of its own.
+    if error.args and isinstance(error.args[0], ssl.SSLError):
         return KubernetesError(
             f"The certificate of the Kubernetes API server cannot be verified, or it refuses ours: {error}. "
             "Give its authority in the kubeconfig as certificate-authority.",
@@ -94,9 +95,3 @@ def _unreachable(error: httpcore2.ConnectError) -> KubernetesError:
         f"The Kubernetes API server cannot be reached: {error}. Check its address in the kubeconfig.",
         OPResultErrorCode.CONNECTION_FAILED,
     )
-
-
-def _root_of(error: BaseException) -> BaseException:
-    while error.__cause__ is not None:
-        error = error.__cause__
-    return error

@@ -1,0 +1,171 @@
+"""The deadline of requests, on servers and resolvers that do their worst."""
+
+from __future__ import annotations
+
+import socket
+import ssl
+import threading
+import time
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
+
+import httpcore2
+import httpx2
+import pytest
+
+from tovarincore._kubernetes import transport
+from tovarincore._kubernetes.deadline import Deadline
+from tovarincore._kubernetes.errors import KubernetesError
+from tovarincore._kubernetes.transport import DeadlineTransport
+
+SECONDS = 0.5
+OUT_OF_TIME = (httpcore2.TimeoutException, KubernetesError)
+
+
+@contextmanager
+def peer(behaviour: Callable[[socket.socket], None]) -> Iterator[int]:
+    """A server that treats its one connection as told; gives its port."""
+    with socket.create_server(("127.0.0.1", 0)) as server:
+
+        def serve() -> None:
+            try:
+                with server.accept()[0] as connection:
+                    behaviour(connection)
+            except OSError:
+                # The client hung up, or never came.
+                return
+
+        thread = threading.Thread(target=serve)
+        thread.start()
+        try:
+            yield server.getsockname()[1]
+        finally:
+            server.close()
+            thread.join()
+
+
+def request(url: str, content: bytes = b"") -> httpx2.Response:
+    """Send one request that may take half a second."""
+    tls = ssl.create_default_context()
+    with httpx2.Client(transport=DeadlineTransport(Deadline(SECONDS, "a test"), tls, lambda: None)) as client:
+        return client.post(url, content=content)
+
+
+def hold(connection: socket.socket) -> None:
+    """Takes a first byte and says nothing."""
+    connection.recv(1)
+    time.sleep(2)
+
+
+@contextmanager
+def in_time() -> Iterator[None]:
+    """The body has to fail at the deadline."""
+    began = time.monotonic()
+    with pytest.raises(OUT_OF_TIME):
+        yield
+    assert SECONDS * 0.9 < time.monotonic() - began < SECONDS + 1
+
+
+def drip(start: bytes, endless: bytes) -> Callable[[socket.socket], None]:
+    """Sends `start` at once and then a piece every 20 ms for five seconds."""
+
+    def behave(connection: socket.socket) -> None:
+        connection.sendall(start)
+        for _ in range(250):
+            connection.sendall(endless)
+            time.sleep(0.02)
+
+    return behave
+
+
+@pytest.mark.parametrize(
+    "behaviour",
+    [
+        hold,
+        drip(b"HTTP/1.1 200 OK\r\n", b"X-Header: x\r\n"),
+        drip(b"HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n", b"x"),
+        drip(b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n", b"1\r\nx\r\n"),
+        drip(b"", b"HTTP/1.1 100 Continue\r\n\r\n"),
+    ],
+    ids=["silent", "headers", "body", "chunks", "interim answers"],
+)
+def test_an_answer_in_drips_does_not_stretch_the_time(behaviour: Callable[[socket.socket], None]) -> None:
+    """Bytes that keep coming do not move the deadline, in whichever part of the answer they come."""
+    with peer(behaviour) as port, in_time():
+        request(f"http://127.0.0.1:{port}/")
+
+
+def test_a_server_that_reads_slowly_does_not_stretch_the_time() -> None:
+    """A request whose bytes the server takes in drips ends at the deadline."""
+
+    def sip(connection: socket.socket) -> None:
+        connection.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        for _ in range(100):
+            connection.recv(512)
+            time.sleep(0.02)
+
+    with peer(sip) as port, in_time():
+        request(f"http://127.0.0.1:{port}/", content=bytes(50_000_000))
+
+
+def test_a_handshake_that_never_ends_costs_the_time_limit() -> None:
+    """A server that accepts a connection and says nothing about TLS is given up at the deadline."""
+    with peer(hold) as port, in_time():
+        request(f"https://127.0.0.1:{port}/")
+
+
+def test_a_look_up_that_never_ends_costs_the_time_limit(monkeypatch: pytest.MonkeyPatch) -> None:
+    """The system's resolver has no time-out; the request has."""
+
+    def hang(*_args: object, **_named: object) -> list[object]:
+        time.sleep(2)
+        return []
+
+    monkeypatch.setattr(socket, "getaddrinfo", hang)
+    with in_time():
+        request("http://cluster.example/")
+
+
+@pytest.mark.parametrize("host", ["a" * 64 + ".example", "no-such-host.invalid"])
+def test_a_name_without_an_address_is_told(monkeypatch: pytest.MonkeyPatch, host: str) -> None:
+    """A name that cannot be looked up is a failed connection whose text has the name."""
+
+    def fail(name: str, *_args: object, **_named: object) -> None:
+        name.encode("idna")
+        raise socket.gaierror(socket.EAI_NONAME, "Name or service not known")
+
+    monkeypatch.setattr(socket, "getaddrinfo", fail)
+    with pytest.raises(httpcore2.ConnectError, match=host):
+        request(f"http://{host}/")
+
+
+def test_the_next_address_is_tried(monkeypatch: pytest.MonkeyPatch) -> None:
+    """A name with an address where nobody listens is reached at its other one."""
+
+    def greet(connection: socket.socket) -> None:
+        connection.recv(65536)
+        connection.sendall(b"HTTP/1.1 204 No Content\r\n\r\n")
+
+    with peer(greet) as port:
+        found = [
+            (socket.AF_INET, socket.SOCK_STREAM, 6, "", (host, port)) for host in ("127.0.0.2", "127.0.0.1")
+        ]
+        monkeypatch.setattr(socket, "getaddrinfo", lambda *_args, **_named: found)
+        assert request(f"http://cluster.example:{port}/").status_code == 204
+
+
+def test_an_endless_answer_is_given_up(monkeypatch: pytest.MonkeyPatch) -> None:
+    """An answer beyond the limit is not kept in memory."""
+    monkeypatch.setattr(transport, "_LONGEST_ANSWER_BYTES", 1000)
+    endless = drip(b"HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n", bytes(999))
+    with peer(endless) as port, pytest.raises(KubernetesError, match="lower page_size"):
+        request(f"http://127.0.0.1:{port}/")
+
+
+def test_the_reserve_is_only_for_tidying_up() -> None:
+    """The reserve does not count as time left until it is released."""
+    deadline = Deadline(10, "a test", reserve=10)
+    with pytest.raises(KubernetesError, match="did not finish a test within 0 s"):
+        deadline.remaining()
+    deadline.release_reserve()
+    assert 9 < deadline.remaining() <= 10
