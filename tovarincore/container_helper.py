@@ -47,16 +47,18 @@ class ContainerHelper:
 
     Making a helper touches no engine; every method connects anew and keeps nothing, so that one
     helper may serve several threads. Every method ends within [container] operation_seconds
-    (default 10 s). Parameter `open_engine` connects to the engine within a limit.
+    (default 10 s); any of them raises ConfigError when the settings cannot be used.
+
+    :param open_engine: connects to the engine within a limit
     """
 
     def __init__(self, open_engine: Callable[[TimeLimit], ContainerEngine] = open_docker_engine) -> None:
         self._open_engine = open_engine
 
     def list_tvr_container_image_versions(self) -> list[str]:
-        """The tags of the worker image present on the engine, newest version first.
+        """Return the tags of the worker image present on the engine, newest version first.
 
-        Raises ContainerError when the engine does not answer: an empty list means that there are none.
+        :raises ContainerError: the engine does not answer; an empty list means that it has no such image
         """
         image = core_conf_glbl.container__image
         return newest_first(
@@ -64,19 +66,22 @@ class ContainerHelper:
         )
 
     def get_existing_node(self) -> CloudNode | None:
-        """The record of the local worker container, or None when there surely is none.
+        """Return the record of the local worker container, or None when there surely is none.
 
-        The record says `dns_address` 127.0.0.1, where the published port is bound. Raises
-        ContainerError when the engine does not answer.
+        Its ``dns_address`` is 127.0.0.1, where [container] published_port is bound.
+
+        :raises ContainerError: the engine does not answer
         """
         container = self._operate("looking for the worker container", _find)
         return None if container is None else _node_of(container)
 
     def run_tvr_container_image(self, version: str) -> tuple[CloudNode | None, OPResult]:
-        """Run the worker image of this version: create a container, or start the existing one.
+        """Run the worker image of a version: create a container, or start the existing one.
 
-        Returns the node and success, or None and an error that says what to do. An existing
-        container of another version is an error: it has to be terminated first.
+        An existing container of another version is an error: it has to be terminated first.
+
+        :param version: tag of the worker image
+        :return: the node and success, or None and an error that says what to do
         """
         try:
             container = self._operate(
@@ -87,9 +92,10 @@ class ContainerHelper:
             return None, _failure(error)
 
     def start_tovarin_container(self, reboot: bool = False) -> None:
-        """Start the container, letting a paused one go on; with `reboot` stop it first.
+        """Start the container, letting a paused one go on.
 
-        Raises ContainerError, also when there is no container.
+        :param reboot: stop it first
+        :raises ContainerError: it could not be started, or there is none
         """
 
         def start(engine: ContainerEngine) -> None:
@@ -103,7 +109,10 @@ class ContainerHelper:
         self._operate("restarting the worker" if reboot else "starting the worker", start)
 
     def stop_tovarin_container(self) -> None:
-        """Stop the container; a stopped one stays so. Raises ContainerError, also when there is none."""
+        """Stop the container; a stopped one stays so.
+
+        :raises ContainerError: it could not be stopped, or there is none
+        """
 
         def stop(engine: ContainerEngine) -> None:
             container = _find_to_change(engine)
@@ -113,7 +122,10 @@ class ContainerHelper:
         self._operate("stopping the worker", stop)
 
     def delete_tovarin_container(self) -> OPResult:
-        """Kill and remove the container. Success also when there is none, so a second delete is one."""
+        """Kill and remove the container.
+
+        :return: success, also when there is none, so that a second delete is one; or an error
+        """
 
         def delete(engine: ContainerEngine) -> None:
             container = _find(engine)
@@ -146,7 +158,7 @@ def _run(engine: ContainerEngine, version: str) -> ContainerSummary:
             container = _find(engine)
             if container is None:
                 raise
-    existing_version = container.labels[VERSION_LABEL]
+    existing_version = container.labels.get(VERSION_LABEL, "unknown")
     if existing_version != version:
         raise ContainerError(
             f'Worker container "{container.name}" of version {existing_version} exists: '

@@ -32,7 +32,7 @@ NEWEST_FIRST = ["1.10.0", "1.9.0", "1.2.0"]
 IMAGE = "tovarin-worker"
 DOCUMENT = Path(__file__).parents[2] / "docs" / "local-containers.md"
 # For an engine that is made to hang.
-SHORT_LIMIT_SECONDS = 1.5
+SHORT_LIMIT_SECONDS = 0.7
 
 
 @pytest.fixture(scope="session")
@@ -62,9 +62,9 @@ def local(engine_server: ContainerEngineServer, tmp_path: Path) -> Iterator[Loca
 
 
 @pytest.fixture
-def short_limit(local: LocalRegion, tmp_path: Path) -> Callable[[], AbstractContextManager[None]]:
-    """Lets the body of a `with` statement run with a short limit per operation."""
-    return lambda: settings_of(tmp_path, local_settings(local.server, local.port, SHORT_LIMIT_SECONDS))
+def limit_of(local: LocalRegion, tmp_path: Path) -> Callable[[float], AbstractContextManager[None]]:
+    """Lets the body of a `with` statement run with a limit of so many seconds per operation."""
+    return lambda seconds: settings_of(tmp_path, local_settings(local.server, local.port, seconds))
 
 
 def _within(seconds: float, call: Callable[[], Any]) -> Any:
@@ -236,7 +236,7 @@ def test_a_strangers_container_of_that_name_is_left_alone(local: LocalRegion) ->
 
 
 def test_a_hanging_engine_ends_every_call_within_the_limit(
-    local: LocalRegion, short_limit: Callable[[], AbstractContextManager[None]]
+    local: LocalRegion, limit_of: Callable[[float], AbstractContextManager[None]]
 ) -> None:
     """Each ends in a time-out, the registry stays as it was, and afterwards a refresh tells the truth."""
     node = local.running_node()
@@ -249,7 +249,7 @@ def test_a_hanging_engine_ends_every_call_within_the_limit(
         local.templates,
     ]
     local.server.hang()
-    with short_limit():
+    with limit_of(SHORT_LIMIT_SECONDS):
         assert _within(SHORT_LIMIT_SECONDS, local.refresh).error
         outcomes = [_within(SHORT_LIMIT_SECONDS, call) for call in calls]
     assert [outcome.error_code for outcome in outcomes] == [OPResultErrorCode.TIMEOUT] * len(calls)
@@ -260,7 +260,7 @@ def test_a_hanging_engine_ends_every_call_within_the_limit(
 
 def test_an_engine_that_hangs_in_the_middle_of_a_launch_is_not_fatal(
     local: LocalRegion,
-    short_limit: Callable[[], AbstractContextManager[None]],
+    limit_of: Callable[[float], AbstractContextManager[None]],
     monkeypatch: pytest.MonkeyPatch,
 ) -> None:
     """The launch times out with the container made and not started; launching again starts that one."""
@@ -271,8 +271,9 @@ def test_an_engine_that_hangs_in_the_middle_of_a_launch_is_not_fatal(
         start_container(engine, container_id)
 
     monkeypatch.setattr(DockerEngine, "start_container", hang_before_start)
-    with short_limit():
-        node, result = _within(SHORT_LIMIT_SECONDS, lambda: local.launch("1.10.0"))
+    # Enough for what comes before the hang.
+    with limit_of(2):
+        node, result = _within(2, lambda: local.launch("1.10.0"))
     monkeypatch.undo()
     assert (node, result.error_code) == (None, OPResultErrorCode.TIMEOUT)
     assert "while starting worker version 1.10.0" in str(result.msg)
@@ -286,6 +287,7 @@ def test_an_engine_that_hangs_in_the_middle_of_a_launch_is_not_fatal(
     local.wait_until_ready()
 
 
+@pytest.mark.usefixtures("engine_server")
 def test_an_engine_that_ends_in_the_middle_of_a_call_gives_a_clear_error(tmp_path: Path) -> None:
     """The call ends at once with what to look at; the next one says to start the engine."""
     with ContainerEngineServer() as server, settings_of(tmp_path, local_settings(server, free_port())):

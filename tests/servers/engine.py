@@ -114,6 +114,8 @@ class ContainerEngineServer:
                 stdout=log,
                 stderr=log,
                 start_new_session=True,
+                # What the tests may run under, such as a sanitizer, is not for the engine's programs.
+                env={name: value for name, value in os.environ.items() if name != "LD_PRELOAD"},
             )
 
     def _wait_until_it_answers(self) -> None:

@@ -39,7 +39,7 @@ class EngineApi:
     """
 
     def __init__(self) -> None:
-        self.answers: dict[tuple[str, str], Answer | Callable[[Any], None]] = {
+        self.answers: dict[tuple[str, str], Answer | Callable[[Any], object]] = {
             ("GET", "/version"): (200, {"ApiVersion": "1.41"})
         }
         self.requests: list[EngineRequest] = []

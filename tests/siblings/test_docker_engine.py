@@ -3,9 +3,11 @@
 from __future__ import annotations
 
 import json
+import os
 import socket
 import subprocess
 import sys
+import threading
 import time
 from collections.abc import Callable, Iterator
 from contextlib import closing, suppress
@@ -23,6 +25,7 @@ from tovarincore._container.limit import TimeLimit
 from tovarincore.container_helper import ContainerHelper
 from tovarincore.core_def import OPResultErrorCode
 
+ROOT = Path(__file__).resolve().parents[2]
 REQUEST = ContainerRequest(
     name="the-worker",
     image="acme/worker:1.0",
@@ -338,6 +341,30 @@ def test_the_package_is_imported_at_first_use() -> None:
         "print(sorted({'docker', 'requests'} & set(sys.modules)))"
     )
     done = subprocess.run(
-        [sys.executable, "-c", program], check=True, capture_output=True, text=True, timeout=60
+        [sys.executable, "-c", program], cwd=ROOT, check=True, capture_output=True, text=True, timeout=60
     )
     assert done.stdout.strip() == "[]"
+
+
+def test_a_program_ends_cleanly_after_a_call_that_was_left_behind(api: EngineApi) -> None:
+    """The thread that still waits for the engine neither delays the end of the process nor disturbs it."""
+    released = threading.Event()
+    api.answers["GET", "/containers/json"] = lambda connection: released.wait(30)
+    program = (
+        "from tovarincore.container_helper import ContainerError, ContainerHelper\n"
+        "try:\n    ContainerHelper().get_existing_node()\nexcept ContainerError as error:\n    print(error)"
+    )
+    try:
+        done = subprocess.run(
+            [sys.executable, "-X", "dev", "-W", "error", "-c", program],
+            cwd=ROOT,
+            env={**os.environ, "TOVARIN_CONTAINER__OPERATION_SECONDS": "0.5"},
+            check=False,
+            capture_output=True,
+            text=True,
+            timeout=20,
+        )
+    finally:
+        released.set()
+    assert (done.returncode, done.stderr) == (0, "")
+    assert "did not answer within 0.5 s" in done.stdout

@@ -9,6 +9,7 @@ websockets package and tovarincore's Python modules; nothing is downloaded. Linu
 from __future__ import annotations
 
 import argparse
+import os
 import re
 import subprocess
 import sys
@@ -49,8 +50,11 @@ _LDD_LINE = re.compile(r"\s*(?:(?P<name>\S+) => )?(?P<path>/\S+) \(0x[0-9a-f]+\)
 def import_worker_image(client: docker.APIClient, repository: str, versions: Sequence[str]) -> None:
     """Make the image on an engine and tag it with every version.
 
-    Parameters: `client`, the `docker` package's low-level client (docker.APIClient); `repository`,
-    the image name. Raises docker.errors.APIError when the engine refuses.
+    :param client: the low-level client of the engine
+    :param repository: name of the image
+    :param versions: its tags, at least one
+    :raises docker.errors.APIError: the engine refuses it
+    :raises ModuleNotFoundError: websockets is not installed here
     """
     with tempfile.NamedTemporaryFile(suffix=".tar") as archive:
         write_root_file_system(archive)
@@ -63,7 +67,11 @@ def import_worker_image(client: docker.APIClient, repository: str, versions: Seq
 
 
 def write_root_file_system(archive: IO[bytes]) -> None:
-    """Write the image's whole file system as a tar archive. Raises OSError when a file cannot be read."""
+    """Write the image's whole file system as a tar archive.
+
+    :param archive: file to write to
+    :raises OSError: a file of this machine cannot be read
+    """
     executable = Path(sys.executable).resolve()
     library = Path(sysconfig.get_path("stdlib", vars={"base": sys.base_prefix}))
     extensions = [path for path in _files_below(library) if path.suffix == ".so"]
@@ -99,7 +107,13 @@ def _package_folders(package: str) -> list[Path]:
 def _shared_libraries(binaries: Iterable[Path]) -> dict[str, Path]:
     """The shared libraries of these binaries by their place in the image."""
     listing = subprocess.run(
-        ["ldd", *map(str, binaries)], check=True, capture_output=True, text=True, timeout=60
+        ["ldd", *map(str, binaries)],
+        check=True,
+        capture_output=True,
+        text=True,
+        timeout=60,
+        # Else what is put into every process here would count as one of their libraries.
+        env={**os.environ, "LD_PRELOAD": ""},
     ).stdout
     libraries = {}
     for line in listing.splitlines():
