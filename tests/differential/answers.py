@@ -152,6 +152,7 @@ RESULTS: dict[str, Answer] = {
     "list_current_instance_templates": _either(
         lambda journal: (_many("template")(journal), Probe(journal, "result")), _of((None, 1), (1,), ((), 2))
     ),
+    "list_instance_templates": lambda journal: (_many("template")(journal), Probe(journal, "result")),
     "launch_node": _either(lambda journal: (None, Probe(journal, "result")), _of((1, 2, 3), None)),
     "_get_security_group_id": lambda journal: journal.choice("sg-1", None, ""),
     "_list_inbound_security_group_rules": _many("rule"),

@@ -116,9 +116,12 @@ class Program:
     def use_facade(self) -> None:
         if self.facade is None:
             return
-        if self.choice(True, False, False) and self.providers:
-            region = self.region()
-            self.step("prepare cache", lambda: self.facade._cache_node_manager(region, self.choice(*self.providers)))
+        if self.choice(True, False):
+            provider = self.choice(Probe(self.journal, "provider"), *self.providers)
+            for region in self.regions or [self.region()]:
+                self.step("prepare cache", lambda region=region: self.facade._cache_node_manager(region, provider))
+        if self.choice(True, False, False):
+            self.call(self.facade, "get_default_instance_template", FACADE["get_default_instance_template"])
         name = self.choice(*FACADE)
         self.call(self.facade, name, FACADE[name])
 
