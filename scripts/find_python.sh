@@ -23,7 +23,7 @@ PY
 python_candidates() { # version
     local found
     type -aP "python$1" || true
-    for found in "${PYENV_ROOT:-${HOME:-}/.pyenv}"/versions/"$1".*/bin/python; do
+    for found in ${PYENV_ROOT:-~/.pyenv}/versions/"$1".*/bin/python; do
         [[ -x $found ]] && echo "$found"
     done
     if command -v uv >/dev/null 2>&1; then
