@@ -10,3 +10,4 @@
 #include "lock.h"
 #include "method.h"
 #include "object.h"
+#include "plain_scan.h"

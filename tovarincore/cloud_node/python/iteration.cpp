@@ -4,13 +4,26 @@ namespace py {
 
 Each::Position& Each::Position::operator++()
 {
-    current_ = adopt(PyIter_Next(iterator_.ptr()));
+    if (index_ >= 0) {
+        bool more = index_ < PyList_GET_SIZE(source_.ptr());
+        current_ = more ? Object(borrow(PyList_GET_ITEM(source_.ptr(), index_))) : Object();
+        index_ = more ? index_ + 1 : PY_SSIZE_T_MAX; // a list that grows afterwards does not start it again
+        return *this;
+    }
+    current_ = adopt(PyIter_Next(source_.ptr()));
     if (!current_ && PyErr_Occurred())
         throw Raised{where_};
     return *this;
 }
 
-Each each(Handle iterable, Where where) { return Each(steal(PyObject_GetIter(iterable.ptr()), where), where); }
+Each each(Handle iterable, Where where) { return each_from(0, iterable, where); }
+
+Each each_from(Py_ssize_t start, Handle iterable, Where where)
+{
+    if (PyList_CheckExact(iterable.ptr()))
+        return Each(Object(iterable), start, where);
+    return Each(steal(PyObject_GetIter(iterable.ptr()), where), -1, where);
+}
 
 namespace {
 

@@ -10,32 +10,38 @@ namespace py {
 // for (Object x : each(xs)): iter(xs) is called at once, so xs may be a temporary.
 class Each {
 public:
-    explicit Each(Object iterator, Where where) : iterator_(std::move(iterator)), where_(where) {}
+    // `start` is a position in an exact list, which is then walked without an iterator object.
+    Each(Object source, Py_ssize_t start, Where where) : source_(std::move(source)), start_(start), where_(where) {}
 
     struct End {};
 
     class Position {
     public:
-        Position(Handle iterator, Where where) : iterator_(iterator), where_(where) { ++*this; }
+        Position(Handle source, Py_ssize_t index, Where where) : source_(source), index_(index), where_(where) { ++*this; }
         Object operator*() { return std::move(current_); }
         Position& operator++();
         bool operator!=(End) const { return static_cast<bool>(current_); }
 
     private:
-        Handle iterator_;
+        Handle source_; // a list, or an iterator where index_ is negative
+        Py_ssize_t index_;
         Where where_;
         Object current_;
     };
 
-    Position begin() const { return {iterator_, where_}; }
+    Position begin() const { return {source_, start_, where_}; }
     static End end() { return {}; }
 
 private:
-    Object iterator_;
+    Object source_;
+    Py_ssize_t start_;
     Where where_;
 };
 
 Each each(Handle iterable, Where where = Where::here());
+
+// for x in xs, without the first `start` elements; `start` may be positive for an exact list only
+Each each_from(Py_ssize_t start, Handle iterable, Where where = Where::here());
 
 void unpack_into(Handle sequence, Object* targets, Py_ssize_t count, Where where);
 

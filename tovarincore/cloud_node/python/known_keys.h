@@ -3,18 +3,24 @@
 
 #include "layout.h"
 
+#include <utility>
+
 namespace py {
 
 class KnownKeys {
 public:
-    // The dictionary shares the table, and uses none of its keys but the first `count()`.
-    bool cover(PyObject* dict) const
+    bool use_same_table(PyObject* dict) const
     {
-        return table_ != nullptr && layout::key_table(dict) == table_ && layout::shared_values(dict) != nullptr &&
-               PyDict_GET_SIZE(dict) <= count_;
+        return table_ != nullptr && layout::key_table(dict) == table_ && layout::shared_values(dict) != nullptr;
     }
 
-    Py_ssize_t count() const { return count_; }
+    // The dictionary shares the table, and has none of its keys but those that the remembered dictionary had.
+    bool cover(PyObject* dict) const { return use_same_table(dict) && PyDict_GET_SIZE(dict) <= count_; }
+
+    // The dictionary shares the table and has as many keys as the remembered one.
+    bool are_those_of(PyObject* dict) const { return use_same_table(dict) && PyDict_GET_SIZE(dict) == count_; }
+
+    void forget() { table_ = nullptr; }
 
     // Keeps the table of a key-sharing dictionary alive, by an own dictionary that shares it: so its address means it.
     void remember(PyObject* dict)

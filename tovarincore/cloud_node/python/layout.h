@@ -2,7 +2,7 @@
 // nothing is known, every fast path that asks here is off, and the general path serves.
 #pragma once
 
-#include "object.h"
+#include "interpreter.h"
 
 #include <cstdint>
 
@@ -32,7 +32,7 @@ inline PyObject** dict_slot(PyObject* instance)
 inline PyObject** shared_values(PyObject* dict) { return reinterpret_cast<PyDictObject*>(dict)->ma_values; }
 inline const void* key_table(PyObject* dict) { return reinterpret_cast<PyDictObject*>(dict)->ma_keys; }
 
-// The head of the built-in lock. `tovarincore` checks at import that it is so, see lock.cpp.
+// The built-in lock. lock.cpp tries on a lock of its own whether it is so.
 struct LockObject {
     PyObject_HEAD
     PyThread_type_lock lock;

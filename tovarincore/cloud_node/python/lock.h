@@ -6,12 +6,14 @@
 
 namespace py {
 
+// lock.acquire(timeout=3)        its truth
+bool acquire(Handle lock, Where where = Where::here());
+
 // if <lock>.acquire(timeout=3): try: return body() finally: <lock>.release()   else: raise TimeoutError()
 // `lock` is a function that reads the lock anew, once before the body and once after it, as the two statements do.
 template <class Lock, class Body> Object holding_the(Lock lock, Body body, Where here = Where::here())
 {
-    bool acquired = lock().call("acquire"_s, {"timeout"_k = number(3)}, here).truthy(here);
-    if (!acquired)
+    if (!acquire(lock(), here))
         raise(call_global("TimeoutError"_s, {}, here), here);
     return try_finally(body, [&] { lock().call("release"_s, {}, here); }, here);
 }

@@ -1,7 +1,7 @@
 // "name"_s: an interned Python string, made once when the module starts and kept for the life of the process.
 #pragma once
 
-#include "interpreter.h"
+#include "attribute_cache.h"
 
 #include <cstddef>
 
@@ -15,6 +15,7 @@ public:
 
     PyObject* ptr() const { return interned_; }
     const char* text() const { return text_; }
+    AttributeCache& cache() const { return cache_; }
 
     static void intern_all(); // throws Raised
 
@@ -22,6 +23,7 @@ private:
     const char* text_;
     NameSlot* next_;
     PyObject* interned_ = nullptr;
+    mutable AttributeCache cache_;
     static inline NameSlot* first_ = nullptr;
 };
 
@@ -45,6 +47,7 @@ public:
     constexpr Name(const NameSlot& slot) : slot_(&slot) {}
     PyObject* ptr() const { return slot_->ptr(); }
     const char* text() const { return slot_->text(); }
+    AttributeCache& cache() const { return slot_->cache(); } // for attributes of this name
 
 private:
     const NameSlot* slot_;

@@ -13,11 +13,19 @@ void NameSlot::intern_all()
 
 bool Raised::matches(Handle error_class) const { return PyErr_ExceptionMatches(error_class.ptr()) != 0; }
 
-Object Handle::get(Name name, Where where) const { return steal(PyObject_GetAttr(pointer_, name.ptr()), where); }
+Object Handle::get(Name name, Where where) const
+{
+    if (PyObject* value = name.cache().instance_value(pointer_, name.ptr()))
+        return Object(borrow(value));
+    return steal(PyObject_GetAttr(pointer_, name.ptr()), where);
+}
 
 void Handle::set(Name name, Handle value, Where where) const
 {
-    check(PyObject_SetAttr(pointer_, name.ptr(), value.ptr()), where);
+    if (name.cache().sets_instance_value(pointer_, name.ptr()))
+        check(PyDict_SetItem(*layout::dict_slot(pointer_), name.ptr(), value.ptr()), where);
+    else
+        check(PyObject_SetAttr(pointer_, name.ptr(), value.ptr()), where);
 }
 
 Object Handle::item(Handle key, Where where) const { return steal(PyObject_GetItem(pointer_, key.ptr()), where); }
@@ -48,7 +56,7 @@ bool Handle::contains(Handle value, Where where) const
     return found != 0;
 }
 
-bool Handle::truthy(Where where) const
+bool Handle::is_true(Where where) const
 {
     int truth = PyObject_IsTrue(pointer_);
     check(truth, where);
@@ -56,7 +64,7 @@ bool Handle::truthy(Where where) const
 }
 
 // Not PyObject_RichCompareBool: that one takes identity for equality, which `==` in an `if` does not.
-bool Handle::equals(Handle other, Where where) const
+bool Handle::compares_equal(Handle other, Where where) const
 {
     return steal(PyObject_RichCompare(pointer_, other.ptr(), Py_EQ), where).truthy(where);
 }
@@ -73,11 +81,11 @@ constexpr std::size_t most_arguments = 16; // run_instances, the widest call, ta
 // The arguments of one call as the vector call protocol wants them: one free slot in front, values, then the keywords'
 // values, with their names in a tuple.
 struct VectorCall {
-    std::array<PyObject*, most_arguments + 1> values{};
+    std::array<PyObject*, most_arguments + 1> values; // only what is used is set
     std::size_t positional = 0;
     Object names;
 
-    VectorCall(Arguments arguments, Where where)
+    VectorCall(Arguments arguments, Where where) // NOLINT(cppcoreguidelines-pro-type-member-init)
     {
         if (arguments.size() + 1 > most_arguments) {
             PyErr_SetString(PyExc_SystemError, "more arguments in a call than the object layer passes on");
@@ -114,6 +122,9 @@ Object Handle::call(Name method, Arguments arguments, Where where) const
 {
     VectorCall prepared(arguments, where);
     prepared.values[0] = pointer_;
+    if (PyObject* function = method.cache().method(pointer_, method.ptr()))
+        return steal(PyObject_Vectorcall(function, prepared.values.data(), prepared.positional + 1, prepared.names.ptr()),
+                     where);
     return steal(PyObject_VectorcallMethod(method.ptr(), prepared.values.data(),
                                            (prepared.positional + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET,
                                            prepared.names.ptr()),

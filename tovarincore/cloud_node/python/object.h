@@ -48,12 +48,16 @@ public:
     void set_item(Handle key, Handle value, Where where = Where::here()) const; // self[key] = value
     void set_item(Py_ssize_t index, Handle value, Where where = Where::here()) const;
     bool contains(Handle value, Where where = Where::here()) const; // value in self
-    bool truthy(Where where = Where::here()) const;                 // if self:
-    bool equals(Handle other, Where where = Where::here()) const;   // if self == other: (never by identity)
+    inline bool truthy(Where where = Where::here()) const;          // if self:
+    inline bool equals(Handle other, Where where = Where::here()) const; // if self == other: (never by identity)
     bool greater(Handle other, Where where = Where::here()) const;  // if self > other:
     bool is(Handle other) const { return pointer_ == other.pointer_; }
     bool is_none() const { return pointer_ == Py_None; }
     Object call(Name method, Arguments arguments, Where where = Where::here()) const; // self.method(...)
+
+private:
+    bool compares_equal(Handle other, Where where) const;
+    bool is_true(Where where) const;
 
 protected:
     explicit constexpr Handle(PyObject* pointer) : pointer_(pointer) {}
@@ -108,6 +112,23 @@ inline void check(int status, Where where = Where::here())
 {
     if (status < 0) [[unlikely]]
         throw Raised{where};
+}
+
+bool Handle::truthy(Where where) const
+{
+    if (pointer_ == Py_True || pointer_ == Py_False || pointer_ == Py_None)
+        return pointer_ == Py_True;
+    return is_true(where);
+}
+
+// Texts, and objects that inherit the comparison by identity from `object`, are compared on the spot.
+bool Handle::equals(Handle other, Where where) const
+{
+    if (are_plain_texts(pointer_, other.pointer_))
+        return is_same_text(pointer_, other.pointer_);
+    if (compares_by_identity(pointer_) && compares_by_identity(other.pointer_))
+        return pointer_ == other.pointer_;
+    return compares_equal(other, where);
 }
 
 // "name"_k = value: an argument passed by keyword.

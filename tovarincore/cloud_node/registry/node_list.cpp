@@ -1,4 +1,5 @@
 // The registry of one region: records cross it only as deep copies, in both directions, under one lock.
+// The loops begin at the first record that may be the one: see python/plain_scan.h for the records passed over.
 #include "registry.h"
 
 namespace cloud_node {
@@ -12,7 +13,8 @@ Object nodes_of(Handle self, Where where = Where::here()) { return self.get("_No
 Object find_node(Handle self, Name attribute, Handle value, Where here = Where::here())
 {
     auto search = [&] {
-        for (Object node : each(nodes_of(self, here), here))
+        Object nodes = nodes_of(self, here);
+        for (Object node : each_from(first_candidate(nodes, attribute, value), nodes, here))
             if (node.get(attribute, here).equals(value, here))
                 return deep_copy(node, here);
         return none();
@@ -50,7 +52,7 @@ Object set_node(Handle self, Handle node_given)
     return holding(self, "_NodeManager__node_list_lock"_s, [&] {
         Object node = deep_copy(node_given);
         Py_ssize_t count = len(nodes_of(self));
-        for (Py_ssize_t i = 0; i < count; ++i)
+        for (Py_ssize_t i = first_candidate_like(nodes_of(self), "instance_id"_s, node); i < count; ++i)
             if (nodes_of(self).item(i).get("instance_id"_s).equals(node.get("instance_id"_s))) {
                 nodes_of(self).set_item(i, node);
                 return none();
@@ -67,7 +69,8 @@ Object find_node_by_uuid(Handle self, Handle uuid) { return find_node(self, "uui
 Object get_ready_node_next_in_line(Handle self)
 {
     return holding(self, "_NodeManager__node_list_lock"_s, [&] {
-        for (Object node : each(nodes_of(self)))
+        Object nodes = nodes_of(self);
+        for (Object node : each_from(first_not_false(nodes, "ready"_s), nodes))
             if (node.get("ready"_s).truthy())
                 return deep_copy(node);
         return none();
@@ -77,7 +80,8 @@ Object get_ready_node_next_in_line(Handle self)
 Object change_node_state(Handle self, Handle instance_id, Handle node_state, Handle ready)
 {
     return holding(self, "_NodeManager__node_list_lock"_s, [&] {
-        for (Object node : each(nodes_of(self)))
+        Object nodes = nodes_of(self);
+        for (Object node : each_from(first_candidate(nodes, "instance_id"_s, instance_id), nodes))
             if (node.get("instance_id"_s).equals(instance_id)) {
                 node.set("state"_s, node_state);
                 node.set("ready"_s, ready);

@@ -1,0 +1,71 @@
+#include "attribute_cache.h"
+
+namespace py {
+
+namespace {
+
+// What the class has under the name gives way to the instance's own __dict__, now and always: its type is a built-in one,
+// which nobody can turn into a data descriptor.
+bool gives_way(PyObject* on_class)
+{
+    return on_class == nullptr || (Py_TYPE(on_class)->tp_descr_set == nullptr &&
+                                   !PyType_HasFeature(Py_TYPE(on_class), Py_TPFLAGS_HEAPTYPE));
+}
+
+Py_ssize_t index_of(PyObject* dict, PyObject* name)
+{
+    PyObject *key, *value;
+    Py_ssize_t index = 0;
+    for (Py_ssize_t position = 0; PyDict_Next(dict, &position, &key, &value) != 0; ++index)
+        if (key == name)
+            return index;
+    return -1;
+}
+
+} // namespace
+
+void AttributeCache::consider(PyObject* instance, PyObject* name)
+{
+    if (std::exchange(candidate_, Py_TYPE(instance)) == Py_TYPE(instance)) {
+        candidate_ = nullptr;
+        learn(instance, name);
+    }
+}
+
+void AttributeCache::learn(PyObject* instance, PyObject* name)
+{
+    if constexpr (!layout::known)
+        return;
+    PyTypeObject* type = Py_TYPE(instance);
+    if (type->tp_getattro != PyObject_GenericGetAttr || type->tp_dictoffset < 0)
+        return;
+    PyObject* on_class = _PyType_Lookup(type, name);
+    unsigned version = layout::version_of_type(type);
+    if (version == 0 || !gives_way(on_class))
+        return;
+    PyObject* dict = type->tp_dictoffset == 0 ? nullptr : *layout::dict_slot(instance);
+    if (dict != nullptr && (!PyDict_CheckExact(dict) || layout::shared_values(dict) == nullptr))
+        return;
+    Py_ssize_t index = -1;
+    if (dict == nullptr) {
+        keys_.forget();
+    } else {
+        index = index_of(dict, name);
+        // A name that is no interned text could still be found by comparing.
+        if (index < 0 && PyDict_GetItemWithError(dict, name) != nullptr)
+            return;
+        if (!keys_.are_those_of(dict))
+            keys_.remember(dict);
+        if (!keys_.are_those_of(dict)) {
+            type_ = nullptr;
+            return;
+        }
+    }
+    type_ = type;
+    version_ = version;
+    index_ = index;
+    method_ = on_class != nullptr && PyType_HasFeature(Py_TYPE(on_class), Py_TPFLAGS_METHOD_DESCRIPTOR) ? on_class : nullptr;
+    settable_ = type->tp_setattro == PyObject_GenericSetAttr;
+}
+
+} // namespace py

@@ -1,0 +1,55 @@
+// Passing over the elements of a list that certainly are not the one looked for, without running any Python code: those
+// whose attribute is plainly stored and plainly holds something else. The loop over the rest is the Python loop.
+#pragma once
+
+#include "iteration.h"
+
+namespace py {
+
+// The first position from which `element.name == text` has to be asked; at most len(list). 0 where nothing is known.
+Py_ssize_t first_candidate(Handle list, Name name, Handle text);
+
+// The same with the text that `element` has under the name.
+Py_ssize_t first_candidate_like(Handle list, Name name, Handle element);
+
+// The first position from which the truth of `element.name` has to be asked.
+Py_ssize_t first_not_false(Handle list, Name name);
+
+// for (Object x : Candidates(xs, "node"_s, "uuid"_s, text, others)) ...
+// The elements of xs in order, except that those with another plain text under x.node.uuid go to the list `others`.
+class Candidates {
+public:
+    Candidates(Handle iterable, Name hop, Name name, Handle text, Handle others, Where where = Where::here());
+
+    // The elements that are left go to `others`, and the loop ends.
+    void put_rest_aside();
+
+    class Position {
+    public:
+        explicit Position(Candidates& candidates) : candidates_(&candidates) { ++*this; }
+        Object operator*() { return std::move(current_); }
+        Position& operator++();
+        bool operator!=(Each::End) const { return static_cast<bool>(current_); }
+
+    private:
+        Candidates* candidates_;
+        Object current_;
+    };
+
+    Position begin() { return Position(*this); }
+    static Each::End end() { return {}; }
+
+private:
+    Object next();
+    void put_aside(Py_ssize_t end);
+    Py_ssize_t next_candidate() const;
+
+    Object list_;     // empty when the iterable is no exact list
+    Object iterator_; // used then
+    Py_ssize_t index_ = 0;
+    Name hop_, name_;
+    Object text_, others_;
+    Where where_;
+};
+
+} // namespace py
