@@ -66,7 +66,8 @@ wheel: setup ## builds and tries a wheel for each CPython 3.10 to 3.13 on this m
 
 .PHONY: test-kubernetes
 test-kubernetes: build ## runs the Kubernetes tests against a real kube-apiserver, built at the first time
-	@scripts/test_kubernetes $(ARGS)
+	@program=$$(scripts/build_kube_apiserver) && TOVARIN_KUBE_APISERVER=$$program \
+		$(python) -X dev -W error -m pytest tests/flows/test_kubernetes.py $(ARGS)
 
 .PHONY: worker-timeouts
 worker-timeouts: build ## shows how each way a worker can fail is reported, and after how long
