@@ -1,0 +1,1 @@
+"""The command for operators, ``tovarin-nodes``; ``docs/command.md`` describes it."""

@@ -1,0 +1,118 @@
+"""The nodes of a region as its provider lists them, and whether their workers answer."""
+
+from collections.abc import Sequence
+from concurrent.futures import ThreadPoolExecutor
+from dataclasses import dataclass
+
+from tovarincore.api_def import PingRequest
+from tovarincore.cloud_def import CloudNode, NodeState
+from tovarincore.cloud_node import cloud_manager_glbl
+from tovarincore.command.access import Access
+from tovarincore.command.explain import failure_of
+from tovarincore.command.failures import CommandFailure, ExitCode
+from tovarincore.command.text import one_line
+from tovarincore.core_conf import ConfigError
+from tovarincore.core_def import OPResultErrorCode
+from tovarincore.webs_client import WebSocketClient
+
+__all__ = ["GONE", "Probe", "find_node", "list_nodes", "probe_nodes"]
+
+GONE = (NodeState.SHUTTING_DOWN, NodeState.TERMINATED)
+"""States of nodes that come to nothing any more."""
+
+_PROBE_SECONDS = 2
+_PROBES_AT_ONCE = 16
+_WHY = {
+    OPResultErrorCode.CONNECTION_FAILED: "port closed or unreachable",
+    OPResultErrorCode.TIMEOUT: "no answer in time",
+    OPResultErrorCode.UNAUTHENTICATED: "token refused",
+    OPResultErrorCode.CERTIFICATE_INVALID: "certificate not accepted",
+    OPResultErrorCode.PROTOCOL_ERROR: "not a worker",
+}
+
+
+@dataclass(frozen=True)
+class Probe:
+    """What came of asking a node's worker.
+
+    :param ready: the worker answered
+    :param why_not: a few words when it did not; empty when it did
+    :param message: what the worker's client says about that, for people
+    """
+
+    ready: bool
+    why_not: str = ""
+    message: str = ""
+
+
+def list_nodes(access: Access) -> list[CloudNode]:
+    """Return the user's nodes, terminated ones included.
+
+    :raises CommandFailure: the provider reports a failure, or has an instance of a type that is not known
+    """
+    try:
+        nodes, result = cloud_manager_glbl.list_instances(access.region, access.auth, access.user_name)
+    except AssertionError as error:
+        # The provider stops the whole listing there rather than leave the instance out.
+        raise CommandFailure(
+            "one of your instances has a type that is not in the list of instance types,"
+            " which stops the whole listing",
+            "tovarin-nodes doctor REGION names the type and the lines to add",
+            ExitCode.NOT_CONFIGURED,
+        ) from error
+    if nodes is None:
+        raise failure_of(result, access.region)
+    return nodes
+
+
+def find_node(nodes: Sequence[CloudNode], text: str) -> CloudNode:
+    """Return the node with this instance id, uuid or name; a name means nodes that are not gone first.
+
+    :raises CommandFailure: there is none, or the name means several
+    """
+    for node in nodes:
+        if text in (node.instance_id, node.uuid):
+            return node
+    named = [node for node in nodes if node.name == text]
+    found = [node for node in named if node.state not in GONE] or named
+    if not found:
+        raise CommandFailure(
+            f'there is no node "{one_line(text)}" in this region',
+            "see what is there: tovarin-nodes list REGION --all",
+            ExitCode.NOT_FOUND,
+        )
+    if len(found) > 1:
+        ids = ", ".join(node.instance_id for node in found)
+        raise CommandFailure(
+            f'{len(found)} nodes are named "{one_line(text)}"',
+            f"give one of the ids: {ids}",
+            ExitCode.NOT_FOUND,
+        )
+    return found[0]
+
+
+def probe_nodes(nodes: Sequence[CloudNode]) -> dict[str, Probe]:
+    """Ask the workers of all nodes at once; readiness and load are written into the records.
+
+    :return: what came of it by instance id
+    """
+    if not nodes:
+        return {}
+    with ThreadPoolExecutor(min(len(nodes), _PROBES_AT_ONCE)) as executor:
+        return dict(zip((node.instance_id for node in nodes), executor.map(_probe, nodes), strict=True))
+
+
+def _probe(node: CloudNode) -> Probe:
+    if node.state is not NodeState.RUNNING:
+        return Probe(False, "-", f"the node is {node.state.value.lower()}")
+    try:
+        with WebSocketClient(node, client_timeout_sec=_PROBE_SECONDS) as client:
+            result = client.api_get_op_result(PingRequest())
+            if result.success:
+                node.ready = True
+                client.refresh_system_stat()
+                return Probe(True)
+    except ConfigError as error:
+        return Probe(False, "the configuration cannot be used", one_line(error))
+    why = _WHY[result.error_code] if result.error_code in _WHY else "no answer"
+    return Probe(False, why, one_line(result.msg or ""))
