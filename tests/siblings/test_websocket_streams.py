@@ -1,0 +1,230 @@
+"""Byte streams under a deadline."""
+
+import resource
+import socket
+import ssl
+import threading
+import time
+from collections.abc import Iterator
+from contextlib import ExitStack
+from pathlib import Path
+
+import pytest
+
+from tests.servers import worker_peers as peers
+from tests.servers.certificates import make_server_certificate
+from tests.servers.settings import settings_of
+from tests.servers.worker_timeouts import node_at
+from tovarincore._websocket import streams
+from tovarincore._websocket.deadline import Deadline
+from tovarincore._websocket.errors import ConnectionLost, RequestFailed
+from tovarincore.api_def import PingRequest
+from tovarincore.core_def import OPResultErrorCode
+from tovarincore.testing.reference_worker import ReferenceWorker
+from tovarincore.webs_client import WebSocketClient
+
+
+def resolves_to(monkeypatch: pytest.MonkeyPatch, *addresses: str) -> None:
+    """Let every name have these addresses."""
+    found = [
+        (socket.AF_INET, socket.SOCK_STREAM, socket.IPPROTO_TCP, "", (address, 0)) for address in addresses
+    ]
+    monkeypatch.setattr(socket, "getaddrinfo", lambda *_, **__: found)
+
+
+@pytest.fixture
+def swallowing() -> Iterator[socket.socket]:
+    """A listener on 127.0.0.2 whose queue is full: the kernel swallows further connections."""
+    with socket.create_server(("127.0.0.2", 0), backlog=0) as listening, ExitStack() as stack:
+        for _ in range(4):
+            waiting = stack.enter_context(socket.socket())
+            waiting.setblocking(False)
+            waiting.connect_ex(listening.getsockname())
+        yield listening
+
+
+def test_the_next_address_is_tried_when_one_refuses(monkeypatch: pytest.MonkeyPatch) -> None:
+    """At once, without using up any time."""
+    resolves_to(monkeypatch, "127.0.0.3", "127.0.0.1")
+    with peers.Peer(peers.says_nothing) as peer:
+        streams.connect("worker", peer.port, Deadline(1)).close()
+
+
+def test_an_address_that_swallows_packets_leaves_time_for_the_others(
+    monkeypatch: pytest.MonkeyPatch, swallowing: socket.socket
+) -> None:
+    """Half of the time for the first of two."""
+    resolves_to(monkeypatch, "127.0.0.2", "127.0.0.1")
+    port = swallowing.getsockname()[1]
+    with socket.create_server(("127.0.0.1", port)):
+        start = time.monotonic()
+        streams.connect("worker", port, Deadline(0.4)).close()
+        assert 0.2 <= time.monotonic() - start < 0.35
+
+
+def test_addresses_that_all_swallow_packets_end_at_the_deadline(
+    monkeypatch: pytest.MonkeyPatch, swallowing: socket.socket
+) -> None:
+    """The shares add up to the whole, and the result is a time-out."""
+    resolves_to(monkeypatch, "127.0.0.2", "127.0.0.2", "127.0.0.2")
+    start = time.monotonic()
+    with pytest.raises(RequestFailed) as caught:
+        streams.connect("worker", swallowing.getsockname()[1], Deadline(0.3))
+    assert 0.3 <= time.monotonic() - start < 0.5
+    assert caught.value.code is OPResultErrorCode.TIMEOUT
+
+
+def test_ipv6_is_spoken() -> None:
+    """An address in brackets-free form, as nodes carry it."""
+    if not socket.has_ipv6:
+        pytest.skip("this machine has no IPv6")
+    try:
+        listening = socket.create_server(("::1", 0), family=socket.AF_INET6)
+    except OSError as error:
+        pytest.skip(f"IPv6 is switched off here: {error}")
+    with listening:
+        streams.connect("::1", listening.getsockname()[1], Deadline(1)).close()
+
+
+def test_descriptors_beyond_a_thousand_do() -> None:
+    """A process with many files open can still ask its workers."""
+    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    if hard != resource.RLIM_INFINITY and hard < 2000:
+        pytest.skip(f"this machine allows only {hard} descriptors")
+    resource.setrlimit(resource.RLIMIT_NOFILE, (max(soft, 2000), hard))
+    try:
+        with ExitStack() as stack, peers.Peer(peers.says_nothing) as peer:
+            while stack.enter_context(open("/dev/null", "rb")).fileno() < 1100:
+                pass
+            stream = streams.connect("127.0.0.1", peer.port, Deadline(1))
+            stack.callback(stream.close)
+            with pytest.raises(RequestFailed, match="no answer within"):
+                stream.receive(Deadline(0.05))
+    finally:
+        resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
+
+
+def test_sending_to_a_peer_that_does_not_read_ends_at_the_deadline() -> None:
+    """Also when the connection takes a part of it."""
+    with peers.Peer(peers.says_nothing) as peer:
+        stream = streams.connect("127.0.0.1", peer.port, Deadline(1))
+        start = time.monotonic()
+        with pytest.raises(RequestFailed) as caught:
+            stream.send(b"x" * 50_000_000, Deadline(0.2))
+        took = time.monotonic() - start
+        stream.close()
+    assert caught.value.code is OPResultErrorCode.TIMEOUT
+    assert 0.2 <= took < 0.4
+
+
+def test_much_data_arrives_whole_over_tls(tmp_path: Path) -> None:
+    """Both ways, in whatever pieces; the end of the stream is the empty one."""
+    sent = bytes(range(256)) * 4000
+    files = make_server_certificate(tmp_path)
+
+    def returns_it(conversation: peers.Conversation) -> None:
+        data = b""
+        while len(data) < len(sent):
+            data += conversation.connected.recv(65536)
+        conversation.connected.sendall(data)
+
+    with peers.Peer(returns_it, ssl_context=files.server_context()) as peer:
+        deadline = Deadline(10)
+        tcp = streams.connect("127.0.0.1", peer.port, deadline)
+        stream = streams.TlsStream(tcp, client_context(files.authority), "127.0.0.1", deadline)
+        stream.send(sent, deadline)
+        received = b""
+        while len(received) < len(sent):
+            received += stream.receive(deadline)
+        assert received == sent
+        assert stream.receive(deadline) == b""
+        stream.close()
+
+
+def client_context(authority: Path) -> ssl.SSLContext:
+    """Return checks that trust an authority."""
+    return ssl.create_default_context(cafile=str(authority))
+
+
+@pytest.mark.parametrize(
+    ("answer", "kind", "why"),
+    [
+        (b"", ConnectionLost, "ended during the TLS handshake"),
+        (b"HTTP/1.1 400 Bad Request\r\n\r\n", RequestFailed, "the TLS handshake failed"),
+    ],
+)
+def test_a_peer_without_tls_is_recognised(answer: bytes, kind: type[RequestFailed], why: str) -> None:
+    """The text doubts scheme and port."""
+
+    def answers(conversation: peers.Conversation) -> None:
+        conversation.connected.recv(4096)
+        conversation.connected.sendall(answer)
+
+    with peers.Peer(answers) as peer:
+        tcp = streams.connect("127.0.0.1", peer.port, Deadline(1))
+        context = ssl.create_default_context()
+        with pytest.raises(kind, match=why):
+            streams.TlsStream(tcp, context, "127.0.0.1", Deadline(1))
+        tcp.close()
+
+
+def test_a_name_that_no_certificate_can_carry_is_a_failure_of_the_request() -> None:
+    """The TLS library refuses it with an error that is not its own."""
+    with peers.Peer(peers.says_nothing) as peer:
+        tcp = streams.connect("127.0.0.1", peer.port, Deadline(1))
+        with pytest.raises(RequestFailed) as caught:
+            streams.TlsStream(tcp, ssl.create_default_context(), ".example", Deadline(1))
+        tcp.close()
+    assert caught.value.code is OPResultErrorCode.CONNECTION_FAILED
+
+
+@pytest.mark.parametrize(
+    ("name", "settings", "succeeds"),
+    [
+        ("127.0.0.1", {}, True),
+        ("worker.example", {}, False),
+        ("worker.example", {"verify_certificates": False}, True),
+    ],
+)
+def test_a_worker_s_certificate_must_carry_the_node_s_address(
+    tmp_path: Path, name: str, settings: dict[str, bool], succeeds: bool
+) -> None:
+    """Unless the checks are switched off."""
+    files = make_server_certificate(tmp_path, name)
+    with ReferenceWorker(ssl_context=files.server_context()) as worker:
+        section = {"scheme": "wss", "port": worker.port, "ca_file": str(files.authority), **settings}
+        with (
+            settings_of(tmp_path, {"worker": section}),
+            WebSocketClient(node_at("127.0.0.1"), 2) as client,
+        ):
+            assert client.api_get_op_result(PingRequest()).success is succeeds
+            assert client.api_get_op_result(PingRequest()).success is succeeds
+
+
+def test_through_a_tunnel_the_certificate_is_still_the_worker_s(tmp_path: Path) -> None:
+    """The address that is connected to is only the tunnel's end."""
+    files = make_server_certificate(tmp_path, "worker.example")
+    with ReferenceWorker(ssl_context=files.server_context()) as worker:
+        sections = {
+            "worker": {"scheme": "wss", "ca_file": str(files.authority)},
+            "worker_addresses": {"worker.example": f"127.0.0.1:{worker.port}"},
+        }
+        with (
+            settings_of(tmp_path, sections),
+            WebSocketClient(node_at("worker.example"), 2) as client,
+        ):
+            assert client.api_get_op_result(PingRequest()).success
+
+
+def test_no_thread_belongs_to_a_connection() -> None:
+    """Connecting to a numeric address, sending and receiving start none."""
+    with peers.Peer(peers.says_nothing) as peer:
+        before = set(threading.enumerate())
+        stream = streams.connect("127.0.0.1", peer.port, Deadline(1))
+        stream.send(b"x", Deadline(1))
+        with pytest.raises(RequestFailed):
+            stream.receive(Deadline(0.01))
+        # The peer itself has one for each connection.
+        started = set(threading.enumerate()) - before
+        stream.close()
+    assert len(started) <= 1
