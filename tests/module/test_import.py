@@ -32,6 +32,11 @@ for name in ("boto3", "botocore", "dateutil", "s3transfer", "jmespath", "urllib3
 """
 
 
+needs_extension = pytest.mark.skipif(
+    "extension" not in IMPLEMENTATIONS, reason="TOVARIN_TESTS_ONLY leaves the extension out"
+)
+
+
 @pytest.fixture(params=IMPLEMENTATIONS)
 def name(request: pytest.FixtureRequest) -> str:
     """The name that each implementation is imported under."""
@@ -91,6 +96,7 @@ MAKE_INTERPRETERS = {
 }
 
 
+@needs_extension
 @pytest.mark.parametrize("kind", [0, 1], ids=["isolated", "sharing the lock"])
 def test_a_second_interpreter_of_the_process_is_refused(run_child: Child, kind: int) -> None:
     """With one text, whatever the interpreter's configuration; the first keeps its module."""
@@ -186,6 +192,7 @@ print(json.dumps([outcomes == [True] * len(wanted), len(wanted) > 40, attempt({n
     assert json.loads(child.stdout) == [True, True, f"imported {name}"]
 
 
+@needs_extension
 @pytest.mark.parametrize(
     "built_in", ["staticmethod", "range", "super", "AssertionError", "NotImplementedError"]
 )
@@ -209,6 +216,7 @@ print(attempt("tovarincore.cloud_node"))
     assert (child.stdout, child.stderr) == (expected, "")
 
 
+@needs_extension
 def test_the_extension_keeps_the_built_ins_that_it_found_at_import(run_child: Child) -> None:
     """Five of them; later replacements do not reach it."""
     code = """
