@@ -1,0 +1,76 @@
+"""A shell to try things in: `python -m demo.playground [command ...]`.
+
+An emulated EC2, a worker that answers and one that never does, and a configuration folder of its own, all on
+this machine and gone at the end. The region is us-east-1; nodes whose name begins with "silent" get the
+worker that never answers.
+"""
+
+from __future__ import annotations
+
+import os
+import subprocess
+import sys
+import tempfile
+from collections.abc import Iterator, Sequence
+from contextlib import contextmanager
+from pathlib import Path
+
+import tomli_w
+
+from demo.endpoint import ACCESS_KEY_ID, HOST, REGION_NAME, SECRET_ACCESS_KEY, Ec2Endpoint
+from demo.environment import environment
+from tovarincore.core_conf import core_conf_glbl
+from tovarincore.testing.reference_worker import ReferenceWorker
+
+IMAGE_NAMES = [f"TOVARIN_AI_{kind}_{plan}_1.4.0" for kind in ("CPU", "GPU") for plan in ("PLAN_A", "PLAN_B")]
+
+
+@contextmanager
+def playground() -> Iterator[Ec2Endpoint]:
+    """Run the body, and the programs that it starts, in the playground's environment."""
+    with (
+        Ec2Endpoint() as endpoint,
+        ReferenceWorker() as worker,
+        ReferenceWorker(answer=False) as silent,
+        tempfile.TemporaryDirectory(prefix="tovarin-playground-") as folder_name,
+    ):
+        endpoint.prepare_account(IMAGE_NAMES)
+        folder = Path(folder_name)
+        addresses = {"silent*": f"{HOST}:{silent.port}", "*": f"{HOST}:{worker.port}"}
+        (folder / "core.toml").write_text(tomli_w.dumps({"worker_addresses": addresses}), encoding="utf-8")
+        with environment(
+            {
+                "AWS_ENDPOINT_URL_EC2": endpoint.url,
+                "AWS_ACCESS_KEY_ID": ACCESS_KEY_ID,
+                "AWS_SECRET_ACCESS_KEY": SECRET_ACCESS_KEY,
+                "AWS_CONFIG_FILE": str(folder / "aws-config"),
+                "AWS_SHARED_CREDENTIALS_FILE": str(folder / "aws-credentials"),
+                "AWS_EC2_METADATA_DISABLED": "true",
+                "TOVARIN_CONF": str(folder / "core.toml"),
+                "TOVARIN_CLOUD_CONF": str(folder / "cloud.toml"),
+                # The command of this very environment, whatever else is installed.
+                "PATH": os.pathsep.join(
+                    [os.path.dirname(sys.executable), os.environ.get("PATH", os.defpath)]
+                ),
+            }
+        ):
+            core_conf_glbl.reload()
+            try:
+                yield endpoint
+            finally:
+                core_conf_glbl.reload()
+
+
+def main(arguments: Sequence[str] | None = None) -> int:
+    """Run a command, or a shell, in the playground; returns its exit status."""
+    command = list(sys.argv[1:] if arguments is None else arguments)
+    with playground() as endpoint:
+        if not command:
+            command = [os.environ.get("SHELL", "/bin/sh")]
+            print(f"An emulated EC2 listens on {endpoint.url} as region {REGION_NAME}; `exit` ends it.")
+            print(f"Begin with: tovarin-nodes configure {REGION_NAME} --user-name ada --sdk")
+        return subprocess.run(command, check=False).returncode
+
+
+if __name__ == "__main__":
+    sys.exit(main())
