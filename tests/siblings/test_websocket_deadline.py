@@ -2,6 +2,7 @@
 
 import math
 import time
+from pathlib import Path
 
 import pytest
 
@@ -23,6 +24,16 @@ def test_the_result_is_right_and_in_time(scenario: Scenario) -> None:
         assert result.msg is not None
         assert result.msg.startswith("Worker of node node: ")
         assert ";" in result.msg
+
+
+def test_the_documentation_shows_every_row() -> None:
+    """Title and code of each stand in the table, which is the command's output."""
+    page = Path(__file__).resolve().parents[2] / "docs" / "worker-timeouts.md"
+    rows = [line.split(" | ") for line in page.read_text(encoding="utf-8").splitlines()]
+    shown = [(row[0].removeprefix("| "), row[2]) for row in rows if len(row) == 4]
+    names = [scenario.code.name if scenario.code else "success" for scenario in SCENARIOS]
+    titles = [scenario.title for scenario in SCENARIOS]
+    assert shown[1:] == list(zip(titles, names, strict=True))
 
 
 def test_waiting_never_ends_before_the_deadline() -> None:
