@@ -89,10 +89,10 @@ def test_create_key_pair_needs_a_username(cloud_node: ModuleType, owner: str) ->
 def test_wrong_arguments_get_the_interpreters_own_error(
     cloud_node: ModuleType, arguments: Any, keywords: Any, text: str
 ) -> None:
-    """Word for word as for a method written in Python."""
+    """As for a method written in Python; newer interpreters add a suggestion at the end."""
     with pytest.raises(TypeError) as caught:
         cloud_node.NodeManager.change_node_state(object(), *arguments, **keywords)
-    assert str(caught.value) == f"NodeManager.change_node_state() {text}"
+    assert str(caught.value).startswith(f"NodeManager.change_node_state() {text}")
 
 
 def test_every_provider_overrides_every_operation(cloud_node: ModuleType) -> None:
