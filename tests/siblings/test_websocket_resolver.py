@@ -100,7 +100,7 @@ def test_a_hanging_name_is_waited_for_until_the_deadline(names: NameService) -> 
     """The thread stays behind, the caller does not."""
     start = time.monotonic()
     failure = failure_of("hang", seconds=0.2)
-    assert 0.2 <= time.monotonic() - start < 0.4
+    assert 0.2 <= time.monotonic() - start < 1.2
     assert failure.code is OPResultErrorCode.TIMEOUT
     assert "resolving hang" in failure.msg
 
