@@ -175,7 +175,7 @@ def refusal(code: str, message: str = "Refused") -> ClientError:
 
 
 # The shapes of an error response in which the message cannot be found, and the key that is missed first.
-ODD_RESPONSES = {
+ODD_RESPONSES: dict[str, tuple[dict[str, Any], str]] = {
     "no Error": ({}, "Error"),
     "no Message": ({"Error": {"Code": "Odd"}}, "Message"),
     "empty Error": ({"Error": {}}, "Message"),

@@ -245,7 +245,7 @@ def test_random_sequences_keep_the_pool_as_a_plain_list_keeps_it(
         def get(self, uuid: str) -> None:
             matches = [each for each in self.model if each.node.uuid == uuid]
             got = self.facade.get_from_webs_client_pool(uuid)
-            assert got is (matches or [None])[0]
+            assert got is next(iter(matches), None)
             self.model = [each for each in self.model if each is not got]
 
         @rule(uuid=UUIDS)
@@ -264,7 +264,7 @@ def test_random_sequences_keep_the_pool_as_a_plain_list_keeps_it(
             assert [*map(id, self.facade.webs_client_pool)] == [*map(id, self.model)]
             assert is_free(self.facade.webs_client_pool_lock)
 
-    run_state_machine_as_test(
+    run_state_machine_as_test(  # type: ignore[no-untyped-call]
         Pool, settings=settings(max_examples=60, stateful_step_count=20, deadline=None, database=None)
     )
 

@@ -41,6 +41,7 @@ def test_the_imported_extension_is_the_built_one(extension: ModuleType) -> None:
     assert extension.__file__.endswith(f"/tovarincore/cloud_node{EXTENSION_SUFFIXES[0]}"), (
         "run `make build` first"
     )
+    assert extension.__spec__ is not None
     assert type(extension.__spec__.loader).__name__ == "ExtensionFileLoader"
 
 
@@ -156,7 +157,7 @@ def test_a_method_patched_on_the_class_takes_effect(cloud_node: ModuleType, log:
 def test_a_subclass_overrides_and_calls_the_base(cloud_node: ModuleType, log: CallLog) -> None:
     """super() reaches our methods, and our methods reach the override."""
 
-    class Counting(cloud_node.CloudManager):  # type: ignore[misc]
+    class Counting(cloud_node.CloudManager):  # type: ignore[misc, name-defined]
         def __init__(self) -> None:
             super().__init__()
             self.asked: list[Any] = []
@@ -243,7 +244,7 @@ def test_a_traceback_names_our_function_its_file_and_line(extension: ModuleType)
     assert frame.name == "set_node"
     assert frame.filename == "tovarincore/cloud_node/facade/routing.cpp"
     with open(frame.filename, encoding="utf-8") as source:
-        assert '"region"_s' in source.read().splitlines()[frame.lineno - 1]
+        assert '"region"_s' in source.read().splitlines()[(frame.lineno or 0) - 1]
 
 
 def test_a_traceback_shows_every_one_of_our_methods_on_the_way(extension: ModuleType) -> None:

@@ -75,9 +75,7 @@ def test_annotations_resolve_in_the_modules_namespace(cloud_node: ModuleType) ->
             if method not in ("_create_session", "_get_client"):
                 typing.get_type_hints(function)
     hints = typing.get_type_hints(cloud_node.NodeManager.set_node_list)
-    assert hints == {"node_list": list[cloud_node.CloudNode]} or hints == {
-        "node_list": typing.List[cloud_node.CloudNode]
-    }
+    assert typing.get_args(hints["node_list"]) == (cloud_node.CloudNode,)
 
 
 def test_exactly_two_methods_are_static(cloud_node: ModuleType) -> None:

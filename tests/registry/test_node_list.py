@@ -297,20 +297,20 @@ def test_random_sequences_keep_the_list_as_a_plain_model_keeps_it(
         @rule(instance_id=IDS)
         def find_by_instance_id(self, instance_id: str) -> None:
             matches = [node for node in self.model if node.instance_id == instance_id]
-            assert self.manager.find_node_by_instance_id(instance_id) == (matches or [None])[0]
+            assert self.manager.find_node_by_instance_id(instance_id) == next(iter(matches), None)
 
         @rule(uuid=st.sampled_from("xyz"))
         def find_by_uuid(self, uuid: str) -> None:
             matches = [node for node in self.model if node.uuid == uuid]
-            assert self.manager.find_node_by_uuid(uuid) == (matches or [None])[0]
+            assert self.manager.find_node_by_uuid(uuid) == next(iter(matches), None)
 
         @invariant()
         def lists_agree(self) -> None:
             assert self.manager.get_node_list() == self.model
             ready = [node for node in self.model if node.ready]
-            assert self.manager.get_ready_node_next_in_line() == (ready or [None])[0]
+            assert self.manager.get_ready_node_next_in_line() == next(iter(ready), None)
             assert is_free(self.manager._NodeManager__node_list_lock)
 
-    run_state_machine_as_test(
+    run_state_machine_as_test(  # type: ignore[no-untyped-call]
         Registry, settings=settings(max_examples=60, stateful_step_count=20, deadline=None, database=None)
     )

@@ -325,7 +325,8 @@ def test_a_listing_that_is_no_pair_is_an_error_result(
 
 def test_any_iterable_of_two_unpacks(manager: Any) -> None:
     """A list, an iterator: whatever gives exactly two values."""
-    for pair in ([[], GOOD], iter(([], GOOD))):
+    pairs: list[Any] = [[[], GOOD], iter(([], GOOD))]
+    for pair in pairs:
         listing(manager, pair)
         assert manager.refresh_node_list() is GOOD
 
@@ -347,7 +348,7 @@ def test_a_logger_that_fails_inside_the_handler_propagates_with_the_failure_as_c
     fault, second = RuntimeError("first"), ValueError("second")
     manager.get_node_list = manager.set_node = recording(CallLog(), "fails", fault)
     manager.logger = Fake(CallLog(), "logger", debug=second)
-    node = make_node(state=NodeState.STOPPED)
+    node: Any = make_node(state=NodeState.STOPPED)
     node.__class__ = _Uncopied
     with pytest.raises(ValueError, match="second") as caught:
         getattr(manager, operation)(*([node] if operation == "refresh_node" else []))

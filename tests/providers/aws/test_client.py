@@ -53,7 +53,7 @@ def test_the_constructor_refuses_what_is_no_amazon_account(aws: Amazon, auth: An
     """An assertion without a message, and neither attribute is set."""
     made: list[Any] = []
 
-    class Watched(aws.module.AWSNodeManager):  # type: ignore[misc]
+    class Watched(aws.module.AWSNodeManager):  # type: ignore[misc, name-defined]
         def __new__(cls, *args: Any) -> Any:
             made.append(super().__new__(cls))
             return made[0]
@@ -112,7 +112,7 @@ def test_an_unknown_profile_is_the_sdks_own_error(
 def test_a_client_is_made_afresh_for_the_region_under_the_lock(aws: Amazon, lock: FakeLock) -> None:
     """Settings first, then lock, session and client, then the lock is free; nothing is kept."""
     assert aws.manager._get_client() == "the client"
-    config = dict(aws.log[2].kwargs)["config"]
+    config: Any = dict(aws.log[2].kwargs)["config"]
     once = [
         LOCKED,
         call("Session", aws_access_key_id="id", aws_secret_access_key="secret", aws_session_token=None),
@@ -120,8 +120,8 @@ def test_a_client_is_made_afresh_for_the_region_under_the_lock(aws: Amazon, lock
         RELEASED,
     ]
     assert aws.log == once
-    assert type(config) is botocore.config.Config
     assert config.proxies == {}
+    assert isinstance(config, botocore.config.Config)
     aws.log.clear()
     aws.manager._get_client()
     assert aws.log.names == [entry.name for entry in once]

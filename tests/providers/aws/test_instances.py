@@ -38,7 +38,7 @@ def described(aws: Amazon, *instances: Any) -> Amazon:
     return aws
 
 
-def only_node(aws: Amazon, **fields: Any) -> AWSCloudNode:
+def only_node(aws: Amazon, **fields: Any) -> Any:
     """Return the node made of one instance with these fields."""
     nodes, result = described(aws, instance(**fields)).manager.list_instances()
     assert result == SUCCESS
@@ -85,7 +85,8 @@ def test_the_record_is_made_by_keyword_in_this_order(aws: Amazon, monkeypatch: p
 
 def test_an_instance_without_tags_has_dashes_for_uuid_and_name(aws: Amazon) -> None:
     """No tags at all, or none of ours."""
-    for fields in ({}, {"Tags": []}, {"Tags": [{"Key": "name", "Value": "x"}]}):
+    tags: list[Any] = [{}, {"Tags": []}, {"Tags": [{"Key": "name", "Value": "x"}]}]
+    for fields in tags:
         node = only_node(aws, **fields)
         assert (node.uuid, node.name) == ("-", "-")
 
@@ -193,7 +194,8 @@ def test_an_instance_without_a_mandatory_key_is_a_key_error(aws: Amazon, key: st
 
 def test_a_response_without_reservations_is_a_key_error(aws: Amazon) -> None:
     """So is a reservation without instances."""
-    for response, key in (({}, "Reservations"), ({"Reservations": [{}]}, "Instances")):
+    responses: dict[str, Any] = {"Reservations": {}, "Instances": {"Reservations": [{}]}}
+    for key, response in responses.items():
         aws.ec2.answers["describe_instances"] = response
         with pytest.raises(KeyError, match=key):
             aws.manager.list_instances()
@@ -223,7 +225,7 @@ def test_start_node_sends_one_request_and_logs_its_response_itself(
     aws: Amazon, reboot: Any, request_: str
 ) -> None:
     """A reboot sends its own request, never a start; the result is None."""
-    response = {"StartingInstances": []}
+    response: dict[str, Any] = {"StartingInstances": []}
     aws.ec2.answers[f"{request_}_instances"] = response
     assert aws.manager.start_node("i-1", reboot=reboot) is None
     assert aws.log == [
