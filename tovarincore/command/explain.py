@@ -179,7 +179,7 @@ def _unsupported(error: BaseException) -> CommandFailure:
 
 
 def _missing(error: BaseException) -> CommandFailure:
-    name = getattr(error, "name", None) or one_line(error)
+    name = (getattr(error, "name", None) or one_line(error)).partition(".")[0]
     if name in ("click", "rich"):
         return CommandFailure(
             f"tovarin-nodes needs the package {name}, which is not installed: pip install tovarincore[cli]",

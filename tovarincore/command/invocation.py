@@ -38,7 +38,7 @@ class Invocation:
     def emit(self, document: object, draw: Callable[[], None]) -> None:
         """Show a result: the document as JSON, or what ``draw`` writes for people."""
         if self.json:
-            click.echo(json.dumps(document, indent=2, ensure_ascii=False))
+            click.echo(json.dumps(document, indent=2))
         else:
             draw()
 
@@ -52,7 +52,7 @@ class Invocation:
         what, remedy = self._named(failure.what), self._named(failure.remedy)
         if self.json:
             error = {"what": what, "remedy": remedy, "exit_code": int(failure.code)}
-            click.echo(json.dumps({"error": error}, ensure_ascii=False), err=True)
+            click.echo(json.dumps({"error": error}), err=True)
             return
         click.echo(f"error: {what}", err=True)
         if remedy:

@@ -111,7 +111,7 @@ class _View:
         if self._invocation.json:
             import json
 
-            click.echo(json.dumps([document for document, _ in nodes], ensure_ascii=False))
+            click.echo(json.dumps([document for document, _ in nodes]))
             return
         moment = f"{self._access.region.hash_key} at {datetime.now():%H:%M:%S}"
         rows = [row for _, row in nodes]

@@ -1,0 +1,94 @@
+"""An emulated account for the command, and ways to run the command on it."""
+
+from __future__ import annotations
+
+import json
+import os
+import subprocess
+import sys
+from collections.abc import Callable, Iterator
+from pathlib import Path
+from typing import Any
+
+import click.testing
+import pytest
+import tomli_w
+
+from tests.conftest import ROOT
+from tests.flows.conftest import ec2, ec2_endpoint, healthy_worker, sdk_data_read_once
+from tests.servers.settings import settings_of
+from tovarincore._conf.toml_file import read_toml
+from tovarincore.cloud_node import cloud_manager_glbl
+from tovarincore.command.app import cli
+from tovarincore.core_conf import core_conf_glbl
+
+# Named here, pytest finds them in this folder too.
+__all__ = ["ec2", "ec2_endpoint", "healthy_worker", "sdk_data_read_once"]
+
+Run = Callable[..., click.testing.Result]
+
+
+@pytest.fixture(autouse=True)
+def fresh_providers() -> Iterator[None]:
+    """No provider that another test made with other credentials, and none left for the next test."""
+    cloud_manager_glbl._node_manager_hashset.clear()
+    yield
+    cloud_manager_glbl._node_manager_hashset.clear()
+
+
+@pytest.fixture
+def no_account(tmp_path: Path) -> Iterator[Path]:
+    """A machine on which nothing is configured; gives the folder of its configuration."""
+    with settings_of(tmp_path, {}):
+        yield tmp_path
+
+
+@pytest.fixture
+def run() -> Run:
+    """Runs one command in this process, with text for its standard input."""
+
+    def run_it(*arguments: str, answer: str = "") -> click.testing.Result:
+        return click.testing.CliRunner().invoke(cli, list(arguments), input=answer)
+
+    return run_it
+
+
+@pytest.fixture
+def run_json(run: Run) -> Callable[..., Any]:
+    """Runs one command with --json and returns what it wrote, after seeing that it went well."""
+
+    def run_it(*arguments: str, answer: str = "") -> Any:
+        result = run(*arguments, "--json", answer=answer)
+        assert (result.exit_code, result.stderr) == (0, ""), result.output
+        return json.loads(result.stdout)
+
+    return run_it
+
+
+def send_to_worker(pattern: str, port: int) -> None:
+    """Let nodes of these names be reached at a port of this machine, for the rest of the test."""
+    path = Path(os.environ["TOVARIN_CONF"])
+    settings = read_toml(path)
+    assert settings is not None
+    settings["worker_addresses"][pattern] = f"127.0.0.1:{port}"
+    path.write_text(tomli_w.dumps(settings))
+    core_conf_glbl.reload()
+
+
+def start_command(*arguments: str, module: str = "tovarincore") -> subprocess.Popen[str]:
+    """Start the command as a process of its own in the test's surroundings, warnings being errors."""
+    return subprocess.Popen(
+        [sys.executable, "-W", "error", "-m", module, *arguments],
+        env={**os.environ, "PYTHONPATH": str(ROOT)},
+        stdin=subprocess.DEVNULL,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
+        text=True,
+    )
+
+
+def finish(process: subprocess.Popen[str], seconds: float = 60) -> tuple[int, str, str]:
+    """Exit code, standard output and standard error of a process, waited for."""
+    with process:
+        stdout, stderr = process.communicate(timeout=seconds)
+    return process.returncode, stdout, stderr

@@ -1,0 +1,122 @@
+"""The list of sub-commands, and errors as lines and exit codes."""
+
+from __future__ import annotations
+
+import json
+import logging
+from pathlib import Path
+
+import pytest
+
+from tests.command.conftest import Run, finish, start_command
+from tovarincore.command import listing
+from tovarincore.command.app import cli, run
+from tovarincore.command.failures import EXIT_CODES, ExitCode
+
+COMMANDS = (
+    "configure regions templates types list show launch try wait watch start stop reboot terminate keypair"
+    " orphans doctor"
+)
+
+
+def test_help_lists_every_sub_command_and_exit_code(run: Run) -> None:
+    """A newcomer sees all that there is, in the order of a node's life, and what the codes mean."""
+    result = run("--help")
+    assert result.exit_code == 0
+    assert list(cli.commands) == COMMANDS.split()
+    assert set(EXIT_CODES) == set(ExitCode)
+    for code, text in EXIT_CODES.items():
+        assert f"{int(code):>5}  {text}" in result.stdout
+
+
+@pytest.mark.parametrize("name", COMMANDS.split())
+def test_every_sub_command_takes_json_and_debug(run: Run, name: str) -> None:
+    """Both options belong to each sub-command."""
+    arguments = [name, "create"] if name == "keypair" else [name]
+    text = run(*arguments, "--help").stdout
+    assert "--json" in text
+    assert "--debug" in text
+
+
+def test_a_wrong_option_says_where_help_is(run: Run) -> None:
+    """A usage error is a line and the command that explains the options."""
+    result = run("list", "local", "--zzz")
+    assert result.exit_code == 2
+    assert result.stderr.splitlines() == [
+        "error: No such option '--zzz'.",
+        "  try: tovarin-nodes list --help",
+    ]
+
+
+@pytest.mark.parametrize("arguments", [["list", "nowhere", "--json"], ["--json", "list", "nowhere"]])
+def test_errors_are_json_too(run: Run, no_account: Path, arguments: list[str]) -> None:
+    """With --json standard output stays empty and standard error holds one object."""
+    result = run(*arguments)
+    assert (result.exit_code, result.stdout) == (2, "")
+    assert json.loads(result.stderr) == {
+        "error": {
+            "what": 'there is no region "nowhere"',
+            "remedy": "list the regions with: tovarin-nodes regions",
+            "exit_code": 2,
+        }
+    }
+
+
+def test_an_error_that_nobody_expected_is_one_line(
+    run: Run, no_account: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """Even a defect shows no traceback, unless it is asked for."""
+    monkeypatch.setattr(listing, "list_nodes", lambda access: {}["gone"])
+    result = run("list", "local")
+    assert result.exit_code == 70
+    assert result.stderr.splitlines() == [
+        "error: tovarin-nodes met an error that it does not know: KeyError: 'gone'",
+        "  try: run it again with --debug, and report what that shows",
+    ]
+
+
+def test_debug_shows_the_traceback_and_the_log(
+    run: Run, no_account: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """With --debug the lines follow the traceback; the logger is afterwards as it was."""
+
+    def fail(access: object) -> None:
+        logging.getLogger("tovarincore").debug("a line of the log")
+        raise KeyError("gone")
+
+    logger = logging.getLogger("tovarincore")
+    before = (logger.level, list(logger.handlers))
+    monkeypatch.setattr(listing, "list_nodes", fail)
+    stderr = run("list", "local", "--debug").stderr
+    assert "DEBUG tovarincore: a line of the log\n" in stderr
+    assert "Traceback (most recent call last)" in stderr
+    assert "error: tovarin-nodes met an error" in stderr
+    assert (logger.level, logger.handlers) == before
+
+
+def test_ctrl_c_is_one_line_and_130(run: Run, no_account: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    """An interrupt in any command ends it in its own way."""
+
+    def interrupt(access: object) -> None:
+        raise KeyboardInterrupt
+
+    monkeypatch.setattr(listing, "list_nodes", interrupt)
+    result = run("list", "local")
+    assert (result.exit_code, result.stdout, result.stderr) == (130, "", "error: interrupted\n")
+
+
+def test_a_reader_that_stops_reading_is_no_error(no_account: Path) -> None:
+    """A pipe that is closed early ends the command without a word."""
+    process = start_command("types", "us-east-1")
+    assert process.stdout is not None
+    process.stdout.close()
+    assert process.stderr is not None
+    stderr = process.stderr.read()
+    process.stderr.close()
+    assert (process.wait(timeout=60), stderr) == (1, "")
+
+
+def test_the_exit_code_reaches_the_shell(no_account: Path) -> None:
+    """The process ends with the code that is documented."""
+    assert finish(start_command("list", "us-east-1"))[0] == 4
+    assert run(["--version"]) == 0

@@ -1,0 +1,58 @@
+"""Regions, images and instance types."""
+
+from __future__ import annotations
+
+from collections.abc import Callable
+from pathlib import Path
+from typing import Any
+
+from tests.command.conftest import Run
+from tests.servers.ec2 import IMAGE_NAME, Ec2World
+
+
+def test_regions_say_which_can_be_used(run_json: Callable[..., Any], ec2: Ec2World) -> None:
+    """A region with stored credentials and the local one are usable, Amazon's others are not."""
+    regions = {entry["key"]: entry["configured"] for entry in run_json("regions")}
+    assert regions["local:local"] is True
+    assert regions["AWS:us-east-1"] is True
+    assert regions["AWS:eu-central-1"] is False
+    assert len(run_json("regions", "--configured")) == 2
+
+
+def test_templates_are_the_images_of_the_region(
+    run: Run, run_json: Callable[..., Any], ec2: Ec2World
+) -> None:
+    """Public images are listed; private ones only when asked for."""
+    private = ec2.endpoint.register_image("TOVARIN_AI_GPU_DEV_2.0.0", public=False)
+    (public,) = run_json("templates", "us-east-1")
+    assert (public["id"], public["name"], public["gpu"]) == (ec2.image_id, IMAGE_NAME, False)
+    assert private in [entry["id"] for entry in run_json("templates", "us-east-1", "--private")]
+    header, row = run("templates", "us-east-1").stdout.splitlines()
+    assert header.split() == ["NAME", "ID", "VERSION", "PAY", "TYPE", "FOR", "CREATED"]
+    assert row.split()[:5] == [IMAGE_NAME, ec2.image_id, "1.0.0", "PLAN_A", "CPU"]
+
+
+def test_a_region_without_images_says_so(run: Run, ec2: Ec2World) -> None:
+    """An empty table is a sentence that says what else to try."""
+    ec2.raw.deregister_image(ImageId=ec2.image_id)
+    assert run("templates", "us-east-1").stdout == (
+        "The region us-east-1 offers no image (--private lists images that are not public).\n"
+    )
+
+
+def test_amazon_s_types_are_the_known_ones_and_need_no_credentials(
+    run: Run, run_json: Callable[..., Any], no_account: Path
+) -> None:
+    """The list of types comes with the product."""
+    types = {entry["instance_type"]: entry for entry in run_json("types", "us-east-1")}
+    assert (types["t3.small"]["cpu_count"], types["t3.small"]["memory_mib"]) == (2, 2048)
+    assert ["t3.small", "2", "2048", "0", "-"] in [
+        line.split() for line in run("types", "us-east-1").stdout.splitlines()
+    ]
+
+
+def test_the_local_type_is_as_large_as_configured(run_json: Callable[..., Any], no_account: Path) -> None:
+    """The type of the local container follows the settings."""
+    (no_account / "core.toml").write_text("[container]\nmemory_mib = 512\ncpu_count = 0.5\n")
+    (entry,) = run_json("types", "local")
+    assert (entry["instance_type"], entry["cpu_count"], entry["memory_mib"]) == ("local", 0.5, 512)

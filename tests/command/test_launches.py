@@ -1,0 +1,136 @@
+"""Launching a node, and asking whether one could be launched."""
+
+from __future__ import annotations
+
+import base64
+import json
+from collections.abc import Callable
+from pathlib import Path
+from typing import Any
+
+import pytest
+
+from tests.command.conftest import Run
+from tests.servers.ec2 import USER_NAME, Ec2World
+from tests.servers.fault import unauthorized
+from tovarincore.command.ledger import ledger_path, read_ledger
+
+LAUNCH = ("launch", "us-east-1", "--type", "t3.small")
+
+
+def test_a_launch_carries_the_stored_user_name_and_is_noted(run: Run, ec2: Ec2World) -> None:
+    """The instance has the tags of the user and the name; the ledger has its id."""
+    result = run(*LAUNCH, "--name", "cold-1", "--disk", "30")
+    assert result.exit_code == 0, result.output
+    (instance,) = ec2.instances()
+    tags = {tag["Key"]: tag["Value"] for tag in instance["Tags"]}
+    assert (tags["tovarin_username"], tags["Name"]) == (USER_NAME, "cold-1")
+    (entry,) = read_ledger()
+    assert (entry.instance_id, entry.uuid) == (instance["InstanceId"], tags["tovarin_uuid"])
+    assert result.stdout == f"cold-1 ({entry.instance_id}) is starting\n"
+    assert result.stderr == f"wait for it with: tovarin-nodes wait us-east-1 {entry.instance_id}\n"
+
+
+def test_a_launch_can_wait_for_its_worker(run: Run, ec2: Ec2World) -> None:
+    """With --wait the command ends when the worker answers."""
+    result = run(*LAUNCH, "--name", "ready-1", "--wait")
+    assert result.exit_code == 0, result.output
+    assert result.stdout.endswith("is ready\n")
+
+
+def test_the_settings_file_reaches_the_node(
+    run_json: Callable[..., Any], ec2: Ec2World, tmp_path: Path
+) -> None:
+    """What the file holds is what the preparation script is given."""
+    settings = tmp_path / "settings.json"
+    settings.write_text(json.dumps({"idle_minutes": 5}))
+    with ec2.faults() as endpoint:
+        node = run_json(*LAUNCH, "--settings", str(settings))
+        (request,) = [request for request in endpoint.requests if request.action == "RunInstances"]
+    assert node["instance_type"] == "t3.small"
+    script = base64.b64decode(request.parameters["UserData"]).decode()
+    assert json.loads(base64.b64decode(script.split()[-1])) == {"idle_minutes": 5}
+
+
+@pytest.mark.parametrize(
+    "arguments, code, words",
+    [
+        (["--type", "t9.none"], 3, 'the type "t9.none" is not in the list'),
+        ([], 2, "a launch in this region needs a type"),
+        (["--type", "t3.small", "--template", "9.9"], 3, 'offers no image "9.9"'),
+        (["--type", "t3.small", "--plan", "gpu-b"], 3, "no public image for the plan gpu-b"),
+        (["--type", "t3.small", "--key-pair", "none"], 3, "keypair create us-east-1"),
+        (["--type", "t3.small", "--params", "{}"], 2, "are for Kubernetes regions"),
+    ],
+)
+def test_what_cannot_be_launched_is_explained_and_not_noted(
+    run: Run, ec2: Ec2World, arguments: list[str], code: int, words: str
+) -> None:
+    """A wrong type, image or key pair is one line, and nothing is launched."""
+    result = run("launch", "us-east-1", *arguments)
+    assert (result.exit_code, result.stdout) == (code, "")
+    assert words in result.stderr
+    assert ec2.instances() == []
+    assert read_ledger() == []
+
+
+@pytest.mark.parametrize("wanted", ["TOVARIN_AI_CPU_PLAN_A_1.0.0", "1.0.0"])
+def test_an_image_is_found_by_name_and_version(run: Run, ec2: Ec2World, wanted: str) -> None:
+    """The template need not be given by its id."""
+    assert run(*LAUNCH, "--template", wanted).exit_code == 0
+    assert ec2.instances()[0]["ImageId"] == ec2.image_id
+
+
+def test_a_missing_default_network_is_explained(run: Run, ec2: Ec2World) -> None:
+    """Where a launch finds no default VPC the line says so and how to mend it."""
+    (vpc,) = ec2.raw.describe_vpcs()["Vpcs"]
+    for subnet in ec2.raw.describe_subnets()["Subnets"]:
+        ec2.raw.delete_subnet(SubnetId=subnet["SubnetId"])
+    ec2.raw.delete_vpc(VpcId=vpc["VpcId"])
+    result = run(*LAUNCH)
+    assert result.exit_code == 4
+    assert "the account has no default network (VPC) in the region us-east-1" in result.stderr
+    assert "aws_custom_vpc" in result.stderr
+
+
+def test_a_broken_ledger_prevents_the_launch(run: Run, ec2: Ec2World) -> None:
+    """What could not be noted is not launched."""
+    ledger_path().write_text("{")
+    ledger_path().chmod(0o600)
+    result = run(*LAUNCH)
+    assert result.exit_code == 4
+    assert "launches.json: is no ledger" in result.stderr
+    assert ec2.instances() == []
+
+
+def test_a_dry_run_says_first_what_it_creates(run: Run, ec2: Ec2World) -> None:
+    """Nothing is launched, the group is made, and that was said."""
+    result = run("try", "us-east-1", "--type", "t3.small")
+    assert result.exit_code == 0
+    assert result.stderr == (
+        "note: a dry run creates the security group tovarin-security-group and its missing rules; they stay\n"
+    )
+    assert result.stdout == "EC2 would launch a t3.small from TOVARIN_AI_CPU_PLAN_A_1.0.0\n"
+    assert ec2.instances() == []
+    assert len(ec2.security_groups()) == 1
+
+
+def test_a_dry_run_that_is_refused_says_why(run: Run, ec2: Ec2World) -> None:
+    """Without the right to launch the refusal is one line, its encoded part left to --debug."""
+    with ec2.faults() as endpoint:
+        endpoint.script("RunInstances", unauthorized("ZW5jb2RlZA"))
+        result = run("try", "us-east-1", "--type", "t3.small")
+        debug = run("try", "us-east-1", "--type", "t3.small", "--debug")
+    assert result.exit_code == 6
+    assert "error: EC2 refused: You are not authorized to perform this operation." in result.stderr
+    assert "ZW5jb2RlZA" not in result.stderr
+    assert "encoded reason: ZW5jb2RlZA" in debug.stderr
+
+
+def test_where_trying_would_launch_it_is_refused(run: Run, no_account: Path) -> None:
+    """A provider without dry runs is not asked."""
+    result = run("try", "local")
+    assert result.exit_code == 2
+    assert result.stderr.startswith(
+        "error: the local container engine knows no dry run: trying would really launch a node\n"
+    )

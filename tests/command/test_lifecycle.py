@@ -1,0 +1,83 @@
+"""Starting, stopping, rebooting and terminating."""
+
+from __future__ import annotations
+
+import json
+from collections.abc import Callable
+from typing import Any
+
+from tests.command.conftest import Run
+from tests.servers.ec2 import Ec2World
+from tests.servers.fault import ec2_error
+
+
+def state(ec2: Ec2World, instance_id: str) -> str:
+    """The state of an instance as EC2 has it."""
+    (found,) = [entry for entry in ec2.instances() if entry["InstanceId"] == instance_id]
+    return str(found["State"]["Name"])
+
+
+def test_a_node_is_stopped_started_and_rebooted(run: Run, ec2: Ec2World) -> None:
+    """Each command sends its request for the named node and says what happens."""
+    instance_id = ec2.run_instance("cold-1")
+    assert run("stop", "us-east-1", "cold-1").stdout == f"cold-1 ({instance_id}) is stopping\n"
+    assert state(ec2, instance_id) == "stopped"
+    assert run("start", "us-east-1", "cold-1").stdout == f"cold-1 ({instance_id}) is starting\n"
+    assert state(ec2, instance_id) == "running"
+    with ec2.faults() as endpoint:
+        assert run("reboot", "us-east-1", "cold-1").stdout == f"cold-1 ({instance_id}) is rebooting\n"
+        assert "RebootInstances" in endpoint.actions()
+
+
+def test_terminate_asks_first(run: Run, ec2: Ec2World) -> None:
+    """No, and no answer at all, leave the node alone; yes ends it."""
+    instance_id = ec2.run_instance("cold-1")
+    question = f"Terminate cold-1 ({instance_id}, running) in AWS:us-east-1? [y/N]: "
+    refused = run("terminate", "us-east-1", "cold-1", answer="n\n")
+    assert (refused.exit_code, refused.stderr) == (1, question + "n\nerror: nothing was changed\n")
+    unanswered = run("terminate", "us-east-1", "cold-1")
+    assert unanswered.exit_code == 1
+    assert "answer it in advance with --yes" in unanswered.stderr
+    assert state(ec2, instance_id) == "running"
+    agreed = run("terminate", "us-east-1", "cold-1", answer="y\n")
+    assert agreed.exit_code == 0
+    assert agreed.stderr.endswith(f"cold-1 ({instance_id}) is shutting down\n")
+    assert state(ec2, instance_id) == "terminated"
+
+
+def test_several_nodes_are_ended_at_once(run_json: Callable[..., Any], ec2: Ec2World) -> None:
+    """Every named node is ended, one named twice once."""
+    first, second = ec2.run_instance("cold-1"), ec2.run_instance("cold-2")
+    ended = run_json("terminate", "us-east-1", "cold-1", second, first, "--yes")
+    assert [entry["instance_id"] for entry in ended] == [first, second]
+    assert {state(ec2, first), state(ec2, second)} == {"terminated"}
+
+
+def test_a_name_that_is_not_there_ends_nothing(run: Run, ec2: Ec2World) -> None:
+    """A typing error among several names is found before anything is ended."""
+    instance_id = ec2.run_instance("cold-1")
+    assert run("terminate", "us-east-1", "cold-1", "cold-9", "--yes").exit_code == 3
+    assert state(ec2, instance_id) == "running"
+
+
+def test_a_node_that_cannot_be_ended_does_not_keep_the_others(run: Run, ec2: Ec2World) -> None:
+    """A protected instance is reported, the next one is ended all the same."""
+    protected, other = ec2.run_instance("cold-1"), ec2.run_instance("cold-2")
+    ec2.raw.modify_instance_attribute(InstanceId=protected, DisableApiTermination={"Value": True})
+    result = run("terminate", "us-east-1", "cold-1", "cold-2", "--yes", "--json")
+    assert result.exit_code == 1
+    assert [entry["terminated"] for entry in json.loads(result.stdout)] == [False, True]
+    assert (state(ec2, protected), state(ec2, other)) == ("running", "terminated")
+
+
+def test_a_state_that_does_not_allow_it_is_explained(run: Run, ec2: Ec2World) -> None:
+    """EC2's refusal is one line with its code."""
+    ec2.run_instance("cold-1")
+    with ec2.faults() as endpoint:
+        endpoint.script("StartInstances", ec2_error("IncorrectInstanceState", "it is stopping"))
+        result = run("start", "us-east-1", "cold-1")
+    assert result.exit_code == 1
+    assert result.stderr.splitlines() == [
+        "error: EC2 refused StartInstances: it is stopping (IncorrectInstanceState)",
+        "  try: see its state: tovarin-nodes show us-east-1 NODE",
+    ]

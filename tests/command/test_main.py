@@ -1,0 +1,59 @@
+"""The start of the command, as processes of their own."""
+
+from __future__ import annotations
+
+import os
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+
+from tests.command.conftest import finish, start_command
+from tests.conftest import ROOT
+
+WITHOUT = (
+    "import sys; sys.modules['{name}'] = None; from tovarincore.command.main import main; sys.exit(main())"
+)
+
+
+def without(name: str, *arguments: str) -> tuple[int, str, str]:
+    """Run the command in a process that cannot import a package."""
+    done = subprocess.run(
+        [sys.executable, "-W", "error", "-c", WITHOUT.format(name=name), *arguments],
+        env={**os.environ, "PYTHONPATH": str(ROOT)},
+        capture_output=True,
+        text=True,
+        timeout=60,
+    )
+    return done.returncode, done.stdout, done.stderr
+
+
+@pytest.mark.parametrize("name, arguments", [("click", ["--help"]), ("rich", ["regions"])])
+def test_a_missing_extra_gives_one_line_that_names_it(
+    no_account: Path, name: str, arguments: list[str]
+) -> None:
+    """Without the optional packages the command says how they are installed, and nothing else."""
+    code, stdout, stderr = without(name, *arguments)
+    assert (code, stdout) == (4, "")
+    assert stderr == (
+        f"error: tovarin-nodes needs the package {name}, which is not installed:"
+        " pip install tovarincore[cli]\n"
+    )
+
+
+def test_json_needs_no_package_for_tables(no_account: Path) -> None:
+    """What draws for people is imported only when something is drawn."""
+    code, stdout, stderr = without("rich", "regions", "--json")
+    assert (code, stderr) == (0, "")
+    assert '"key": "local:local"' in stdout
+
+
+def test_the_package_runs_as_the_command(no_account: Path) -> None:
+    """`python -m tovarincore` is the command under its own name."""
+    code, stdout, stderr = finish(start_command("regions", "--configured"))
+    assert (code, stderr) == (0, "")
+    assert stdout.splitlines() == [
+        "NAME   KIND   USABLE  TITLE",
+        "local  local  yes     This machine",
+    ]
