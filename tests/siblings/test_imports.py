@@ -21,7 +21,7 @@ class Refuse:
             raise ModuleNotFoundError("No module named " + repr(name), name=name)
 sys.meta_path.insert(0, Refuse())
 import tovarincore
-from tovarincore import api_def, cloud_conf, cloud_def, core_conf, core_def, util
+from tovarincore import api_def, cloud_conf, cloud_def, core_conf, core_def, util, webs_client
 cloud_conf.CloudConfManager()
 cloud_def.CloudRegion("a", "AWS"), cloud_def.K8sRegion("b"), cloud_def.AWSCloudAuth()
 cloud_def.CloudRegions.get_local_container_region()
@@ -59,7 +59,9 @@ def test_imports_and_constructors_read_no_file_and_need_no_sdk(tmp_path: Path) -
     assert (child.returncode, child.stdout, child.stderr) == (0, "", "")
 
 
-@pytest.mark.parametrize("module", ["core_def", "api_def", "util", "core_conf", "cloud_def", "cloud_conf"])
+@pytest.mark.parametrize(
+    "module", ["core_def", "api_def", "util", "core_conf", "cloud_def", "cloud_conf", "webs_client"]
+)
 def test_each_module_can_be_imported_first(module: str) -> None:
     """No module relies on another one having been imported before it."""
     child = run(f"import tovarincore.{module}")
