@@ -4,12 +4,13 @@ namespace py {
 
 namespace {
 
-// What the class has under the name gives way to the instance's own __dict__, now and always: its type is a built-in one,
-// which nobody can turn into a data descriptor.
-bool gives_way(PyObject* on_class)
+// What the class has under the name is no data descriptor: it gives way to the instance's own __dict__.
+bool gives_way(PyObject* on_class) { return on_class == nullptr || Py_TYPE(on_class)->tp_descr_set == nullptr; }
+
+// The type of the object, where a program can change it and so turn the object into a data descriptor.
+PyTypeObject* changeable_type_of(PyObject* object)
 {
-    return on_class == nullptr || (Py_TYPE(on_class)->tp_descr_set == nullptr &&
-                                   !PyType_HasFeature(Py_TYPE(on_class), Py_TPFLAGS_HEAPTYPE));
+    return object != nullptr && PyType_HasFeature(Py_TYPE(object), Py_TPFLAGS_HEAPTYPE) ? Py_TYPE(object) : nullptr;
 }
 
 Py_ssize_t index_of(PyObject* dict, PyObject* name)
@@ -43,6 +44,12 @@ void AttributeCache::learn(PyObject* instance, PyObject* name)
     unsigned version = layout::version_of_type(type);
     if (version == 0 || !gives_way(on_class))
         return;
+    PyTypeObject* guard = changeable_type_of(on_class);
+    if (guard != nullptr) {
+        _PyType_Lookup(guard, name); // gives the type a version
+        if (layout::version_of_type(guard) == 0)
+            return;
+    }
     PyObject* dict = type->tp_dictoffset == 0 ? nullptr : *layout::dict_slot(instance);
     if (dict != nullptr && (!PyDict_CheckExact(dict) || layout::shared_values(dict) == nullptr))
         return;
@@ -63,6 +70,8 @@ void AttributeCache::learn(PyObject* instance, PyObject* name)
     }
     type_ = type;
     version_ = version;
+    guard_ = guard;
+    guard_version_ = guard == nullptr ? 0 : layout::version_of_type(guard);
     index_ = index;
     method_ = on_class != nullptr && PyType_HasFeature(Py_TYPE(on_class), Py_TPFLAGS_METHOD_DESCRIPTOR) ? on_class : nullptr;
     settable_ = type->tp_setattro == PyObject_GenericSetAttr;

@@ -9,6 +9,24 @@
 
 namespace py {
 
+// Where the instances of one type keep one attribute. Valid as long as no Python code runs.
+struct PlainSlot {
+    PyTypeObject* type = nullptr;
+    const void* table = nullptr;
+    Py_ssize_t index = 0;
+
+    // Borrowed; null where it takes the interpreter's lookup to find the value.
+    PyObject* value(PyObject* instance) const
+    {
+        if (Py_TYPE(instance) != type) [[unlikely]]
+            return nullptr;
+        PyObject* dict = *layout::dict_slot(instance);
+        if (dict == nullptr || layout::key_table(dict) != table || index >= PyDict_GET_SIZE(dict)) [[unlikely]]
+            return nullptr;
+        return layout::shared_values(dict)[index];
+    }
+};
+
 class AttributeCache {
 public:
     // The value in the instance's own __dict__; borrowed. Null: look it up in the general way.
@@ -45,13 +63,24 @@ public:
         return instance_value(instance, name) != nullptr && settable_;
     }
 
+    // The slot that the value of this instance lies in; without a type when the lookup has to be the interpreter's.
+    PlainSlot slot(PyObject* instance, PyObject* name)
+    {
+        if (instance_value(instance, name) == nullptr)
+            learn(instance, name);
+        if (instance_value(instance, name) == nullptr)
+            return {};
+        return {type_, keys_.table(), index_};
+    }
+
     // Learns from this instance at once; otherwise a type is learnt when it comes twice running.
     void learn(PyObject* instance, PyObject* name);
 
 private:
     bool knows(PyTypeObject* type) const
     {
-        return type == type_ && layout::version_of_type(type) == version_;
+        return type == type_ && layout::version_of_type(type) == version_ &&
+               (guard_ == nullptr || layout::version_of_type(guard_) == guard_version_);
     }
 
     void consider(PyObject* instance, PyObject* name);
@@ -59,6 +88,8 @@ private:
     PyTypeObject* type_ = nullptr;
     PyTypeObject* candidate_ = nullptr;
     unsigned version_ = 0;
+    PyTypeObject* guard_ = nullptr; // the type of what the class has under the name, where that type may change
+    unsigned guard_version_ = 0;
     bool settable_ = false;
     Py_ssize_t index_ = -1;      // of the name in the key table; -1: it is not among the table's known keys
     PyObject* method_ = nullptr; // lives as long as this version of the type
@@ -75,9 +106,22 @@ inline bool is_same_text(PyObject* a, PyObject* b)
 {
     if (a == b)
         return true;
-    Py_ssize_t length = PyUnicode_GET_LENGTH(a);
-    return length == PyUnicode_GET_LENGTH(b) && PyUnicode_KIND(a) == PyUnicode_KIND(b) &&
-           std::memcmp(PyUnicode_DATA(a), PyUnicode_DATA(b), static_cast<std::size_t>(length) * PyUnicode_KIND(a)) == 0;
+    if (PyUnicode_GET_LENGTH(a) != PyUnicode_GET_LENGTH(b) || PyUnicode_KIND(a) != PyUnicode_KIND(b))
+        return false;
+    std::size_t size = static_cast<std::size_t>(PyUnicode_GET_LENGTH(a)) * PyUnicode_KIND(a);
+    const auto* x = static_cast<const char*>(PyUnicode_DATA(a));
+    const auto* y = static_cast<const char*>(PyUnicode_DATA(b));
+    // Identifiers of one length mostly differ in their last characters.
+    if (size >= sizeof(std::uint64_t)) {
+        std::uint64_t end_of_x, end_of_y;
+        std::memcpy(&end_of_x, x + size - sizeof end_of_x, sizeof end_of_x);
+        std::memcpy(&end_of_y, y + size - sizeof end_of_y, sizeof end_of_y);
+        if (end_of_x != end_of_y)
+            return false;
+    } else if (size > 0 && x[size - 1] != y[size - 1]) {
+        return false;
+    }
+    return std::memcmp(x, y, size) == 0;
 }
 
 // `==` of such an object is the one of `object`: it is equal to itself only.

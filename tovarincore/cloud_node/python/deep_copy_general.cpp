@@ -167,10 +167,12 @@ Object GeneralCopy::copy_dict(Handle original)
 Object GeneralCopy::copy_object(Handle original)
 {
     PyTypeObject* type = Py_TYPE(original.ptr());
-    Object state = original.get("__dict__"_s, where_);
+    PyObject* dict = *layout::dict_slot(original.ptr());
+    Object state = dict == nullptr ? Object() : Object(borrow(dict));
     Object made = steal(type->tp_alloc(type, 0), where_);
     remember(original, made);
-    restore_state(made, copy(state), where_);
+    if (state) // not made yet where an instance never had an attribute
+        restore_state(made, copy(state), where_);
     return made;
 }
 

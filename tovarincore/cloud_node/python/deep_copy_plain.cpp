@@ -63,12 +63,12 @@ PyObject* PlainCopy::copy(PyObject* original)
         Py_INCREF(original);
         return original;
     }
-    if (Py_EnterRecursiveCall(" while copying an object"))
+    if (!recursion_.enter())
         return nullptr;
     Py_INCREF(original); // a collection may run any code, which may take the original away
     PyObject* made = copy_container(original);
     Py_DECREF(original);
-    Py_LeaveRecursiveCall();
+    recursion_.leave();
     return made;
 }
 
@@ -216,23 +216,53 @@ PyObject* PlainCopy::copy_object(PyObject* original, PointerMemo::Entry* entry, 
     return made;
 }
 
+// A dictionary that somebody else refers to may be met again, and its copy is not the one that the copied object gets.
+PyObject* PlainCopy::copy_shared_attributes(PyObject* dict)
+{
+    if (kept_ == nullptr && (kept_ = PyList_New(0)) == nullptr)
+        return nullptr;
+    PyObject* state = copy(dict);
+    PyObject* attributes = state == nullptr || PyList_Append(kept_, state) != 0 ? nullptr : PyDict_Copy(state);
+    Py_XDECREF(state);
+    return attributes;
+}
+
 // A dictionary that only its object refers to is met nowhere else, so it needs no entry in the memo and is copied whole,
 // which keeps the key table shared; then the values that have copies of their own are replaced.
 PyObject* PlainCopy::copy_attributes(PyObject* dict, CopyVerdict& verdict)
 {
     if (!has_plain_names(dict, verdict))
         return nullptr;
-    if (Py_REFCNT(dict) > 1) {
-        PyObject* state = copy(dict);
-        PyObject* attributes = state == nullptr ? nullptr : PyDict_Copy(state);
-        Py_XDECREF(state);
-        return attributes;
-    }
+    if (Py_REFCNT(dict) > 1)
+        return copy_shared_attributes(dict);
     Py_INCREF(dict);
     PyObject* attributes = PyDict_Copy(dict);
     Py_DECREF(dict);
     if (attributes == nullptr)
         return nullptr;
+    bool done = layout::shared_values(attributes) != nullptr ? copy_shared_values(attributes) : copy_values(attributes);
+    if (!done)
+        Py_CLEAR(attributes);
+    return attributes;
+}
+
+bool PlainCopy::copy_shared_values(PyObject* attributes)
+{
+    for (Py_ssize_t i = 0; i < PyDict_GET_SIZE(attributes); ++i) {
+        PyObject* value = layout::shared_values(attributes)[i];
+        if (is_plain_value(Py_TYPE(value)))
+            continue;
+        PyObject* copied = copy(value);
+        if (copied == nullptr)
+            return false;
+        layout::shared_values(attributes)[i] = copied;
+        Py_DECREF(value);
+    }
+    return true;
+}
+
+bool PlainCopy::copy_values(PyObject* attributes)
+{
     PyObject *name, *value;
     for (Py_ssize_t position = 0; PyDict_Next(attributes, &position, &name, &value) != 0;) {
         if (is_plain_value(Py_TYPE(value)))
@@ -240,12 +270,11 @@ PyObject* PlainCopy::copy_attributes(PyObject* dict, CopyVerdict& verdict)
         PyObject* copied = copy(value);
         if (copied != value && (copied == nullptr || PyDict_SetItem(attributes, name, copied) != 0)) {
             Py_XDECREF(copied);
-            Py_DECREF(attributes);
-            return nullptr;
+            return false;
         }
         Py_DECREF(copied);
     }
-    return attributes;
+    return true;
 }
 
 } // namespace py

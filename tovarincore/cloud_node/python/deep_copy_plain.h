@@ -40,6 +40,11 @@ private:
 
 class PlainCopy {
 public:
+    PlainCopy() = default;
+    PlainCopy(const PlainCopy&) = delete;
+    PlainCopy& operator=(const PlainCopy&) = delete;
+    ~PlainCopy() noexcept(false) { Py_XDECREF(kept_); }
+
     // A new reference. Null with an error set: failed. Null without: something unusual was met.
     PyObject* copy(PyObject* original);
 
@@ -49,9 +54,15 @@ private:
     PyObject* copy_tuple(PyObject* original);
     PyObject* copy_dict(PyObject* original, PointerMemo::Entry* entry);
     PyObject* copy_object(PyObject* original, PointerMemo::Entry* entry, CopyVerdict& verdict);
+    PyObject* copy_shared_attributes(PyObject* dict);
     PyObject* copy_attributes(PyObject* dict, CopyVerdict& verdict);
 
+    bool copy_values(PyObject* attributes);
+    bool copy_shared_values(PyObject* attributes);
+
     PointerMemo memo_;
+    layout::Recursion recursion_;
+    PyObject* kept_ = nullptr; // a list of copies that the memo knows and nothing else may hold
 };
 
 } // namespace py

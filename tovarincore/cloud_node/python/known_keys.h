@@ -11,7 +11,7 @@ class KnownKeys {
 public:
     bool use_same_table(PyObject* dict) const
     {
-        return table_ != nullptr && layout::key_table(dict) == table_ && layout::shared_values(dict) != nullptr;
+        return layout::key_table(dict) == table_; // a dictionary that is not key-sharing has a table of its own
     }
 
     // The dictionary shares the table, and has none of its keys but those that the remembered dictionary had.
@@ -19,6 +19,8 @@ public:
 
     // The dictionary shares the table and has as many keys as the remembered one.
     bool are_those_of(PyObject* dict) const { return use_same_table(dict) && PyDict_GET_SIZE(dict) == count_; }
+
+    const void* table() const { return table_; }
 
     void forget() { table_ = nullptr; }
 

@@ -32,6 +32,27 @@ inline PyObject** dict_slot(PyObject* instance)
 inline PyObject** shared_values(PyObject* dict) { return reinterpret_cast<PyDictObject*>(dict)->ma_values; }
 inline const void* key_table(PyObject* dict) { return reinterpret_cast<PyDictObject*>(dict)->ma_keys; }
 
+// Counts levels of the recursion limit without a call into the interpreter for each.
+class Recursion {
+public:
+    Recursion() : thread_(PyThreadState_Get()), limit_(Py_GetRecursionLimit()) {}
+
+    // False with RecursionError set at the limit.
+    bool enter()
+    {
+        if (++thread_->recursion_depth <= limit_) [[likely]]
+            return true;
+        --thread_->recursion_depth;
+        return Py_EnterRecursiveCall(" while copying an object") == 0;
+    }
+
+    void leave() { --thread_->recursion_depth; }
+
+private:
+    PyThreadState* thread_;
+    int limit_;
+};
+
 // The built-in lock. lock.cpp tries on a lock of its own whether it is so.
 struct LockObject {
     PyObject_HEAD
@@ -47,7 +68,13 @@ inline std::uint64_t version_of_dict(PyObject*) { return 0; }
 inline unsigned version_of_type(PyTypeObject*) { return 0; }
 inline PyObject** dict_slot(PyObject*) { return nullptr; }
 inline PyObject** shared_values(PyObject*) { return nullptr; }
-inline const void* key_table(PyObject*) { return nullptr; }
+inline const void* key_table(PyObject* dict) { return dict; }
+
+class Recursion {
+public:
+    bool enter() { return Py_EnterRecursiveCall(" while copying an object") == 0; }
+    void leave() { Py_LeaveRecursiveCall(); }
+};
 
 #endif
 

@@ -7,16 +7,31 @@ namespace py {
 
 namespace {
 
-// The plainly stored value; null when it takes the interpreter's lookup to find it.
-PyObject* plain_value(PyObject* element, Name name)
-{
-    AttributeCache& cache = name.cache();
-    PyObject* value = cache.instance_value(element, name.ptr());
-    if (value == nullptr) [[unlikely]] {
-        cache.learn(element, name.ptr());
-        value = cache.instance_value(element, name.ptr());
+// Reads one attribute of one object after another.
+class PlainReader {
+public:
+    explicit PlainReader(Name name) : name_(name) {}
+
+    // The plainly stored value; null when it takes the interpreter's lookup to find it.
+    PyObject* value(PyObject* element)
+    {
+        PyObject* found = slot_.value(element);
+        if (found == nullptr) [[unlikely]] {
+            slot_ = name_.cache().slot(element, name_.ptr());
+            found = slot_.value(element);
+        }
+        return found;
     }
-    return value;
+
+private:
+    Name name_;
+    PlainSlot slot_;
+};
+
+// Certain to be unequal, without a call of anybody's comparison.
+bool plainly_differs(PyObject* value, PyObject* text)
+{
+    return value != nullptr && are_plain_texts(value, text) && !is_same_text(value, text);
 }
 
 } // namespace
@@ -26,17 +41,16 @@ Py_ssize_t first_candidate(Handle list, Name name, Handle text)
     if (!layout::known || !PyList_CheckExact(list.ptr()))
         return 0;
     Py_ssize_t size = PyList_GET_SIZE(list.ptr());
-    for (Py_ssize_t i = 0; i < size; ++i) {
-        PyObject* value = plain_value(PyList_GET_ITEM(list.ptr(), i), name);
-        if (value == nullptr || !are_plain_texts(value, text.ptr()) || is_same_text(value, text.ptr()))
-            return i;
-    }
-    return size;
+    PlainReader reader(name);
+    Py_ssize_t i = 0;
+    while (i < size && plainly_differs(reader.value(PyList_GET_ITEM(list.ptr(), i)), text.ptr()))
+        ++i;
+    return i;
 }
 
 Py_ssize_t first_candidate_like(Handle list, Name name, Handle element)
 {
-    PyObject* text = layout::known ? plain_value(element.ptr(), name) : nullptr;
+    PyObject* text = layout::known ? PlainReader(name).value(element.ptr()) : nullptr;
     return text == nullptr ? 0 : first_candidate(list, name, borrow(text));
 }
 
@@ -45,10 +59,11 @@ Py_ssize_t first_not_false(Handle list, Name name)
     if (!layout::known || !PyList_CheckExact(list.ptr()))
         return 0;
     Py_ssize_t size = PyList_GET_SIZE(list.ptr());
-    for (Py_ssize_t i = 0; i < size; ++i)
-        if (plain_value(PyList_GET_ITEM(list.ptr(), i), name) != Py_False)
-            return i;
-    return size;
+    PlainReader reader(name);
+    Py_ssize_t i = 0;
+    while (i < size && reader.value(PyList_GET_ITEM(list.ptr(), i)) == Py_False)
+        ++i;
+    return i;
 }
 
 Candidates::Candidates(Handle iterable, Name hop, Name name, Handle text, Handle others, Where where)
@@ -63,13 +78,14 @@ Candidates::Candidates(Handle iterable, Name hop, Name name, Handle text, Handle
 Py_ssize_t Candidates::next_candidate() const
 {
     Py_ssize_t size = PyList_GET_SIZE(list_.ptr());
-    for (Py_ssize_t i = index_; layout::known && i < size; ++i) {
-        PyObject* between = plain_value(PyList_GET_ITEM(list_.ptr(), i), hop_);
-        PyObject* value = between == nullptr ? nullptr : plain_value(between, name_);
-        if (value == nullptr || !are_plain_texts(value, text_.ptr()) || is_same_text(value, text_.ptr()))
-            return i;
+    PlainReader hop(hop_), reader(name_);
+    Py_ssize_t i = index_;
+    for (; layout::known && i < size; ++i) {
+        PyObject* between = hop.value(PyList_GET_ITEM(list_.ptr(), i));
+        if (between == nullptr || !plainly_differs(reader.value(between), text_.ptr()))
+            break;
     }
-    return layout::known ? size : index_;
+    return i;
 }
 
 void Candidates::put_aside(Py_ssize_t end)
