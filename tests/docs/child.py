@@ -1,0 +1,31 @@
+"""Runs the Python blocks of one page, one after the other, in one namespace; started by test_samples.py."""
+
+from __future__ import annotations
+
+import ast
+import contextlib
+import io
+import sys
+import traceback
+from typing import Any
+
+
+def main() -> None:
+    """Read a block a line, write its output and error a line, until the input ends."""
+    namespace: dict[str, Any] = {"__name__": "__main__"}
+    answers = sys.stdout
+    for line in sys.stdin:
+        block = ast.literal_eval(line)
+        output, error = io.StringIO(), ""
+        with contextlib.redirect_stdout(output):
+            try:
+                # Empty lines in front let tracebacks name the lines of the page.
+                text = "\n" * (block["line"] - 1) + block["text"]
+                exec(compile(text, block["file"], "exec", dont_inherit=True), namespace)
+            except BaseException:
+                error = traceback.format_exc()
+        print(repr({"output": output.getvalue(), "error": error}), file=answers, flush=True)
+
+
+if __name__ == "__main__":
+    main()

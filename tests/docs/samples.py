@@ -1,0 +1,66 @@
+"""The samples of a page: its fenced blocks in order, each with the output that the page shows for it."""
+
+from __future__ import annotations
+
+import re
+from dataclasses import dataclass
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+PAGES = [ROOT / "README.md", ROOT / "CONTRIBUTING.md", *sorted((ROOT / "docs").glob("*.md"))]
+RUNNABLE = ("python", "console", "sh")
+
+# A mark on the line before a block says why it is not run; MyST and other renderers do not show it.
+_BLOCK = re.compile(
+    r"(?:^<!-- not run: (?P<reason>.+?) -->\n)?^```(?P<language>\w+)[ ]*\n(?P<text>.*?)^```$",
+    re.MULTILINE | re.DOTALL,
+)
+
+
+@dataclass
+class Sample:
+    """One block.
+
+    :param page: file name of the page
+    :param line: number of its first line of text
+    :param language: what stands behind the fence
+    :param text: the block
+    :param shown: the output that the page shows for it, ``None`` when it shows none
+    :param reason: why the block is not run; empty when it is
+    """
+
+    page: str
+    line: int
+    language: str
+    text: str
+    shown: str | None = None
+    reason: str = ""
+
+
+def samples_of(page: Path) -> list[Sample]:
+    """Return the runnable blocks of a page; a ``text`` block right behind one is its output."""
+    content = page.read_text(encoding="utf-8")
+    samples: list[Sample] = []
+    end = 0
+    for match in _BLOCK.finditer(content):
+        language, text = match["language"], match["text"]
+        follows = not content[end : match.start()].strip()
+        end = match.end()
+        line = content.count("\n", 0, match.start("text")) + 1
+        if language == "text" and follows and samples:
+            samples[-1].shown = text
+        elif language in RUNNABLE:
+            samples.append(Sample(page.name, line, language, text, reason=match["reason"] or ""))
+    return samples
+
+
+def commands_of(sample: Sample) -> list[tuple[str, str]]:
+    """Return the commands of a ``console`` block, the lines behind ``$``, each with its output."""
+    commands: list[tuple[str, str]] = []
+    for line in sample.text.splitlines(keepends=True):
+        if line.startswith("$ "):
+            commands.append((line[2:].strip(), ""))
+        else:
+            command, output = commands[-1]
+            commands[-1] = (command, output + line)
+    return commands
