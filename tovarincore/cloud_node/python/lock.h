@@ -9,13 +9,14 @@ namespace py {
 // lock.acquire(timeout=3)        its truth
 bool acquire(Handle lock, Where where = Where::here());
 
-// if <lock>.acquire(timeout=3): try: return body() finally: <lock>.release()   else: raise TimeoutError()
-// `lock` is a function that reads the lock anew, once before the body and once after it, as the two statements do.
-template <class Lock, class Body> Object holding_the(Lock lock, Body body, Where here = Where::here())
+// if lock.acquire(timeout=3): try: return body() finally: lock.release()   else: raise TimeoutError()
+// `read` is called once: the lock that was taken is the one that is released.
+template <class Read, class Body> Object holding_the(Read read, Body body, Where here = Where::here())
 {
-    if (!acquire(lock(), here))
+    Object lock = read();
+    if (!acquire(lock, here))
         raise(call_global("TimeoutError"_s, {}, here), here);
-    return try_finally(body, [&] { lock().call("release"_s, {}, here); }, here);
+    return try_finally(body, [&] { lock.call("release"_s, {}, here); }, here);
 }
 
 // The same for a lock that is an attribute of an object.

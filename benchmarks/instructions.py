@@ -1,0 +1,67 @@
+"""Instructions per call, counted by callgrind: repeatable to about a thousandth, whatever else the machine does."""
+
+from __future__ import annotations
+
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+from collections.abc import Sequence
+from pathlib import Path
+
+from benchmarks.measuring import Result, loops_for, timer
+from benchmarks.scenario import Scenario
+
+LOOPS = 20  # of the largest scenarios; the smaller ones get more
+WARM_UP = 3
+
+
+def count_one_side(side: str, scenarios: Sequence[Scenario]) -> None:
+    """Runs under callgrind: prints, after each scenario, its number of calls; callgrind dumps what they took."""
+
+    def control(*options: str) -> None:
+        subprocess.run(["callgrind_control", *options, str(os.getpid())], capture_output=True, check=True)
+
+    control("-i", "on")
+    for scenario in [None, *scenarios]:
+        if scenario is None:  # what switching itself takes
+            loops = 0
+            control("-z")
+        else:
+            made = timer(scenario, side)
+            made.timeit(WARM_UP)
+            loops = max(LOOPS, min(2_000, loops_for(made)))
+            control("-z")
+            made.timeit(loops)
+        control(f"--dump={loops}")
+        print(loops, flush=True)
+
+
+def counted(side: str, pattern: str) -> list[float]:
+    """Instructions per call of one side, scenario by scenario."""
+    if shutil.which("valgrind") is None:
+        raise SystemExit("counting instructions needs valgrind: install Debian's package valgrind")
+    with tempfile.TemporaryDirectory() as folder:
+        output = Path(folder) / "counts"
+        command = ["valgrind", "--tool=callgrind", "--instr-atstart=no", f"--callgrind-out-file={output}"]
+        program = [sys.executable, "-m", "benchmarks", "--count-side", side, pattern]
+        done = subprocess.run(command + program, capture_output=True, text=True, check=True)
+        loops = [int(line) for line in done.stdout.split()]
+        totals = []
+        for part in range(1, len(loops) + 1):
+            text = (Path(f"{output}.{part}")).read_text()
+            found = re.search(r"^(?:totals|summary): (\d+)", text, re.MULTILINE)
+            totals.append(int(found[1]) if found else 0)
+    switching = totals[0]
+    return [(total - switching) / number for total, number in zip(totals[1:], loops[1:], strict=True)]
+
+
+def measure(scenarios: Sequence[Scenario], pattern: str) -> list[Result]:
+    """Both sides."""
+    twin, ours = counted("twin", pattern), counted("ours", pattern)
+    return [
+        Result(scenario.name, scenario.goal, *counts)
+        for scenario, *counts in zip(scenarios, twin, ours, strict=True)
+    ]
