@@ -9,6 +9,8 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parents[2]
 PAGES = [ROOT / "README.md", ROOT / "CONTRIBUTING.md", *sorted((ROOT / "docs").glob("*.md"))]
 RUNNABLE = ("python", "console", "sh")
+# Pages whose blocks are run elsewhere as a whole.
+RUN_ELSEWHERE = {"command.md": "python -m tests.command.transcript runs this page and writes it"}
 
 # A mark on the line before a block says why it is not run; MyST and other renderers do not show it.
 _BLOCK = re.compile(
@@ -50,12 +52,18 @@ def samples_of(page: Path) -> list[Sample]:
         if language == "text" and follows and samples:
             samples[-1].shown = text
         elif language in RUNNABLE:
-            samples.append(Sample(page.name, line, language, text, reason=match["reason"] or ""))
+            reason = match["reason"] or RUN_ELSEWHERE.get(page.name, "")
+            samples.append(Sample(page.name, line, language, text, reason=reason))
     return samples
 
 
 def commands_of(sample: Sample) -> list[tuple[str, str]]:
-    """Return the commands of a ``console`` block, the lines behind ``$``, each with its output."""
+    """Return the commands of a ``console`` block, the lines behind ``$``, each with its output.
+
+    An ``sh`` block is one command, which shows no output.
+    """
+    if sample.language == "sh":
+        return [(sample.text, "")]
     commands: list[tuple[str, str]] = []
     for line in sample.text.splitlines(keepends=True):
         if line.startswith("$ "):
