@@ -31,9 +31,9 @@ Run = Callable[..., click.testing.Result]
 @pytest.fixture(autouse=True)
 def fresh_providers() -> Iterator[None]:
     """No provider that another test made with other credentials, and none left for the next test."""
-    cloud_manager_glbl._node_manager_hashset.clear()
+    vars(cloud_manager_glbl)["_node_manager_hashset"].clear()
     yield
-    cloud_manager_glbl._node_manager_hashset.clear()
+    vars(cloud_manager_glbl)["_node_manager_hashset"].clear()
 
 
 @pytest.fixture

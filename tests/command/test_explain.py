@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+from typing import Any
+
 import botocore.exceptions
 import pytest
 
@@ -29,7 +31,7 @@ CASES = {
     "slow connect": (botocore.exceptions.ConnectTimeoutError(**URL), ExitCode.UNREACHABLE, "in time"),
     "broken off": (botocore.exceptions.ConnectionClosedError(**URL), ExitCode.UNREACHABLE, "broke off"),
     "certificate": (
-        botocore.exceptions.SSLError(**URL, error="self-signed"),
+        botocore.exceptions.SSLError(**URL, error=OSError("self-signed")),
         ExitCode.UNREACHABLE,
         "certificate",
     ),
@@ -112,8 +114,8 @@ def test_a_failure_of_the_command_stays_as_it_is() -> None:
 
 def test_an_error_of_ec2_is_named_with_its_code_and_operation() -> None:
     """A client error shows operation, message and code."""
-    response = {"Error": {"Code": "InvalidInstanceID.NotFound", "Message": "no such instance"}}
-    failure = explain(botocore.exceptions.ClientError(response, "StopInstances"))
+    details: Any = {"Code": "InvalidInstanceID.NotFound", "Message": "no such instance"}
+    failure = explain(botocore.exceptions.ClientError({"Error": details}, "StopInstances"))
     assert failure.what == "EC2 refused StopInstances: no such instance (InvalidInstanceID.NotFound)"
     assert failure.code is ExitCode.NOT_FOUND
 

@@ -115,4 +115,6 @@ def _probe(node: CloudNode) -> Probe:
     except ConfigError as error:
         return Probe(False, "the configuration cannot be used", one_line(error))
     why = _WHY[result.error_code] if result.error_code in _WHY else "no answer"
-    return Probe(False, why, one_line(result.msg or ""))
+    # The name stands beside it wherever it is shown.
+    message = (result.msg or "").removeprefix(f"Worker of node {node.name}: ")
+    return Probe(False, why, one_line(message))

@@ -62,7 +62,7 @@ def wait_until_ready(
         except KeyboardInterrupt:
             name = seen.name if seen else wanted
             raise CommandFailure(
-                f"interrupted: stopped waiting for {name}, which goes on by itself ({reason})",
+                f"interrupted: stopped waiting for {name}, which goes on by itself",
                 code=ExitCode.INTERRUPTED,
             ) from None
 
