@@ -18,6 +18,7 @@ from botocore.session import Session
 from tests.docs.samples import PAGES, ROOT
 from tovarincore import cloud_node
 from tovarincore.core_conf import Setting, describe_settings
+from tovarincore.testing.fakes import FakeEc2Client
 
 DOCS = ROOT / "docs"
 LINK = re.compile(r"\]\(([^)#:\s]+)(?:#([\w-]+))?\)")
@@ -197,3 +198,10 @@ def test_every_page_is_in_the_index() -> None:
     """No page is left out of the table of contents."""
     listed = set(re.findall(r"^([a-z-]+)$", page("index.md"), re.MULTILINE))
     assert listed == {file.stem for file in DOCS.glob("*.md")} - {"index"}
+
+
+def test_the_ec2_for_users_tests_answers_every_request_of_the_extension() -> None:
+    """The fake client has each operation that the sources call, and the way to a waiter."""
+    text = sources(ROOT / "tovarincore" / "cloud_node" / "providers" / "aws", ".cpp")
+    called = {name for name in re.findall(r'"([a-z_]+)"_s', text) if name in ec2_operations()}
+    assert called - {"instance_status_ok"} | {"get_waiter"} <= set(dir(FakeEc2Client))
