@@ -32,7 +32,7 @@ void restore_state(Handle made, Handle state_given, Where where)
     Object state(state_given);
     Object slot_state = none();
     PyObject* found = nullptr;
-    check(_PyObject_LookupAttr(made.ptr(), "__setstate__"_s.ptr(), &found), where);
+    check(find_attribute(made.ptr(), "__setstate__"_s.ptr(), &found), where);
     if (found != nullptr) {
         Object set_state = adopt(found);
         call(set_state, {state}, where);

@@ -26,4 +26,14 @@ inline void set_frame_line([[maybe_unused]] PyFrameObject* frame, [[maybe_unused
 #endif
 }
 
+// Looks an attribute up without raising when it is missing: 1 found (a new reference), 0 missing, -1 failed.
+inline int find_attribute(PyObject* object, PyObject* name, PyObject** found)
+{
+#if PY_VERSION_HEX >= 0x030D0000
+    return PyObject_GetOptionalAttr(object, name, found);
+#else
+    return _PyObject_LookupAttr(object, name, found);
+#endif
+}
+
 } // namespace py
