@@ -24,7 +24,8 @@ template <auto Function> PyObject* call_entry(PyObject*, PyObject* const* argume
 // A function of the test module, with positional arguments only.
 template <auto Function> PyMethodDef entry(const char* name)
 {
-    return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&call_entry<Function>)), METH_FASTCALL, nullptr};
+    return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&call_entry<Function>)), METH_FASTCALL,
+            nullptr};
 }
 
 extern PyMethodDef verbs[];       // object_layer.cpp

@@ -24,8 +24,7 @@ Object required(Handle) { return none(); }
 
 constexpr Method sample_methods[] = {
     method<init>("__init__", {{"self"}, {"value", "int"}}, "None"),
-    method<echo>("echo",
-                 {{"self"}, {"a", "str"}, {"b", nullptr, Default::none}, {"c", "bool", Default::true_}},
+    method<echo>("echo", {{"self"}, {"a", "str"}, {"b", nullptr, Default::none}, {"c", "bool", Default::true_}},
                  "Tuple[str, None, bool]", "Returns its arguments."),
     method<fail>("fail", {{"self"}}),
     method<recurse>("recurse", {{"self"}}),

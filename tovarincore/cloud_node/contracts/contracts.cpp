@@ -32,9 +32,9 @@ void bind_imports()
     bind({"tovarincore.cloud_conf"_s, {"CloudConfManager"_s}});
     bind({"tovarincore.cloud_def"_s,
           {"CloudInstanceTypeDef"_s, "CloudRegion"_s, "CloudInstanceConfig"_s, "CloudInstances"_s, "CloudAuth"_s,
-           "AWSCloudAuth"_s, "CloudNode"_s, "AWSCloudNode"_s, "NodeState"_s, "SecurityGroupRule"_s, "SecurityGroupRules"_s,
-           "InstanceTemplate"_s, "InstanceTemplatePayType"_s, "CloudRegions"_s, "K8sRegion"_s, "CpuPlanA"_s, "GpuPlanA"_s,
-           "CpuPlanB"_s, "GpuPlanB"_s}});
+           "AWSCloudAuth"_s, "CloudNode"_s, "AWSCloudNode"_s, "NodeState"_s, "SecurityGroupRule"_s,
+           "SecurityGroupRules"_s, "InstanceTemplate"_s, "InstanceTemplatePayType"_s, "CloudRegions"_s, "K8sRegion"_s,
+           "CpuPlanA"_s, "GpuPlanA"_s, "CpuPlanB"_s, "GpuPlanB"_s}});
     bind({"tovarincore.container_helper"_s, {"ContainerHelper"_s}});
     bind({"tovarincore.core_conf"_s, {"CoreConf"_s, "core_conf_glbl"_s, "log_manager_glbl"_s}});
     bind({"tovarincore.core_def"_s, {"OPResult"_s, "OPResultErrorCode"_s, "CoreDef"_s}});

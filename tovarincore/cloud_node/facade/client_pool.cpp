@@ -1,5 +1,6 @@
-// The pool of web-socket clients: stored, handed out and forgotten under one lock; never opened, checked or closed here.
-// Clients of other nodes pass to the remainder without a turn in the loops: see Candidates in python/plain_scan.h.
+// The pool of web-socket clients: stored, handed out and forgotten under one lock; never opened, checked or closed
+// here. Clients of other nodes pass to the remainder without a turn in the loops: see Candidates in
+// python/plain_scan.h.
 #include "facade.h"
 
 namespace cloud_node::facade {

@@ -32,10 +32,9 @@ Object try_launching_node(Handle self, Handle region, Handle auth, Handle instan
 {
     Object node_manager = self.call("_get_node_manager"_s, {region});
     Object launched = node_manager.call(
-        "launch_node"_s,
-        {"auth"_k = auth, "instance_type_def"_k = instance_type_def, "instance_config"_k = instance_config,
-         "username"_k = "dry_run"_s, "dry_run"_k = true_(),
-         "wait_until_cloud_provider_ready"_k = wait_until_cloud_provider_ready});
+        "launch_node"_s, {"auth"_k = auth, "instance_type_def"_k = instance_type_def,
+                          "instance_config"_k = instance_config, "username"_k = "dry_run"_s, "dry_run"_k = true_(),
+                          "wait_until_cloud_provider_ready"_k = wait_until_cloud_provider_ready});
     auto [node, op_result] = unpack<2>(launched);
     if (op_result.get("error_code"_s).equals(global("OPResultErrorCode"_s).get("DRY_RUN_OPERATION"_s)))
         return success();
@@ -46,9 +45,9 @@ Object start_node(Handle self, Handle region, Handle auth, Handle instance_id, H
                   Handle reboot)
 {
     Object node_manager = self.call("_get_node_manager"_s, {region, "auth"_k = auth});
-    node_manager.call("start_node"_s, {"instance_id"_k = instance_id,
-                                       "wait_until_cloud_provider_ready"_k = wait_until_cloud_provider_ready,
-                                       "reboot"_k = reboot});
+    node_manager.call("start_node"_s,
+                      {"instance_id"_k = instance_id,
+                       "wait_until_cloud_provider_ready"_k = wait_until_cloud_provider_ready, "reboot"_k = reboot});
     expect_state(node_manager, instance_id, "STARTING"_s);
     return none();
 }

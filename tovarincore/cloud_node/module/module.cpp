@@ -1,9 +1,9 @@
 // PyInit_cloud_node: one short list of steps in order.
 #include "../facade/facade.h"
-#include "../python/deep_copy_genuine.h"
 #include "../providers/aws/aws.h"
 #include "../providers/k8s/k8s.h"
 #include "../providers/local/local.h"
+#include "../python/deep_copy_genuine.h"
 #include "../registry/registry.h"
 
 #include <atomic>
@@ -44,8 +44,9 @@ bool is_first_interpreter()
 PyObject* create_module(PyObject* spec, PyModuleDef*)
 {
     if (!is_first_interpreter()) {
-        PyErr_SetString(PyExc_ImportError,
-                        "Interpreter change detected - this module can only be loaded into one interpreter per process.");
+        PyErr_SetString(
+            PyExc_ImportError,
+            "Interpreter change detected - this module can only be loaded into one interpreter per process.");
         return nullptr;
     }
     if (loaded_module != nullptr) {
@@ -82,7 +83,8 @@ PyModuleDef_Slot slots[] = {
     {Py_mod_create, reinterpret_cast<void*>(create_module)},
     {Py_mod_exec, reinterpret_cast<void*>(execute_module)},
 #if PY_VERSION_HEX >= 0x030C0000
-    // Says no more than that create_module may run there: it refuses every interpreter but the first, with its own text.
+    // Says no more than that create_module may run there: it refuses every interpreter but the first, with its own
+    // text.
     {Py_mod_multiple_interpreters, Py_MOD_PER_INTERPRETER_GIL_SUPPORTED},
 #endif
     {0, nullptr},

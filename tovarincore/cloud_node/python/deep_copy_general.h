@@ -1,5 +1,5 @@
-// A deep copy with a real memo, step by step as copy.deepcopy does it, hooks and all. What is unusual goes to Python's own
-// function, with the same memo.
+// A deep copy with a real memo, step by step as copy.deepcopy does it, hooks and all. What is unusual goes to Python's
+// own function, with the same memo.
 #pragma once
 
 #include "object.h"

@@ -49,10 +49,12 @@ bool dispatches(PyTypeObject* type, const char* copier)
 
 bool dispatch_is_as_it_comes()
 {
-    PyTypeObject* atomic[] = {Py_TYPE(Py_None),  Py_TYPE(Py_Ellipsis), Py_TYPE(Py_NotImplemented), &PyLong_Type,
-                              &PyFloat_Type,     &PyBool_Type,         &PyComplex_Type,            &PyBytes_Type,
-                              &PyUnicode_Type,   &PyCode_Type,         &PyType_Type,               &PyRange_Type,
-                              &PyCFunction_Type, &PyFunction_Type,     &_PyWeakref_RefType,        &PyProperty_Type};
+    PyTypeObject* atomic[] = {Py_TYPE(Py_None),  Py_TYPE(Py_Ellipsis), Py_TYPE(Py_NotImplemented),
+                              &PyLong_Type,      &PyFloat_Type,        &PyBool_Type,
+                              &PyComplex_Type,   &PyBytes_Type,        &PyUnicode_Type,
+                              &PyCode_Type,      &PyType_Type,         &PyRange_Type,
+                              &PyCFunction_Type, &PyFunction_Type,     &_PyWeakref_RefType,
+                              &PyProperty_Type};
     for (PyTypeObject* type : atomic)
         if (!dispatches(type, "_deepcopy_atomic"))
             return false;
@@ -63,8 +65,8 @@ bool dispatch_is_as_it_comes()
 
 bool copy_module_is_as_it_comes()
 {
-    for (const char* name : {"_deepcopy_atomic", "_deepcopy_list", "_deepcopy_tuple", "_deepcopy_dict", "_deepcopy_method",
-                             "_keep_alive", "_reconstruct"})
+    for (const char* name : {"_deepcopy_atomic", "_deepcopy_list", "_deepcopy_tuple", "_deepcopy_dict",
+                             "_deepcopy_method", "_keep_alive", "_reconstruct"})
         if (!has_own_function(copy_names.dict, name))
             return false;
     for (const char* shadowing : {"type", "zip", "tuple", "str", "len", "KeyError"})
@@ -73,7 +75,8 @@ bool copy_module_is_as_it_comes()
     for (const char* shadowing : called_builtins)
         if (in(copy_names.dict, shadowing) != nullptr)
             return false;
-    return in(copy_names.dict, "_deepcopy_dispatch") == dispatch.dict && in(copy_names.dict, "dispatch_table") == reducers.dict;
+    return in(copy_names.dict, "_deepcopy_dispatch") == dispatch.dict &&
+           in(copy_names.dict, "dispatch_table") == reducers.dict;
 }
 
 bool builtins_are_as_they_come()
@@ -123,7 +126,8 @@ bool find_everything()
 bool is_defined_by_copy(PyObject* function)
 {
     PyObject* list_copier = in(copy_names.dict, "_deepcopy_list");
-    if (!is_own_function(copy_names.dict, function, "deepcopy") || list_copier == nullptr || !PyFunction_Check(list_copier))
+    if (!is_own_function(copy_names.dict, function, "deepcopy") || list_copier == nullptr ||
+        !PyFunction_Check(list_copier))
         return false;
     PyObject* defaults = PyFunction_GET_DEFAULTS(list_copier);
     return defaults != nullptr && PyTuple_GET_SIZE(defaults) == 1 && PyTuple_GET_ITEM(defaults, 0) == function;
@@ -148,8 +152,8 @@ void keep_genuine_deepcopy()
 
 bool is_genuine_deepcopy(Handle function)
 {
-    return function.ptr() == kept_function && kept_function != nullptr && PyFunction_GET_CODE(kept_function) == kept_code &&
-           PyFunction_GET_DEFAULTS(kept_function) == kept_defaults;
+    return function.ptr() == kept_function && kept_function != nullptr &&
+           PyFunction_GET_CODE(kept_function) == kept_code && PyFunction_GET_DEFAULTS(kept_function) == kept_defaults;
 }
 
 bool deepcopy_is_untouched()

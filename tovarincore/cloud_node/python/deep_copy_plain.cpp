@@ -160,7 +160,8 @@ PyObject* PlainCopy::copy_tuple(PyObject* original)
     else
         Py_INCREF(made);
     Py_DECREF(elements);
-    if (made != nullptr && made != original && entry->original == nullptr && !memo_.add(memo_.find(original), original, made))
+    if (made != nullptr && made != original && entry->original == nullptr &&
+        !memo_.add(memo_.find(original), original, made))
         Py_CLEAR(made);
     return made;
 }
@@ -227,8 +228,8 @@ PyObject* PlainCopy::copy_shared_attributes(PyObject* dict)
     return attributes;
 }
 
-// A dictionary that only its object refers to is met nowhere else, so it needs no entry in the memo and is copied whole,
-// which keeps the key table shared; then the values that have copies of their own are replaced.
+// A dictionary that only its object refers to is met nowhere else, so it needs no entry in the memo and is copied
+// whole, which keeps the key table shared; then the values that have copies of their own are replaced.
 PyObject* PlainCopy::copy_attributes(PyObject* dict, CopyVerdict& verdict)
 {
     if (!has_plain_names(dict, verdict))

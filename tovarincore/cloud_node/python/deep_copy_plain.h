@@ -1,13 +1,14 @@
 // A deep copy of plain data that runs no Python code at all: lists, tuples, dictionaries, plain objects, members of
-// enumerations and atomic values. At the first thing that is anything else it gives up, and nobody can have noticed that it
-// was tried: the caller starts again in another way.
+// enumerations and atomic values. At the first thing that is anything else it gives up, and nobody can have noticed
+// that it was tried: the caller starts again in another way.
 #pragma once
 
 #include "deep_copy_types.h"
 
 namespace py {
 
-// The originals met so far and their copies, by address. Small graphs need no allocation; nothing is kept between copies.
+// The originals met so far and their copies, by address. Small graphs need no allocation; nothing is kept between
+// copies.
 class PointerMemo {
 public:
     struct Entry {

@@ -96,9 +96,9 @@ bool is_plain_enumeration(PyTypeObject* type, PyObject*& members)
 
 bool is_atomic_type(PyTypeObject* type)
 {
-    for (PyTypeObject* atomic : {&PyBytes_Type, &PyComplex_Type, Py_TYPE(Py_Ellipsis), Py_TYPE(Py_NotImplemented),
-                                 &PyCode_Type, &PyRange_Type, &PyCFunction_Type, &PyFunction_Type, &_PyWeakref_RefType,
-                                 &PyProperty_Type})
+    for (PyTypeObject* atomic :
+         {&PyBytes_Type, &PyComplex_Type, Py_TYPE(Py_Ellipsis), Py_TYPE(Py_NotImplemented), &PyCode_Type, &PyRange_Type,
+          &PyCFunction_Type, &PyFunction_Type, &_PyWeakref_RefType, &PyProperty_Type})
         if (type == atomic)
             return true;
     return is_plain_value(type) || PyType_IsSubtype(type, &PyType_Type); // classes, whatever their metaclass
@@ -154,7 +154,8 @@ PyObject* dict_of(PyObject* instance) // borrowed or null; also where the __dict
 
 CopyVerdict& copy_verdict(PyTypeObject* type)
 {
-    if (std::uint64_t reducers = layout::version_of_dict(reducer_table().ptr()); reducers != reducers_seen) [[unlikely]] {
+    if (std::uint64_t reducers = layout::version_of_dict(reducer_table().ptr()); reducers != reducers_seen)
+        [[unlikely]] {
         for (CopyVerdict& verdict : verdicts)
             verdict.type = nullptr;
         reducers_seen = reducers;

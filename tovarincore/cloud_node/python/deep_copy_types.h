@@ -6,8 +6,8 @@
 namespace py {
 
 enum class CopyKind : std::uint8_t {
-    unusual,     // a hook, slots, a built-in base, ...: Python's own function has to look at it
-    atomic,      // is its own copy
+    unusual, // a hook, slots, a built-in base, ...: Python's own function has to look at it
+    atomic,  // is its own copy
     list,
     tuple,
     dict,
@@ -24,8 +24,8 @@ struct CopyVerdict {
     KnownKeys keys;              // of a plain object: a table without a name that deepcopy or pickle look for
 };
 
-// The types of nearly all attribute values; such values are their own copies and no hashing or comparing of them can run
-// Python code.
+// The types of nearly all attribute values; such values are their own copies and no hashing or comparing of them can
+// run Python code.
 inline bool is_plain_value(PyTypeObject* type)
 {
     return type == &PyUnicode_Type || type == Py_TYPE(Py_None) || type == &PyBool_Type || type == &PyLong_Type ||

@@ -33,8 +33,9 @@ template <class Condition> void assert_that(Condition condition, Name message, W
 }
 
 // The scope of an `except` block or of a `finally` clause that runs because of an error. Constructed inside
-// `catch (const Raised&)`: takes the error out of the indicator, adds the failing statement to its traceback and makes it
-// the handled one, which is what sys.exc_info(), `exc_info=True` and exception chaining look at. Ends with the scope.
+// `catch (const Raised&)`: takes the error out of the indicator, adds the failing statement to its traceback and makes
+// it the handled one, which is what sys.exc_info(), `exc_info=True` and exception chaining look at. Ends with the
+// scope.
 class Handling {
 public:
     explicit Handling(const Raised& raised, Where here = Where::here());
@@ -44,7 +45,8 @@ public:
 
     Handle error() const { return value_; }
 
-    // The plain `raise` at the end of the block: the same error travels on, with no second traceback entry for this method.
+    // The plain `raise` at the end of the block: the same error travels on, with no second traceback entry for this
+    // method.
     [[noreturn]] void raise_again();
 
 private:
@@ -76,7 +78,8 @@ template <class Body, class Clause> Object try_finally(Body body, Clause clause,
 void add_traceback_entry(const char* function, const Where& where);
 
 // The edge between C++ and the interpreter: runs body() and turns what it throws into a set error and a null result.
-// Deliberately without a catch-all: a daemon thread that ends inside the body unwinds through here and must not be stopped.
+// Deliberately without a catch-all: a daemon thread that ends inside the body unwinds through here and must not be
+// stopped.
 template <class Body> PyObject* at_the_edge(const char* function, Body body)
 {
     try {

@@ -190,8 +190,8 @@ PyObject* reduce(PyObject* self, PyObject*)
 
 template <class Visit> int each_reference(FunctionObject* self, Visit visit)
 {
-    for (PyObject** member : {&self->name, &self->qualname, &self->module, &self->doc, &self->defaults, &self->annotations,
-                              &self->names, &self->shape, &self->attributes})
+    for (PyObject** member : {&self->name, &self->qualname, &self->module, &self->doc, &self->defaults,
+                              &self->annotations, &self->names, &self->shape, &self->attributes})
         if (int stop = visit(member))
             return stop;
     return 0;

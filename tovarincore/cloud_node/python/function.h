@@ -1,7 +1,8 @@
 // The type of our methods: native callables that behave as Python functions do. They bind, can be marked abstract, take
 // attributes, can be weakly referenced and pickled by name, and show a signature; calls cost no argument tuple.
 //
-// Known limit: mock.patch.object(cls, name, autospec=True) does not bind `self` on a callable that is no types.FunctionType.
+// Known limit: mock.patch.object(cls, name, autospec=True) does not bind `self` on a callable that is no
+// types.FunctionType.
 #pragma once
 
 #include "method.h"

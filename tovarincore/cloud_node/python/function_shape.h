@@ -6,8 +6,7 @@
 namespace py {
 
 struct FunctionObject {
-    PyObject_HEAD
-    vectorcallfunc vectorcall;
+    PyObject_HEAD vectorcallfunc vectorcall;
     const Method* method;
     PyObject* name;
     PyObject* qualname;
@@ -22,9 +21,9 @@ struct FunctionObject {
 };
 
 // Each returns null with an error set when it fails.
-PyObject* parameter_names(FunctionObject* self);         // borrowed
-PyObject* make_annotations(const Method& method);        // new
-PyObject* function_code(FunctionObject* self);           // new: a code object that inspect reads the signature from
+PyObject* parameter_names(FunctionObject* self);  // borrowed
+PyObject* make_annotations(const Method& method); // new
+PyObject* function_code(FunctionObject* self);    // new: a code object that inspect reads the signature from
 
 // Calls a Python function of the same shape with arguments that do not fit: the TypeError is the interpreter's own.
 PyObject* call_shape(FunctionObject* self, PyObject* const* arguments, std::size_t flagged_count, PyObject* keywords);

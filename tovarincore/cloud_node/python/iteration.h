@@ -17,7 +17,10 @@ public:
 
     class Position {
     public:
-        Position(Handle source, Py_ssize_t index, Where where) : source_(source), index_(index), where_(where) { ++*this; }
+        Position(Handle source, Py_ssize_t index, Where where) : source_(source), index_(index), where_(where)
+        {
+            ++*this;
+        }
         Object operator*() { return std::move(current_); }
         Position& operator++();
         bool operator!=(End) const { return static_cast<bool>(current_); }

@@ -1,5 +1,5 @@
-// One row per Python method: name, parameters with annotation and default, result annotation, C++ function. The argument
-// binding, the signature, the annotations and the TypeError texts all come from the row.
+// One row per Python method: name, parameters with annotation and default, result annotation, C++ function. The
+// argument binding, the signature, the annotations and the TypeError texts all come from the row.
 #pragma once
 
 #include "errors.h"

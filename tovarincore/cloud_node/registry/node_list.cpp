@@ -62,7 +62,10 @@ Object set_node(Handle self, Handle node_given)
     });
 }
 
-Object find_node_by_instance_id(Handle self, Handle instance_id) { return find_node(self, "instance_id"_s, instance_id); }
+Object find_node_by_instance_id(Handle self, Handle instance_id)
+{
+    return find_node(self, "instance_id"_s, instance_id);
+}
 
 Object find_node_by_uuid(Handle self, Handle uuid) { return find_node(self, "uuid"_s, uuid); }
 

@@ -12,10 +12,7 @@ Object refresh_failed(Handle self, Name message, Where where = Where::here())
     return call_global("OPResult"_s, {"error"_k = true_(), "msg"_k = message, "exc_info"_k = true_()}, where);
 }
 
-bool is_running(Handle node)
-{
-    return node.get("state"_s).equals(global("NodeState"_s).get("RUNNING"_s));
-}
+bool is_running(Handle node) { return node.get("state"_s).equals(global("NodeState"_s).get("RUNNING"_s)); }
 
 void probe_running_nodes(Handle new_node_list, Where where)
 {
@@ -41,7 +38,8 @@ void carry_worker_ids_over(Handle prev_node_list, Handle new_node_list, Where wh
             continue;
         for (Object new_node : each(new_node_list, where))
             if (new_node.get("instance_id"_s, where).equals(old_node.get("instance_id"_s, where), where))
-                new_node.set("worker_id_list"_s, old_node.get("worker_id_list"_s, where).call("copy"_s, {}, where), where);
+                new_node.set("worker_id_list"_s, old_node.get("worker_id_list"_s, where).call("copy"_s, {}, where),
+                             where);
     }
 }
 

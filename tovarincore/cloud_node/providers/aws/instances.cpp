@@ -51,10 +51,10 @@ Object node_from(Handle self, Handle instance)
     Object region = self.get("region"_s);
     Object instance_id = instance.item("InstanceId"_s);
     Object node_state = global("NodeState"_s).call("from_aws_value"_s, {state});
-    return call(node_class, {"region"_k = region, "instance_id"_k = instance_id, "uuid"_k = tags.uuid, "name"_k = tags.name,
-                             "instance_type_def"_k = found_instance_type_def, "dns_address"_k = dns_address,
-                             "state"_k = node_state, "instance_profile_name"_k = instance_profile_name,
-                             "key_pair_name"_k = key_pair_name});
+    return call(node_class,
+                {"region"_k = region, "instance_id"_k = instance_id, "uuid"_k = tags.uuid, "name"_k = tags.name,
+                 "instance_type_def"_k = found_instance_type_def, "dns_address"_k = dns_address, "state"_k = node_state,
+                 "instance_profile_name"_k = instance_profile_name, "key_pair_name"_k = key_pair_name});
 }
 
 } // namespace

@@ -24,10 +24,11 @@ Object profiler_request(Handle self, Where where)
     if (!seconds.greater(number(0), where))
         return Object(""_s);
     Object warning = self.get("logger"_s, where).get("warning"_s, where);
-    call(warning, {concat({"Profiler requested! Node will run profiler for "_s, str(seconds, where), " seconds and quit"_s})},
+    call(warning,
+         {concat({"Profiler requested! Node will run profiler for "_s, str(seconds, where), " seconds and quit"_s})},
          where);
-    return concat({"echo '"_s, str(seconds, where), "' > "_s, str(global("CoreDef"_s).get("NODE_HOME_PATH"_s, where), where),
-                   "/.tovarin/profile.requested"_s},
+    return concat({"echo '"_s, str(seconds, where), "' > "_s,
+                   str(global("CoreDef"_s).get("NODE_HOME_PATH"_s, where), where), "/.tovarin/profile.requested"_s},
                   where);
 }
 
@@ -44,8 +45,8 @@ Object tag(Name key, Handle value) { return dict({{"Key"_s, key}, {"Value"_s, va
 
 } // namespace
 
-Object launch_node(Handle self, Handle instance_type_def, Handle instance_config, Handle, Handle username, Handle dry_run,
-                   Handle wait_until_cloud_provider_ready, Handle, Handle)
+Object launch_node(Handle self, Handle instance_type_def, Handle instance_config, Handle, Handle username,
+                   Handle dry_run, Handle wait_until_cloud_provider_ready, Handle, Handle)
 {
     Object client_error = import_from("botocore.exceptions"_s, "ClientError"_s);
     try {
@@ -55,26 +56,26 @@ Object launch_node(Handle self, Handle instance_type_def, Handle instance_config
         Object launch_instance_settings_str = encoded_settings(instance_config, Where::here());
         Object profiler_code = profiler_request(self, Where::here());
         Object user_data = concat({"#!/bin/bash\n"_s, "\n"_s, profiler_code, "\nsh "_s,
-                                   str(global("CoreDef"_s).get("NODE_HOME_PATH"_s)), "/.tovarin/prepare_cloud_node.sh "_s,
-                                   launch_instance_settings_str, "\n\n"_s});
+                                   str(global("CoreDef"_s).get("NODE_HOME_PATH"_s)),
+                                   "/.tovarin/prepare_cloud_node.sh "_s, launch_instance_settings_str, "\n\n"_s});
         Object subnet_id = custom_subnet_id(self, Where::here());
         assert_that([&] { return !instance_config.get("instance_template"_s).is_none(); });
         Object run_instances = ec2.get("run_instances"_s);
         Object disk = dict({{"VolumeSize"_s, instance_config.get("disk_size"_s)}, {"VolumeType"_s, "gp3"_s}});
         Object response = call(
             run_instances,
-            {"BlockDeviceMappings"_k = list({dict({{"DeviceName"_s, "/dev/sda1"_s}, {"Ebs"_s, disk}})}), "DryRun"_k = dry_run,
+            {"BlockDeviceMappings"_k = list({dict({{"DeviceName"_s, "/dev/sda1"_s}, {"Ebs"_s, disk}})}),
+             "DryRun"_k = dry_run,
              "ImageId"_k = instance_config.get("instance_template"_s).get("instance_template_id"_s),
              "InstanceType"_k = instance_type_def.get("instance_type"_s),
              "KeyName"_k = instance_config.get("key_pair_name"_s), "MaxCount"_k = number(1), "MinCount"_k = number(1),
              "UserData"_k = user_data, "SecurityGroupIds"_k = list({security_group_id}),
              "IamInstanceProfile"_k = dict({{"Name"_s, instance_config.call("get_safe_instance_profile_name"_s, {})}}),
              "SubnetId"_k = subnet_id,
-             "TagSpecifications"_k =
-                 list({dict({{"ResourceType"_s, "instance"_s},
-                             {"Tags"_s, list({tag("tovarin_uuid"_s, instance_config.get("uuid"_s)),
-                                              tag("Name"_s, instance_config.get("name"_s)),
-                                              tag("tovarin_username"_s, username)})}})})});
+             "TagSpecifications"_k = list({dict({{"ResourceType"_s, "instance"_s},
+                                                 {"Tags"_s, list({tag("tovarin_uuid"_s, instance_config.get("uuid"_s)),
+                                                                  tag("Name"_s, instance_config.get("name"_s)),
+                                                                  tag("tovarin_username"_s, username)})}})})});
         Object debug = self.get("logger"_s).get("debug"_s);
         call(debug, {concat({"Start new Cloud Worker response:\n "_s, str(response)})});
         Object instance = response.item("Instances"_s).item(Py_ssize_t{0});
@@ -84,11 +85,11 @@ Object launch_node(Handle self, Handle instance_type_def, Handle instance_config
         Object region = self.get("region"_s);
         Object uuid = instance_config.get("uuid"_s);
         Object name = instance_config.get("name"_s).is_none() ? Object("?"_s) : instance_config.get("name"_s);
-        Object node = call(node_class, {"region"_k = region, "instance_id"_k = instance_id,
-                                        "instance_type_def"_k = instance_type_def, "uuid"_k = uuid, "name"_k = name,
-                                        "dns_address"_k = dns_address,
-                                        "state"_k = global("NodeState"_s).get("STARTING"_s),
-                                        "key_pair_name"_k = instance_config.get("key_pair_name"_s)});
+        Object node =
+            call(node_class, {"region"_k = region, "instance_id"_k = instance_id,
+                              "instance_type_def"_k = instance_type_def, "uuid"_k = uuid, "name"_k = name,
+                              "dns_address"_k = dns_address, "state"_k = global("NodeState"_s).get("STARTING"_s),
+                              "key_pair_name"_k = instance_config.get("key_pair_name"_s)});
         if (wait_until_cloud_provider_ready.truthy())
             wait_until_instance_status_ok(self, ec2, instance_id);
         return tuple({node, success()});
@@ -102,8 +103,8 @@ Object launch_node(Handle self, Handle instance_type_def, Handle instance_config
             Object code = global("OPResultErrorCode"_s).get("DRY_RUN_OPERATION"_s);
             return tuple({none(), call(result_class, {"error"_k = true_(), "error_code"_k = code})});
         }
-        self.get("logger"_s).call("error"_s,
-                                  {"Exception occurred when tyring to starting Cloud Worker"_s, "exc_info"_k = ex});
+        self.get("logger"_s)
+            .call("error"_s, {"Exception occurred when tyring to starting Cloud Worker"_s, "exc_info"_k = ex});
         Object result_class = global("OPResult"_s);
         return tuple({none(), call(result_class, {"error"_k = true_(), "msg"_k = error_message(ex)})});
     }

@@ -66,9 +66,9 @@ Object create_security_group(Handle self, Handle name)
 {
     Object vpc_id = uses_custom_vpc(self, Where::here()) ? self.get("core_conf"_s).get("network__aws_custom_vpc"_s)
                                                          : self.call("_get_default_vpc_id"_s, {});
-    Object response = self.call("_get_client"_s, {}).call("create_security_group"_s,
-                                                          {"Description"_k = "Tovarin AI security group"_s,
-                                                           "GroupName"_k = name, "VpcId"_k = vpc_id});
+    Object response = self.call("_get_client"_s, {})
+                          .call("create_security_group"_s, {"Description"_k = "Tovarin AI security group"_s,
+                                                            "GroupName"_k = name, "VpcId"_k = vpc_id});
     Object log = self.get("logger"_s).get("info"_s);
     call(log, {concat({"Security Group : "_s, name, " created"_s})});
     return response.item("GroupId"_s);
@@ -102,8 +102,9 @@ Object add_inbound_security_group_rules(Handle self, Handle security_group_id, H
                                      {"ToPort"_s, to_port},
                                      {"IpRanges"_s, list({range})}}));
     }
-    self.call("_get_client"_s, {}).call("authorize_security_group_ingress"_s,
-                                        {"GroupId"_k = security_group_id, "IpPermissions"_k = ip_permissions});
+    self.call("_get_client"_s, {})
+        .call("authorize_security_group_ingress"_s,
+              {"GroupId"_k = security_group_id, "IpPermissions"_k = ip_permissions});
     return none();
 }
 

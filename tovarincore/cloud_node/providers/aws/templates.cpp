@@ -17,9 +17,10 @@ Object list_instance_templates(Handle self, Handle is_public)
             Object parsed = call(parse, {image.item("CreationDate"_s)});
             Object creation_date = parsed.call("replace"_s, {"tzinfo"_k = none()}); // EC2's wall clock, in UTC
             Object create_from = global("InstanceTemplate"_s).get("create_from"_s);
-            Object instance_template = call(
-                create_from, {"image_template_id"_k = image.item("ImageId"_s), "image_template_name"_k = image.item("Name"_s),
-                              "creation_date"_k = creation_date, "region"_k = self.get("region"_s)});
+            Object instance_template =
+                call(create_from,
+                     {"image_template_id"_k = image.item("ImageId"_s), "image_template_name"_k = image.item("Name"_s),
+                      "creation_date"_k = creation_date, "region"_k = self.get("region"_s)});
             if (!instance_template.is_none())
                 append(result_list, instance_template);
         }
