@@ -8,7 +8,7 @@ from types import ModuleType
 from typing import Any
 
 from benchmarks.scenario import Scenario, instance_id, manager, nodes, uuid
-from tovarincore.cloud_def import CloudNode
+from tovarincore.cloud_def import AWSCloudNode, CloudNode
 
 
 class Hook:
@@ -39,6 +39,12 @@ class Text(str):
     """A text of another class, as an id to look for."""
 
 
+def changed_record() -> type[CloudNode]:
+    """A class of its own for records with more attributes: what is done to them changes how all of a
+    class are kept."""
+    return type("ChangedNode", (AWSCloudNode,), {})
+
+
 def date_in_each(records: list[CloudNode]) -> None:
     for record in records:
         record.launched = datetime(2024, 1, 1, tzinfo=timezone.utc)  # type: ignore[attr-defined]
@@ -60,7 +66,7 @@ def dictionaries_of_their_own(records: list[CloudNode]) -> None:
 
 def copying(name: str, number: int, change: Callable[[list[CloudNode]], None]) -> Scenario:
     def prepare(module: ModuleType) -> dict[str, Any]:
-        records = nodes(number)
+        records = nodes(number, changed_record())
         change(records)
         return {"manager": manager(module, records)}
 
@@ -89,7 +95,7 @@ def other_lock(made: Any) -> None:
 
 
 def state_of_own_dictionaries(module: ModuleType) -> dict[str, Any]:
-    made = manager(module, nodes(500))
+    made = manager(module, nodes(500, changed_record()))
     dictionaries_of_their_own(made._NodeManager__node_list)
     return {"manager": made, "wanted": instance_id(250)}
 

@@ -1,4 +1,5 @@
-"""Instructions per call, counted by callgrind: repeatable to about a thousandth, whatever else the machine does."""
+"""Instructions per call, counted by callgrind: repeatable to about a thousandth, whatever else the
+machine does."""
 
 from __future__ import annotations
 
@@ -19,7 +20,8 @@ WARM_UP = 3
 
 
 def count_one_side(side: str, scenarios: Sequence[Scenario]) -> None:
-    """Runs under callgrind: prints, after each scenario, its number of calls; callgrind dumps what they took."""
+    """Runs under callgrind: prints, after each scenario, its number of calls; callgrind dumps what they
+    took."""
 
     def control(*options: str) -> None:
         subprocess.run(["callgrind_control", *options, str(os.getpid())], capture_output=True, check=True)

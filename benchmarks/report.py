@@ -47,7 +47,8 @@ def table(results: Sequence[tuple[Result, Formatter]], judged: bool = True) -> s
 def growth_table(lines: Sequence[Growth]) -> str:
     """What one node costs, by the size of the registry."""
     text = [
-        "| nodes | get_node_list, per node | find that misses, per node | peak memory | memory of the result |",
+        "| nodes | get_node_list, per node | find that misses, per node "
+        "| peak memory | memory of the result |",
         "|---|---|---|---|---|",
     ]
     for line in lines:

@@ -46,12 +46,12 @@ def region() -> CloudRegion:
     return CloudRegion("eu-central-1", "AWS", "Frankfurt")
 
 
-def nodes(number: int) -> list[CloudNode]:
+def nodes(number: int, record: type[CloudNode] = AWSCloudNode) -> list[CloudNode]:
     """Records as a listing gives them: 15 fields, one region and one type record for all."""
     place = region()
     kind = CloudInstanceTypeDef("g4dn.xlarge", 4, 16384, 1, "T4")
     return [
-        AWSCloudNode(
+        record(
             region=place,
             instance_id=instance_id(index),
             uuid=uuid(index),

@@ -73,7 +73,8 @@ void AttributeCache::learn(PyObject* instance, PyObject* name)
     guard_ = guard;
     guard_version_ = guard == nullptr ? 0 : layout::version_of_type(guard);
     index_ = index;
-    method_ = on_class != nullptr && PyType_HasFeature(Py_TYPE(on_class), Py_TPFLAGS_METHOD_DESCRIPTOR) ? on_class : nullptr;
+    method_ =
+        on_class != nullptr && PyType_HasFeature(Py_TYPE(on_class), Py_TPFLAGS_METHOD_DESCRIPTOR) ? on_class : nullptr;
     settable_ = type->tp_setattro == PyObject_GenericSetAttr;
 }
 

@@ -96,6 +96,13 @@ private:
     KnownKeys keys_;
 };
 
+// What a global name stood for, as long as neither the module's dictionary nor the built-ins change.
+struct GlobalCache {
+    std::uint64_t module_version = 0;
+    std::uint64_t builtins_version = 0;
+    PyObject* value = nullptr; // held by the dictionary in which it was found
+};
+
 // Both are texts, and neither has a class that could compare differently.
 inline bool are_plain_texts(PyObject* a, PyObject* b)
 {

@@ -16,11 +16,16 @@ PyObject *genuine_import = nullptr, *genuine_isinstance = nullptr, *genuine_len 
 // A borrowed value, or an empty Handle when the name is unknown.
 Handle find_global(Name name, Where where)
 {
+    GlobalCache& cache = name.global_cache();
+    if (layout::known && cache.value != nullptr && cache.module_version == layout::version_of_dict(module_names) &&
+        cache.builtins_version == layout::version_of_dict(builtin_names)) [[likely]]
+        return borrow(cache.value);
     PyObject* found = PyDict_GetItemWithError(module_names, name.ptr());
     if (found == nullptr && !PyErr_Occurred())
         found = PyDict_GetItemWithError(builtin_names, name.ptr());
     if (found == nullptr && PyErr_Occurred())
         throw Raised{where};
+    cache = {layout::version_of_dict(module_names), layout::version_of_dict(builtin_names), found};
     return borrow(found);
 }
 

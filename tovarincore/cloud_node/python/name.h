@@ -16,6 +16,7 @@ public:
     PyObject* ptr() const { return interned_; }
     const char* text() const { return text_; }
     AttributeCache& cache() const { return cache_; }
+    GlobalCache& global_cache() const { return global_cache_; }
 
     static void intern_all(); // throws Raised
 
@@ -24,6 +25,7 @@ private:
     NameSlot* next_;
     PyObject* interned_ = nullptr;
     mutable AttributeCache cache_;
+    mutable GlobalCache global_cache_;
     static inline NameSlot* first_ = nullptr;
 };
 
@@ -48,6 +50,7 @@ public:
     PyObject* ptr() const { return slot_->ptr(); }
     const char* text() const { return slot_->text(); }
     AttributeCache& cache() const { return slot_->cache(); } // for attributes of this name
+    GlobalCache& global_cache() const { return slot_->global_cache(); }
 
 private:
     const NameSlot* slot_;

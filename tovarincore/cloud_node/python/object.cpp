@@ -28,7 +28,21 @@ void Handle::set(Name name, Handle value, Where where) const
         check(PyObject_SetAttr(pointer_, name.ptr(), value.ptr()), where);
 }
 
-Object Handle::item(Handle key, Where where) const { return steal(PyObject_GetItem(pointer_, key.ptr()), where); }
+Object Handle::item(Handle key, Where where) const
+{
+    if (PyDict_CheckExact(pointer_))
+        if (PyObject* found = PyDict_GetItemWithError(pointer_, key.ptr()))
+            return Object(borrow(found));
+    return item_or_error(key, where);
+}
+
+// What is left: other containers, missing keys, and keys that cannot be hashed or compared.
+Object Handle::item_or_error(Handle key, Where where) const
+{
+    if (PyErr_Occurred())
+        throw Raised{where};
+    return steal(PyObject_GetItem(pointer_, key.ptr()), where);
+}
 
 Object Handle::item(Py_ssize_t index, Where where) const
 {
@@ -51,7 +65,8 @@ void Handle::set_item(Py_ssize_t index, Handle value, Where where) const
 
 bool Handle::contains(Handle value, Where where) const
 {
-    int found = PySequence_Contains(pointer_, value.ptr());
+    int found = PyDict_CheckExact(pointer_) ? PyDict_Contains(pointer_, value.ptr())
+                                            : PySequence_Contains(pointer_, value.ptr());
     check(found, where);
     return found != 0;
 }
@@ -110,9 +125,49 @@ struct VectorCall {
 
 } // namespace
 
+namespace {
+
+// A class whose instances come from object.__new__ and a Python __init__: what calling the class does is then done
+// here, without a tuple and a dictionary of the arguments in between. Null where it has to be the call of the class.
+PyObject* python_initialiser(PyObject* callable)
+{
+    if (!layout::known || !Py_IS_TYPE(callable, &PyType_Type))
+        return nullptr;
+    auto* type = reinterpret_cast<PyTypeObject*>(callable);
+    if (type->tp_new != PyBaseObject_Type.tp_new || PyType_HasFeature(type, Py_TPFLAGS_IS_ABSTRACT) ||
+        type->tp_init == PyBaseObject_Type.tp_init)
+        return nullptr;
+    PyObject* found = _PyType_Lookup(type, "__init__"_s.ptr());
+    return found != nullptr && PyFunction_Check(found) ? found : nullptr;
+}
+
+// class(...)
+Object construct(PyObject* callable, Handle initialiser, VectorCall& prepared, Where where)
+{
+    auto* type = reinterpret_cast<PyTypeObject*>(callable);
+    Object function(initialiser);
+    Object made = steal(type->tp_alloc(type, 0), where);
+    prepared.values[0] = made.ptr();
+    check(Py_EnterRecursiveCall(" while calling a Python object") == 0 ? 0 : -1, where);
+    Object result = adopt(
+        PyObject_Vectorcall(function.ptr(), prepared.values.data(), prepared.positional + 1, prepared.names.ptr()));
+    Py_LeaveRecursiveCall();
+    if (!result)
+        throw Raised{where};
+    if (!result.is_none()) {
+        PyErr_Format(PyExc_TypeError, "__init__() should return None, not '%.200s'", Py_TYPE(result.ptr())->tp_name);
+        throw Raised{where};
+    }
+    return made;
+}
+
+} // namespace
+
 Object call(Handle function, Arguments arguments, Where where)
 {
     VectorCall prepared(arguments, where);
+    if (PyObject* initialiser = python_initialiser(function.ptr()))
+        return construct(function.ptr(), borrow(initialiser), prepared, where);
     return steal(PyObject_Vectorcall(function.ptr(), prepared.values.data() + 1,
                                      prepared.positional | PY_VECTORCALL_ARGUMENTS_OFFSET, prepared.names.ptr()),
                  where);

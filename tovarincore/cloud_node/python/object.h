@@ -56,6 +56,7 @@ public:
     Object call(Name method, Arguments arguments, Where where = Where::here()) const; // self.method(...)
 
 private:
+    Object item_or_error(Handle key, Where where) const;
     bool compares_equal(Handle other, Where where) const;
     bool is_true(Where where) const;
 
@@ -121,11 +122,13 @@ bool Handle::truthy(Where where) const
     return is_true(where);
 }
 
-// Texts, and objects that inherit the comparison by identity from `object`, are compared on the spot.
+// Texts, truth values, and objects that inherit the comparison by identity from `object`, are compared on the spot.
 bool Handle::equals(Handle other, Where where) const
 {
     if (are_plain_texts(pointer_, other.pointer_))
         return is_same_text(pointer_, other.pointer_);
+    if (PyBool_Check(pointer_) && PyBool_Check(other.pointer_))
+        return pointer_ == other.pointer_;
     if (compares_by_identity(pointer_) && compares_by_identity(other.pointer_))
         return pointer_ == other.pointer_;
     return compares_equal(other, where);

@@ -28,11 +28,44 @@ private:
     PlainSlot slot_;
 };
 
-// Certain to be unequal, without a call of anybody's comparison.
-bool plainly_differs(PyObject* value, PyObject* text)
-{
-    return value != nullptr && are_plain_texts(value, text) && !is_same_text(value, text);
-}
+// The text that is looked for.
+class WantedText {
+public:
+    explicit WantedText(Handle text) : text_(text.ptr()), plain_(are_plain_texts(text_, text_))
+    {
+        if (!plain_ || !PyUnicode_IS_COMPACT_ASCII(text_) || PyUnicode_GET_LENGTH(text_) < end_size)
+            return;
+        length_ = PyUnicode_GET_LENGTH(text_);
+        end_ = end_of(text_);
+    }
+
+    // Without a call of anybody's comparison. Identifiers mostly differ in their last characters, which are looked at
+    // first; what these do not settle takes the whole comparison.
+    bool certainly_differs(PyObject* value) const
+    {
+        if (value == nullptr || !PyUnicode_CheckExact(value)) [[unlikely]]
+            return false;
+        if (PyUnicode_IS_COMPACT_ASCII(value) && PyUnicode_GET_LENGTH(value) == length_ && end_of(value) != end_)
+            return true;
+        return plain_ && PyUnicode_IS_READY(value) && !is_same_text(value, text_);
+    }
+
+private:
+    static constexpr Py_ssize_t end_size = sizeof(std::uint64_t);
+
+    static std::uint64_t end_of(PyObject* text)
+    {
+        std::uint64_t end;
+        std::memcpy(&end, reinterpret_cast<char*>(text) + sizeof(PyASCIIObject) + PyUnicode_GET_LENGTH(text) - end_size,
+                    sizeof end);
+        return end;
+    }
+
+    PyObject* text_;
+    bool plain_;
+    Py_ssize_t length_ = -1; // of a text whose end is known
+    std::uint64_t end_ = 0;
+};
 
 } // namespace
 
@@ -42,8 +75,9 @@ Py_ssize_t first_candidate(Handle list, Name name, Handle text)
         return 0;
     Py_ssize_t size = PyList_GET_SIZE(list.ptr());
     PlainReader reader(name);
+    WantedText wanted(text);
     Py_ssize_t i = 0;
-    while (i < size && plainly_differs(reader.value(PyList_GET_ITEM(list.ptr(), i)), text.ptr()))
+    while (i < size && wanted.certainly_differs(reader.value(PyList_GET_ITEM(list.ptr(), i))))
         ++i;
     return i;
 }
@@ -79,10 +113,11 @@ Py_ssize_t Candidates::next_candidate() const
 {
     Py_ssize_t size = PyList_GET_SIZE(list_.ptr());
     PlainReader hop(hop_), reader(name_);
+    WantedText wanted(text_);
     Py_ssize_t i = index_;
     for (; layout::known && i < size; ++i) {
         PyObject* between = hop.value(PyList_GET_ITEM(list_.ptr(), i));
-        if (between == nullptr || !plainly_differs(reader.value(between), text_.ptr()))
+        if (between == nullptr || !wanted.certainly_differs(reader.value(between)))
             break;
     }
     return i;
