@@ -1,8 +1,8 @@
 """Sharing the Amazon SDK's service descriptions between the sessions of a process.
 
-Every provider operation makes a session and an EC2 client of its own, and every fresh session reads and parses
-the SDK's description of EC2 again, which is most of the time that making the client takes. The descriptions are
-files of the SDK's installation; they hold nothing of any account.
+Every provider operation makes a session and an EC2 client of its own, and every fresh session reads and
+parses the SDK's description of EC2 again, which is most of the time that making the client takes. The
+descriptions are files of the SDK's installation; they hold nothing of any account.
 """
 
 import threading
@@ -20,9 +20,9 @@ def share_service_descriptions() -> None:
 
     Off until a program calls it. It puts a subclass in the place of ``boto3.Session``, which every provider
     operation looks up when it makes its session; the subclass differs in one thing, the component
-    ``data_loader`` of a session that was given none of its own. Sessions, clients and credentials stay as fresh
-    as before: profiles, environment and configuration files are read by each session. A session that is given
-    a ``botocore_session`` is left as it is.
+    ``data_loader`` of a session that was given none of its own. Sessions, clients and credentials stay as
+    fresh as before: profiles, environment and configuration files are read by each session. A session that
+    is given a ``botocore_session`` is left as it is.
 
     Calling it again changes nothing. A description is read from its file at its first use; when the SDK's
     installation or the files in its ``data_path`` change, call :func:`stop_sharing_service_descriptions` and
