@@ -1,7 +1,7 @@
 """Differential runs of the extension against its plain-Python twin.
 
-    python -m tests.differential --programs 100000            a long run
-    python -m tests.differential --seed 17 --at 12 --failure base    one case again, with its events
+python -m tests.differential --programs 100000            a long run
+python -m tests.differential --seed 17 --at 12 --failure base    one case again, with its events
 """
 
 from __future__ import annotations
@@ -42,7 +42,9 @@ def main() -> int:
             if differences >= options.most:
                 break
         if count % 10_000 == 0:
-            print(f"{count} programs, {differences} differences, {time.monotonic() - started:.0f} s", flush=True)
+            print(
+                f"{count} programs, {differences} differences, {time.monotonic() - started:.0f} s", flush=True
+            )
     print(f"{count} programs, {differences} differences, {time.monotonic() - started:.0f} s")
     return 1 if differences else 0
 

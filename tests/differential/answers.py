@@ -1,4 +1,5 @@
-"""What a probe answers: by the name of the attribute, or of the function called, drawn from the program's own dice."""
+"""What a probe answers: by the name of the attribute, or of the function called, drawn from the
+program's own dice."""
 
 from __future__ import annotations
 
@@ -48,7 +49,11 @@ def _instance(journal: Journal) -> dict[str, Any]:
             "Tags": journal.prefer(
                 [{"Key": "tovarin_uuid", "Value": "u-1"}, {"Key": "Name", "Value": "n"}],
                 [],
-                [{"Key": "Name", "Value": "first"}, {"Key": "other", "Value": "x"}, {"Key": "Name", "Value": "second"}],
+                [
+                    {"Key": "Name", "Value": "first"},
+                    {"Key": "other", "Value": "x"},
+                    {"Key": "Name", "Value": "second"},
+                ],
                 [{"Key": "tovarin_uuid"}],
             ),
             "PublicDnsName": journal.choice("public.example", "", "abcd", "abcde", None),
@@ -61,14 +66,17 @@ def _instance(journal: Journal) -> dict[str, Any]:
 
 def _instances(journal: Journal) -> dict[str, Any]:
     reservations = [
-        {"Instances": [_instance(journal) for _ in range(journal.choice(1, 1, 2, 0))]} for _ in range(journal.choice(1, 1, 2, 0))
+        {"Instances": [_instance(journal) for _ in range(journal.choice(1, 1, 2, 0))]}
+        for _ in range(journal.choice(1, 1, 2, 0))
     ]
     return _without_some(journal, {"Reservations": reservations})
 
 
 def _images(journal: Journal) -> dict[str, Any]:
     images = [
-        _without_some(journal, {"ImageId": f"ami-{i}", "Name": "TOVARIN_AI_x", "CreationDate": "2024-03-01T10:20:30Z"})
+        _without_some(
+            journal, {"ImageId": f"ami-{i}", "Name": "TOVARIN_AI_x", "CreationDate": "2024-03-01T10:20:30Z"}
+        )
         for i in range(journal.choice(1, 3, 2, 0))
     ]
     return _without_some(journal, {"Images": images})
@@ -77,7 +85,13 @@ def _images(journal: Journal) -> dict[str, Any]:
 def _rules(journal: Journal) -> dict[str, Any]:
     rules = [
         _without_some(
-            journal, {"IsEgress": journal.choice(True, False, 0, ""), "FromPort": 22, "ToPort": 22, "IpProtocol": "tcp"}
+            journal,
+            {
+                "IsEgress": journal.choice(True, False, 0, ""),
+                "FromPort": 22,
+                "ToPort": 22,
+                "IpProtocol": "tcp",
+            },
         )
         for _ in range(journal.choice(1, 3, 2, 0))
     ]
@@ -92,7 +106,10 @@ _FLAG = _flag
 _TEXT = _either(lambda journal: journal.choice("i-1", "i-2"), _probe("text"))
 
 ATTRIBUTES: dict[str, Answer] = {
-    **dict.fromkeys(("success", "ready", "is_gpu", "network__bypass_ssl_verification", "proxy_enabled", "aws_profile"), _FLAG),
+    **dict.fromkeys(
+        ("success", "ready", "is_gpu", "network__bypass_ssl_verification", "proxy_enabled", "aws_profile"),
+        _FLAG,
+    ),
     **dict.fromkeys(("instance_id", "uuid"), _TEXT),
     "cloud": _of("AWS", "local", "k8s", "aws", None),
     "hash_key": _of("h1", "h2", 3, ["unhashable"]),
@@ -107,8 +124,12 @@ ATTRIBUTES: dict[str, Answer] = {
     "name": lambda journal: journal.choice("a name", None, ""),
     "launch_instance_settings": _of({"a": [1, "ü"]}, None, {1, 2}),
     "network__aws_custom_vpc": _either(lambda journal: journal.choice("vpc-1", ""), _of(None), _probe("vpc")),
-    "network__aws_custom_subnet": _either(lambda journal: journal.choice("1234567890", "123456789", ""), _of("short", None, 5), _probe("subnet")),
-    "development_settings__profiler_node_second": _either(lambda journal: journal.choice(0, 30), _of(-1, 1.5, "ten"), _probe("seconds")),
+    "network__aws_custom_subnet": _either(
+        lambda journal: journal.choice("1234567890", "123456789", ""), _of("short", None, 5), _probe("subnet")
+    ),
+    "development_settings__profiler_node_second": _either(
+        lambda journal: journal.choice(0, 30), _of(-1, 1.5, "ten"), _probe("seconds")
+    ),
     "inbound_list": _either(_many("rule"), _probe("rules"), _noted("rule")),
     "instance_type_list": _either(_many("type"), _many("type"), _probe("types")),
     "instance_type": _of("t3.micro", "m5.large"),
@@ -129,14 +150,19 @@ RESULTS: dict[str, Answer] = {
     "get_cloud_conf": _either(_probe("conf"), _of(None)),
     "describe_instances": _either(_instances, _instances, _probe("response")),
     "describe_images": _either(_images, _images, _probe("response")),
-    "describe_vpcs": _either(_of({"Vpcs": [{"VpcId": "vpc-d"}]}, {"Vpcs": []}, {}, {"Vpcs": [{"VpcId": 4}]}), _probe("response")),
+    "describe_vpcs": _either(
+        _of({"Vpcs": [{"VpcId": "vpc-d"}]}, {"Vpcs": []}, {}, {"Vpcs": [{"VpcId": 4}]}), _probe("response")
+    ),
     "describe_security_groups": _either(
-        _of({"SecurityGroups": [{"GroupId": "sg-1"}, {"GroupId": "sg-2"}]}, {"SecurityGroups": []}, {}), _probe("response")
+        _of({"SecurityGroups": [{"GroupId": "sg-1"}, {"GroupId": "sg-2"}]}, {"SecurityGroups": []}, {}),
+        _probe("response"),
     ),
     "describe_security_group_rules": _either(_rules, _rules, _probe("response")),
     "create_security_group": _either(_of({"GroupId": "sg-n"}, {}), _probe("response")),
     "create_key_pair": _either(_of({"KeyMaterial": "key"}, {}), _probe("response")),
-    "run_instances": _either(lambda journal: {"Instances": [_instance(journal)]}, _of({"Instances": []}), _probe("response")),
+    "run_instances": _either(
+        lambda journal: {"Instances": [_instance(journal)]}, _of({"Instances": []}), _probe("response")
+    ),
     "get_existing_node": _either(_probe("node"), _of(None, 0)),
     "list_tvr_container_image_versions": _either(_of(["2", "1"], [], None, ("3",)), _probe("versions")),
     "get_local_container_region": _either(_probe("region"), _of(None)),

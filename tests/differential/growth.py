@@ -1,6 +1,6 @@
 """Runs the same programs again and again: what they leave behind would show as growth.
 
-    python -m tests.differential.growth --programs 2000 --rounds 10
+python -m tests.differential.growth --programs 2000 --rounds 10
 """
 
 from __future__ import annotations
@@ -41,7 +41,10 @@ def main() -> int:
     before = resource.getrusage(resource.RUSAGE_SELF).ru_maxrss
     counts = growth(extension, options.programs, options.rounds)
     after = resource.getrusage(resource.RUSAGE_SELF).ru_maxrss
-    print(f"{options.programs} programs, {options.rounds} rounds: blocks {counts}, peak memory {before} KiB -> {after} KiB")
+    print(
+        f"{options.programs} programs, {options.rounds} rounds: blocks {counts}, "
+        f"peak memory {before} KiB -> {after} KiB"
+    )
     return 1 if counts[-1] > options.programs // 50 else 0
 
 

@@ -1,4 +1,5 @@
-"""The journal of one program run: every event in order, the failures injected into it, and how values are written down."""
+"""The journal of one program run: every event in order, the failures injected into it, and how values
+are written down."""
 
 from __future__ import annotations
 
@@ -94,7 +95,7 @@ VALUES: dict[str, Callable[[], Any]] = {
     "empty tuple": lambda: (),
     "single": lambda: (1,),
     "triple": lambda: (1, 2, 3),
-    "empty dict": lambda: {},
+    "empty dict": dict,
     "odd eq": lambda: Odd("__eq__"),
     "odd bool": lambda: Odd("__bool__"),
     "odd len": lambda: Odd("__len__"),
@@ -113,18 +114,25 @@ class Journal:
         self.random = random.Random(seed)
         self.health = self.random.choice((0.0, 0.8, 0.97))
         self.events: list[tuple[str, ...]] = []
-        self.noted = 0  # events at which a failure can be injected; the results and states between them are none
+        # Events at which a failure can be injected; the results and states between them are none.
+        self.noted = 0
         self.fail_at = fail_at
         self.failure = failure
         self.numbers: dict[int, int] = {}
         self.kept: list[Any] = []  # numbered objects stay alive, so that their ids stay theirs
 
     def note(self, *event: Any, outcome: Callable[[], Any] = lambda: None) -> Any:
-        """Notes one event with the handled exception of the moment, and gives its outcome or the injected one."""
+        """Notes one event with the handled exception of the moment, and gives its outcome or the
+        injected one."""
         number = self.noted
         self.noted += 1
         handled = sys.exc_info()[1]
-        self.events.append((*(part if isinstance(part, str) else self.show(part) for part in event), self.show_error(handled)))
+        self.events.append(
+            (
+                *(part if isinstance(part, str) else self.show(part) for part in event),
+                self.show_error(handled),
+            )
+        )
         if number > LONGEST_PROGRAM:
             raise Aborted
         if number == self.fail_at:
@@ -162,7 +170,11 @@ class Journal:
             elements = list.__iter__(value) if isinstance(value, list) else tuple.__iter__(value)
             return f"{kind.__name__}[{', '.join(self.show(element, depth + 1) for element in elements)}]"
         if kind is dict:
-            return "{" + ", ".join(f"{self.show(k, depth + 1)}: {self.show(v, depth + 1)}" for k, v in value.items()) + "}"
+            return (
+                "{"
+                + ", ".join(f"{self.show(k, depth + 1)}: {self.show(v, depth + 1)}" for k, v in value.items())
+                + "}"
+            )
         if isinstance(value, BaseException):
             return self.show_error(value)
         if isinstance(value, Odd):

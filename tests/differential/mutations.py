@@ -1,6 +1,7 @@
-"""Shows that the differential runs can fail: single-line mutations of the twin, each of which they should find.
+"""Shows that the differential runs can fail: single-line mutations of the twin, each of which they
+should find.
 
-    python -m tests.differential.mutations --count 80
+python -m tests.differential.mutations --count 80
 """
 
 from __future__ import annotations
@@ -41,7 +42,14 @@ def _other_constant(node: ast.AST) -> Optional[ast.AST]:
 
 
 def _other_comparison(node: ast.AST) -> Optional[ast.AST]:
-    others: dict[type, type] = {ast.Eq: ast.NotEq, ast.Is: ast.IsNot, ast.IsNot: ast.Is, ast.Gt: ast.LtE, ast.Lt: ast.GtE, ast.In: ast.NotIn}
+    others: dict[type, type] = {
+        ast.Eq: ast.NotEq,
+        ast.Is: ast.IsNot,
+        ast.IsNot: ast.Is,
+        ast.Gt: ast.LtE,
+        ast.Lt: ast.GtE,
+        ast.In: ast.NotIn,
+    }
     if isinstance(node, ast.Compare) and type(node.ops[0]) in others:
         node.ops[0] = others[type(node.ops[0])]()
         return node
@@ -90,7 +98,11 @@ def _without_statement(node: ast.AST) -> Optional[ast.AST]:
 
 def _swapped_statements(node: ast.AST) -> Optional[ast.AST]:
     body = getattr(node, "body", None)
-    if isinstance(body, list) and len(body) > 1 and all(isinstance(s, (ast.Expr, ast.Assign)) for s in body[:2]):
+    if (
+        isinstance(body, list)
+        and len(body) > 1
+        and all(isinstance(s, (ast.Expr, ast.Assign)) for s in body[:2])
+    ):
         body[0], body[1] = body[1], body[0]
         return node
     return None
@@ -98,7 +110,9 @@ def _swapped_statements(node: ast.AST) -> Optional[ast.AST]:
 
 def _other_handler(node: ast.AST) -> Optional[ast.AST]:
     if isinstance(node, ast.ExceptHandler):
-        node.type = ast.Name("Exception", ast.Load()) if node.type is None else ast.Name("BaseException", ast.Load())
+        node.type = (
+            ast.Name("Exception", ast.Load()) if node.type is None else ast.Name("BaseException", ast.Load())
+        )
         return node
     return None
 
@@ -144,7 +158,8 @@ def _functions(tree: ast.Module) -> Iterator[ast.FunctionDef]:
 
 
 def mutations(source: str, seed: int) -> Iterator[Mutation]:
-    """Single changes of the methods' bodies, in random order; signatures and docstrings are pinned by other tests."""
+    """Single changes of the methods' bodies, in random order; signatures and docstrings are pinned by
+    other tests."""
     tree = ast.parse(source)
     places = [
         (index, statement_index, rank, change)
@@ -165,7 +180,9 @@ def mutations(source: str, seed: int) -> Iterator[Mutation]:
         after = ast.unparse(function.body[statement_index])
         if transformer.changed and after != before:
             ast.fix_missing_locations(mutated)
-            yield Mutation(f"{function.name}, {change.__name__.strip('_')}:\n{_changed_lines(before, after)}", mutated)
+            yield Mutation(
+                f"{function.name}, {change.__name__.strip('_')}:\n{_changed_lines(before, after)}", mutated
+            )
 
 
 def _changed_lines(before: str, after: str) -> str:
@@ -213,7 +230,9 @@ def main() -> int:
             print(f"missed: {mutation.text}", flush=True)
         elif number % 20 == 0:
             print(f"{number} mutations tried, {missed} missed", flush=True)
-    print(f"{len(drawn)} mutations tried, {len(drawn) - missed} found ({100 * (1 - missed / len(drawn)):.1f} %)")
+    print(
+        f"{len(drawn)} mutations tried, {len(drawn) - missed} found ({100 * (1 - missed / len(drawn)):.1f} %)"
+    )
     return 1 if missed > 0.05 * len(drawn) else 0
 
 

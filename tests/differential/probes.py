@@ -51,7 +51,9 @@ class Probe:
         )
 
     def __eq__(self, other: object) -> Any:
-        return self._journal.note("eq", self._label, other, outcome=lambda: self is other or self._journal.choice(True, False))
+        return self._journal.note(
+            "eq", self._label, other, outcome=lambda: self is other or self._journal.choice(True, False)
+        )
 
     __hash__ = None  # type: ignore[assignment]
 
@@ -77,21 +79,29 @@ class Probe:
         from tests.differential import answers
 
         return self._journal.note(
-            "item", self._label, key, outcome=lambda: answers.attribute(self._journal, f"{self._label}.{key}", str(key))
+            "item",
+            self._label,
+            key,
+            outcome=lambda: answers.attribute(self._journal, f"{self._label}.{key}", str(key)),
         )
 
     def __setitem__(self, key: Any, value: Any) -> None:
         self._journal.note("set item", self._label, key, value)
 
     def __contains__(self, key: Any) -> bool:
-        return bool(self._journal.note("in", self._label, key, outcome=lambda: self._journal.choice(True, False)))
+        return bool(
+            self._journal.note("in", self._label, key, outcome=lambda: self._journal.choice(True, False))
+        )
 
     def __iter__(self) -> Any:
         journal = self._journal
         journal.note("iter", self._label)
         for index in range(journal.choice(0, 1, 3)):
             yield journal.note(
-                "next", self._label, index, outcome=lambda index=index: Probe(journal, f"{self._label}.{index}")
+                "next",
+                self._label,
+                index,
+                outcome=lambda index=index: Probe(journal, f"{self._label}.{index}"),
             )
 
     def __gt__(self, other: Any) -> Any:
@@ -108,7 +118,8 @@ class Probe:
 
 
 class NotedList(list):  # type: ignore[type-arg]
-    """A list subclass whose reads and writes are noted: what a caller may have put in the registry's or pool's place."""
+    """A list subclass whose reads and writes are noted: what a caller may have put in the registry's or
+    pool's place."""
 
     journal: Journal
 
@@ -147,6 +158,8 @@ def noted_class(journal: Journal, name: str) -> type:
 
     class Noted(type):
         def __instancecheck__(cls, instance: Any) -> Any:
-            return journal.note("isinstance", name, instance, outcome=lambda: type.__instancecheck__(cls, instance))
+            return journal.note(
+                "isinstance", name, instance, outcome=lambda: type.__instancecheck__(cls, instance)
+            )
 
     return Noted(name, (), {"journal_label": lambda self: f"{name} instance"})

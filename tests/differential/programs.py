@@ -1,4 +1,5 @@
-"""Random programs over the whole surface of the module: what a caller, a subclass or a test may do with it."""
+"""Random programs over the whole surface of the module: what a caller, a subclass or a test may do with
+it."""
 
 from __future__ import annotations
 
@@ -68,8 +69,23 @@ AMAZON: dict[str, tuple[str, ...]] = {
     "delete_key_pair": ("text",),
 }
 KINDS = ("AWSNodeManager", "AWSNodeManager", "LocalContainerNodeManager", "K8sNodeManager")
-GONE = ("deepcopy", "OPResult", "TimeoutError", "WebSocketClient", "NodeState", "AWSNodeManager", "SecurityGroupRule")
-ATTRIBUTES = ("_NodeManager__node_list", "_NodeManager__node_list_lock", "logger", "core_conf", "region", "webs_client_pool")
+GONE = (
+    "deepcopy",
+    "OPResult",
+    "TimeoutError",
+    "WebSocketClient",
+    "NodeState",
+    "AWSNodeManager",
+    "SecurityGroupRule",
+)
+ATTRIBUTES = (
+    "_NodeManager__node_list",
+    "_NodeManager__node_list_lock",
+    "logger",
+    "core_conf",
+    "region",
+    "webs_client_pool",
+)
 
 
 class Program:
@@ -91,7 +107,14 @@ class Program:
     def run(self) -> None:
         """Builds a facade, does a few things with it, and writes the state it left into the journal."""
         self.step("CloudManager()", self.make_facade)
-        deeds = (self.use_facade, self.use_provider, self.use_provider, self.use_amazon, self.use_amazon, self.use_pool)
+        deeds = (
+            self.use_facade,
+            self.use_provider,
+            self.use_provider,
+            self.use_amazon,
+            self.use_amazon,
+            self.use_pool,
+        )
         for _ in range(self.choice(1, 2, 3, 4, 6)):
             self.journal.prefer(self.choice(*deeds), self.tamper)()
         self.show_state()
@@ -119,7 +142,9 @@ class Program:
         if self.choice(True, False):
             provider = self.choice(Probe(self.journal, "provider"), *self.providers)
             for region in self.regions or [self.region()]:
-                self.step("prepare cache", lambda region=region: self.facade._cache_node_manager(region, provider))
+                self.step(
+                    "prepare cache", lambda region=region: self.facade._cache_node_manager(region, provider)
+                )
         if self.choice(True, False, False):
             self.call(self.facade, "get_default_instance_template", FACADE["get_default_instance_template"])
         name = self.choice(*FACADE)
@@ -142,7 +167,10 @@ class Program:
         if self.providers:
             provider = self.providers[-1]
             tables = {**AMAZON, **PROVIDER}
-            for name in (self.choice(*AMAZON), self.choice("launch_node", "list_instances", "start_node", *PROVIDER)):
+            for name in (
+                self.choice(*AMAZON),
+                self.choice("launch_node", "list_instances", "start_node", *PROVIDER),
+            ):
                 self.call(provider, name, tables[name])
 
     def make_provider(self, kind: str = "") -> Any:
@@ -150,7 +178,11 @@ class Program:
         cls = self.classes[kind]
         if self.journal.prefer(False, True):
             cls = self.subclass(cls)
-        arguments = (self.region(), self.auth(), self.journal.prefer("user", None)) if kind == "AWSNodeManager" else (self.region(),)
+        arguments = (
+            (self.region(), self.auth(), self.journal.prefer("user", None))
+            if kind == "AWSNodeManager"
+            else (self.region(),)
+        )
         provider = cls(*arguments)
         self.providers.append(provider)
         nodes = [self.node() for _ in range(self.choice(0, 1, 2, 3))]
@@ -162,7 +194,12 @@ class Program:
         """A subclass that overrides one method, calling the original in between."""
         journal = self.journal
         name = self.choice(
-            "_get_client", "list_instances", "set_node", "get_node_list", "_get_security_group_id", "_create_session"
+            "_get_client",
+            "list_instances",
+            "set_node",
+            "get_node_list",
+            "_get_security_group_id",
+            "_create_session",
         )
 
         def override(this: Any, *args: Any, **kwargs: Any) -> Any:
@@ -179,7 +216,9 @@ class Program:
         pool = self.choice(clients, clients, NotedList.make(self.journal, clients))
         self.step("pool", lambda: setattr(self.facade, "webs_client_pool", pool))
         for _ in range(self.choice(1, 2)):
-            name = self.choice("add_to_webs_client_pool", "get_from_webs_client_pool", "flush_webs_client_pool")
+            name = self.choice(
+                "add_to_webs_client_pool", "get_from_webs_client_pool", "flush_webs_client_pool"
+            )
             self.call(self.facade, name, FACADE[name])
 
     def tamper(self) -> None:
@@ -249,7 +288,9 @@ class Program:
 
     def templates(self) -> Any:
         made = [
-            SimpleNamespace(is_gpu=self.choice(True, False, 1), product_pay_type=self.choice("plan a", "plan b"))
+            SimpleNamespace(
+                is_gpu=self.choice(True, False, 1), product_pay_type=self.choice("plan a", "plan b")
+            )
             for _ in range(self.choice(0, 1, 3))
         ]
         return self.choice(made, made, Probe(self.journal, "templates"), None)
@@ -268,4 +309,3 @@ class Program:
             if target is not None:
                 for name, value in list(vars(target).items()):
                     self.journal.events.append(("state", name, self.journal.show(value)))
-

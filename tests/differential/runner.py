@@ -50,7 +50,8 @@ def difference(extension: Any, twin: Any, case: Case) -> Optional[str]:
 
 
 def cases(twin: Any, first_seed: int, programs: int, failures: int = 10) -> Iterator[Case]:
-    """As many cases as asked for: each seed runs plainly, then with failures of any kind at events of its own."""
+    """As many cases as asked for: each seed runs plainly, then with failures of any kind at events of
+    its own."""
     made = 0
     seed = first_seed
     while made < programs:

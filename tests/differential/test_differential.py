@@ -13,7 +13,9 @@ PROGRAMS = 4000
 BLOCK = 500
 
 
-@pytest.mark.parametrize("first_seed", range(0, PROGRAMS // 11, BLOCK // 11), ids=lambda seed: f"from seed {seed}")
+@pytest.mark.parametrize(
+    "first_seed", range(0, PROGRAMS // 11, BLOCK // 11), ids=lambda seed: f"from seed {seed}"
+)
 def test_programs_with_injected_failures_run_alike_on_both(first_seed):
     """Every event, result, exception with its chain, and the state left behind, are the same."""
     for case in cases(twin, first_seed, BLOCK):
@@ -22,7 +24,8 @@ def test_programs_with_injected_failures_run_alike_on_both(first_seed):
 
 
 def test_the_programs_find_mutations_of_the_twin():
-    """A comparison that cannot fail would prove nothing: most changes of one line are found within a few hundred programs."""
+    """A comparison that cannot fail would prove nothing: most changes of one line are found within a
+    few hundred programs."""
     with open(str(twin.__file__), encoding="utf-8") as file:
         drawn = list(islice(mutations(file.read(), seed=7), 12))
     some = recorded(1500)

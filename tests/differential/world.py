@@ -1,4 +1,5 @@
-"""A module implementation with probes in the place of everything that it uses, for the length of one program."""
+"""A module implementation with probes in the place of everything that it uses, for the length of one
+program."""
 
 from __future__ import annotations
 
@@ -13,13 +14,14 @@ from tests.differential.probes import Probe, noted_class
 
 # Siblings and standard modules that the implementations reach by a name in their module.
 PROBED = (
-    "datetime", "logging", "PingRequest", "CloudConfManager", "AWSCloudNode", "NodeState", "SecurityGroupRule",
-    "SecurityGroupRules", "InstanceTemplate", "InstanceTemplatePayType", "CloudRegions", "CloudInstances",
-    "ContainerHelper", "core_conf_glbl", "log_manager_glbl", "OPResult", "OPResultErrorCode", "CoreDef",
-    "K8sConsoleClient", "ObjectMetaTextUtil", "WebSocketClient",
+    "datetime", "logging", "PingRequest", "CloudConfManager", "AWSCloudNode", "NodeState",
+    "SecurityGroupRule", "SecurityGroupRules", "InstanceTemplate", "InstanceTemplatePayType",
+    "CloudRegions", "CloudInstances", "ContainerHelper", "core_conf_glbl", "log_manager_glbl", "OPResult",
+    "OPResultErrorCode", "CoreDef", "K8sConsoleClient", "ObjectMetaTextUtil", "WebSocketClient",
 )  # fmt: skip
 CHECKED = ("AWSCloudAuth", "K8sRegion", "CpuPlanA", "GpuPlanA", "CpuPlanB", "GpuPlanB")
-# Names whose probes stand for interpreter facilities: without them the short ways for genuine locks and copies are taken.
+# Names whose probes stand for interpreter facilities: without them the short ways for genuine locks and
+# copies are taken.
 FACILITIES = ("threading", "deepcopy", "aws_node_manager_client_lock")
 IMPORTED = {"boto3": "Session", "botocore.config": "Config", "dateutil.parser": "parse"}
 WATCHED_IMPORTS = {*IMPORTED, "botocore.exceptions", "json", "base64"}
@@ -32,8 +34,15 @@ def _imports(journal: Journal, watched: bool) -> Iterator[None]:
     before = {name: sys.modules.get(name, _MISSING) for name in IMPORTED}
     genuine = builtins.__import__
 
-    def watching(name: str, globals: Any = None, locals: Any = None, fromlist: Any = (), level: int = 0) -> Any:
-        if name in WATCHED_IMPORTS and level == 0 and globals is not None and "cloud_node" in str(globals.get("__name__")):
+    def watching(
+        name: str, globals: Any = None, locals: Any = None, fromlist: Any = (), level: int = 0
+    ) -> Any:
+        if (
+            name in WATCHED_IMPORTS
+            and level == 0
+            and globals is not None
+            and "cloud_node" in str(globals.get("__name__"))
+        ):
             journal.note("import", name, fromlist)
         return genuine(name, globals, locals, fromlist, level)
 

@@ -1,13 +1,13 @@
-"""Runs operations while one memory allocation after the other fails; each must end in its result or in MemoryError.
+"""Runs operations while one memory allocation after the other fails; each must end in its result or in
+MemoryError.
 
 Run in a process of its own by test_allocation_failures.py: a crash ends the process.
 """
 
+import _testcapi  # type: ignore[import-not-found]
 import sys
 from collections.abc import Callable
 from typing import Any
-
-import _testcapi  # type: ignore[import-not-found]
 
 from tovarincore import cloud_node
 from tovarincore.cloud_def import CloudInstances, CloudNode, CloudRegion, NodeState
@@ -92,7 +92,8 @@ EXPECTED = (MemoryError, TypeError, NotImplementedError, AssertionError, Runtime
 
 
 def failures_of(operation: Callable[[], Any], lasting: bool, most: int = 600) -> int:
-    """Lets the n-th allocation (and, when lasting, all after it) fail, for each n until the operation needs no more."""
+    """Lets the n-th allocation (and, when lasting, all after it) fail, for each n until the operation
+    needs no more."""
     failed = 0
     untouched = 0
     for start in range(most):
@@ -110,7 +111,11 @@ def failures_of(operation: Callable[[], Any], lasting: bool, most: int = 600) ->
         untouched = 0 if memory_error else untouched + 1
         if untouched > 40:
             break
-        for lock in (manager._NodeManager__node_list_lock, facade.webs_client_pool_lock, facade._node_manager_hashset_lock):  # type: ignore[attr-defined]
+        for lock in (
+            manager._NodeManager__node_list_lock,
+            facade.webs_client_pool_lock,
+            facade._node_manager_hashset_lock,
+        ):  # type: ignore[attr-defined]
             assert not lock.locked(), (start, lasting)
     return failed
 

@@ -1,7 +1,7 @@
 """Many threads on one facade: registry, provider cache, client pool and client lock, with invariants checked.
 
-    python -m tests.interpreter.crowd --threads 16 --seconds 300
-    python -m tests.interpreter.crowd --pool-operations 1000000
+python -m tests.interpreter.crowd --threads 16 --seconds 300
+python -m tests.interpreter.crowd --pool-operations 1000000
 """
 
 from __future__ import annotations
@@ -64,7 +64,9 @@ class Crowd:
         provider = self.provider(dice.choice(REGIONS))
         # Name and uuid are written together: a reader that sees one without the other saw a torn record.
         mark = f"{me}-{dice.randrange(1000)}"
-        node = CloudNode(region=REGIONS[0], instance_id=f"i-{me}", instance_type_def=TYPE, uuid=mark, name=mark)
+        node = CloudNode(
+            region=REGIONS[0], instance_id=f"i-{me}", instance_type_def=TYPE, uuid=mark, name=mark
+        )
         provider.set_node(node)
         node.name = "changed by its owner afterwards"
         found = provider.find_node_by_instance_id(f"i-{me}")
@@ -82,7 +84,9 @@ class Crowd:
         state = dice.choice([NodeState.RUNNING, NodeState.STOPPED])
         provider.change_node_state(f"i-{dice.randrange(16)}", state, ready=state is NodeState.RUNNING)
         ready = provider.get_ready_node_next_in_line()
-        self.check(ready is None or ready.state is NodeState.RUNNING, "state and readiness were not written together")
+        self.check(
+            ready is None or ready.state is NodeState.RUNNING, "state and readiness were not written together"
+        )
 
     def use_pool(self, dice: random.Random, me: int) -> None:
         client = self.facade.get_from_webs_client_pool(f"u-{dice.randrange(5)}")
@@ -95,7 +99,10 @@ class Crowd:
         self.facade.add_to_webs_client_pool(client)
 
     def make_client(self, dice: random.Random, me: int) -> None:
-        self.check(self.provider(dice.choice(REGIONS))._get_client().alone, "two threads made clients at the same time")
+        self.check(
+            self.provider(dice.choice(REGIONS))._get_client().alone,
+            "two threads made clients at the same time",
+        )
 
     def look_up_provider(self, dice: random.Random, me: int) -> None:
         region = dice.choice(REGIONS)
@@ -175,7 +182,9 @@ def run_pool(operations: int, threads: int = 8) -> Counter[str]:
                 client = outside[me].pop() if outside[me] else None
                 if client is None:
                     made += 1
-                    client = SimpleNamespace(node=SimpleNamespace(uuid=dice.randrange(6)), worker_id=(me, made))
+                    client = SimpleNamespace(
+                        node=SimpleNamespace(uuid=dice.randrange(6)), worker_id=(me, made)
+                    )
                 facade.add_to_webs_client_pool(client)
                 counts["add"] += 1
             elif deed < 0.96:

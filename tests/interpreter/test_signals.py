@@ -78,6 +78,10 @@ else:
 def test_an_interrupt_reaches(body):
     """Promptly, and with every lock free afterwards."""
     child = subprocess.run(
-        [sys.executable, "-c", PROLOGUE + body + EPILOGUE], capture_output=True, text=True, timeout=60, check=False
+        [sys.executable, "-c", PROLOGUE + body + EPILOGUE],
+        capture_output=True,
+        text=True,
+        timeout=60,
+        check=False,
     )
     assert (child.returncode, child.stdout, child.stderr) == (0, "as it should be\n", "")

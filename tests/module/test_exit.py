@@ -1,7 +1,8 @@
 """The interpreter ends cleanly while daemon threads stand inside our methods.
 
-Such a thread is ended by unwinding its frames without the interpreter's lock as soon as it wants the lock back. Each child
-process keeps the interpreter in its last phase long enough for that to happen, and must end with status 0.
+Such a thread is ended by unwinding its frames without the interpreter's lock as soon as it wants the
+lock back. Each child process keeps the interpreter in its last phase long enough for
+that to happen, and must end with status 0.
 """
 
 import subprocess
@@ -29,7 +30,8 @@ def inside():
         time.sleep(0.001)
 
 class Lingering:
-    # Dropped in the last phase: sleeping gives the interpreter's lock up, so that the threads ask for it and end.
+    # Dropped in the last phase: sleeping gives the interpreter's lock up, so that the threads ask for
+    # it and end.
     sleep = time.sleep
     def __del__(self):
         self.sleep(0.2)
@@ -114,6 +116,10 @@ def body():
 def test_the_interpreter_ends_with_status_0_while_daemon_threads_are(body):
     """No abort, no crash, nothing on standard error."""
     child = subprocess.run(
-        [sys.executable, "-c", PROLOGUE + body + EPILOGUE], capture_output=True, text=True, timeout=60, check=False
+        [sys.executable, "-c", PROLOGUE + body + EPILOGUE],
+        capture_output=True,
+        text=True,
+        timeout=60,
+        check=False,
     )
     assert (child.returncode, child.stderr) == (0, "")

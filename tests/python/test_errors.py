@@ -13,7 +13,8 @@ def boom():
 
 
 def test_a_handled_error_is_what_the_interpreter_reports_while_it_is_handled():
-    """Inside the handler sys.exc_info() shows the error with a traceback; afterwards the old state is back."""
+    """Inside the handler sys.exc_info() shows the error with a traceback; afterwards the old state is
+    back."""
     seen = []
 
     def handler(error):
@@ -66,7 +67,9 @@ def test_a_traceback_names_function_file_and_line():
     """A native statement stands in the traceback like a Python one."""
     with pytest.raises(KeyError) as caught:
         layer.handle_and_raise_again(boom, lambda error: None)
-    entry = next(e for e in traceback.extract_tb(caught.value.__traceback__) if e.name == "handle_and_raise_again")
+    entry = next(
+        e for e in traceback.extract_tb(caught.value.__traceback__) if e.name == "handle_and_raise_again"
+    )
     assert entry.filename == "tests/python/object_layer.cpp"
     with open(entry.filename) as source:
         assert "return call(body, {});" in source.read().splitlines()[entry.lineno - 1]

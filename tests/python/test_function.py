@@ -95,7 +95,11 @@ def test_annotations_resolve_in_the_module(monkeypatch):
 def test_help_shows_the_methods_with_their_signatures():
     """pydoc takes our functions for routines."""
     text = pydoc.plain(pydoc.render_doc(Sample))
-    assert "echo(self, a: 'str', b=None, c: 'bool' = True) -> 'Tuple[str, None, bool]'\n |      Returns its arguments." in text
+    assert (
+        "echo(self, a: 'str', b=None, c: 'bool' = True) -> 'Tuple[str, None, bool]'\n"
+        " |      Returns its arguments."
+        in text
+    )
 
 
 def test_private_static_methods_are_stored_under_their_mangled_name():

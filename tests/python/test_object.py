@@ -138,7 +138,8 @@ def test_texts_are_joined_as_the_plus_operator_joins_them():
 
 
 def test_names_are_looked_up_at_each_call():
-    """A global is found in the module, then in the built-ins, else it is a NameError that carries its name."""
+    """A global is found in the module, then in the built-ins, else it is a NameError that carries its
+    name."""
     with pytest.raises(NameError, match="name 'a_global_of_the_test' is not defined") as caught:
         layer.read_global(None)
     assert caught.value.name == "a_global_of_the_test"
@@ -167,7 +168,9 @@ def test_an_import_inside_a_function_is_pythons_import():
     import json
 
     assert layer.import_one(None) is json.dumps
-    with pytest.raises(ImportError, match="cannot import name 'no_such_name' from 'json' \\(.*json.*__init__.py\\)") as caught:
+    with pytest.raises(
+        ImportError, match="cannot import name 'no_such_name' from 'json' \\(.*json.*__init__.py\\)"
+    ) as caught:
         layer.import_missing(None)
     assert (caught.value.name, caught.value.path) == ("json", json.__file__)
     with pytest.raises(ModuleNotFoundError, match="No module named 'no_such_module_here'"):
@@ -237,7 +240,14 @@ def test_operations_leave_no_reference_behind():
         layer.in_braces(lambda: value)
         layer.unpack_pair((value, value))
         layer.find([value], lambda x: True)
-        for operation in (layer.truthy, layer.length, layer.text, layer.collect, layer.unpack_pair, layer.get_name):
+        for operation in (
+            layer.truthy,
+            layer.length,
+            layer.text,
+            layer.collect,
+            layer.unpack_pair,
+            layer.get_name,
+        ):
             try:
                 operation(failing)
             except (ZeroDivisionError, AttributeError):

@@ -229,7 +229,8 @@ def test_clients_of_workers_can_be_pooled() -> None:
 
 
 def test_everything_is_put_back(monkeypatch: pytest.MonkeyPatch) -> None:
-    """Names of the module, the facade, the environment and the settings are as before, also after an error."""
+    """Names of the module, the facade, the environment and the settings are as before, also after an
+    error."""
     monkeypatch.setenv("TOVARIN_WORKER__PORT", "9000")
     core_conf_glbl.reload()
 

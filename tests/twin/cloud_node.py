@@ -2,7 +2,7 @@
 
 # It stays one file, since all of it must share one namespace, and it keeps the extension's habits on purpose:
 # typing's old names, annotations as text, handlers without a type, imports inside methods.
-# ruff: noqa: E722, F401, I001, PT018, RUF019, UP006, UP035, UP045
+# ruff: noqa: E722, F401, I001
 # mypy: ignore-errors
 from datetime import datetime
 import logging
