@@ -2,8 +2,11 @@
 
 from __future__ import annotations
 
+import os
 import stat
 from pathlib import Path
+
+import pytest
 
 from tests.command.conftest import Run
 from tests.servers.ec2 import USER_NAME, Ec2World
@@ -75,3 +78,22 @@ def test_a_name_that_is_no_file_name_needs_a_file(run: Run, ec2: Ec2World) -> No
     result = run("keypair", "create", "us-east-1", "../k1")
     assert result.exit_code == 2
     assert "say with --file where" in result.stderr
+
+
+def test_a_key_that_cannot_be_written_leaves_a_useless_pair_to_delete(
+    run: Run, ec2: Ec2World, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """A full disk is said as such, with how to delete the pair whose key is lost; the file is removed."""
+
+    def full(descriptor: int) -> None:
+        raise OSError(28, "No space left on device")
+
+    monkeypatch.setattr(os, "fsync", full)
+    path = tmp_path / "key.pem"
+    result = run("keypair", "create", "us-east-1", "k1", "--file", str(path))
+    assert result.exit_code == 1
+    assert result.stderr.splitlines() == [
+        f"error: the key pair k1 was made, but {path} cannot be written: No space left on device",
+        "  try: delete the pair, which is of no use now: tovarin-nodes keypair delete us-east-1 k1",
+    ]
+    assert not path.exists()

@@ -100,3 +100,15 @@ def test_the_doctor_sees_the_cluster(run: Run, lab: KubeWorld) -> None:
     assert result.stdout.splitlines()[-1] == (
         f"ok      k8s:lab cluster: namespace {lab.namespace}: 0 nodes, 1 images, 4 types"
     )
+
+
+def test_a_name_from_the_cluster_cannot_steer_the_terminal(run: Run, lab: KubeWorld) -> None:
+    """An escape sequence in a pod's annotation is spelt out in every line that names the node."""
+    assert run("launch", "lab", "--type", "k8s.small", "--name", "cold-\x1b[2J").exit_code == 0
+    (pod,) = lab.pods()
+    name = pod.metadata.name  # type: ignore[union-attr]
+    asked = run("terminate", "lab", str(name))
+    ended = run("terminate", "lab", str(name), "--yes")
+    assert "Terminate cold-\\x1b[2J (" in asked.stderr
+    assert ended.exit_code == 0
+    assert "\x1b" not in run("list", "lab").output + asked.output + ended.output

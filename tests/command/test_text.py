@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from tovarincore.command.text import one_line
+from tovarincore.command.text import one_line, printable
 
 
 def test_control_characters_cannot_reach_the_terminal() -> None:
@@ -13,3 +13,8 @@ def test_control_characters_cannot_reach_the_terminal() -> None:
 def test_a_long_text_is_cut() -> None:
     """The end of an overlong text gives way to dots."""
     assert one_line("x" * 50, longest=10) == "xxxxxxx..."
+
+
+def test_printable_text_keeps_its_length_and_letters() -> None:
+    """Only what cannot be seen is spelt out."""
+    assert printable("Zürich\x9b2J " + "x" * 900) == "Zürich\\x9b2J " + "x" * 900

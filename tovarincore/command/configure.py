@@ -57,7 +57,7 @@ def configure(
         confirm(f"Forget what is stored for {region.hash_key}?", yes)
         removed = store.delete_cloud_conf(region)
         text = "nothing is stored any more" if removed else "nothing was stored"
-        invocation.emit({"region": region.hash_key, "deleted": removed}, lambda: click.echo(text))
+        invocation.emit({"region": region.hash_key, "deleted": removed}, lambda: invocation.say(text))
         return
     auth = _read_auth(region, stored, profile, key_id, session_token, sdk)
     if user_name is not None or auth is not None or worker_token:
@@ -130,10 +130,10 @@ def _show(invocation: Invocation, region: CloudRegion, conf: CloudConf | None) -
 
     def draw() -> None:
         if conf is None:
-            click.echo(f"Nothing is stored for {region.hash_key}.")
+            invocation.say(f"Nothing is stored for {region.hash_key}.")
             return
         token = "worker token stored" if conf.worker_token else "no worker token of its own"
-        click.echo(
+        invocation.say(
             f"{region.hash_key}: user name {conf.user_name or '-'}; {_credentials_text(conf)}; {token}"
         )
 

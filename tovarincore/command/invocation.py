@@ -9,7 +9,7 @@ import click
 from tovarincore._conf.names import did_you_mean
 from tovarincore.cloud_def import CloudRegion, CloudRegions
 from tovarincore.command.failures import CommandFailure, ExitCode
-from tovarincore.command.text import one_line
+from tovarincore.command.text import one_line, printable
 
 __all__ = [
     "Invocation",
@@ -42,10 +42,14 @@ class Invocation:
         else:
             draw()
 
+    def say(self, text: str) -> None:
+        """Tell a person the result, on standard output."""
+        click.echo(printable(text))
+
     def note(self, text: str) -> None:
         """Tell a person something that is not the result, on standard error."""
         if not self.json:
-            click.echo(self._named(text), err=True)
+            click.echo(printable(self._named(text)), err=True)
 
     def report(self, failure: CommandFailure) -> None:
         """Show what ended the command, on standard error."""
@@ -54,9 +58,9 @@ class Invocation:
             error = {"what": what, "remedy": remedy, "exit_code": int(failure.code)}
             click.echo(json.dumps({"error": error}), err=True)
             return
-        click.echo(f"error: {what}", err=True)
+        click.echo(f"error: {printable(what)}", err=True)
         if remedy:
-            click.echo(f"  try: {remedy}", err=True)
+            click.echo(f"  try: {printable(remedy)}", err=True)
 
     def _named(self, text: str) -> str:
         return text if self.region is None else text.replace("REGION", short_name(self.region))
@@ -131,7 +135,7 @@ def confirm(question: str, yes: bool) -> None:
     if yes:
         return
     try:
-        agreed = click.confirm(question, err=True)
+        agreed = click.confirm(printable(question), err=True)
     except click.Abort:
         click.echo(err=True)
         raise CommandFailure(

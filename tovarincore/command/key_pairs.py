@@ -4,6 +4,7 @@ import contextlib
 import os
 import re
 from pathlib import Path
+from typing import TextIO
 
 import click
 
@@ -53,23 +54,15 @@ def create(invocation: Invocation, region: CloudRegion, name: str, path: Path | 
             )
             if private_key is None:
                 raise failure_of(result, region)
-            # From here on the key is nowhere else: also half of it is better than none.
+            _write(file, private_key, path, name)
             kept = True
-            file.write(private_key)
-            file.flush()
-            os.fsync(descriptor)
-    except OSError as error:
-        raise CommandFailure(
-            f"the key pair {name} was made, but {path} cannot be written: {error.strerror}",
-            f"delete it, which is of no use now: tovarin-nodes keypair delete REGION {name}",
-        ) from error
     finally:
         if not kept:
             with contextlib.suppress(OSError):
                 path.unlink()
     invocation.emit(
         {"key_pair": name, "file": str(path)},
-        lambda: click.echo(f"created the key pair {name}; its private key is in {path} (mode 0600)"),
+        lambda: invocation.say(f"created the key pair {name}; its private key is in {path} (mode 0600)"),
     )
 
 
@@ -89,8 +82,20 @@ def delete(invocation: Invocation, region: CloudRegion, name: str, yes: bool) ->
     cloud_manager_glbl.delete_key_pair(region, access.auth, name)
     invocation.emit(
         {"key_pair": name, "deleted": True},
-        lambda: click.echo(f"no key pair {name} is left in {region.name}"),
+        lambda: invocation.say(f"no key pair {name} is left in {region.name}"),
     )
+
+
+def _write(file: TextIO, private_key: str, path: Path, name: str) -> None:
+    try:
+        file.write(private_key)
+        file.flush()
+        os.fsync(file.fileno())
+    except OSError as error:
+        raise CommandFailure(
+            f"the key pair {name} was made, but {path} cannot be written: {error.strerror}",
+            f"delete the pair, which is of no use now: tovarin-nodes keypair delete REGION {name}",
+        ) from error
 
 
 def _default_path(name: str) -> Path:

@@ -85,7 +85,7 @@ def launch(
         node, probe = wait_until_ready(invocation, access, node.instance_id, DEFAULT_WAIT_SECONDS, new=True)
     state = "ready" if probe else node.state.value.lower()
     text = f"{node.name} ({node.instance_id}) is {state}"
-    invocation.emit(node_document(node, probe), lambda: click.echo(text))
+    invocation.emit(node_document(node, probe), lambda: invocation.say(text))
     if probe is None:
         invocation.note(f"wait for it with: tovarin-nodes wait REGION {node.instance_id}")
 
@@ -110,7 +110,7 @@ def try_command(invocation: Invocation, /, region: CloudRegion, **options: Any) 
     image = request.config.instance_template.name
     invocation.emit(
         {"would_launch": True, "instance_type": request.type_def.instance_type, "template": image},
-        lambda: click.echo(f"EC2 would launch a {request.type_def.instance_type} from {image}"),
+        lambda: invocation.say(f"EC2 would launch a {request.type_def.instance_type} from {image}"),
     )
 
 

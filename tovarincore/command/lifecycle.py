@@ -80,7 +80,7 @@ def _change(
     change(access, node)
     invocation.emit(
         {"instance_id": node.instance_id, "name": node.name, "requested": doing},
-        lambda: click.echo(f"{node.name} ({node.instance_id}) is {doing}"),
+        lambda: invocation.say(f"{node.name} ({node.instance_id}) is {doing}"),
     )
 
 

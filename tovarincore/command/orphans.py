@@ -82,7 +82,8 @@ def _launch_times(access: Access, nodes: list[CloudNode]) -> dict[str, datetime]
     if not nodes or not isinstance(provider, AWSNodeManager):
         return {}
     client: Any = provider._get_client()
-    response = client.describe_instances(InstanceIds=[node.instance_id for node in nodes])
+    filters = [{"Name": "tag:tovarin_username", "Values": [provider.username]}]
+    response = client.describe_instances(Filters=filters)
     return {
         instance["InstanceId"]: instance["LaunchTime"]
         for reservation in response["Reservations"]

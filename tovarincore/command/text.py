@@ -1,16 +1,20 @@
 """Text from elsewhere, made fit for one line of a terminal."""
 
-__all__ = ["one_line"]
+__all__ = ["one_line", "printable"]
 
 _LONGEST = 400
 
 
 def one_line(text: object, longest: int = _LONGEST) -> str:
-    """Return a text without line breaks or control characters, which a node's name could bring along.
+    """Return a text without line breaks or control characters, not longer than it may be.
 
     :param text: what to show
     :param longest: characters to keep
     """
-    joined = " ".join(str(text).split())
-    shown = "".join(c if c.isprintable() else c.encode("unicode_escape").decode("ascii") for c in joined)
+    shown = printable(" ".join(str(text).split()))
     return shown if len(shown) <= longest else shown[: longest - 3] + "..."
+
+
+def printable(text: str) -> str:
+    """Return a text with its control characters spelt out: in a node's name they could steer a terminal."""
+    return "".join(c if c.isprintable() else c.encode("unicode_escape").decode("ascii") for c in text)

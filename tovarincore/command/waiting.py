@@ -39,7 +39,7 @@ FLOOR_SECONDS = 5.0
 def wait(invocation: Invocation, region: CloudRegion, node: str, timeout: float) -> None:
     """Wait until a node's worker answers, and tell meanwhile why it does not yet."""
     found, probe = wait_until_ready(invocation, open_region(region), node, timeout)
-    invocation.emit(node_document(found, probe), lambda: click.echo(f"{found.name} is ready"))
+    invocation.emit(node_document(found, probe), lambda: invocation.say(f"{found.name} is ready"))
 
 
 @click.command(cls=NodesCommand)
