@@ -15,7 +15,8 @@ PyObject* native_deepcopy(PyObject*, PyObject* arguments, PyObject* keywords)
 {
     static const char* const names[] = {"x", "memo", "_nil", nullptr};
     PyObject *value = nullptr, *memo = Py_None, *unused = nullptr;
-    if (!PyArg_ParseTupleAndKeywords(arguments, keywords, "O|OO:deepcopy", const_cast<char**>(names), &value, &memo, &unused))
+    if (!PyArg_ParseTupleAndKeywords(arguments, keywords, "O|OO:deepcopy", const_cast<char**>(names), &value, &memo,
+                                     &unused))
         return nullptr;
     return at_the_edge("deepcopy", [&] {
         Object function = global("deepcopy"_s);
@@ -48,7 +49,8 @@ Object is_native(Handle)
 } // namespace
 
 PyMethodDef deep_copies[] = {
-    {"native_deepcopy", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&native_deepcopy)), METH_VARARGS | METH_KEYWORDS, nullptr},
+    {"native_deepcopy", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&native_deepcopy)),
+     METH_VARARGS | METH_KEYWORDS, nullptr},
     entry<plain_copy>("plain_copy"),
     entry<general_copy>("general_copy"),
     entry<is_native>("is_native"),

@@ -30,6 +30,7 @@ template <auto Function> PyMethodDef entry(const char* name)
 
 extern PyMethodDef verbs[];       // object_layer.cpp
 extern PyMethodDef deep_copies[]; // deep_copy_entries.cpp
+extern PyMethodDef scans[];       // scan_entries.cpp
 
 void build_sample_classes(); // sample_classes.cpp
 

@@ -53,6 +53,7 @@ int execute(PyObject* module)
         ready_function_type();
         check(PyModule_AddFunctions(module, verbs));
         check(PyModule_AddFunctions(module, deep_copies));
+        check(PyModule_AddFunctions(module, scans));
         keep_builtins({"staticmethod"_s, "super"_s, "AssertionError"_s});
         set_global("ABC"_s, import_from("abc"_s, "ABC"_s));
         set_global("abstractmethod"_s, import_from("abc"_s, "abstractmethod"_s));

@@ -1,0 +1,40 @@
+// The scans that run no Python code, by themselves.
+#include "object_layer.h"
+
+namespace object_layer {
+
+namespace {
+
+Object candidate(Handle list, Handle text) { return number(static_cast<long>(first_candidate(list, "name"_s, text))); }
+
+Object candidate_like(Handle list, Handle element)
+{
+    return number(static_cast<long>(first_candidate_like(list, "name"_s, element)));
+}
+
+Object not_false(Handle list) { return number(static_cast<long>(first_not_false(list, "ready"_s))); }
+
+// The elements that have a turn, and those that are put aside; after a turn of `last`, the rest is.
+Object candidates(Handle iterable, Handle text, Handle last)
+{
+    Object turns = list({}), others = list({});
+    Candidates walk(iterable, "node"_s, "name"_s, text, others);
+    for (Object element : walk) {
+        append(turns, element);
+        if (element.is(last))
+            walk.put_rest_aside();
+    }
+    return tuple({turns, others});
+}
+
+} // namespace
+
+PyMethodDef scans[] = {
+    entry<candidate>("candidate"),
+    entry<candidate_like>("candidate_like"),
+    entry<not_false>("not_false"),
+    entry<candidates>("candidates"),
+    {nullptr, nullptr, 0, nullptr},
+};
+
+} // namespace object_layer
