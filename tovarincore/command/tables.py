@@ -53,7 +53,8 @@ def build_table(columns: Sequence[str], rows: Sequence[Sequence[object]]) -> "Ta
 
     table = Table(box=None, pad_edge=False, header_style="bold")
     for index, column in enumerate(columns):
-        table.add_column(column.upper(), no_wrap=index == 0)
+        # Folded rather than cut: half an address is of no use.
+        table.add_column(column.upper(), no_wrap=index == 0, overflow="fold")
     for row in rows:
         cells = ["-" if value is None or value == "" else one_line(value) for value in row]
         table.add_row(*(Text(cell, style=_STYLES.get(cell, "")) for cell in cells))
@@ -77,7 +78,7 @@ def draw_pairs(pairs: Sequence[tuple[str, object]]) -> None:
 
     table = Table(box=None, pad_edge=False, show_header=False)
     table.add_column(style="bold", no_wrap=True)
-    table.add_column()
+    table.add_column(overflow="fold")
     for name, value in pairs:
         cell = "-" if value is None or value == "" else one_line(value)
         table.add_row(name, Text(cell, style=_STYLES.get(cell, "")))
