@@ -325,7 +325,9 @@ def first_difference(seeds: range) -> int | None:
         graph = random_graph(seed)
         original = numbered(graph)
         expected = outcome(copy.deepcopy, graph, original)
-        for copier in (layer.native_deepcopy, layer.general_copy):
+        # The general copy stands behind the native one, on the interpreters that have it.
+        copiers = [layer.native_deepcopy, layer.general_copy] if layer.is_native(None) else [layer.native_deepcopy]
+        for copier in copiers:
             if outcome(copier, graph, original) != expected:
                 return seed
     return None

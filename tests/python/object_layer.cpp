@@ -13,7 +13,7 @@ Object truthy(Handle a) { return Object(boolean(a.truthy())); }
 Object contains(Handle a, Handle b) { return Object(boolean(a.contains(b))); }
 Object length(Handle a) { return number(len(a)); }
 Object text(Handle a) { return str(a); }
-Object formatted(Handle a) { return format(a); }
+Object formatted_value(Handle a) { return formatted("value: "_s, a); }
 Object joined(Handle a, Handle b, Handle c) { return concat({a, b, c}); }
 Object is_a(Handle a, Handle b) { return Object(boolean(is_instance(a, b))); }
 Object get_name(Handle a) { return a.get("name"_s); }
@@ -139,7 +139,7 @@ PyMethodDef verbs[] = {
     entry<contains>("contains"),
     entry<length>("length"),
     entry<text>("text"),
-    entry<formatted>("formatted"),
+    entry<formatted_value>("formatted"),
     entry<joined>("joined"),
     entry<is_a>("is_a"),
     entry<get_name>("get_name"),

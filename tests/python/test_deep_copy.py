@@ -20,6 +20,7 @@ needs_native = pytest.mark.skipif(
 )
 
 
+@needs_native
 def test_the_interpreters_own_tests_pass_with_the_native_copy(monkeypatch: pytest.MonkeyPatch) -> None:
     """CPython's test_copy holds with our function in the place of copy.deepcopy."""
     module = pytest.importorskip("test.test_copy", reason="this interpreter comes without its own tests")

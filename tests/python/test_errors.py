@@ -188,3 +188,19 @@ def test_an_error_of_release_replaces_the_result():
     """As a `finally` clause that raises."""
     with pytest.raises(OSError, match="stuck"):
         layer.with_lock(Owner(Lock(release_error=OSError("stuck"))), lambda: 1)
+
+
+def test_handling_inside_a_generator_leaves_the_generators_own_state_alone():
+    """An error that a caller outside is handling does not stay with the generator once the caller is done."""
+
+    def generator():
+        layer.handle(boom, KeyError, lambda error: error)
+        yield
+        yield sys.exc_info()[1]
+
+    steps = generator()
+    try:
+        raise ValueError("outer")
+    except ValueError:
+        next(steps)
+    assert next(steps) is None

@@ -178,3 +178,35 @@ def test_calls_and_failed_calls_leave_nothing_behind():
         round_trip()
     gc.collect()
     assert len(gc.get_objects()) - before < 50
+
+
+@pytest.mark.parametrize("attribute", ["__name__", "__qualname__"])
+def test_names_of_a_function_are_texts_and_stay(attribute):
+    """They can be replaced, but neither deleted nor set to what is no text."""
+    original = getattr(Sample.echo, attribute)
+    with pytest.raises(TypeError, match=f"{attribute} must be set to a string object"):
+        setattr(Sample.echo, attribute, 3)
+    with pytest.raises(TypeError, match=f"{attribute} must be set to a string object"):
+        delattr(Sample.echo, attribute)
+    setattr(Sample.echo, attribute, "other")
+    assert getattr(Sample.echo, attribute) == "other"
+    setattr(Sample.echo, attribute, original)
+
+
+def test_defaults_replaced_during_a_call_live_until_its_end():
+    """The call goes on with the values that it began with."""
+    original = Sample.echo.__defaults__
+
+    class Trap(str):
+        def __hash__(self):
+            return hash("a")
+
+        def __eq__(self, other):
+            Sample.echo.__defaults__ = original
+            return str(self) == other
+
+    try:
+        Sample.echo.__defaults__ = (["a"], ["b"], ["c"])
+        assert Sample(1).echo(**{Trap("a"): 1}) in ((1, ["b"], ["c"]), (1, None, True))
+    finally:
+        Sample.echo.__defaults__ = original

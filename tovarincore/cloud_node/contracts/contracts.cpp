@@ -12,10 +12,13 @@ struct Import {
 
 void bind(const Import& statement)
 {
-    if (statement.names.size() == 0)
+    if (statement.names.size() == 0) {
         set_global(statement.module, import_module(statement.module));
+        return;
+    }
+    Object module = import_for_names(statement.module, statement.names);
     for (Name name : statement.names)
-        set_global(name, import_from(statement.module, name));
+        set_global(name, name_of_module(module, name));
 }
 
 } // namespace
@@ -48,11 +51,6 @@ void bind_imports()
 }
 
 Object success(Where where) { return call_global("OPResult"_s, {"success"_k = true_()}, where); }
-
-Object failure(Handle message, Where where)
-{
-    return call_global("OPResult"_s, {"error"_k = true_(), "msg"_k = message}, where);
-}
 
 Object probe_client(Handle node, Where where)
 {

@@ -13,9 +13,6 @@ void bind_imports();
 // OPResult(success=True)
 Object success(Where where = Where::here());
 
-// OPResult(error=True, msg=msg)
-Object failure(Handle message, Where where = Where::here());
-
 // WebSocketClient(node, client_timeout_sec=2): the longest a readiness probe may take, in seconds
 Object probe_client(Handle node, Where where = Where::here());
 

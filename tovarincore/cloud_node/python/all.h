@@ -6,6 +6,7 @@
 #include "deep_copy.h"
 #include "errors.h"
 #include "globals.h"
+#include "imports.h"
 #include "iteration.h"
 #include "lock.h"
 #include "method.h"

@@ -36,7 +36,11 @@ Object concat(Arguments parts, Where where)
     return joined;
 }
 
-Object format(Handle value, Where where) { return steal(PyObject_Format(value.ptr(), nullptr), where); }
+Object formatted(Handle text, Handle value, Where where)
+{
+    Object shown = steal(PyObject_Format(value.ptr(), nullptr), where);
+    return steal(PyUnicode_Concat(text.ptr(), shown.ptr()), where);
+}
 
 Object number(long value, Where where) { return steal(PyLong_FromLong(value), where); }
 

@@ -63,10 +63,10 @@ Handling::Handling(const Raised& raised, Where here) : raised_(raised)
     type_ = adopt(type);
     value_ = adopt(value);
     traceback_ = adopt(traceback);
-    PyErr_GetExcInfo(&type, &value, &traceback);
-    previous_type_ = adopt(type);
-    previous_value_ = adopt(value);
-    previous_traceback_ = adopt(traceback);
+    handled_here(&type, &value, &traceback);
+    previous_type_ = Object(borrow(type));
+    previous_value_ = Object(borrow(value));
+    previous_traceback_ = Object(borrow(traceback));
     PyErr_SetExcInfo(Object(type_).release(), Object(value_).release(), Object(traceback_).release());
 }
 

@@ -2,6 +2,7 @@
 
 #include "function_shape.h"
 #include "globals.h"
+#include "recursion.h"
 
 #include <structmember.h>
 
@@ -79,10 +80,10 @@ Binding bind(FunctionObject* self, PyObject* const* arguments, std::size_t given
 PyObject* run(FunctionObject* self, PyObject* const* arguments)
 {
     // A method that comes back to itself without a Python frame in between must end in RecursionError as well.
-    if (Py_EnterRecursiveCall(" while calling a Python object"))
+    if (!enter_native_call())
         return nullptr;
     PyObject* result = self->method->body(*self->method, arguments);
-    Py_LeaveRecursiveCall();
+    leave_native_call();
     return result;
 }
 
@@ -92,7 +93,8 @@ PyObject* call_function(PyObject* callable, PyObject* const* arguments, std::siz
     auto given = static_cast<std::size_t>(PyVectorcall_NARGS(flagged_count));
     if (keywords == nullptr && given == self->method->count)
         return run(self, arguments);
-    PyObject* bound[most_parameters];
+    PyObject* bound[most_parameters]; // borrowed, some from the defaults, which the call may replace
+    Object defaults(borrow(self->defaults));
     switch (bind(self, arguments, given, keywords, bound)) {
     case Binding::done:
         return run(self, bound);
@@ -116,6 +118,28 @@ PyObject* bind_to(PyObject* self, PyObject* instance, PyObject*)
 PyObject* represent(PyObject* self)
 {
     return PyUnicode_FromFormat("<function %U at %p>", reinterpret_cast<FunctionObject*>(self)->qualname, self);
+}
+
+char name_text[] = "__name__";
+char qualname_text[] = "__qualname__";
+
+template <PyObject* FunctionObject::* Member> PyObject* get_text(PyObject* self, void*)
+{
+    PyObject* text = reinterpret_cast<FunctionObject*>(self)->*Member;
+    Py_INCREF(text);
+    return text;
+}
+
+// Takes texts only, as a function's does: repr and pickle read them.
+template <PyObject* FunctionObject::* Member> int set_text(PyObject* self, PyObject* value, void* attribute)
+{
+    if (value == nullptr || !PyUnicode_Check(value)) {
+        PyErr_Format(PyExc_TypeError, "%s must be set to a string object", static_cast<const char*>(attribute));
+        return -1;
+    }
+    Py_INCREF(value);
+    Py_XSETREF(reinterpret_cast<FunctionObject*>(self)->*Member, value);
+    return 0;
 }
 
 PyObject* get_defaults(PyObject* self, void*)
@@ -221,14 +245,14 @@ void deallocate(PyObject* self)
 }
 
 PyMemberDef members[] = {
-    {"__name__", T_OBJECT, offsetof(FunctionObject, name), 0, nullptr},
-    {"__qualname__", T_OBJECT, offsetof(FunctionObject, qualname), 0, nullptr},
     {"__module__", T_OBJECT, offsetof(FunctionObject, module), 0, nullptr},
     {"__doc__", T_OBJECT, offsetof(FunctionObject, doc), 0, nullptr},
     {nullptr, 0, 0, 0, nullptr},
 };
 
 PyGetSetDef properties[] = {
+    {"__name__", get_text<&FunctionObject::name>, set_text<&FunctionObject::name>, nullptr, name_text},
+    {"__qualname__", get_text<&FunctionObject::qualname>, set_text<&FunctionObject::qualname>, nullptr, qualname_text},
     {"__defaults__", get_defaults, set_defaults, nullptr, nullptr},
     {"__kwdefaults__", get_keyword_defaults, nullptr, nullptr, nullptr},
     {"__annotations__", get_annotations, set_annotations, nullptr, nullptr},

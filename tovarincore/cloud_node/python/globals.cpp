@@ -1,6 +1,9 @@
 #include "globals.h"
 
 #include "errors.h"
+#include "imports.h"
+
+#include <cstring>
 
 namespace py {
 
@@ -10,8 +13,9 @@ PyObject* module_names = nullptr;  // the module's dictionary
 PyObject* builtin_names = nullptr; // the dictionary of the built-ins
 PyObject* kept_builtins = nullptr; // dict: the built-ins resolved at import
 
-// The genuine functions of these names, to tell whether somebody replaced them.
-PyObject *genuine_import = nullptr, *genuine_isinstance = nullptr, *genuine_len = nullptr;
+// The interpreter's own functions of these names, to tell whether somebody replaced them; null where that was so
+// already when the module was imported.
+PyObject *genuine_isinstance = nullptr, *genuine_len = nullptr;
 
 // A borrowed value, or an empty Handle when the name is unknown.
 Handle find_global(Name name, Where where)
@@ -41,58 +45,32 @@ Handle find_global(Name name, Where where)
     throw Raised{where};
 }
 
-PyObject* built_in(const char* name)
-{
-    PyObject* found = PyDict_GetItemString(builtin_names, name);
-    Py_XINCREF(found);
-    return found;
-}
-
-Object import_with(Name module, Handle names_wanted, Where where)
-{
-    PyObject* importer = PyDict_GetItemWithError(builtin_names, "__import__"_s.ptr());
-    if (importer == nullptr) {
-        if (!PyErr_Occurred())
-            PyErr_SetString(PyExc_ImportError, "__import__ not found");
-        throw Raised{where};
-    }
-    if (importer == genuine_import)
-        return steal(PyImport_ImportModuleLevelObject(module.ptr(), module_names, nullptr, names_wanted.ptr(), 0), where);
-    Object level = steal(PyLong_FromLong(0), where);
-    Object replaced(borrow(importer));
-    return call(replaced, {module, borrow(module_names), none(), names_wanted, level}, where);
-}
-
-[[noreturn]] void raise_cannot_import(Handle module, Name name, Handle module_name, Where where)
-{
-    Object path = adopt(PyModule_GetFilenameObject(module.ptr()));
-    Object message;
-    if (path) {
-        message = steal(PyUnicode_FromFormat("cannot import name %R from %R (%S)", name.ptr(), module_name.ptr(), path.ptr()),
-                        where);
-    } else {
-        PyErr_Clear();
-        path = none();
-        message = steal(
-            PyUnicode_FromFormat("cannot import name %R from %R (unknown location)", name.ptr(), module_name.ptr()), where);
-    }
-    PyErr_SetImportError(message.ptr(), module_name.ptr(), path.is_none() ? nullptr : path.ptr());
-    throw Raised{where};
-}
-
 } // namespace
 
 Handle module_dictionary() { return borrow(module_names); }
 
+Handle builtin_dictionary() { return borrow(builtin_names); }
+
+Object genuine_builtin(Name name)
+{
+    PyObject* found = PyDict_GetItemWithError(builtin_names, name.ptr());
+    bool genuine = found != nullptr && PyCFunction_CheckExact(found) && PyCFunction_GET_SELF(found) != nullptr &&
+                   PyModule_Check(PyCFunction_GET_SELF(found)) &&
+                   PyModule_GetDict(PyCFunction_GET_SELF(found)) == builtin_names &&
+                   std::strcmp(reinterpret_cast<PyCFunctionObject*>(found)->m_ml->ml_name, name.text()) == 0;
+    return genuine ? Object(borrow(found)) : Object();
+}
+
 void open_module(Handle module)
 {
-    module_names = PyModule_GetDict(module.ptr());
+    // Kept also when the import fails: a class of that attempt may live on, and reads its names here.
+    module_names = Object(borrow(PyModule_GetDict(module.ptr()))).release();
     Object builtins = steal(PyImport_ImportModule("builtins"));
     builtin_names = PyModule_GetDict(builtins.ptr());
     kept_builtins = steal(PyDict_New()).release();
-    genuine_import = built_in("__import__");
-    genuine_isinstance = built_in("isinstance");
-    genuine_len = built_in("len");
+    genuine_isinstance = genuine_builtin("isinstance"_s).release();
+    genuine_len = genuine_builtin("len"_s).release();
+    open_imports();
     Object flags = steal(PyObject_GetAttrString(borrow(PySys_GetObject("flags")).ptr(), "optimize"));
     assertions_enabled = !flags.truthy();
 }
@@ -126,34 +104,6 @@ void keep_builtins(std::initializer_list<Name> names)
             raise_name_error(name, Where::here());
         check(PyDict_SetItem(kept_builtins, name.ptr(), found));
     }
-}
-
-Object import_module(Name module, Where where) { return import_with(module, borrow(Py_None), where); }
-
-Object import_from(Name module, Name name, Where where)
-{
-    Object wanted = steal(PyTuple_Pack(1, name.ptr()), where);
-    Object source = import_with(module, wanted, where);
-    Object found = adopt(PyObject_GetAttr(source.ptr(), name.ptr()));
-    if (found)
-        return found;
-    if (!PyErr_ExceptionMatches(PyExc_AttributeError))
-        throw Raised{where};
-    PyErr_Clear();
-    // A sub-module that is still being imported stands in sys.modules before it is an attribute of its package.
-    Object source_name = adopt(PyObject_GetAttr(source.ptr(), "__name__"_s.ptr()));
-    if (!source_name || !PyUnicode_Check(source_name.ptr())) {
-        PyErr_Clear();
-        source_name = steal(PyUnicode_FromString("<unknown module name>"), where);
-        raise_cannot_import(source, name, source_name, where);
-    }
-    Object full_name = steal(PyUnicode_FromFormat("%U.%U", source_name.ptr(), name.ptr()), where);
-    found = adopt(PyImport_GetModule(full_name.ptr()));
-    if (found)
-        return found;
-    if (PyErr_Occurred())
-        throw Raised{where};
-    raise_cannot_import(source, name, source_name, where);
 }
 
 bool is_instance(Handle object, Handle type, Where where)

@@ -1,4 +1,4 @@
-// The module's own names: its dictionary, the built-ins, and imports, looked up as a Python module looks them up.
+// The module's own names: its dictionary and the built-ins, looked up as a Python module looks them up.
 #pragma once
 
 #include "object.h"
@@ -10,10 +10,14 @@ namespace py {
 // The dictionary of the module being defined. Borrowed: the module lives until the process ends.
 Handle module_dictionary();
 
+// The dictionary of the built-ins. Borrowed as well.
+Handle builtin_dictionary();
+
 // To be called first when the module starts: keeps its dictionary and the interpreter's built-ins.
 void open_module(Handle module);
 
-// name                    (the module's dictionary, then the built-ins, then NameError), at each call: tests replace names
+// name                    (the module's dictionary, then the built-ins, then NameError), at each call: tests replace
+// names
 Object global(Name name, Where where = Where::here());
 void set_global(Name name, Handle value, Where where = Where::here());
 
@@ -24,12 +28,11 @@ Object call_global(Name name, Arguments arguments, Where where = Where::here());
 Handle kept_builtin(Name name);
 void keep_builtins(std::initializer_list<Name> names); // NameError for a missing one
 
-// import module; from module import name    (through the __import__ that the built-ins hold at that moment)
-Object import_module(Name module, Where where = Where::here());
-Object import_from(Name module, Name name, Where where = Where::here());
+// The interpreter's own built-in function of this name, or empty when something else stands there.
+Object genuine_builtin(Name name);
 
-// isinstance(object, class), len(object), str(object), next(iterator, default): the built-ins of these names, unless the
-// module's dictionary or the built-ins hold something else under the name.
+// isinstance(object, class), len(object), str(object): the built-ins of these names, unless
+// the module's dictionary or the built-ins hold something else under the name.
 bool is_instance(Handle object, Handle type, Where where = Where::here());
 Py_ssize_t len(Handle object, Where where = Where::here());
 Object str(Handle object, Where where = Where::here());

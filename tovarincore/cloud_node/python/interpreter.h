@@ -26,6 +26,20 @@ inline void set_frame_line([[maybe_unused]] PyFrameObject* frame, [[maybe_unused
 #endif
 }
 
+// What the innermost frame or generator is handling, as borrowed references. Not PyErr_GetExcInfo: that one looks
+// further out when this frame handles nothing, and putting its answer back would leave it with the wrong frame.
+inline void handled_here(PyObject** type, PyObject** value, PyObject** traceback)
+{
+    _PyErr_StackItem* handled = PyThreadState_Get()->exc_info;
+#if PY_VERSION_HEX >= 0x030B0000
+    *type = *traceback = nullptr;
+#else
+    *type = handled->exc_type;
+    *traceback = handled->exc_traceback;
+#endif
+    *value = handled->exc_value;
+}
+
 // Looks an attribute up without raising when it is missing: 1 found (a new reference), 0 missing, -1 failed.
 inline int find_attribute(PyObject* object, PyObject* name, PyObject** found)
 {

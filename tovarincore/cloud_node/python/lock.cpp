@@ -1,6 +1,7 @@
 #include "lock.h"
 
 #include "layout.h"
+#include "recursion.h"
 
 namespace py {
 
@@ -51,7 +52,13 @@ bool take_if_free(PyObject*) { return false; }
 
 bool acquire(Handle lock, Where where)
 {
-    if (is_built_in(lock) && take_if_free(lock.ptr()))
+    // Near the recursion limit acquire() itself would fail. It must fail here too: release(), called at the same depth,
+    // would, and leave the lock taken for ever.
+    if (!enter_native_call())
+        throw Raised{where};
+    bool taken = is_built_in(lock) && take_if_free(lock.ptr());
+    leave_native_call();
+    if (taken)
         return true;
     return lock.call("acquire"_s, {"timeout"_k = number(3)}, where).truthy(where);
 }

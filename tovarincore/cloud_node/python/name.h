@@ -8,7 +8,7 @@
 namespace py {
 
 // One per distinct literal. Constructed when the library is loaded, before the interpreter may be used; hence the list,
-// which intern_names() walks when the module starts.
+// which intern_all() walks when the module starts.
 class NameSlot {
 public:
     explicit NameSlot(const char* text) : text_(text), next_(first_) { first_ = this; }

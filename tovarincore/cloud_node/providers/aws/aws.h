@@ -51,6 +51,9 @@ bool has_error_code(Handle client_error, Name code, Where where = Where::here())
 // ex.response["Error"]["Message"]; a KeyError where EC2 gave none is meant to reach the caller
 Object error_message(Handle client_error, Where where = Where::here());
 
+// (None, OPResult(error=True, msg=<EC2's message>))
+Object refused(Handle client_error, Where where = Where::here());
+
 // {"Name": name, "Values": [value]}
 Object filter(Name name, Handle value, Where where = Where::here());
 

@@ -44,7 +44,8 @@ Object get_client(Handle self)
     Object config = call(config_class, {"retries"_k = retries, "proxies"_k = proxies});
     auto client_lock = [] { return global("aws_node_manager_client_lock"_s); };
     return holding_the(client_lock, [&] {
-        Object session = self.call("_create_session"_s, {self.get("auth"_s)});
+        Object create_session = self.get("_create_session"_s);
+        Object session = call(create_session, {self.get("auth"_s)});
         Object make_client = session.get("client"_s);
         return call(make_client, {"ec2"_s, "region_name"_k = self.get("region"_s).get("name"_s), "config"_k = config,
                                   "verify"_k = boolean(verify)});
@@ -56,6 +57,13 @@ bool has_error_code(Handle client_error, Name code, Where where)
     return client_error.get("response"_s, where).contains("Error"_s, where) &&
            client_error.get("response"_s, where).item("Error"_s, where).contains("Code"_s, where) &&
            client_error.get("response"_s, where).item("Error"_s, where).item("Code"_s, where).equals(code, where);
+}
+
+Object refused(Handle client_error, Where where)
+{
+    Object result_class = global("OPResult"_s, where);
+    Object message = error_message(client_error, where);
+    return tuple({none(), call(result_class, {"error"_k = true_(), "msg"_k = message}, where)}, where);
 }
 
 Object error_message(Handle client_error, Where where)

@@ -27,15 +27,12 @@ Object create_key_pair(Handle self, Handle key_pair_name, Handle username)
         call(log, {concat({"Exception occurred when tyring to create key_pair_name: "_s, key_pair_name, " username: "_s,
                            owner}),
                    "exc_info"_k = true_()});
-        Object result_class;
-        if (has_error_code(ex, "UnauthorizedOperation"_s)) {
-            result_class = global("OPResult"_s);
-            Object code = global("OPResultErrorCode"_s).get("UNAUTHORIZED_OPERATION"_s);
-            return tuple({none(), call(result_class,
-                                       {"error"_k = true_(), "error_code"_k = code, "msg"_k = error_message(ex)})});
-        }
-        result_class = global("OPResult"_s);
-        return tuple({none(), call(result_class, {"error"_k = true_(), "msg"_k = error_message(ex)})});
+        if (!has_error_code(ex, "UnauthorizedOperation"_s))
+            return refused(ex);
+        Object result_class = global("OPResult"_s);
+        Object code = global("OPResultErrorCode"_s).get("UNAUTHORIZED_OPERATION"_s);
+        return tuple(
+            {none(), call(result_class, {"error"_k = true_(), "error_code"_k = code, "msg"_k = error_message(ex)})});
     }
 }
 

@@ -105,8 +105,7 @@ Object launch_node(Handle self, Handle instance_type_def, Handle instance_config
         }
         self.get("logger"_s)
             .call("error"_s, {"Exception occurred when tyring to starting Cloud Worker"_s, "exc_info"_k = ex});
-        Object result_class = global("OPResult"_s);
-        return tuple({none(), call(result_class, {"error"_k = true_(), "msg"_k = error_message(ex)})});
+        return refused(ex);
     }
 }
 

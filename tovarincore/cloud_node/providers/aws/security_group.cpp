@@ -116,11 +116,11 @@ Object add_not_existing_inbound_rules(Handle self, Handle security_group_id)
         Object found = first_match(existing_rules, [&](Handle rule) { return rule.equals(inbound_rule); });
         if (!found.truthy()) {
             Object log = self.get("logger"_s).get("debug"_s);
-            call(log, {concat({"Inbound Rule Not Found : "_s, format(inbound_rule)})});
+            call(log, {formatted("Inbound Rule Not Found : "_s, inbound_rule)});
             append(not_existing_rules, inbound_rule);
         } else {
             Object log = self.get("logger"_s).get("debug"_s);
-            call(log, {concat({"Inbound Rule Found : "_s, format(found)})});
+            call(log, {formatted("Inbound Rule Found : "_s, found)});
         }
     }
     if (not_existing_rules.truthy()) {
