@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import importlib
 import os
+import signal
 import subprocess
 import sys
 from collections.abc import Callable, Iterator
@@ -24,6 +25,9 @@ ROOT = Path(__file__).parent.parent
 
 def pytest_configure() -> None:
     """Refuse to start without the built module, whose absence the import system would not report."""
+    # A shell starts background jobs with SIGINT ignored, and so would every program be that a test starts.
+    if signal.getsignal(signal.SIGINT) is signal.SIG_IGN:
+        signal.signal(signal.SIGINT, signal.default_int_handler)
     if ONLY and ONLY not in MODULES:
         raise pytest.UsageError(f"TOVARIN_TESTS_ONLY is {ONLY!r}; allowed are {', '.join(MODULES)}")
     if ONLY != "twin":
