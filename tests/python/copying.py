@@ -326,8 +326,7 @@ def first_difference(seeds: range) -> int | None:
         original = numbered(graph)
         expected = outcome(copy.deepcopy, graph, original)
         # The general copy stands behind the native one, on the interpreters that have it.
-        copiers = [layer.native_deepcopy, layer.general_copy] if layer.is_native(None) else [layer.native_deepcopy]
-        for copier in copiers:
+        for copier in (layer.native_deepcopy, *([layer.general_copy] if layer.is_native(None) else [])):
             if outcome(copier, graph, original) != expected:
                 return seed
     return None

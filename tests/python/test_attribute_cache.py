@@ -132,7 +132,7 @@ class Calling:
 
 
 def test_a_method_is_called_as_the_class_has_it() -> None:
-    """Replaced on the class or the instance, a static method, or deleted: what is there at the call counts."""
+    """Replaced on class or instance, a static method, or deleted: what is there at the call counts."""
     kind = type("Kind", (Calling,), {})
     thing = kind()
     for _ in range(4):
