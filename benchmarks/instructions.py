@@ -15,8 +15,8 @@ from pathlib import Path
 from benchmarks.measuring import Result, loops_for, timer
 from benchmarks.scenario import Scenario
 
-LOOPS = 20  # of the largest scenarios; the smaller ones get more
-WARM_UP = 3
+LOOPS = 2  # of the largest scenarios; the smaller ones get more
+WARM_UP = 2
 
 
 def count_one_side(side: str, scenarios: Sequence[Scenario]) -> None:

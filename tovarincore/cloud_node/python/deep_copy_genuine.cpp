@@ -22,7 +22,6 @@ struct Watched {
 PyObject* kept_function = nullptr; // copy.deepcopy; null when it was replaced before we were imported
 PyObject* kept_code = nullptr;
 PyObject* kept_defaults = nullptr;
-PyObject* keep_alive_function = nullptr;
 Watched copy_names, dispatch, copyreg_names, reducers, builtin_names;
 
 constexpr std::array called_builtins{"id", "issubclass", "getattr", "hasattr", "isinstance"};
@@ -140,13 +139,12 @@ void keep_genuine_deepcopy()
     if (!layout::known)
         return;
     Object function = global("deepcopy"_s);
-    if (!find_everything() || !is_defined_by_copy(function.ptr()) || !everything_is_as_it_comes())
+    if (!find_everything() || !is_defined_by_copy(function.ptr()))
         return;
     for (PyObject* dict : {dispatch.dict, reducers.dict}) // named by an attribute that a program may replace
         Py_INCREF(dict);
     kept_code = Object(borrow(PyFunction_GET_CODE(function.ptr()))).release();
     kept_defaults = Object(borrow(PyFunction_GET_DEFAULTS(function.ptr()))).release();
-    keep_alive_function = Object(borrow(in(copy_names.dict, "_keep_alive"))).release();
     kept_function = function.release();
 }
 
@@ -180,7 +178,7 @@ Object genuine_deepcopy(Handle value, Handle memo, Where where)
 
 void genuine_keep_alive(Handle value, Handle memo, Where where)
 {
-    call(borrow(keep_alive_function), {value, memo}, where);
+    call(borrow(in(copy_names.dict, "_keep_alive")), {value, memo}, where);
 }
 
 } // namespace py
