@@ -85,6 +85,26 @@ def body():
     own._NodeManager__node_list = [Record()]
     own.set_node_list([])
 """,
+    "in a finaliser that an error triggers on its way out": """
+class Local:
+    def __del__(self):
+        inside()
+class Odd(Manager):
+    _NodeManager__node_list = property(lambda self: Local(), lambda self, value: None)
+def body():
+    Odd(CloudRegion(name="here", cloud="local")).find_node_by_uuid("x")
+""",
+    "in a hook of a deep copy": """
+class Record:
+    def __deepcopy__(self, memo):
+        inside()
+class Holder:
+    def __init__(self):
+        self.parts = [Record()]
+def body():
+    own = Manager(CloudRegion(name="here", cloud="local"))
+    own.set_node(Holder())
+""",
     "in the handler of a failed refresh": """
 class Logger:
     def debug(self, *args, **kwargs):

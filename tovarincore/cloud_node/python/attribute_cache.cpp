@@ -70,6 +70,7 @@ void AttributeCache::learn(PyObject* instance, PyObject* name)
     }
     type_ = type;
     version_ = version;
+    on_class_ = on_class;
     guard_ = guard;
     guard_version_ = guard == nullptr ? 0 : layout::version_of_type(guard);
     index_ = index;

@@ -1,6 +1,6 @@
 // Where an attribute of a given name was found the last time, so that the next read of it takes a few comparisons.
-// One for each name in the source. It answers only where the interpreter's own lookup would give the same without running
-// any Python code; everything else takes that lookup.
+// One for each name in the source. It answers only where the interpreter's own lookup would give the same without
+// running any Python code; everything else takes that lookup.
 #pragma once
 
 #include "known_keys.h"
@@ -80,7 +80,8 @@ private:
     bool knows(PyTypeObject* type) const
     {
         return type == type_ && layout::version_of_type(type) == version_ &&
-               (guard_ == nullptr || layout::version_of_type(guard_) == guard_version_);
+               (guard_ == nullptr ||
+                (Py_TYPE(on_class_) == guard_ && layout::version_of_type(guard_) == guard_version_));
     }
 
     void consider(PyObject* instance, PyObject* name);
@@ -88,7 +89,8 @@ private:
     PyTypeObject* type_ = nullptr;
     PyTypeObject* candidate_ = nullptr;
     unsigned version_ = 0;
-    PyTypeObject* guard_ = nullptr; // the type of what the class has under the name, where that type may change
+    PyObject* on_class_ = nullptr;  // what the class has under the name; lives as long as this version of the type
+    PyTypeObject* guard_ = nullptr; // its type, where that may change or be exchanged
     unsigned guard_version_ = 0;
     bool settable_ = false;
     Py_ssize_t index_ = -1;      // of the name in the key table; -1: it is not among the table's known keys

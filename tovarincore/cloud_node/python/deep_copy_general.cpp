@@ -14,8 +14,12 @@ Object identity_of(Handle object, Where where) { return steal(PyLong_FromVoidPtr
 // Counts one level of the recursion limit for the scope.
 class Level {
 public:
-    explicit Level(Where where) { check(Py_EnterRecursiveCall(" while copying an object") == 0 ? 0 : -1, where); }
-    ~Level() { Py_LeaveRecursiveCall(); }
+    explicit Level(Where where) { check(Py_EnterRecursiveCall(" while calling a Python object") == 0 ? 0 : -1, where); }
+    ~Level() noexcept(false)
+    {
+        if (!finalising()) // else a daemon thread is being ended, and has no state to count in any more
+            Py_LeaveRecursiveCall();
+    }
     Level(const Level&) = delete;
     Level& operator=(const Level&) = delete;
 };
@@ -157,8 +161,9 @@ Object GeneralCopy::copy_dict(Handle original)
     Object made = dict({}, where_);
     remember(original, made);
     for (Object pair : each(original.call("items"_s, {}, where_), where_)) {
+        Object value =
+            copy(borrow(PyTuple_GET_ITEM(pair.ptr(), 1))); // before the key, as `made[copy(k)] = copy(v)` does
         Object key = copy(borrow(PyTuple_GET_ITEM(pair.ptr(), 0)));
-        Object value = copy(borrow(PyTuple_GET_ITEM(pair.ptr(), 1)));
         made.set_item(key, value, where_);
     }
     return made;
@@ -168,10 +173,10 @@ Object GeneralCopy::copy_object(Handle original)
 {
     PyTypeObject* type = Py_TYPE(original.ptr());
     PyObject* dict = *layout::dict_slot(original.ptr());
-    Object state = dict == nullptr ? Object() : Object(borrow(dict));
+    Object state = dict == nullptr || PyDict_GET_SIZE(dict) == 0 ? Object() : Object(borrow(dict));
     Object made = steal(type->tp_alloc(type, 0), where_);
     remember(original, made);
-    if (state) // not made yet where an instance never had an attribute
+    if (state) // an instance without attributes has none
         restore_state(made, copy(state), where_);
     return made;
 }

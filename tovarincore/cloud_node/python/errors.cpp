@@ -68,6 +68,7 @@ Handling::Handling(const Raised& raised, Where here) : raised_(raised)
     previous_value_ = Object(borrow(value));
     previous_traceback_ = Object(borrow(traceback));
     PyErr_SetExcInfo(Object(type_).release(), Object(value_).release(), Object(traceback_).release());
+    drop_parked();
 }
 
 void Handling::restore_previous()

@@ -87,6 +87,7 @@ template <class Body> PyObject* at_the_edge(const char* function, Body body)
     } catch (const Raised& raised) {
         if (!raised.traced)
             add_traceback_entry(function, raised.where);
+        drop_parked();
     } catch (const std::bad_alloc&) {
         PyErr_NoMemory();
     } catch (const std::exception& error) {

@@ -40,6 +40,23 @@ inline void handled_here(PyObject** type, PyObject** value, PyObject** traceback
     *value = handled->exc_value;
 }
 
+// Holds the collector off for the scope of an API call that may start it, where nothing borrowed must change meanwhile.
+// No Python code runs in such a scope, so nobody sees it.
+class NoCollection {
+public:
+    NoCollection() : was_on_(PyGC_Disable() != 0) {}
+    ~NoCollection()
+    {
+        if (was_on_)
+            PyGC_Enable();
+    }
+    NoCollection(const NoCollection&) = delete;
+    NoCollection& operator=(const NoCollection&) = delete;
+
+private:
+    bool was_on_;
+};
+
 // Looks an attribute up without raising when it is missing: 1 found (a new reference), 0 missing, -1 failed.
 inline int find_attribute(PyObject* object, PyObject* name, PyObject** found)
 {

@@ -27,7 +27,7 @@ public:
     // Keeps the table of a key-sharing dictionary alive, by an own dictionary that shares it: so its address means it.
     void remember(PyObject* dict)
     {
-        PyObject* witness = PyDict_Copy(dict);
+        PyObject* witness = copy_of(dict);
         if (witness == nullptr) {
             PyErr_Clear(); // only not remembered
             return;
@@ -48,6 +48,13 @@ public:
     }
 
 private:
+    // Callers walk borrowed elements: a collection in between could run a finaliser that takes them away.
+    static PyObject* copy_of(PyObject* dict)
+    {
+        NoCollection undisturbed;
+        return PyDict_Copy(dict);
+    }
+
     PyObject* witness_ = nullptr; // kept for the life of the process
     const void* table_ = nullptr;
     Py_ssize_t count_ = 0;

@@ -43,7 +43,7 @@ public:
         if (++thread_->recursion_depth <= limit_) [[likely]]
             return true;
         --thread_->recursion_depth;
-        return Py_EnterRecursiveCall(" while copying an object") == 0;
+        return Py_EnterRecursiveCall(" while calling a Python object") == 0;
     }
 
     void leave() { --thread_->recursion_depth; }
@@ -71,7 +71,7 @@ inline const void* key_table(PyObject* dict) { return dict; }
 
 class Recursion {
 public:
-    bool enter() { return Py_EnterRecursiveCall(" while copying an object") == 0; }
+    bool enter() { return Py_EnterRecursiveCall(" while calling a Python object") == 0; }
     void leave() { Py_LeaveRecursiveCall(); }
 };
 

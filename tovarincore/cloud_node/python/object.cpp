@@ -1,6 +1,8 @@
 #include "object.h"
 
 #include <array>
+#include <exception>
+#include <vector>
 
 namespace py {
 
@@ -9,6 +11,27 @@ void NameSlot::intern_all()
     for (NameSlot* slot = first_; slot != nullptr; slot = slot->next_)
         if (slot->interned_ == nullptr)
             slot->interned_ = steal(PyUnicode_InternFromString(slot->text_)).release();
+}
+
+namespace {
+thread_local std::vector<PyObject*> parked;
+}
+
+void drop_last_reference(PyObject* pointer)
+{
+    if (std::uncaught_exceptions() > 0)
+        parked.push_back(pointer);
+    else
+        Py_DECREF(pointer);
+}
+
+void drop_parked()
+{
+    while (!parked.empty()) {
+        PyObject* pointer = parked.back();
+        parked.pop_back();
+        Py_DECREF(pointer);
+    }
 }
 
 bool Raised::matches(Handle error_class) const { return PyErr_ExceptionMatches(error_class.ptr()) != 0; }
@@ -178,8 +201,9 @@ Object Handle::call(Name method, Arguments arguments, Where where) const
     VectorCall prepared(arguments, where);
     prepared.values[0] = pointer_;
     if (PyObject* function = method.cache().method(pointer_, method.ptr()))
-        return steal(PyObject_Vectorcall(function, prepared.values.data(), prepared.positional + 1, prepared.names.ptr()),
-                     where);
+        return steal(
+            PyObject_Vectorcall(function, prepared.values.data(), prepared.positional + 1, prepared.names.ptr()),
+            where);
     return steal(PyObject_VectorcallMethod(method.ptr(), prepared.values.data(),
                                            (prepared.positional + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET,
                                            prepared.names.ptr()),

@@ -30,6 +30,11 @@ struct Raised {
 
 class Object;
 class Argument;
+
+// Drops the last reference to an object, or keeps it for drop_parked() while an error is unwinding the stack: its
+// finaliser must not run there, for a thread that is ended inside a destructor during that would abort the process.
+void drop_last_reference(PyObject* pointer);
+void drop_parked(); // called where an error has been caught
 using Arguments = std::initializer_list<Argument>;
 
 class Handle {
@@ -47,10 +52,10 @@ public:
     Object item(Py_ssize_t index, Where where = Where::here()) const;           // self[index]
     void set_item(Handle key, Handle value, Where where = Where::here()) const; // self[key] = value
     void set_item(Py_ssize_t index, Handle value, Where where = Where::here()) const;
-    bool contains(Handle value, Where where = Where::here()) const; // value in self
-    inline bool truthy(Where where = Where::here()) const;          // if self:
+    bool contains(Handle value, Where where = Where::here()) const;      // value in self
+    inline bool truthy(Where where = Where::here()) const;               // if self:
     inline bool equals(Handle other, Where where = Where::here()) const; // if self == other: (never by identity)
-    bool greater(Handle other, Where where = Where::here()) const;  // if self > other:
+    bool greater(Handle other, Where where = Where::here()) const;       // if self > other:
     bool is(Handle other) const { return pointer_ == other.pointer_; }
     bool is_none() const { return pointer_ == Py_None; }
     Object call(Name method, Arguments arguments, Where where = Where::here()) const; // self.method(...)
@@ -83,8 +88,12 @@ public:
     // May run Python code, in which a daemon thread can be ended by unwinding: hence noexcept(false).
     ~Object() noexcept(false)
     {
-        if (pointer_ != nullptr && !finalising())
+        if (pointer_ == nullptr || finalising())
+            return;
+        if (Py_REFCNT(pointer_) > 1) [[likely]]
             Py_DECREF(pointer_);
+        else
+            drop_last_reference(pointer_);
     }
 
     [[nodiscard]] PyObject* release() { return std::exchange(pointer_, nullptr); }

@@ -127,6 +127,7 @@ void Candidates::put_aside(Py_ssize_t end)
 {
     Py_ssize_t count = PyList_GET_SIZE(others_.ptr());
     if (end > index_) {
+        NoCollection undisturbed; // a finaliser could shorten the list while its slice is being made
         Object passed = steal(PyList_GetSlice(list_.ptr(), index_, end), where_);
         check(PyList_SetSlice(others_.ptr(), count, count, passed.ptr()), where_);
     }

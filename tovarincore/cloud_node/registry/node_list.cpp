@@ -51,8 +51,9 @@ Object set_node(Handle self, Handle node_given)
 {
     return holding(self, "_NodeManager__node_list_lock"_s, [&] {
         Object node = deep_copy(node_given);
-        Py_ssize_t count = len(nodes_of(self));
-        for (Py_ssize_t i = first_candidate_like(nodes_of(self), "instance_id"_s, node); i < count; ++i)
+        Object nodes = nodes_of(self);
+        Py_ssize_t count = len(nodes);
+        for (Py_ssize_t i = first_candidate_like(nodes, "instance_id"_s, node); i < count; ++i)
             if (nodes_of(self).item(i).get("instance_id"_s).equals(node.get("instance_id"_s))) {
                 nodes_of(self).set_item(i, node);
                 return none();
