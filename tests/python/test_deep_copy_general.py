@@ -70,7 +70,8 @@ def test_a_class_or_value_written_into_the_memo_changes_what_is_made_from_it(cop
 
     copied = copier([Hook(write), Record(), Colour.RED])
     assert type(copied[1]) is Plain
-    assert copied[2] is Colour.MANY
+    # Where the enumeration itself answers for its copies, a member is not made from its value.
+    assert copied[2] is (Colour.RED if hasattr(Colour, "__deepcopy__") else Colour.MANY)
 
 
 @each_copier

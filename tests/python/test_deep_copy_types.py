@@ -274,8 +274,9 @@ def test_a_changed_enumeration_is_found_out() -> None:
     for made in plain:
         expected = copy.deepcopy(made.A)
         assert layer.native_deepcopy(made.A) is expected or layer.native_deepcopy(made.A) == expected
-    assert layer.native_deepcopy(plain[0].A) == "reduced"
-    assert layer.native_deepcopy(plain[3].A) is plain[3].B
+    if not hasattr(enum.Enum, "__deepcopy__"):  # newer ones answer for their copies before they are reduced
+        assert layer.native_deepcopy(plain[0].A) == "reduced"
+        assert layer.native_deepcopy(plain[3].A) is plain[3].B
 
 
 def test_a_changed_metaclass_of_enumerations_is_found_out(monkeypatch: pytest.MonkeyPatch) -> None:
