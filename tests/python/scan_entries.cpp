@@ -30,11 +30,8 @@ Object candidates(Handle iterable, Handle text, Handle last)
 } // namespace
 
 PyMethodDef scans[] = {
-    entry<candidate>("candidate"),
-    entry<candidate_like>("candidate_like"),
-    entry<not_false>("not_false"),
-    entry<candidates>("candidates"),
-    {nullptr, nullptr, 0, nullptr},
+    entry<candidate>("candidate"),   entry<candidate_like>("candidate_like"), entry<not_false>("not_false"),
+    entry<candidates>("candidates"), {nullptr, nullptr, 0, nullptr},
 };
 
 } // namespace object_layer
