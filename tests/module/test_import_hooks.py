@@ -81,7 +81,12 @@ assert isinstance(cloud_node.cloud_manager_glbl, cloud_node.CloudManager)
 @pytest.mark.parametrize(
     "code",
     [HOOKED, REPLACED, CIRCULAR, KEPT],
-    ids=["an import hook set first", "a built-in replaced first", "a circular import", "a class of a failed import"],
+    ids=[
+        "an import hook set first",
+        "a built-in replaced first",
+        "a circular import",
+        "a class of a failed import",
+    ],
 )
 def test_an_import_behaves_as_a_python_modules_with(code, run_child):
     """Each in a process of its own."""
