@@ -1,5 +1,5 @@
 // The class CloudKeyPairManager: the key-pair interface, which only the Amazon provider fulfils.
-#include "docs.h"
+#include "provider_rows.h"
 #include "registry.h"
 
 namespace cloud_node {
@@ -10,11 +10,8 @@ Object create_key_pair(Handle, Handle, Handle) { return none(); }
 Object delete_key_pair(Handle, Handle) { return none(); }
 
 constexpr Method methods[] = {
-    abstract(method<create_key_pair>("create_key_pair",
-                                     {{"self"}, {"key_pair_name", "str"}, {"username", "Optional[str]"}},
-                                     "Tuple[Optional[str], OPResult]", docs::create_key_pair)),
-    abstract(method<delete_key_pair>("delete_key_pair", {{"self"}, {"key_pair_name", "str"}}, nullptr,
-                                     docs::delete_key_pair)),
+    abstract(provider_rows::create_key_pair<create_key_pair>()),
+    abstract(provider_rows::delete_key_pair<delete_key_pair>()),
 };
 
 } // namespace

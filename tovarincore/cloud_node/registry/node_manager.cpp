@@ -1,5 +1,5 @@
 // The class NodeManager: its rows in the order of a class body. The seven provider operations are abstract.
-#include "docs.h"
+#include "provider_rows.h"
 #include "registry.h"
 
 namespace cloud_node {
@@ -31,34 +31,13 @@ constexpr Method methods[] = {
         docs::change_node_state),
     method<refresh_node>("refresh_node", {{"self"}, {"node", "CloudNode"}}, "OPResult", docs::refresh_node),
     method<refresh_node_list>("refresh_node_list", {{"self"}}, "OPResult", docs::refresh_node_list),
-    abstract(method<launch_node>("launch_node",
-                                 {{"self"},
-                                  {"instance_type_def", "CloudInstanceTypeDef"},
-                                  {"instance_config", "CloudInstanceConfig"},
-                                  {"auth", "Optional[CloudAuth]", Default::none},
-                                  {"username", "Optional[str]", Default::none},
-                                  {"dry_run", nullptr, Default::false_},
-                                  {"wait_until_cloud_provider_ready", nullptr, Default::false_},
-                                  {"additional_params", "Optional[str]", Default::none},
-                                  {"startup_script", "Optional[str]", Default::none}},
-                                 "Tuple[Optional[CloudNode], OPResult]", docs::launch_node)),
-    abstract(method<list_instances>("list_instances", {{"self"}}, "Tuple[Optional[List[CloudNode]], OPResult]",
-                                    docs::list_instances)),
-    abstract(method<start_node>("start_node",
-                                {{"self"},
-                                 {"instance_id", "str"},
-                                 {"wait_until_cloud_provider_ready", nullptr, Default::false_},
-                                 {"reboot", nullptr, Default::false_}},
-                                nullptr, docs::start_node)),
-    abstract(method<stop_node>("stop_node", {{"self"}, {"instance_id", "str"}}, nullptr, docs::stop_node)),
-    abstract(method<terminate_node>("terminate_node",
-                                    {{"self"}, {"instance_id", "str"}, {"stop_reason", "Optional[str]", Default::none}},
-                                    nullptr, docs::terminate_node)),
-    abstract(method<list_instance_templates>("list_instance_templates",
-                                             {{"self"}, {"is_public", "bool", Default::true_}},
-                                             "Tuple[List[InstanceTemplate], OPResult]", docs::list_instance_templates)),
-    abstract(method<list_instance_types>("list_instance_types", {{"self"}},
-                                         "Tuple[List[CloudInstanceTypeDef], OPResult]", docs::list_instance_types)),
+    abstract(provider_rows::launch_node<launch_node>()),
+    abstract(provider_rows::list_instances<list_instances>()),
+    abstract(provider_rows::start_node<start_node>()),
+    abstract(provider_rows::stop_node<stop_node>()),
+    abstract(provider_rows::terminate_node<terminate_node>()),
+    abstract(provider_rows::list_instance_templates<list_instance_templates>()),
+    abstract(provider_rows::list_instance_types<list_instance_types>()),
 };
 
 } // namespace

@@ -1,5 +1,5 @@
 // The product's worker as one container on the user's machine: each operation is a call on the container helper.
-#include "../../registry/docs.h"
+#include "../../registry/provider_rows.h"
 #include "local.h"
 
 namespace cloud_node {
@@ -81,33 +81,13 @@ Object list_instance_types(Handle)
 
 constexpr Method methods[] = {
     method<init>("__init__", {{"self"}, {"region", "CloudRegion"}}, nullptr, docs::node_manager_init),
-    method<list_instances>("list_instances", {{"self"}}, "Tuple[Optional[List[CloudNode]], OPResult]",
-                           docs::list_instances),
-    method<launch_node>("launch_node",
-                        {{"self"},
-                         {"instance_type_def", "CloudInstanceTypeDef"},
-                         {"instance_config", "CloudInstanceConfig"},
-                         {"auth", "Optional[CloudAuth]", Default::none},
-                         {"username", "Optional[str]", Default::none},
-                         {"dry_run", nullptr, Default::false_},
-                         {"wait_until_cloud_provider_ready", nullptr, Default::false_},
-                         {"additional_params", "Optional[str]", Default::none},
-                         {"startup_script", "Optional[str]", Default::none}},
-                        "Tuple[Optional[CloudNode], OPResult]", docs::launch_node),
-    method<start_node>("start_node",
-                       {{"self"},
-                        {"instance_id", "str"},
-                        {"reboot", nullptr, Default::false_},
-                        {"wait_until_cloud_provider_ready", nullptr, Default::false_}},
-                       nullptr, docs::start_node),
-    method<stop_node>("stop_node", {{"self"}, {"instance_id", "str"}}, nullptr, docs::stop_node),
-    method<terminate_node>("terminate_node",
-                           {{"self"}, {"instance_id", "str"}, {"stop_reason", "Optional[str]", Default::none}}, nullptr,
-                           docs::terminate_node),
-    method<list_instance_templates>("list_instance_templates", {{"self"}, {"is_public", "bool", Default::true_}},
-                                    "Tuple[List[InstanceTemplate], OPResult]", docs::list_instance_templates),
-    method<list_instance_types>("list_instance_types", {{"self"}}, "Tuple[List[CloudInstanceTypeDef], OPResult]",
-                                docs::list_instance_types),
+    provider_rows::list_instances<list_instances>(),
+    provider_rows::launch_node<launch_node>(),
+    provider_rows::start_node_reboot_first<start_node>(),
+    provider_rows::stop_node<stop_node>(),
+    provider_rows::terminate_node<terminate_node>(),
+    provider_rows::list_instance_templates<list_instance_templates>(),
+    provider_rows::list_instance_types<list_instance_types>(),
 };
 
 } // namespace

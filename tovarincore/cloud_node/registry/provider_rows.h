@@ -1,0 +1,90 @@
+// The rows of the provider operations, which NodeManager declares and every provider repeats: one place for the
+// interface's parameters, defaults and annotations. A class gives its own function, and its own docstring where it says
+// more.
+#pragma once
+
+#include "../python/method.h"
+#include "docs.h"
+
+namespace cloud_node::provider_rows {
+
+using py::Default;
+using py::method;
+using py::Method;
+
+template <auto Function> consteval Method launch_node(const char* doc = docs::launch_node)
+{
+    return method<Function>("launch_node",
+                            {{"self"},
+                             {"instance_type_def", "CloudInstanceTypeDef"},
+                             {"instance_config", "CloudInstanceConfig"},
+                             {"auth", "Optional[CloudAuth]", Default::none},
+                             {"username", "Optional[str]", Default::none},
+                             {"dry_run", nullptr, Default::false_},
+                             {"wait_until_cloud_provider_ready", nullptr, Default::false_},
+                             {"additional_params", "Optional[str]", Default::none},
+                             {"startup_script", "Optional[str]", Default::none}},
+                            "Tuple[Optional[CloudNode], OPResult]", doc);
+}
+
+template <auto Function> consteval Method list_instances(const char* doc = docs::list_instances)
+{
+    return method<Function>("list_instances", {{"self"}}, "Tuple[Optional[List[CloudNode]], OPResult]", doc);
+}
+
+template <auto Function> consteval Method start_node(const char* doc = docs::start_node)
+{
+    return method<Function>("start_node",
+                            {{"self"},
+                             {"instance_id", "str"},
+                             {"wait_until_cloud_provider_ready", nullptr, Default::false_},
+                             {"reboot", nullptr, Default::false_}},
+                            nullptr, doc);
+}
+
+// Deliberate: two providers have `reboot` first (test_surface.py holds it).
+template <auto Function> consteval Method start_node_reboot_first()
+{
+    return method<Function>("start_node",
+                            {{"self"},
+                             {"instance_id", "str"},
+                             {"reboot", nullptr, Default::false_},
+                             {"wait_until_cloud_provider_ready", nullptr, Default::false_}},
+                            nullptr, docs::start_node);
+}
+
+template <auto Function> consteval Method stop_node(const char* doc = docs::stop_node)
+{
+    return method<Function>("stop_node", {{"self"}, {"instance_id", "str"}}, nullptr, doc);
+}
+
+template <auto Function> consteval Method terminate_node(const char* doc = docs::terminate_node)
+{
+    return method<Function>("terminate_node",
+                            {{"self"}, {"instance_id", "str"}, {"stop_reason", "Optional[str]", Default::none}},
+                            nullptr, doc);
+}
+
+template <auto Function> consteval Method list_instance_templates(const char* doc = docs::list_instance_templates)
+{
+    return method<Function>("list_instance_templates", {{"self"}, {"is_public", "bool", Default::true_}},
+                            "Tuple[List[InstanceTemplate], OPResult]", doc);
+}
+
+template <auto Function> consteval Method list_instance_types(const char* doc = docs::list_instance_types)
+{
+    return method<Function>("list_instance_types", {{"self"}}, "Tuple[List[CloudInstanceTypeDef], OPResult]", doc);
+}
+
+template <auto Function> consteval Method create_key_pair(const char* doc = docs::create_key_pair)
+{
+    return method<Function>("create_key_pair", {{"self"}, {"key_pair_name", "str"}, {"username", "Optional[str]"}},
+                            "Tuple[Optional[str], OPResult]", doc);
+}
+
+template <auto Function> consteval Method delete_key_pair(const char* doc = docs::delete_key_pair)
+{
+    return method<Function>("delete_key_pair", {{"self"}, {"key_pair_name", "str"}}, nullptr, doc);
+}
+
+} // namespace cloud_node::provider_rows
