@@ -8,7 +8,9 @@ namespace py {
 
 namespace {
 
-std::array<CopyVerdict, 64> verdicts; // by address; a collision only costs finding out again
+// By address, at one of four neighbouring places, so that the few types of a registry do not drive each other out.
+std::array<CopyVerdict, 64> verdicts;
+constexpr std::size_t neighbours = 4;
 std::uint64_t reducers_seen = 0;
 
 std::size_t place_of(const void* address)
@@ -127,7 +129,7 @@ struct KnownMember {
     std::uint64_t members_version = 0;
 };
 
-std::array<KnownMember, 32> known_members;
+std::array<KnownMember, 128> known_members;
 
 bool is_found_by_value(PyObject* member, PyObject* own, PyObject* members)
 {
@@ -142,6 +144,20 @@ bool is_found_by_value(PyObject* member, PyObject* own, PyObject* members)
         if (!is_plain_value(Py_TYPE(key)))
             return false; // finding the value could call a comparison written in Python
     return PyDict_GetItemWithError(members, value) == member;
+}
+
+// Where the verdict on the type is, or the place that it takes.
+CopyVerdict& verdict_place(PyTypeObject* type)
+{
+    std::size_t first = place_of(type);
+    for (std::size_t i = 0; i < neighbours; ++i)
+        if (CopyVerdict& verdict = verdicts[(first + i) % verdicts.size()]; verdict.type == type)
+            return verdict;
+    for (std::size_t i = 0; i < neighbours; ++i)
+        if (CopyVerdict& verdict = verdicts[(first + i) % verdicts.size()]; verdict.type == nullptr)
+            return verdict;
+    static std::size_t turn = 0;
+    return verdicts[(first + turn++ % neighbours) % verdicts.size()];
 }
 
 PyObject* dict_of(PyObject* instance) // borrowed or null; also where the __dict__ lies behind a variable part
@@ -160,7 +176,7 @@ CopyVerdict& copy_verdict(PyTypeObject* type)
             verdict.type = nullptr;
         reducers_seen = reducers;
     }
-    CopyVerdict& verdict = verdicts[place_of(type) % verdicts.size()];
+    CopyVerdict& verdict = verdict_place(type);
     unsigned version = layout::version_of_type(type);
     if (verdict.type == type && verdict.version == version && version != 0 &&
         verdict.metatype_version == layout::version_of_type(Py_TYPE(type))) [[likely]]
