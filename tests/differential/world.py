@@ -76,6 +76,5 @@ def world(module: Any, journal: Journal, facilities: bool) -> Iterator[None]:
         with _imports(journal, watched=facilities):
             yield
     finally:
-        for name in [name for name in names if name not in before]:
-            del names[name]
+        names.clear()  # names come back in their own order, also those that a program took away
         names.update(before)

@@ -13,7 +13,7 @@ from tests.servers.ec2 import Ec2World, ec2_world
 from tovarincore.testing.reference_worker import ReferenceWorker
 
 
-@pytest.fixture(scope="session")
+@pytest.fixture(scope="module")
 def sdk_data_read_once() -> Iterator[None]:
     """Let the SDK parse each of its data files once: the facade makes a client for every request."""
     load_file = JSONFileLoader.load_file
@@ -29,9 +29,9 @@ def sdk_data_read_once() -> Iterator[None]:
         yield
 
 
-@pytest.fixture(scope="session")
+@pytest.fixture(scope="module")
 def ec2_endpoint(sdk_data_read_once: None) -> Iterator[Ec2Endpoint]:
-    """The emulated EC2 of this test run."""
+    """The emulated EC2 of a test module."""
     with Ec2Endpoint() as endpoint:
         yield endpoint
 

@@ -16,7 +16,10 @@ CLASSES = (
     "CloudManager",
 )
 # What a class statement adds by itself, some of it only on newer interpreters.
-_GIVEN = {"__module__", "__doc__", "__dict__", "__weakref__", "__abstractmethods__", "_abc_impl"}
+_GIVEN = {
+    "__module__", "__doc__", "__dict__", "__weakref__", "__abstractmethods__", "_abc_impl",
+    "__slotnames__",  # left by copyreg on a class whose instance was copied
+}  # fmt: skip
 _GIVEN |= {"__firstlineno__", "__static_attributes__"}
 
 

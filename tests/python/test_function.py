@@ -97,8 +97,7 @@ def test_help_shows_the_methods_with_their_signatures():
     text = pydoc.plain(pydoc.render_doc(Sample))
     assert (
         "echo(self, a: 'str', b=None, c: 'bool' = True) -> 'Tuple[str, None, bool]'\n"
-        " |      Returns its arguments."
-        in text
+        " |      Returns its arguments." in text
     )
 
 

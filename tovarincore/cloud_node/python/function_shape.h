@@ -6,7 +6,8 @@
 namespace py {
 
 struct FunctionObject {
-    PyObject_HEAD vectorcallfunc vectorcall;
+    PyObject_HEAD
+    vectorcallfunc vectorcall;
     const Method* method;
     PyObject* name;
     PyObject* qualname;

@@ -55,7 +55,8 @@ private:
 
 // The built-in lock. lock.cpp tries on a lock of its own whether it is so.
 struct LockObject {
-    PyObject_HEAD PyThread_type_lock lock;
+    PyObject_HEAD
+    PyThread_type_lock lock;
     PyObject* weak_references;
     char locked;
 };
