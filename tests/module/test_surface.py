@@ -97,7 +97,7 @@ def test_the_flush_of_the_pool_explains_its_parameters(cloud_node: ModuleType) -
     assert inspect.getdoc(cloud_node.CloudManager.flush_webs_client_pool) == FLUSH_DOCSTRING
 
 
-def test_full_argument_specifications_can_be_had(cloud_node: ModuleType) -> None:
+def test_inspect_shows_every_argument(cloud_node: ModuleType) -> None:
     """By the older interface too."""
     spec = inspect.getfullargspec(cloud_node.NodeManager.change_node_state)
     assert spec.args == ["self", "instance_id", "node_state", "ready"]
