@@ -48,7 +48,6 @@ namespace {
 int execute(PyObject* module)
 {
     PyObject* done = at_the_edge("<module>", [&] {
-        NameSlot::intern_all();
         open_module(borrow(module));
         ready_function_type();
         check(PyModule_AddFunctions(module, verbs));

@@ -17,7 +17,6 @@ PyObject* loaded_module = nullptr; // kept for the life of the process once its 
 
 void run_module_body(Handle module)
 {
-    NameSlot::intern_all();
     open_module(module);
     ready_function_type();
     bind_imports();

@@ -73,7 +73,7 @@ void AttributeCache::learn(PyObject* instance, PyObject* name)
     on_class_ = on_class;
     guard_ = guard;
     guard_version_ = guard == nullptr ? 0 : layout::version_of_type(guard);
-    index_ = index;
+    place_ = index + 1;
     method_ =
         on_class != nullptr && PyType_HasFeature(Py_TYPE(on_class), Py_TPFLAGS_METHOD_DESCRIPTOR) ? on_class : nullptr;
     settable_ = type->tp_setattro == PyObject_GenericSetAttr;

@@ -34,10 +34,10 @@ public:
     {
         if constexpr (!layout::known)
             return nullptr;
-        if (knows(Py_TYPE(instance)) && index_ >= 0) [[likely]] {
+        if (knows(Py_TYPE(instance)) && place_ > 0) [[likely]] {
             PyObject* dict = *layout::dict_slot(instance);
-            if (dict != nullptr && keys_.use_same_table(dict) && index_ < PyDict_GET_SIZE(dict)) [[likely]]
-                return layout::shared_values(dict)[index_];
+            if (dict != nullptr && keys_.use_same_table(dict) && place_ <= PyDict_GET_SIZE(dict)) [[likely]]
+                return layout::shared_values(dict)[place_ - 1];
         }
         consider(instance, name);
         return nullptr;
@@ -50,7 +50,7 @@ public:
             return nullptr;
         if (knows(Py_TYPE(instance)) && method_ != nullptr) [[likely]] {
             PyObject* dict = Py_TYPE(instance)->tp_dictoffset == 0 ? nullptr : *layout::dict_slot(instance);
-            if (dict == nullptr || (index_ < 0 && keys_.cover(dict))) [[likely]]
+            if (dict == nullptr || (place_ == 0 && keys_.cover(dict))) [[likely]]
                 return method_;
         }
         consider(instance, name);
@@ -70,7 +70,7 @@ public:
             learn(instance, name);
         if (instance_value(instance, name) == nullptr)
             return {};
-        return {type_, keys_.table(), index_};
+        return {type_, keys_.table(), place_ - 1};
     }
 
     // Learns from this instance at once; otherwise a type is learnt when it comes twice running.
@@ -93,7 +93,7 @@ private:
     PyTypeObject* guard_ = nullptr; // its type, where that may change or be exchanged
     unsigned guard_version_ = 0;
     bool settable_ = false;
-    Py_ssize_t index_ = -1;      // of the name in the key table; -1: it is not among the table's known keys
+    Py_ssize_t place_ = 0;       // of the name in the key table, from 1; 0: it is not among the table's known keys
     PyObject* method_ = nullptr; // lives as long as this version of the type
     KnownKeys keys_;
 };

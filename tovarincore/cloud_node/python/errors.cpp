@@ -50,7 +50,7 @@ void add_traceback_entry(const char* function, const Where& where)
     Py_XDECREF(reinterpret_cast<PyObject*>(code));
 }
 
-Handling::Handling(const Raised& raised, Where here) : raised_(raised)
+Handling::Handling(const Raised& raised, WhereInFunction here) : raised_(raised)
 {
     if (!raised_.traced)
         add_traceback_entry(here.function, raised_.where);

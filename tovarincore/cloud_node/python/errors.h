@@ -38,7 +38,7 @@ template <class Condition> void assert_that(Condition condition, Name message, W
 // scope.
 class Handling {
 public:
-    explicit Handling(const Raised& raised, Where here = Where::here());
+    explicit Handling(const Raised& raised, WhereInFunction here = WhereInFunction::here());
     ~Handling() noexcept(false);
     Handling(const Handling&) = delete;
     Handling& operator=(const Handling&) = delete;
@@ -60,7 +60,7 @@ private:
 
 // try: return body() finally: clause()
 // When both fail, the error of the clause travels on and carries the other as its context.
-template <class Body, class Clause> Object try_finally(Body body, Clause clause, Where here = Where::here())
+template <class Body, class Clause> Object try_finally(Body body, Clause clause, WhereInFunction here = WhereInFunction::here())
 {
     Object result;
     try {

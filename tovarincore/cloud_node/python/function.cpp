@@ -87,25 +87,6 @@ PyObject* run(FunctionObject* self, PyObject* const* arguments)
     return result;
 }
 
-PyObject* call_function(PyObject* callable, PyObject* const* arguments, std::size_t flagged_count, PyObject* keywords)
-{
-    auto* self = reinterpret_cast<FunctionObject*>(callable);
-    auto given = static_cast<std::size_t>(PyVectorcall_NARGS(flagged_count));
-    if (keywords == nullptr && given == self->method->count)
-        return run(self, arguments);
-    PyObject* bound[most_parameters]; // borrowed, some from the defaults, which the call may replace
-    Object defaults(borrow(self->defaults));
-    switch (bind(self, arguments, given, keywords, bound)) {
-    case Binding::done:
-        return run(self, bound);
-    case Binding::mismatch:
-        return call_shape(self, arguments, flagged_count, keywords);
-    case Binding::failed:
-        break;
-    }
-    return nullptr;
-}
-
 PyObject* bind_to(PyObject* self, PyObject* instance, PyObject*)
 {
     if (instance == nullptr || instance == Py_None) {
@@ -117,28 +98,58 @@ PyObject* bind_to(PyObject* self, PyObject* instance, PyObject*)
 
 PyObject* represent(PyObject* self)
 {
-    return PyUnicode_FromFormat("<function %U at %p>", reinterpret_cast<FunctionObject*>(self)->qualname, self);
+    PyObject* name = qualified_name(reinterpret_cast<FunctionObject*>(self));
+    return name == nullptr ? nullptr : PyUnicode_FromFormat("<function %U at %p>", name, self);
 }
 
-char name_text[] = "__name__";
-char qualname_text[] = "__qualname__";
-
-template <PyObject* FunctionObject::* Member> PyObject* get_text(PyObject* self, void*)
+PyObject* new_reference(PyObject* object)
 {
-    PyObject* text = reinterpret_cast<FunctionObject*>(self)->*Member;
-    Py_INCREF(text);
-    return text;
+    Py_XINCREF(object);
+    return object;
 }
 
-// Takes texts only, as a function's does: repr and pickle read them.
-template <PyObject* FunctionObject::* Member> int set_text(PyObject* self, PyObject* value, void* attribute)
+// Takes texts only, as a function's names do: repr and pickle read them.
+int set_text(PyObject** member, PyObject* value, const char* attribute)
 {
     if (value == nullptr || !PyUnicode_Check(value)) {
-        PyErr_Format(PyExc_TypeError, "%s must be set to a string object", static_cast<const char*>(attribute));
+        PyErr_Format(PyExc_TypeError, "%s must be set to a string object", attribute);
         return -1;
     }
     Py_INCREF(value);
-    Py_XSETREF(reinterpret_cast<FunctionObject*>(self)->*Member, value);
+    Py_XSETREF(*member, value);
+    return 0;
+}
+
+PyObject* get_name(PyObject* self, void*) { return new_reference(reinterpret_cast<FunctionObject*>(self)->name); }
+
+int set_name(PyObject* self, PyObject* value, void*)
+{
+    return set_text(&reinterpret_cast<FunctionObject*>(self)->name, value, "__name__");
+}
+
+PyObject* get_qualname(PyObject* self, void*)
+{
+    return new_reference(qualified_name(reinterpret_cast<FunctionObject*>(self)));
+}
+
+int set_qualname(PyObject* self, PyObject* value, void*)
+{
+    return set_text(&reinterpret_cast<FunctionObject*>(self)->qualname, value, "__qualname__");
+}
+
+PyObject* get_doc(PyObject* self, void*)
+{
+    auto* function = reinterpret_cast<FunctionObject*>(self);
+    if (function->doc == nullptr)
+        function->doc = function->method->doc == nullptr ? new_reference(Py_None)
+                                                         : PyUnicode_FromString(function->method->doc);
+    return new_reference(function->doc);
+}
+
+int set_doc(PyObject* self, PyObject* value, void*)
+{
+    value = new_reference(value == nullptr ? Py_None : value); // deleted: none from then on
+    Py_XSETREF(reinterpret_cast<FunctionObject*>(self)->doc, value);
     return 0;
 }
 
@@ -207,9 +218,7 @@ PyObject* get_globals(PyObject*, void*) { return Object(module_dictionary()).rel
 
 PyObject* reduce(PyObject* self, PyObject*)
 {
-    PyObject* qualname = reinterpret_cast<FunctionObject*>(self)->qualname;
-    Py_INCREF(qualname);
-    return qualname;
+    return get_qualname(self, nullptr);
 }
 
 template <class Visit> int each_reference(FunctionObject* self, Visit visit)
@@ -246,13 +255,13 @@ void deallocate(PyObject* self)
 
 PyMemberDef members[] = {
     {"__module__", T_OBJECT, offsetof(FunctionObject, module), 0, nullptr},
-    {"__doc__", T_OBJECT, offsetof(FunctionObject, doc), 0, nullptr},
     {nullptr, 0, 0, 0, nullptr},
 };
 
 PyGetSetDef properties[] = {
-    {"__name__", get_text<&FunctionObject::name>, set_text<&FunctionObject::name>, nullptr, name_text},
-    {"__qualname__", get_text<&FunctionObject::qualname>, set_text<&FunctionObject::qualname>, nullptr, qualname_text},
+    {"__name__", get_name, set_name, nullptr, nullptr},
+    {"__qualname__", get_qualname, set_qualname, nullptr, nullptr},
+    {"__doc__", get_doc, set_doc, nullptr, nullptr},
     {"__defaults__", get_defaults, set_defaults, nullptr, nullptr},
     {"__kwdefaults__", get_keyword_defaults, nullptr, nullptr, nullptr},
     {"__annotations__", get_annotations, set_annotations, nullptr, nullptr},
@@ -290,23 +299,42 @@ PyTypeObject function_type = [] {
 
 } // namespace
 
+bool is_own_function(PyObject* object) { return Py_IS_TYPE(object, &function_type); }
+
+PyObject* call_own_function(PyObject* callable, PyObject* const* arguments, std::size_t flagged_count,
+                            PyObject* keywords)
+{
+    auto* self = reinterpret_cast<FunctionObject*>(callable);
+    auto given = static_cast<std::size_t>(PyVectorcall_NARGS(flagged_count));
+    if (keywords == nullptr && given == self->method->count)
+        return run(self, arguments);
+    PyObject* bound[most_parameters]; // borrowed, some from the defaults, which the call may replace
+    Object defaults(borrow(self->defaults));
+    switch (bind(self, arguments, given, keywords, bound)) {
+    case Binding::done:
+        return run(self, bound);
+    case Binding::mismatch:
+        return call_shape(self, arguments, flagged_count, keywords);
+    case Binding::failed:
+        break;
+    }
+    return nullptr;
+}
+
 void ready_function_type() { check(PyType_Ready(&function_type)); }
 
-Object make_function(const Method& method, const char* class_name)
+Object make_function(const Method& method, Handle name, const char* class_name)
 {
-    Object name = steal(PyUnicode_InternFromString(method.name));
-    Object qualname = steal(PyUnicode_FromFormat("%s.%s", class_name, method.name));
     Object module = global("__name__"_s);
-    Object doc = method.doc == nullptr ? none() : steal(PyUnicode_FromString(method.doc));
     auto* made = PyObject_GC_New(FunctionObject, &function_type);
     Object function = steal(reinterpret_cast<PyObject*>(made));
-    made->vectorcall = call_function;
+    made->vectorcall = call_own_function;
     made->method = &method;
-    made->name = name.release();
-    made->qualname = qualname.release();
+    made->class_name = class_name;
+    made->name = Object(name).release();
     made->module = module.release();
-    made->doc = doc.release();
-    made->defaults = made->annotations = made->names = made->shape = made->attributes = made->weak_references = nullptr;
+    made->qualname = made->doc = made->defaults = made->annotations = nullptr;
+    made->names = made->shape = made->attributes = made->weak_references = nullptr;
     PyObject_GC_Track(function.ptr());
     return function;
 }

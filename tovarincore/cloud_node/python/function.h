@@ -11,7 +11,13 @@ namespace py {
 
 void ready_function_type();
 
-// A function for one row of a class's table. `class_name` is the first half of its __qualname__.
-Object make_function(const Method& method, const char* class_name);
+bool is_own_function(PyObject* object);
+
+// The vector call of one of our functions, without the interpreter in between. Null with an error set when it fails.
+PyObject* call_own_function(PyObject* function, PyObject* const* arguments, std::size_t flagged_count,
+                            PyObject* keywords);
+
+// A function for one row of a class's table. `name` is the row's; `class_name` is the first half of its __qualname__.
+Object make_function(const Method& method, Handle name, const char* class_name);
 
 } // namespace py

@@ -31,7 +31,9 @@ PyObject* shape_of(FunctionObject* self)
 {
     if (self->shape == nullptr) {
         Object code = make_code(self);
-        Object shape = steal(PyFunction_NewWithQualName(code.ptr(), module_dictionary().ptr(), self->qualname));
+        PyObject* name = qualified_name(self);
+        check(name == nullptr ? -1 : 0);
+        Object shape = steal(PyFunction_NewWithQualName(code.ptr(), module_dictionary().ptr(), name));
         Object defaults = steal(PyObject_GetAttr(reinterpret_cast<PyObject*>(self), "__defaults__"_s.ptr()));
         check(PyFunction_SetDefaults(shape.ptr(), defaults.ptr()));
         self->shape = shape.release();
@@ -57,6 +59,13 @@ PyObject* parameter_names(FunctionObject* self)
         PyTuple_SET_ITEM(names, static_cast<Py_ssize_t>(i), name);
     }
     return self->names = names;
+}
+
+PyObject* qualified_name(FunctionObject* self)
+{
+    if (self->qualname == nullptr)
+        self->qualname = PyUnicode_FromFormat("%s.%s", self->class_name, self->method->name);
+    return self->qualname;
 }
 
 PyObject* make_annotations(const Method& method)

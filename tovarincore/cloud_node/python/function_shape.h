@@ -9,10 +9,11 @@ struct FunctionObject {
     PyObject_HEAD
     vectorcallfunc vectorcall;
     const Method* method;
+    const char* class_name; // the first half of __qualname__
     PyObject* name;
-    PyObject* qualname;
+    PyObject* qualname;    // null: not asked for yet
     PyObject* module;
-    PyObject* doc;
+    PyObject* doc;         // null: not asked for yet
     PyObject* defaults;    // null: those of the row
     PyObject* annotations; // null: not asked for yet
     PyObject* names;       // tuple of the parameters' names; null: not needed yet
@@ -23,6 +24,7 @@ struct FunctionObject {
 
 // Each returns null with an error set when it fails.
 PyObject* parameter_names(FunctionObject* self);  // borrowed
+PyObject* qualified_name(FunctionObject* self);   // borrowed
 PyObject* make_annotations(const Method& method); // new
 PyObject* function_code(FunctionObject* self);    // new: a code object that inspect reads the signature from
 

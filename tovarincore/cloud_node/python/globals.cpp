@@ -88,12 +88,6 @@ void set_global(Name name, Handle value, Where where)
     check(PyDict_SetItem(module_names, name.ptr(), value.ptr()), where);
 }
 
-Object call_global(Name name, Arguments arguments, Where where)
-{
-    Object function = global(name, where);
-    return call(function, arguments, where);
-}
-
 Handle kept_builtin(Name name) { return borrow(PyDict_GetItemWithError(kept_builtins, name.ptr())); }
 
 void keep_builtins(std::initializer_list<Name> names)

@@ -22,7 +22,18 @@ Object global(Name name, Where where = Where::here());
 void set_global(Name name, Handle value, Where where = Where::here());
 
 // name(...)
-Object call_global(Name name, Arguments arguments, Where where = Where::here());
+template <std::size_t Count>
+Object call_global(Name name, const Argument (&arguments)[Count], Where where = Where::here())
+{
+    Object function = global(name, where);
+    return call(function, arguments, where);
+}
+
+inline Object call_global(Name name, NoArguments none, Where where = Where::here())
+{
+    Object function = global(name, where);
+    return call(function, none, where);
+}
 
 // A built-in that the module resolved once, when it started. Borrowed.
 Handle kept_builtin(Name name);

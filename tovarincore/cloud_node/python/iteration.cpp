@@ -70,7 +70,7 @@ void unpack_into(Handle sequence, Object* targets, Py_ssize_t count, Where where
         throw Raised{where};
 }
 
-void raise_from_generator(const Raised& raised, Where here)
+void raise_from_generator(const Raised& raised, WhereInFunction here)
 {
     Handling stopped(raised, here);
     Object message = steal(PyUnicode_FromString("generator raised StopIteration"));

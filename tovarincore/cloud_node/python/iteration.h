@@ -57,10 +57,10 @@ template <std::size_t Count> std::array<Object, Count> unpack(Handle sequence, W
 }
 
 // A StopIteration inside a generator expression reaches the caller as a RuntimeError.
-[[noreturn]] void raise_from_generator(const Raised& raised, Where here);
+[[noreturn]] void raise_from_generator(const Raised& raised, WhereInFunction here);
 
 // next((x for x in iterable if wanted(x)), None)
-template <class Wanted> Object first_match(Handle iterable, Wanted wanted, Where here = Where::here())
+template <class Wanted> Object first_match(Handle iterable, Wanted wanted, WhereInFunction here = WhereInFunction::here())
 {
     Each elements = each(iterable, here);
     try {

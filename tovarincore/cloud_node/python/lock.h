@@ -11,7 +11,7 @@ bool acquire(Handle lock, Where where = Where::here());
 
 // if lock.acquire(timeout=3): try: return body() finally: lock.release()   else: raise TimeoutError()
 // `read` is called once: the lock that was taken is the one that is released.
-template <class Read, class Body> Object holding_the(Read read, Body body, Where here = Where::here())
+template <class Read, class Body> Object holding_the(Read read, Body body, WhereInFunction here = WhereInFunction::here())
 {
     Object lock = read();
     if (!acquire(lock, here))
@@ -20,7 +20,7 @@ template <class Read, class Body> Object holding_the(Read read, Body body, Where
 }
 
 // The same for a lock that is an attribute of an object.
-template <class Body> Object holding(Handle owner, Name lock, Body body, Where here = Where::here())
+template <class Body> Object holding(Handle owner, Name lock, Body body, WhereInFunction here = WhereInFunction::here())
 {
     return holding_the([&] { return owner.get(lock, here); }, body, here);
 }

@@ -1,4 +1,4 @@
-// "name"_s: an interned Python string, made once when the module starts and kept for the life of the process.
+// "name"_s: an interned Python string, made at its first use and kept for the life of the process.
 #pragma once
 
 #include "attribute_cache.h"
@@ -7,26 +7,34 @@
 
 namespace py {
 
-// One per distinct literal. Constructed when the library is loaded, before the interpreter may be used; hence the list,
-// which intern_all() walks when the module starts.
+// What was found under one name of the source the last time.
+struct NameCaches {
+    AttributeCache attribute;
+    GlobalCache global;
+    PyObject* keyword_names = nullptr; // the tuple of the last call whose first keyword was this name; or null
+};
+
+// One per distinct literal, laid out by the compiler: loading the library runs no code for it.
 class NameSlot {
 public:
-    explicit NameSlot(const char* text) : text_(text), next_(first_) { first_ = this; }
+    constexpr NameSlot(const char* text, NameCaches& caches) : text_(text), caches_(&caches) {}
 
-    PyObject* ptr() const { return interned_; }
+    PyObject* ptr() const // throws Raised when the string cannot be made
+    {
+        if (interned_ == nullptr) [[unlikely]]
+            intern();
+        return interned_;
+    }
+
     const char* text() const { return text_; }
-    AttributeCache& cache() const { return cache_; }
-    GlobalCache& global_cache() const { return global_cache_; }
-
-    static void intern_all(); // throws Raised
+    NameCaches& caches() const { return *caches_; }
 
 private:
+    void intern() const;
+
     const char* text_;
-    NameSlot* next_;
-    PyObject* interned_ = nullptr;
-    mutable AttributeCache cache_;
-    mutable GlobalCache global_cache_;
-    static inline NameSlot* first_ = nullptr;
+    NameCaches* caches_;
+    mutable PyObject* interned_ = nullptr;
 };
 
 template <std::size_t N> struct NameText {
@@ -40,17 +48,19 @@ template <std::size_t N> struct NameText {
 };
 
 template <NameText Text> struct NameOf {
-    static inline NameSlot slot{Text.characters};
+    static inline constinit NameCaches caches{};
+    static inline constinit NameSlot slot{Text.characters, caches};
 };
 
-// A reference to an interned string; costs one load.
+// A reference to an interned string; costs one load and one comparison.
 class Name {
 public:
     constexpr Name(const NameSlot& slot) : slot_(&slot) {}
     PyObject* ptr() const { return slot_->ptr(); }
     const char* text() const { return slot_->text(); }
-    AttributeCache& cache() const { return slot_->cache(); } // for attributes of this name
-    GlobalCache& global_cache() const { return slot_->global_cache(); }
+    const NameSlot& slot() const { return *slot_; }
+    AttributeCache& cache() const { return slot_->caches().attribute; } // for attributes of this name
+    GlobalCache& global_cache() const { return slot_->caches().global; }
 
 private:
     const NameSlot* slot_;

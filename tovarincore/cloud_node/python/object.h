@@ -30,12 +30,13 @@ struct Raised {
 
 class Object;
 class Argument;
+using Arguments = std::initializer_list<Argument>;
+struct NoArguments {};
 
 // Drops the last reference to an object, or keeps it for drop_parked() while an error is unwinding the stack: its
 // finaliser must not run there, for a thread that is ended inside a destructor during that would abort the process.
 void drop_last_reference(PyObject* pointer);
 void drop_parked(); // called where an error has been caught
-using Arguments = std::initializer_list<Argument>;
 
 class Handle {
 public:
@@ -58,7 +59,9 @@ public:
     bool greater(Handle other, Where where = Where::here()) const;       // if self > other:
     bool is(Handle other) const { return pointer_ == other.pointer_; }
     bool is_none() const { return pointer_ == Py_None; }
-    Object call(Name method, Arguments arguments, Where where = Where::here()) const; // self.method(...)
+    Object call(Name method, NoArguments none, Where where = Where::here()) const; // self.method()
+    template <std::size_t Count>                                                   // self.method(...)
+    Object call(Name method, const Argument (&arguments)[Count], Where where = Where::here()) const;
 
 private:
     Object item_or_error(Handle key, Where where) const;
@@ -162,18 +165,67 @@ template <NameText Text> KeywordName operator""_k() { return {NameOf<Text>::slot
 class Argument {
 public:
     template <std::convertible_to<Handle> Value> Argument(const Value& value) : value_(Handle(value)) {}
-    Argument(const Keyword& keyword) : value_(keyword.value), name_(keyword.name.ptr()) {}
+    Argument(const Keyword& keyword) : value_(keyword.value), keyword_(&keyword.name.slot()) {}
     Argument(int) = delete;
 
     PyObject* value() const { return value_.ptr(); }
-    PyObject* name() const { return name_; }
+    const NameSlot* keyword() const { return keyword_; } // null: passed by position
 
 private:
     Handle value_;
-    PyObject* name_ = nullptr;
+    const NameSlot* keyword_ = nullptr;
 };
 
-Object call(Handle function, Arguments arguments, Where where = Where::here()); // function(...)
+Object keyword_names(const Argument* keywords, std::size_t count, Where where);
+
+// The arguments of one call as the vector call protocol wants them: a free slot in front, the values, those passed by
+// keyword last, and a tuple of their names.
+template <std::size_t Count> struct VectorCall {
+    PyObject* values[Count + 1];
+    std::size_t positional = 0;
+    Object names;
+
+    explicit VectorCall(const Argument (&arguments)[Count], Where where)
+    {
+        for (std::size_t i = 0; i < Count; ++i) {
+            values[i + 1] = arguments[i].value();
+            positional += arguments[i].keyword() == nullptr;
+        }
+        if (positional < Count)
+            names = keyword_names(arguments + positional, Count - positional, where);
+    }
+};
+
+// The calls themselves; `values` begins with the free slot.
+Object call_prepared(Handle function, PyObject** values, std::size_t positional, Handle names, Where where);
+Object call_method_prepared(Handle self, Name method, PyObject** values, std::size_t positional, Handle names,
+                            Where where);
+
+template <std::size_t Count> // function(...)
+Object call(Handle function, const Argument (&arguments)[Count], Where where = Where::here())
+{
+    VectorCall<Count> prepared(arguments, where);
+    return call_prepared(function, prepared.values, prepared.positional, prepared.names, where);
+}
+
+inline Object call(Handle function, NoArguments, Where where = Where::here()) // function()
+{
+    PyObject* free_slot = nullptr;
+    return call_prepared(function, &free_slot, 0, Handle(), where);
+}
+
+template <std::size_t Count>
+Object Handle::call(Name method, const Argument (&arguments)[Count], Where where) const
+{
+    VectorCall<Count> prepared(arguments, where);
+    return call_method_prepared(*this, method, prepared.values, prepared.positional, prepared.names, where);
+}
+
+inline Object Handle::call(Name method, NoArguments, Where where) const
+{
+    PyObject* free_slot = nullptr;
+    return call_method_prepared(*this, method, &free_slot, 0, Handle(), where);
+}
 
 inline Object none() { return Object(borrow(Py_None)); }
 inline Handle true_() { return borrow(Py_True); }

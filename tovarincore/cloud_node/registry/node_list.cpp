@@ -10,7 +10,7 @@ namespace {
 Object nodes_of(Handle self, Where where = Where::here()) { return self.get("_NodeManager__node_list"_s, where); }
 
 // A deep copy of the first node whose attribute equals the value, else None.
-Object find_node(Handle self, Name attribute, Handle value, Where here = Where::here())
+Object find_node(Handle self, Name attribute, Handle value, WhereInFunction here = WhereInFunction::here())
 {
     auto search = [&] {
         Object nodes = nodes_of(self, here);

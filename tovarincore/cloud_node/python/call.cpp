@@ -1,0 +1,93 @@
+// Calls, by the interpreter's vector call protocol.
+#include "function.h"
+#include "layout.h"
+#include "object.h"
+
+namespace py {
+
+namespace {
+
+bool are_names_of(PyObject* names, const Argument* keywords, std::size_t count)
+{
+    if (names == nullptr || static_cast<std::size_t>(PyTuple_GET_SIZE(names)) != count)
+        return false;
+    for (std::size_t i = 0; i < count; ++i)
+        if (PyTuple_GET_ITEM(names, static_cast<Py_ssize_t>(i)) != keywords[i].keyword()->ptr())
+            return false;
+    return true;
+}
+
+// A class whose instances come from object.__new__ and a Python __init__: what calling the class does is then done
+// here, without a tuple and a dictionary of the arguments in between. Null where it has to be the call of the class.
+PyObject* python_initialiser(PyObject* callable)
+{
+    if (!layout::known || !Py_IS_TYPE(callable, &PyType_Type))
+        return nullptr;
+    auto* type = reinterpret_cast<PyTypeObject*>(callable);
+    if (type->tp_new != PyBaseObject_Type.tp_new || PyType_HasFeature(type, Py_TPFLAGS_IS_ABSTRACT) ||
+        type->tp_init == PyBaseObject_Type.tp_init)
+        return nullptr;
+    PyObject* found = _PyType_Lookup(type, "__init__"_s.ptr());
+    return found != nullptr && PyFunction_Check(found) ? found : nullptr;
+}
+
+// class(...)
+Object construct(Handle callable, Handle initialiser, PyObject** values, std::size_t positional, Handle names,
+                 Where where)
+{
+    auto* type = reinterpret_cast<PyTypeObject*>(callable.ptr());
+    Object function(initialiser);
+    Object made = steal(type->tp_alloc(type, 0), where);
+    values[0] = made.ptr();
+    check(Py_EnterRecursiveCall(" while calling a Python object") == 0 ? 0 : -1, where);
+    Object result = adopt(PyObject_Vectorcall(function.ptr(), values, positional + 1, names.ptr()));
+    Py_LeaveRecursiveCall();
+    if (!result)
+        throw Raised{where};
+    if (!result.is_none()) {
+        PyErr_Format(PyExc_TypeError, "__init__() should return None, not '%.200s'", Py_TYPE(result.ptr())->tp_name);
+        throw Raised{where};
+    }
+    return made;
+}
+
+} // namespace
+
+// A call site passes the same names each time: the last tuple that began with the same name is kept.
+Object keyword_names(const Argument* keywords, std::size_t count, Where where)
+{
+    PyObject*& kept = keywords[0].keyword()->caches().keyword_names;
+    if (are_names_of(kept, keywords, count))
+        return Object(borrow(kept));
+    Object names = steal(PyTuple_New(static_cast<Py_ssize_t>(count)), where);
+    for (std::size_t i = 0; i < count; ++i)
+        PyTuple_SET_ITEM(names.ptr(), static_cast<Py_ssize_t>(i),
+                         Object(borrow(keywords[i].keyword()->ptr())).release());
+    PyObject* previous = std::exchange(kept, Object(names).release());
+    Py_XDECREF(previous);
+    return names;
+}
+
+Object call_prepared(Handle function, PyObject** values, std::size_t positional, Handle names, Where where)
+{
+    if (PyObject* initialiser = python_initialiser(function.ptr()))
+        return construct(function, borrow(initialiser), values, positional, names, where);
+    return steal(
+        PyObject_Vectorcall(function.ptr(), values + 1, positional | PY_VECTORCALL_ARGUMENTS_OFFSET, names.ptr()),
+        where);
+}
+
+Object call_method_prepared(Handle self, Name method, PyObject** values, std::size_t positional, Handle names,
+                            Where where)
+{
+    values[0] = self.ptr();
+    if (PyObject* function = method.cache().method(self.ptr(), method.ptr())) {
+        auto* call_it = is_own_function(function) ? call_own_function : PyObject_Vectorcall;
+        return steal(call_it(function, values, positional + 1, names.ptr()), where);
+    }
+    return steal(PyObject_VectorcallMethod(method.ptr(), values, (positional + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET,
+                                           names.ptr()),
+                 where);
+}
+
+} // namespace py
