@@ -23,16 +23,16 @@ Object hidden(Handle a) { return Object(a); }
 Object required(Handle) { return none(); }
 
 constexpr Method sample_methods[] = {
-    method<init>("__init__", {{"self"}, {"value", "int"}}, "None"),
-    method<echo>("echo", {{"self"}, {"a", "str"}, {"b", nullptr, Default::none}, {"c", "bool", Default::true_}},
+    method<init>("__init__"_s, {{"self"}, {"value", "int"}}, "None"),
+    method<echo>("echo"_s, {{"self"}, {"a", "str"}, {"b", nullptr, Default::none}, {"c", "bool", Default::true_}},
                  "Tuple[str, None, bool]", "Returns its arguments."),
-    method<fail>("fail", {{"self"}}),
-    method<recurse>("recurse", {{"self"}}),
-    static_method(method<hidden>("__hidden", {{"a"}})),
+    method<fail>("fail"_s, {{"self"}}),
+    method<recurse>("recurse"_s, {{"self"}}),
+    static_method(method<hidden>("__hidden"_s, {{"a"}})),
 };
 
 constexpr Method abstract_methods[] = {
-    abstract(method<required>("required", {{"self"}})),
+    abstract(method<required>("required"_s, {{"self"}})),
 };
 
 } // namespace

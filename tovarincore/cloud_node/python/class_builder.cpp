@@ -10,18 +10,18 @@ namespace py {
 namespace {
 
 // The name under which a class statement stores a method: private names are mangled with the class's name.
-Object stored_name(Handle name, const Method& method, const char* class_name)
+Object stored_name(const Method& method, const char* class_name)
 {
-    std::string_view text = method.name;
+    std::string_view text = method.name.text();
     if (text.starts_with("__") && !text.ends_with("__"))
-        return steal(PyUnicode_FromFormat("_%s%s", class_name, method.name));
-    return Object(name);
+        return steal(PyUnicode_FromFormat("_%s%s", class_name, method.name.text()));
+    return Object(method.name);
 }
 
 // The row's function, through the decorator as the module holds it.
-Object decorated(const Method& method, Handle name, const char* class_name)
+Object decorated(const Method& method, const char* class_name, Handle module_name)
 {
-    Object function = make_function(method, name, class_name);
+    Object function = make_function(method, class_name, module_name);
     switch (method.mark) {
     case Mark::abstract:
         return call_global("abstractmethod"_s, {function});
@@ -54,16 +54,16 @@ Object build_class(const ClassTable& table, Arguments bases_given, std::initiali
     Object bases = tuple(bases_given);
     Object metaclass = metaclass_of(bases);
     Object space = metaclass.call("__prepare__"_s, {name, bases});
-    space.set_item("__module__"_s, global("__name__"_s));
+    Object module_name = global("__name__"_s);
+    space.set_item("__module__"_s, module_name);
     space.set_item("__qualname__"_s, name);
     if (table.doc != nullptr)
         space.set_item("__doc__"_s, steal(PyUnicode_FromString(table.doc)));
     for (const Attribute& attribute : attributes)
         space.set_item(attribute.name, attribute.value);
     for (const Method& method : table.methods) {
-        Object method_name = steal(PyUnicode_InternFromString(method.name));
-        Object key = stored_name(method_name, method, table.name);
-        space.set_item(key, decorated(method, method_name, table.name));
+        Object key = stored_name(method, table.name);
+        space.set_item(key, decorated(method, table.name, module_name));
     }
     Object built = call(metaclass, {name, bases, space});
     check(PyDict_SetItem(module_dictionary().ptr(), name.ptr(), built.ptr()));

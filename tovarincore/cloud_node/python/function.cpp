@@ -323,16 +323,16 @@ PyObject* call_own_function(PyObject* callable, PyObject* const* arguments, std:
 
 void ready_function_type() { check(PyType_Ready(&function_type)); }
 
-Object make_function(const Method& method, Handle name, const char* class_name)
+Object make_function(const Method& method, const char* class_name, Handle module_name)
 {
-    Object module = global("__name__"_s);
+    Object name(method.name);
     auto* made = PyObject_GC_New(FunctionObject, &function_type);
     Object function = steal(reinterpret_cast<PyObject*>(made));
     made->vectorcall = call_own_function;
     made->method = &method;
     made->class_name = class_name;
-    made->name = Object(name).release();
-    made->module = module.release();
+    made->name = name.release();
+    made->module = Object(module_name).release();
     made->qualname = made->doc = made->defaults = made->annotations = nullptr;
     made->names = made->shape = made->attributes = made->weak_references = nullptr;
     PyObject_GC_Track(function.ptr());

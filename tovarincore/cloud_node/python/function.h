@@ -17,7 +17,7 @@ bool is_own_function(PyObject* object);
 PyObject* call_own_function(PyObject* function, PyObject* const* arguments, std::size_t flagged_count,
                             PyObject* keywords);
 
-// A function for one row of a class's table. `name` is the row's; `class_name` is the first half of its __qualname__.
-Object make_function(const Method& method, Handle name, const char* class_name);
+// A function for one row of a class's table. `class_name` is the first half of its __qualname__.
+Object make_function(const Method& method, const char* class_name, Handle module_name);
 
 } // namespace py

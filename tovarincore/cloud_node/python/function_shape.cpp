@@ -64,7 +64,7 @@ PyObject* parameter_names(FunctionObject* self)
 PyObject* qualified_name(FunctionObject* self)
 {
     if (self->qualname == nullptr)
-        self->qualname = PyUnicode_FromFormat("%s.%s", self->class_name, self->method->name);
+        self->qualname = PyUnicode_FromFormat("%s.%s", self->class_name, self->method->name.text());
     return self->qualname;
 }
 

@@ -65,8 +65,7 @@ void open_module(Handle module)
 {
     // Kept also when the import fails: a class of that attempt may live on, and reads its names here.
     module_names = Object(borrow(PyModule_GetDict(module.ptr()))).release();
-    Object builtins = steal(PyImport_ImportModule("builtins"));
-    builtin_names = PyModule_GetDict(builtins.ptr());
+    builtin_names = Object(borrow(PyEval_GetBuiltins())).release(); // those of the importing frame, as for any module
     kept_builtins = steal(PyDict_New()).release();
     genuine_isinstance = genuine_builtin("isinstance"_s).release();
     genuine_len = genuine_builtin("len"_s).release();

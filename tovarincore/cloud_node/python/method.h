@@ -26,7 +26,7 @@ enum class Mark : std::uint8_t { plain, abstract, static_ };
 struct Method {
     using Body = PyObject* (*)(const Method& method, PyObject* const* arguments);
 
-    const char* name;
+    Name name;
     std::array<Parameter, most_parameters> parameters;
     std::size_t count;
     const char* result; // annotation, null: none declared
@@ -43,7 +43,7 @@ template <class... Parameters> struct ArityOf<Object (*)(Parameters...)> {
 // Calls a C++ function of Handles with the arguments that the binding prepared.
 template <auto Function> PyObject* call_native(const Method& method, PyObject* const* arguments)
 {
-    return at_the_edge(method.name, [&] {
+    return at_the_edge(method.name.text(), [&] {
         return [&]<std::size_t... Index>(std::index_sequence<Index...>) {
             return Function(borrow(arguments[Index])...);
         }(std::make_index_sequence<ArityOf<decltype(Function)>::value>());
@@ -53,7 +53,7 @@ template <auto Function> PyObject* call_native(const Method& method, PyObject* c
 // A row; one whose parameter count differs from its C++ function's does not compile.
 template <auto Function, std::size_t Count>
     requires(Count == ArityOf<decltype(Function)>::value && Count <= most_parameters)
-consteval Method method(const char* name, const Parameter (&parameters)[Count], const char* result = nullptr,
+consteval Method method(Name name, const Parameter (&parameters)[Count], const char* result = nullptr,
                         const char* doc = nullptr)
 {
     Method row{name, {}, Count, result, doc, &call_native<Function>};

@@ -67,7 +67,7 @@ private:
 };
 
 inline namespace literals {
-template <NameText Text> Name operator""_s() { return NameOf<Text>::slot; }
+template <NameText Text> constexpr Name operator""_s() { return NameOf<Text>::slot; }
 } // namespace literals
 
 } // namespace py
