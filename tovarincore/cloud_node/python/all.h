@@ -9,6 +9,7 @@
 #include "imports.h"
 #include "iteration.h"
 #include "lock.h"
+#include "membership.h"
 #include "method.h"
 #include "object.h"
 #include "plain_scan.h"

@@ -27,7 +27,13 @@ Py_ssize_t index_of(PyObject* dict, PyObject* name)
 
 void AttributeCache::consider(PyObject* instance, PyObject* name)
 {
-    if (std::exchange(candidate_, Py_TYPE(instance)) == Py_TYPE(instance)) {
+    if constexpr (!layout::known)
+        return;
+    PyTypeObject* type = Py_TYPE(instance);
+    unsigned version = layout::version_of_type(type);
+    if (version != 0 && version == unfit_version_)
+        return;
+    if (std::exchange(candidate_, type) == type) {
         candidate_ = nullptr;
         learn(instance, name);
     }
@@ -42,8 +48,10 @@ void AttributeCache::learn(PyObject* instance, PyObject* name)
         return;
     PyObject* on_class = _PyType_Lookup(type, name);
     unsigned version = layout::version_of_type(type);
-    if (version == 0 || !gives_way(on_class))
+    if (version == 0 || !gives_way(on_class)) {
+        unfit_version_ = version;
         return;
+    }
     PyTypeObject* guard = changeable_type_of(on_class);
     if (guard != nullptr) {
         _PyType_Lookup(guard, name); // gives the type a version

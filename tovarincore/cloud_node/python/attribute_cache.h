@@ -29,52 +29,45 @@ struct PlainSlot {
 
 class AttributeCache {
 public:
-    // The value in the instance's own __dict__; borrowed. Null: look it up in the general way.
-    PyObject* instance_value(PyObject* instance, PyObject* name)
+    // The value in the instance's own __dict__; borrowed. Null: look it up in the general way, and consider() it.
+    PyObject* known_value(PyObject* instance) const
     {
         if constexpr (!layout::known)
             return nullptr;
-        if (knows(Py_TYPE(instance)) && place_ > 0) [[likely]] {
-            PyObject* dict = *layout::dict_slot(instance);
-            if (dict != nullptr && keys_.use_same_table(dict) && place_ <= PyDict_GET_SIZE(dict)) [[likely]]
-                return layout::shared_values(dict)[place_ - 1];
-        }
-        consider(instance, name);
-        return nullptr;
+        if (!knows(Py_TYPE(instance)) || place_ == 0) [[unlikely]]
+            return nullptr;
+        PyObject* dict = *layout::dict_slot(instance);
+        if (dict == nullptr || !keys_.use_same_table(dict) || place_ > PyDict_GET_SIZE(dict)) [[unlikely]]
+            return nullptr;
+        return layout::shared_values(dict)[place_ - 1];
     }
 
     // The function of the class, to be called with the instance as its first argument; borrowed. Null: as above.
-    PyObject* method(PyObject* instance, PyObject* name)
+    PyObject* known_method(PyObject* instance) const
     {
         if constexpr (!layout::known)
             return nullptr;
-        if (knows(Py_TYPE(instance)) && method_ != nullptr) [[likely]] {
-            PyObject* dict = Py_TYPE(instance)->tp_dictoffset == 0 ? nullptr : *layout::dict_slot(instance);
-            if (dict == nullptr || (place_ == 0 && keys_.cover(dict))) [[likely]]
-                return method_;
-        }
-        consider(instance, name);
-        return nullptr;
+        if (!knows(Py_TYPE(instance)) || method_ == nullptr) [[unlikely]]
+            return nullptr;
+        PyObject* dict = Py_TYPE(instance)->tp_dictoffset == 0 ? nullptr : *layout::dict_slot(instance);
+        return dict == nullptr || (place_ == 0 && keys_.cover(dict)) ? method_ : nullptr;
     }
 
     // Whether `instance.name = value` puts the value into the instance's __dict__, where the name already stands.
-    bool sets_instance_value(PyObject* instance, PyObject* name)
-    {
-        return instance_value(instance, name) != nullptr && settable_;
-    }
+    bool sets_known_value(PyObject* instance) const { return known_value(instance) != nullptr && settable_; }
 
     // The slot that the value of this instance lies in; without a type when the lookup has to be the interpreter's.
     PlainSlot slot(PyObject* instance, PyObject* name)
     {
-        if (instance_value(instance, name) == nullptr)
+        if (known_value(instance) == nullptr)
             learn(instance, name);
-        if (instance_value(instance, name) == nullptr)
+        if (known_value(instance) == nullptr)
             return {};
         return {type_, keys_.table(), place_ - 1};
     }
 
-    // Learns from this instance at once; otherwise a type is learnt when it comes twice running.
-    void learn(PyObject* instance, PyObject* name);
+    // What is not known yet is learnt from this instance when its type comes twice running.
+    void consider(PyObject* instance, PyObject* name);
 
 private:
     bool knows(PyTypeObject* type) const
@@ -84,11 +77,12 @@ private:
                 (Py_TYPE(on_class_) == guard_ && layout::version_of_type(guard_) == guard_version_));
     }
 
-    void consider(PyObject* instance, PyObject* name);
+    void learn(PyObject* instance, PyObject* name);
 
     PyTypeObject* type_ = nullptr;
     PyTypeObject* candidate_ = nullptr;
     unsigned version_ = 0;
+    unsigned unfit_version_ = 0;    // of a type whose instances do not keep the attribute plainly; not tried again
     PyObject* on_class_ = nullptr;  // what the class has under the name; lives as long as this version of the type
     PyTypeObject* guard_ = nullptr; // its type, where that may change or be exchanged
     unsigned guard_version_ = 0;

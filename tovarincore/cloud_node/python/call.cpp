@@ -81,10 +81,11 @@ Object call_method_prepared(Handle self, Name method, PyObject** values, std::si
                             Where where)
 {
     values[0] = self.ptr();
-    if (PyObject* function = method.cache().method(self.ptr(), method.ptr())) {
+    if (PyObject* function = method.cache().known_method(self.ptr())) {
         auto* call_it = is_own_function(function) ? call_own_function : PyObject_Vectorcall;
         return steal(call_it(function, values, positional + 1, names.ptr()), where);
     }
+    method.cache().consider(self.ptr(), method.ptr());
     return steal(PyObject_VectorcallMethod(method.ptr(), values, (positional + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET,
                                            names.ptr()),
                  where);

@@ -4,25 +4,32 @@
 #include "globals.h"
 #include "recursion.h"
 
+#include <algorithm>
 #include <structmember.h>
 
 namespace py {
 
 namespace {
 
-PyObject* default_value(const Parameter& parameter)
+// Borrowed; null for a required parameter.
+PyObject* default_in_row(const Parameter& parameter)
 {
-    switch (parameter.default_value) {
-    case Default::none:
-        return Py_None;
-    case Default::false_:
-        return Py_False;
-    case Default::true_:
-        return Py_True;
-    case Default::required:
-        break;
-    }
-    return nullptr;
+    static PyObject* const values[] = {nullptr, Py_None, Py_False, Py_True};
+    static_assert(static_cast<int>(Default::none) == 1 && static_cast<int>(Default::true_) == 3);
+    return values[static_cast<std::size_t>(parameter.default_value)];
+}
+
+// The same, or what a program has put in its place.
+PyObject* default_value(FunctionObject* self, std::size_t index)
+{
+    const Method& method = *self->method;
+    if (self->defaults == nullptr)
+        return default_in_row(method.parameters[index]);
+    if (self->defaults == Py_None)
+        return nullptr;
+    Py_ssize_t place = static_cast<Py_ssize_t>(index) - static_cast<Py_ssize_t>(method.count) +
+                       PyTuple_GET_SIZE(self->defaults);
+    return place < 0 ? nullptr : PyTuple_GET_ITEM(self->defaults, place);
 }
 
 enum class Binding { done, mismatch, failed };
@@ -45,32 +52,36 @@ Py_ssize_t find_parameter(FunctionObject* self, PyObject* keyword)
     return -1;
 }
 
-// Fills `bound` with borrowed references: positional arguments, keywords, defaults.
-Binding bind(FunctionObject* self, PyObject* const* arguments, std::size_t given, PyObject* keywords, PyObject** bound)
+// Puts the arguments passed by keyword into their places.
+Binding bind_keywords(FunctionObject* self, PyObject* const* arguments, PyObject* keywords, PyObject** bound)
 {
-    const Method& method = *self->method;
-    if (given > method.count)
-        return Binding::mismatch;
-    for (std::size_t i = 0; i < method.count; ++i)
-        bound[i] = i < given ? arguments[i] : nullptr;
-    Py_ssize_t keyword_count = keywords == nullptr ? 0 : PyTuple_GET_SIZE(keywords);
-    for (Py_ssize_t i = 0; i < keyword_count; ++i) {
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(keywords); ++i) {
         Py_ssize_t index = find_parameter(self, PyTuple_GET_ITEM(keywords, i));
         if (index == -2)
             return Binding::failed;
         if (index == -1 || bound[index] != nullptr)
             return Binding::mismatch;
-        bound[index] = arguments[given + static_cast<std::size_t>(i)];
+        bound[index] = arguments[i];
     }
-    Py_ssize_t replaced = self->defaults == nullptr || self->defaults == Py_None ? 0 : PyTuple_GET_SIZE(self->defaults);
-    for (std::size_t i = given; i < method.count; ++i) {
-        if (bound[i] != nullptr)
-            continue;
-        Py_ssize_t place = static_cast<Py_ssize_t>(i) - (static_cast<Py_ssize_t>(method.count) - replaced);
-        if (self->defaults == nullptr)
-            bound[i] = default_value(method.parameters[i]);
-        else if (place >= 0)
-            bound[i] = PyTuple_GET_ITEM(self->defaults, place);
+    return Binding::done;
+}
+
+// Fills `bound` with borrowed references: positional arguments, keywords, defaults.
+Binding bind(FunctionObject* self, PyObject* const* arguments, std::size_t given, PyObject* keywords, PyObject** bound)
+{
+    std::size_t count = self->method->count;
+    if (given > count)
+        return Binding::mismatch;
+    std::copy_n(arguments, given, bound);
+    if (keywords != nullptr) {
+        std::fill(bound + given, bound + count, nullptr);
+        Binding binding = bind_keywords(self, arguments + given, keywords, bound);
+        if (binding != Binding::done)
+            return binding;
+    }
+    for (std::size_t i = given; i < count; ++i) {
+        if (keywords == nullptr || bound[i] == nullptr)
+            bound[i] = default_value(self, i);
         if (bound[i] == nullptr)
             return Binding::mismatch;
     }
@@ -159,7 +170,7 @@ PyObject* get_defaults(PyObject* self, void*)
     if (function->defaults == nullptr) {
         const Method& method = *function->method;
         std::size_t first = 0;
-        while (first < method.count && default_value(method.parameters[first]) == nullptr)
+        while (first < method.count && default_in_row(method.parameters[first]) == nullptr)
             ++first;
         if (first == method.count)
             Py_RETURN_NONE;
@@ -168,7 +179,7 @@ PyObject* get_defaults(PyObject* self, void*)
             return nullptr;
         for (std::size_t i = first; i < method.count; ++i)
             PyTuple_SET_ITEM(made, static_cast<Py_ssize_t>(i - first),
-                             Object(borrow(default_value(method.parameters[i]))).release());
+                             Object(borrow(default_in_row(method.parameters[i]))).release());
         return made;
     }
     Py_INCREF(function->defaults);

@@ -32,6 +32,16 @@ inline PyObject** dict_slot(PyObject* instance)
 inline PyObject** shared_values(PyObject* dict) { return reinterpret_cast<PyDictObject*>(dict)->ma_values; }
 inline const void* key_table(PyObject* dict) { return reinterpret_cast<PyDictObject*>(dict)->ma_keys; }
 
+// How the dictionary finds a key: one function for as long as all its keys are texts, others later.
+inline const void* search_of(PyObject* dict)
+{
+    struct KeyTable { // the beginning of it
+        Py_ssize_t references, size;
+        const void* search;
+    };
+    return reinterpret_cast<const KeyTable*>(key_table(dict))->search;
+}
+
 // Counts levels of the recursion limit without a call into the interpreter for each.
 class Recursion {
 public:
@@ -69,6 +79,7 @@ inline unsigned version_of_type(PyTypeObject*) { return 0; }
 inline PyObject** dict_slot(PyObject*) { return nullptr; }
 inline PyObject** shared_values(PyObject*) { return nullptr; }
 inline const void* key_table(PyObject* dict) { return dict; }
+inline const void* search_of(PyObject* dict) { return dict; }
 
 class Recursion {
 public:

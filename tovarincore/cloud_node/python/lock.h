@@ -9,6 +9,9 @@ namespace py {
 // lock.acquire(timeout=3)        its truth
 bool acquire(Handle lock, Where where = Where::here());
 
+// lock.release()
+void release(Handle lock, Where where = Where::here());
+
 // if lock.acquire(timeout=3): try: return body() finally: lock.release()   else: raise TimeoutError()
 // `read` is called once: the lock that was taken is the one that is released.
 template <class Read, class Body> Object holding_the(Read read, Body body, WhereInFunction here = WhereInFunction::here())
@@ -16,7 +19,7 @@ template <class Read, class Body> Object holding_the(Read read, Body body, Where
     Object lock = read();
     if (!acquire(lock, here))
         raise(call_global("TimeoutError"_s, {}, here), here);
-    return try_finally(body, [&] { lock.call("release"_s, {}, here); }, here);
+    return try_finally(body, [&] { release(lock, here); }, here);
 }
 
 // The same for a lock that is an attribute of an object.

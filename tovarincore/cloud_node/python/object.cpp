@@ -32,17 +32,26 @@ bool Raised::matches(Handle error_class) const { return PyErr_ExceptionMatches(e
 
 Object Handle::get(Name name, Where where) const
 {
-    if (PyObject* value = name.cache().instance_value(pointer_, name.ptr()))
+    if (PyObject* value = name.cache().known_value(pointer_)) [[likely]]
         return Object(borrow(value));
+    return look_up(name, where);
+}
+
+// Apart from get(), which so needs no stack of its own.
+[[gnu::noinline]] Object Handle::look_up(Name name, Where where) const
+{
+    name.cache().consider(pointer_, name.ptr());
     return steal(PyObject_GetAttr(pointer_, name.ptr()), where);
 }
 
 void Handle::set(Name name, Handle value, Where where) const
 {
-    if (name.cache().sets_instance_value(pointer_, name.ptr()))
+    if (name.cache().sets_known_value(pointer_)) {
         check(PyDict_SetItem(*layout::dict_slot(pointer_), name.ptr(), value.ptr()), where);
-    else
+    } else {
+        name.cache().consider(pointer_, name.ptr());
         check(PyObject_SetAttr(pointer_, name.ptr(), value.ptr()), where);
+    }
 }
 
 Object Handle::item(Handle key, Where where) const

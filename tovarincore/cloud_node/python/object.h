@@ -64,6 +64,7 @@ public:
     Object call(Name method, const Argument (&arguments)[Count], Where where = Where::here()) const;
 
 private:
+    Object look_up(Name name, Where where) const;
     Object item_or_error(Handle key, Where where) const;
     bool compares_equal(Handle other, Where where) const;
     bool is_true(Where where) const;
@@ -202,7 +203,7 @@ Object call_method_prepared(Handle self, Name method, PyObject** values, std::si
                             Where where);
 
 template <std::size_t Count> // function(...)
-Object call(Handle function, const Argument (&arguments)[Count], Where where = Where::here())
+[[gnu::always_inline]] inline Object call(Handle function, const Argument (&arguments)[Count], Where where = Where::here())
 {
     VectorCall<Count> prepared(arguments, where);
     return call_prepared(function, prepared.values, prepared.positional, prepared.names, where);
@@ -215,7 +216,7 @@ inline Object call(Handle function, NoArguments, Where where = Where::here()) //
 }
 
 template <std::size_t Count>
-Object Handle::call(Name method, const Argument (&arguments)[Count], Where where) const
+[[gnu::always_inline]] inline Object Handle::call(Name method, const Argument (&arguments)[Count], Where where) const
 {
     VectorCall<Count> prepared(arguments, where);
     return call_method_prepared(*this, method, prepared.values, prepared.positional, prepared.names, where);
