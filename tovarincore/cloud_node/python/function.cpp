@@ -91,11 +91,29 @@ Binding bind(FunctionObject* self, PyObject* const* arguments, std::size_t given
 PyObject* run(FunctionObject* self, PyObject* const* arguments)
 {
     // A method that comes back to itself without a Python frame in between must end in RecursionError as well.
-    if (!enter_native_call())
+    NativeCall call;
+    if (!call.enter())
         return nullptr;
     PyObject* result = self->method->body(*self->method, arguments);
-    leave_native_call();
+    call.leave();
     return result;
+}
+
+// Apart from call_own_function(), whose shortest way so needs no room for arguments.
+[[gnu::noinline]] PyObject* bind_and_run(FunctionObject* self, PyObject* const* arguments, std::size_t flagged_count,
+                                         PyObject* keywords)
+{
+    PyObject* bound[most_parameters]; // borrowed, some from the defaults, which the call may replace
+    Object defaults(borrow(self->defaults));
+    switch (bind(self, arguments, static_cast<std::size_t>(PyVectorcall_NARGS(flagged_count)), keywords, bound)) {
+    case Binding::done:
+        return run(self, bound);
+    case Binding::mismatch:
+        return call_shape(self, arguments, flagged_count, keywords);
+    case Binding::failed:
+        break;
+    }
+    return nullptr;
 }
 
 PyObject* bind_to(PyObject* self, PyObject* instance, PyObject*)
@@ -319,17 +337,7 @@ PyObject* call_own_function(PyObject* callable, PyObject* const* arguments, std:
     auto given = static_cast<std::size_t>(PyVectorcall_NARGS(flagged_count));
     if (keywords == nullptr && given == self->method->count)
         return run(self, arguments);
-    PyObject* bound[most_parameters]; // borrowed, some from the defaults, which the call may replace
-    Object defaults(borrow(self->defaults));
-    switch (bind(self, arguments, given, keywords, bound)) {
-    case Binding::done:
-        return run(self, bound);
-    case Binding::mismatch:
-        return call_shape(self, arguments, flagged_count, keywords);
-    case Binding::failed:
-        break;
-    }
-    return nullptr;
+    return bind_and_run(self, arguments, flagged_count, keywords);
 }
 
 void ready_function_type() { check(PyType_Ready(&function_type)); }

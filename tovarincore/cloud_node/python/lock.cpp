@@ -79,10 +79,11 @@ bool acquire(Handle lock, Where where)
 {
     // Near the recursion limit acquire() itself would fail. It must fail here too: release(), called at the same depth,
     // would, and leave the lock taken for ever.
-    if (!enter_native_call())
+    NativeCall call;
+    if (!call.enter())
         throw Raised{where};
     bool taken = is_built_in(lock) && take_if_free(lock.ptr());
-    leave_native_call();
+    call.leave();
     if (taken)
         return true;
     return lock.call("acquire"_s, {"timeout"_k = number(3)}, where).truthy(where);
