@@ -44,6 +44,8 @@ class CoreConf:
     def __init__(self) -> None:
         self._lock = threading.RLock()
         self._settings: Settings | None = None
+        self.derived: dict[str, Any] = {}
+        """What :meth:`derive` has built so far, by name; another dictionary after :meth:`reload`."""
 
     @property
     def path(self) -> Path:
@@ -86,10 +88,11 @@ class CoreConf:
         :param name: what is built, one name per purpose
         :param build: called without arguments, by one thread at a time; what it raises is passed on
         """
-        derived = self._read().derived
+        derived = self.derived
         if name not in derived:
             with self._lock:
-                derived = self._read().derived
+                self._read()
+                derived = self.derived
                 if name not in derived:
                     derived[name] = build()
         value: T = derived[name]
@@ -99,6 +102,7 @@ class CoreConf:
         """Forget what was read: the next setting asked for reads the file and the environment anew."""
         with self._lock:
             self._settings = None
+            self.derived = {}
 
     def _read(self) -> Settings:
         settings = self._settings

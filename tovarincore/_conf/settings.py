@@ -20,13 +20,12 @@ class Settings:
     """What one reading of the configuration gave.
 
     ``values`` maps ``section__key`` to the value, ``worker_addresses`` a key of that section to host and
-    port, and ``derived`` keeps what other modules make of the settings while this reading is in force.
+    port.
     """
 
     def __init__(self, values: dict[str, Any], worker_addresses: dict[str, tuple[str, int]]) -> None:
         self.values = values
         self.worker_addresses = worker_addresses
-        self.derived: dict[str, Any] = {}
 
 
 def read_settings(path: Path) -> Settings:

@@ -38,7 +38,12 @@ class _InstanceTypeList:
     def __get__(
         self, instance: Optional["CloudInstances"], owner: type["CloudInstances"]
     ) -> list[CloudInstanceTypeDef]:
-        return core_conf_glbl.derive("instance types", _read_instance_types)
+        # A listing reads it for each instance: hence the short way first.
+        try:
+            known: list[CloudInstanceTypeDef] = core_conf_glbl.derived["instance types"]
+        except KeyError:
+            known = core_conf_glbl.derive("instance types", _read_instance_types)
+        return known
 
 
 class CloudInstances:

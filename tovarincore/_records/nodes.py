@@ -30,14 +30,20 @@ class NodeState(Enum):
             ``"Terminated"``
         :raises ValueError: any other text
         """
-        if text == "Pending":
-            return cls.STARTING
-        if text in _AWS_VALUES:
-            return cls(text)
-        raise ValueError(f"{text!r} is no EC2 instance state; allowed are Pending, {', '.join(_AWS_VALUES)}")
+        state = _BY_AWS_VALUE.get(text)
+        if state is None:
+            raise ValueError(f"{text!r} is no EC2 instance state; allowed are {', '.join(_BY_AWS_VALUE)}")
+        return state
 
 
-_AWS_VALUES = ("Running", "Stopping", "Stopped", "Shutting-down", "Terminated")
+_BY_AWS_VALUE = {
+    "Pending": NodeState.STARTING,
+    "Running": NodeState.RUNNING,
+    "Stopping": NodeState.STOPPING,
+    "Stopped": NodeState.STOPPED,
+    "Shutting-down": NodeState.SHUTTING_DOWN,
+    "Terminated": NodeState.TERMINATED,
+}
 
 
 @dataclass
