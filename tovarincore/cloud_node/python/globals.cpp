@@ -33,6 +33,14 @@ Handle find_global(Name name, Where where)
     return borrow(found);
 }
 
+// Its __class__ is its type: isinstance() asks for both.
+bool is_plainly_of_its_type(PyObject* object)
+{
+    PyObject* name = "__class__"_s.ptr();
+    return Py_TYPE(object)->tp_getattro == PyObject_GenericGetAttr &&
+           _PyType_Lookup(Py_TYPE(object), name) == _PyType_Lookup(&PyBaseObject_Type, name);
+}
+
 [[noreturn]] void raise_name_error(Name name, Where where)
 {
     PyErr_Format(PyExc_NameError, "name '%U' is not defined", name.ptr());
@@ -104,6 +112,8 @@ bool is_instance(Handle object, Handle type, Where where)
     Handle function = find_global("isinstance"_s, where);
     if (function.ptr() != genuine_isinstance) [[unlikely]]
         return call_global("isinstance"_s, {object, type}, where).truthy(where);
+    if (is_plainly_of_its_type(object.ptr()) && PyType_CheckExact(type.ptr()))
+        return PyType_IsSubtype(Py_TYPE(object.ptr()), reinterpret_cast<PyTypeObject*>(type.ptr())) != 0;
     int status = PyObject_IsInstance(object.ptr(), type.ptr());
     check(status, where);
     return status != 0;

@@ -42,6 +42,16 @@ inline const void* search_of(PyObject* dict)
     return reinterpret_cast<const KeyTable*>(key_table(dict))->search;
 }
 
+// What a static or class method wraps; borrowed, may be null.
+inline PyObject* wrapped_function(PyObject* method)
+{
+    struct Wrapper { // the beginning of it
+        PyObject_HEAD
+        PyObject* function;
+    };
+    return reinterpret_cast<Wrapper*>(method)->function;
+}
+
 // Counts levels of the recursion limit without a call into the interpreter for each.
 class Recursion {
 public:
@@ -80,6 +90,7 @@ inline PyObject** dict_slot(PyObject*) { return nullptr; }
 inline PyObject** shared_values(PyObject*) { return nullptr; }
 inline const void* key_table(PyObject* dict) { return dict; }
 inline const void* search_of(PyObject* dict) { return dict; }
+inline PyObject* wrapped_function(PyObject*) { return nullptr; }
 
 class Recursion {
 public:

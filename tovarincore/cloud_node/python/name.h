@@ -2,6 +2,7 @@
 #pragma once
 
 #include "attribute_cache.h"
+#include "class_attribute_cache.h"
 
 #include <cstddef>
 
@@ -10,6 +11,7 @@ namespace py {
 // What was found under one name of the source the last time.
 struct NameCaches {
     AttributeCache attribute;
+    ClassAttributeCache class_attribute;
     GlobalCache global;
     PyObject* keyword_names = nullptr; // the tuple of the last call whose first keyword was this name; or null
 };
@@ -60,6 +62,7 @@ public:
     const char* text() const { return slot_->text(); }
     const NameSlot& slot() const { return *slot_; }
     AttributeCache& cache() const { return slot_->caches().attribute; } // for attributes of this name
+    ClassAttributeCache& class_cache() const { return slot_->caches().class_attribute; } // the same, of a class
     GlobalCache& global_cache() const { return slot_->caches().global; }
 
 private:

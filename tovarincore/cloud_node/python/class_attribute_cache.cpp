@@ -1,0 +1,52 @@
+#include "class_attribute_cache.h"
+
+#include "object.h"
+
+namespace py {
+
+namespace {
+
+// Reading an attribute of the class is type.__getattribute__, and the metaclass has nothing under the name.
+bool is_read_as_usual(PyTypeObject* metaclass, PyObject* name)
+{
+    PyObject* reader = "__getattribute__"_s.ptr();
+    return _PyType_Lookup(metaclass, reader) == _PyType_Lookup(&PyType_Type, reader) &&
+           _PyType_Lookup(metaclass, name) == nullptr;
+}
+
+} // namespace
+
+void ClassAttributeCache::consider(PyObject* object, PyObject* name)
+{
+    if (!layout::known || !PyType_Check(object))
+        return;
+    auto* type = reinterpret_cast<PyTypeObject*>(object);
+    PyObject* found = _PyType_Lookup(type, name); // gives the class a version
+    unsigned version = layout::version_of_type(type);
+    if (found == nullptr || version == 0 || std::exchange(candidate_version_, version) != version)
+        return;
+    PyTypeObject* found_type = Py_TYPE(found);
+    if (found_type == &PyStaticMethod_Type)
+        kind_ = Kind::static_method;
+    else if (found_type == &PyClassMethod_Type)
+        kind_ = Kind::class_method;
+    else if (found_type->tp_descr_get == nullptr)
+        kind_ = Kind::value;
+    else
+        return;
+    PyTypeObject* metaclass = Py_TYPE(object);
+    if (!is_read_as_usual(metaclass, name))
+        return;
+    _PyType_Lookup(found_type, name); // gives it a version as well
+    if (layout::version_of_type(metaclass) == 0 || layout::version_of_type(found_type) == 0)
+        return;
+    class_ = type;
+    metaclass_ = metaclass;
+    found_ = found;
+    found_type_ = found_type;
+    version_ = version;
+    metaclass_version_ = layout::version_of_type(metaclass);
+    found_type_version_ = layout::version_of_type(found_type);
+}
+
+} // namespace py
