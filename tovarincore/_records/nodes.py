@@ -30,10 +30,11 @@ class NodeState(Enum):
             ``"Terminated"``
         :raises ValueError: any other text
         """
-        state = _BY_AWS_VALUE.get(text)
-        if state is None:
-            raise ValueError(f"{text!r} is no EC2 instance state; allowed are {', '.join(_BY_AWS_VALUE)}")
-        return state
+        try:
+            return _BY_AWS_VALUE[text]
+        except KeyError:
+            allowed = ", ".join(_BY_AWS_VALUE)
+            raise ValueError(f"{text!r} is no EC2 instance state; allowed are {allowed}") from None
 
 
 _BY_AWS_VALUE = {

@@ -17,7 +17,7 @@ public:
     explicit Level(Where where) { check(Py_EnterRecursiveCall(" while calling a Python object") == 0 ? 0 : -1, where); }
     ~Level() noexcept(false)
     {
-        if (!finalising()) // else a daemon thread is being ended, and has no state to count in any more
+        if (!layout::finalising()) // else a daemon thread is being ended, and has no state to count in any more
             Py_LeaveRecursiveCall();
     }
     Level(const Level&) = delete;

@@ -6,7 +6,7 @@ namespace py {
 
 PointerMemo::~PointerMemo() noexcept(false)
 {
-    if (finalising())
+    if (layout::finalising())
         return;
     for (std::size_t i = 0, size = std::size_t{1} << bits_; used_ > 0 && i < size; ++i)
         if (table_[i].original != nullptr) {

@@ -86,7 +86,7 @@ void Handling::raise_again()
 
 Handling::~Handling() noexcept(false)
 {
-    if (!restored_ && !finalising())
+    if (!restored_ && !layout::finalising())
         restore_previous();
 }
 

@@ -37,8 +37,8 @@ Handle find_global(Name name, Where where)
 bool is_plainly_of_its_type(PyObject* object)
 {
     PyObject* name = "__class__"_s.ptr();
-    return Py_TYPE(object)->tp_getattro == PyObject_GenericGetAttr &&
-           _PyType_Lookup(Py_TYPE(object), name) == _PyType_Lookup(&PyBaseObject_Type, name);
+    static PyObject* const usual = _PyType_Lookup(&PyBaseObject_Type, name);
+    return Py_TYPE(object)->tp_getattro == PyObject_GenericGetAttr && _PyType_Lookup(Py_TYPE(object), name) == usual;
 }
 
 [[noreturn]] void raise_name_error(Name name, Where where)
@@ -71,6 +71,7 @@ Object genuine_builtin(Name name)
 
 void open_module(Handle module)
 {
+    layout::open();
     // Kept also when the import fails: a class of that attempt may live on, and reads its names here.
     module_names = Object(borrow(PyModule_GetDict(module.ptr()))).release();
     builtin_names = Object(borrow(PyEval_GetBuiltins())).release(); // those of the importing frame, as for any module

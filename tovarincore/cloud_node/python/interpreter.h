@@ -7,9 +7,8 @@
 
 namespace py {
 
-// True once the interpreter winds down. A daemon thread is then ended by unwinding our frames without the GIL,
-// so no destructor may touch an object any more.
-inline bool finalising()
+// True once the interpreter winds down.
+inline bool is_finalising()
 {
 #if PY_VERSION_HEX >= 0x030D0000
     return Py_IsFinalizing() != 0;

@@ -2,18 +2,11 @@
 
 namespace py {
 
-Each::Position& Each::Position::operator++()
+void Each::Position::fetch()
 {
-    if (index_ >= 0) {
-        bool more = index_ < PyList_GET_SIZE(source_.ptr());
-        current_ = more ? Object(borrow(PyList_GET_ITEM(source_.ptr(), index_))) : Object();
-        index_ = more ? index_ + 1 : PY_SSIZE_T_MAX; // a list that grows afterwards does not start it again
-        return *this;
-    }
     current_ = adopt(PyIter_Next(source_.ptr()));
     if (!current_ && PyErr_Occurred())
         throw Raised{where_};
-    return *this;
 }
 
 Each each(Handle iterable, Where where) { return each_from(0, iterable, where); }

@@ -19,17 +19,36 @@ public:
     public:
         Position(Handle source, Py_ssize_t index, Where where) : source_(source), index_(index), where_(where)
         {
-            ++*this;
+            if (index_ < 0)
+                fetch();
         }
-        Object operator*() { return std::move(current_); }
-        Position& operator++();
-        bool operator!=(End) const { return static_cast<bool>(current_); }
+
+        Object operator*()
+        {
+            return index_ >= 0 ? Object(borrow(PyList_GET_ITEM(source_.ptr(), index_))) : std::move(current_);
+        }
+
+        Position& operator++()
+        {
+            if (index_ >= 0)
+                ++index_;
+            else
+                fetch();
+            return *this;
+        }
+
+        bool operator!=(End) const
+        {
+            return index_ >= 0 ? index_ < PyList_GET_SIZE(source_.ptr()) : static_cast<bool>(current_);
+        }
 
     private:
+        void fetch(); // the iterator's next element
+
         Handle source_; // a list, or an iterator where index_ is negative
         Py_ssize_t index_;
         Where where_;
-        Object current_;
+        Object current_; // of an iterator
     };
 
     Position begin() const { return {source_, start_, where_}; }

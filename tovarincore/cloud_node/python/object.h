@@ -92,7 +92,8 @@ public:
     // May run Python code, in which a daemon thread can be ended by unwinding: hence noexcept(false).
     ~Object() noexcept(false)
     {
-        if (pointer_ == nullptr || finalising())
+        // A daemon thread is ended by unwinding its frames without the GIL: objects must not be touched then.
+        if (pointer_ == nullptr || layout::finalising())
             return;
         if (Py_REFCNT(pointer_) > 1) [[likely]]
             Py_DECREF(pointer_);
