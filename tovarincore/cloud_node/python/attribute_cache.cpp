@@ -33,6 +33,10 @@ void AttributeCache::consider(PyObject* instance, PyObject* name)
     unsigned version = layout::version_of_type(type);
     if (version != 0 && version == unfit_version_)
         return;
+    if (passed_over_ > 0) {
+        --passed_over_;
+        return;
+    }
     if (std::exchange(candidate_, type) == type) {
         candidate_ = nullptr;
         learn(instance, name);
@@ -59,8 +63,10 @@ void AttributeCache::learn(PyObject* instance, PyObject* name)
             return;
     }
     PyObject* dict = type->tp_dictoffset == 0 ? nullptr : *layout::dict_slot(instance);
-    if (dict != nullptr && (!PyDict_CheckExact(dict) || layout::shared_values(dict) == nullptr))
+    if (dict != nullptr && (!PyDict_CheckExact(dict) || layout::shared_values(dict) == nullptr)) {
+        passed_over_ = 63; // mostly those beside it are of the same kind
         return;
+    }
     Py_ssize_t index = -1;
     if (dict == nullptr) {
         keys_.forget();

@@ -86,6 +86,7 @@ private:
     PyObject* on_class_ = nullptr;  // what the class has under the name; lives as long as this version of the type
     PyTypeObject* guard_ = nullptr; // its type, where that may change or be exchanged
     unsigned guard_version_ = 0;
+    unsigned char passed_over_ = 0; // how many instances are still not tried, after one that taught nothing
     bool settable_ = false;
     Py_ssize_t place_ = 0;       // of the name in the key table, from 1; 0: it is not among the table's known keys
     PyObject* method_ = nullptr; // lives as long as this version of the type

@@ -85,10 +85,13 @@ Object call_method_prepared(Handle self, Name method, PyObject** values, std::si
         auto* call_it = is_own_function(function) ? call_own_function : PyObject_Vectorcall;
         return steal(call_it(function, values, positional + 1, names.ptr()), where);
     }
-    if (PyObject* function = method.class_cache().known_method(self.ptr()))
-        return steal(PyObject_Vectorcall(function, values, positional + 1, names.ptr()), where);
-    method.cache().consider(self.ptr(), method.ptr());
-    method.class_cache().consider(self.ptr(), method.ptr());
+    if (PyType_Check(self.ptr())) {
+        if (PyObject* function = method.class_cache().known_method(self.ptr()))
+            return steal(PyObject_Vectorcall(function, values, positional + 1, names.ptr()), where);
+        method.class_cache().consider(self.ptr(), method.ptr());
+    } else {
+        method.cache().consider(self.ptr(), method.ptr());
+    }
     return steal(PyObject_VectorcallMethod(method.ptr(), values, (positional + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET,
                                            names.ptr()),
                  where);

@@ -18,7 +18,7 @@ bool is_read_as_usual(PyTypeObject* metaclass, PyObject* name)
 
 void ClassAttributeCache::consider(PyObject* object, PyObject* name)
 {
-    if (!layout::known || !PyType_Check(object))
+    if constexpr (!layout::known)
         return;
     auto* type = reinterpret_cast<PyTypeObject*>(object);
     PyObject* found = _PyType_Lookup(type, name); // gives the class a version

@@ -25,7 +25,7 @@ public:
         return function != nullptr && PyFunction_Check(function) ? function : nullptr;
     }
 
-    // Learns from a class that comes twice running.
+    // Learns from a class that comes twice running; for class objects only.
     void consider(PyObject* object, PyObject* name);
 
 private:

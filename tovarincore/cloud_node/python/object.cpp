@@ -40,10 +40,13 @@ Object Handle::get(Name name, Where where) const
 // Apart from get(), which so needs no stack of its own.
 [[gnu::noinline]] Object Handle::look_up(Name name, Where where) const
 {
-    if (PyObject* value = name.class_cache().known_value(pointer_))
-        return Object(borrow(value));
-    name.cache().consider(pointer_, name.ptr());
-    name.class_cache().consider(pointer_, name.ptr());
+    if (PyType_Check(pointer_)) {
+        if (PyObject* value = name.class_cache().known_value(pointer_))
+            return Object(borrow(value));
+        name.class_cache().consider(pointer_, name.ptr());
+    } else {
+        name.cache().consider(pointer_, name.ptr());
+    }
     return steal(PyObject_GetAttr(pointer_, name.ptr()), where);
 }
 
