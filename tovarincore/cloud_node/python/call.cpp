@@ -56,7 +56,7 @@ Object construct(Handle callable, Handle initialiser, PyObject** values, std::si
 // A call site passes the same names each time: the last tuple that began with the same name is kept.
 Object keyword_names(const Argument* keywords, std::size_t count, Where where)
 {
-    PyObject*& kept = keywords[0].keyword()->caches().keyword_names;
+    PyObject*& kept = keywords[0].keyword()->own_caches().keyword_names;
     if (are_names_of(kept, keywords, count))
         return Object(borrow(kept));
     Object names = steal(PyTuple_New(static_cast<Py_ssize_t>(count)), where);
@@ -81,16 +81,16 @@ Object call_method_prepared(Handle self, Name method, PyObject** values, std::si
                             Where where)
 {
     values[0] = self.ptr();
-    if (PyObject* function = method.cache().known_method(self.ptr())) {
+    if (PyObject* function = method.caches().attribute.known_method(self.ptr())) {
         auto* call_it = is_own_function(function) ? call_own_function : PyObject_Vectorcall;
         return steal(call_it(function, values, positional + 1, names.ptr()), where);
     }
     if (PyType_Check(self.ptr())) {
-        if (PyObject* function = method.class_cache().known_method(self.ptr()))
+        if (PyObject* function = method.caches().class_attribute.known_method(self.ptr()))
             return steal(PyObject_Vectorcall(function, values, positional + 1, names.ptr()), where);
-        method.class_cache().consider(self.ptr(), method.ptr());
+        method.own_caches().class_attribute.consider(self.ptr(), method.ptr());
     } else {
-        method.cache().consider(self.ptr(), method.ptr());
+        method.own_caches().attribute.consider(self.ptr(), method.ptr());
     }
     return steal(PyObject_VectorcallMethod(method.ptr(), values, (positional + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET,
                                            names.ptr()),

@@ -20,7 +20,7 @@ PyObject *genuine_isinstance = nullptr, *genuine_len = nullptr;
 // A borrowed value, or an empty Handle when the name is unknown.
 Handle find_global(Name name, Where where)
 {
-    GlobalCache& cache = name.global_cache();
+    const GlobalCache& cache = name.caches().global;
     if (layout::known && cache.value != nullptr && cache.module_version == layout::version_of_dict(module_names) &&
         cache.builtins_version == layout::version_of_dict(builtin_names)) [[likely]]
         return borrow(cache.value);
@@ -29,7 +29,7 @@ Handle find_global(Name name, Where where)
         found = PyDict_GetItemWithError(builtin_names, name.ptr());
     if (found == nullptr && PyErr_Occurred())
         throw Raised{where};
-    cache = {layout::version_of_dict(module_names), layout::version_of_dict(builtin_names), found};
+    name.own_caches().global = {layout::version_of_dict(module_names), layout::version_of_dict(builtin_names), found};
     return borrow(found);
 }
 

@@ -16,10 +16,13 @@ struct NameCaches {
     PyObject* keyword_names = nullptr; // the tuple of the last call whose first keyword was this name; or null
 };
 
+// What is known of a name that was not looked up yet.
+inline constinit NameCaches nothing_known{};
+
 // One per distinct literal, laid out by the compiler: loading the library runs no code for it.
 class NameSlot {
 public:
-    constexpr NameSlot(const char* text, NameCaches& caches) : text_(text), caches_(&caches) {}
+    explicit constexpr NameSlot(const char* text) : text_(text) {}
 
     PyObject* ptr() const // throws Raised when the string cannot be made
     {
@@ -29,14 +32,15 @@ public:
     }
 
     const char* text() const { return text_; }
-    NameCaches& caches() const { return *caches_; }
+    const NameCaches& caches() const { return *caches_; }
+    NameCaches& own_caches() const; // to be written to; throws Raised
 
 private:
     void intern() const;
 
     const char* text_;
-    NameCaches* caches_;
     mutable PyObject* interned_ = nullptr;
+    mutable NameCaches* caches_ = &nothing_known; // most names are never looked up a second time
 };
 
 template <std::size_t N> struct NameText {
@@ -50,8 +54,7 @@ template <std::size_t N> struct NameText {
 };
 
 template <NameText Text> struct NameOf {
-    static inline constinit NameCaches caches{};
-    static inline constinit NameSlot slot{Text.characters, caches};
+    static inline constinit NameSlot slot{Text.characters};
 };
 
 // A reference to an interned string; costs one load and one comparison.
@@ -61,9 +64,8 @@ public:
     PyObject* ptr() const { return slot_->ptr(); }
     const char* text() const { return slot_->text(); }
     const NameSlot& slot() const { return *slot_; }
-    AttributeCache& cache() const { return slot_->caches().attribute; } // for attributes of this name
-    ClassAttributeCache& class_cache() const { return slot_->caches().class_attribute; } // the same, of a class
-    GlobalCache& global_cache() const { return slot_->caches().global; }
+    const NameCaches& caches() const { return slot_->caches(); }
+    NameCaches& own_caches() const { return slot_->own_caches(); }
 
 private:
     const NameSlot* slot_;

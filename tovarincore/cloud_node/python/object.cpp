@@ -1,9 +1,23 @@
 #include "object.h"
 
 #include <exception>
+#include <new>
 #include <vector>
 
 namespace py {
+
+NameCaches& NameSlot::own_caches() const
+{
+    if (caches_ == &nothing_known) {
+        auto* made = new (std::nothrow) NameCaches{}; // kept for the life of the process, as the string is
+        if (made == nullptr) {
+            PyErr_NoMemory();
+            throw Raised{Where::here()};
+        }
+        caches_ = made;
+    }
+    return *caches_;
+}
 
 void NameSlot::intern() const { interned_ = steal(PyUnicode_InternFromString(text_)).release(); }
 
@@ -32,7 +46,7 @@ bool Raised::matches(Handle error_class) const { return PyErr_ExceptionMatches(e
 
 Object Handle::get(Name name, Where where) const
 {
-    if (PyObject* value = name.cache().known_value(pointer_)) [[likely]]
+    if (PyObject* value = name.caches().attribute.known_value(pointer_)) [[likely]]
         return Object(borrow(value));
     return look_up(name, where);
 }
@@ -41,21 +55,21 @@ Object Handle::get(Name name, Where where) const
 [[gnu::noinline]] Object Handle::look_up(Name name, Where where) const
 {
     if (PyType_Check(pointer_)) {
-        if (PyObject* value = name.class_cache().known_value(pointer_))
+        if (PyObject* value = name.caches().class_attribute.known_value(pointer_))
             return Object(borrow(value));
-        name.class_cache().consider(pointer_, name.ptr());
+        name.own_caches().class_attribute.consider(pointer_, name.ptr());
     } else {
-        name.cache().consider(pointer_, name.ptr());
+        name.own_caches().attribute.consider(pointer_, name.ptr());
     }
     return steal(PyObject_GetAttr(pointer_, name.ptr()), where);
 }
 
 void Handle::set(Name name, Handle value, Where where) const
 {
-    if (name.cache().sets_known_value(pointer_)) {
+    if (name.caches().attribute.sets_known_value(pointer_)) {
         check(PyDict_SetItem(*layout::dict_slot(pointer_), name.ptr(), value.ptr()), where);
     } else {
-        name.cache().consider(pointer_, name.ptr());
+        name.own_caches().attribute.consider(pointer_, name.ptr());
         check(PyObject_SetAttr(pointer_, name.ptr(), value.ptr()), where);
     }
 }

@@ -17,7 +17,7 @@ public:
     {
         PyObject* found = slot_.value(element);
         if (found == nullptr) [[unlikely]] {
-            slot_ = name_.cache().slot(element, name_.ptr());
+            slot_ = name_.own_caches().attribute.slot(element, name_.ptr());
             found = slot_.value(element);
         }
         return found;
