@@ -10,6 +10,7 @@ import subprocess
 import sys
 import tempfile
 from collections.abc import Sequence
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 from benchmarks.measuring import Result, loops_for, timer
@@ -32,6 +33,7 @@ def count_one_side(side: str, scenarios: Sequence[Scenario]) -> None:
             loops = 0
             control("-z")
         else:
+            print(f"counting {side}: {scenario.name}", file=sys.stderr, flush=True)
             made = timer(scenario, side)
             made.timeit(WARM_UP)
             loops = max(LOOPS, min(2_000, loops_for(made)))
@@ -47,9 +49,9 @@ def counted(side: str, pattern: str) -> list[float]:
         raise SystemExit("counting instructions needs valgrind: install Debian's package valgrind")
     with tempfile.TemporaryDirectory() as folder:
         output = Path(folder) / "counts"
-        command = ["valgrind", "--tool=callgrind", "--instr-atstart=no", f"--callgrind-out-file={output}"]
+        command = ["valgrind", "-q", "--tool=callgrind", "--instr-atstart=no", f"--callgrind-out-file={output}"]
         program = [sys.executable, "-m", "benchmarks", "--count-side", side, pattern]
-        done = subprocess.run(command + program, capture_output=True, text=True, check=True)
+        done = subprocess.run(command + program, stdout=subprocess.PIPE, text=True, check=True)
         loops = [int(line) for line in done.stdout.split()]
         totals = []
         for part in range(1, len(loops) + 1):
@@ -61,8 +63,9 @@ def counted(side: str, pattern: str) -> list[float]:
 
 
 def measure(scenarios: Sequence[Scenario], pattern: str) -> list[Result]:
-    """Both sides."""
-    twin, ours = counted("twin", pattern), counted("ours", pattern)
+    """Both sides, beside each other: what else runs does not count."""
+    with ThreadPoolExecutor() as pool:
+        twin, ours = pool.map(counted, ("twin", "ours"), (pattern, pattern))
     return [
         Result(scenario.name, scenario.goal, *counts)
         for scenario, *counts in zip(scenarios, twin, ours, strict=True)

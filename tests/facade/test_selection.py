@@ -237,6 +237,83 @@ def test_the_cache_methods_look_up_and_replace(facade: Any) -> None:
     assert facade._node_manager_hashset == {"local:local": "second"}
 
 
+class LoggedText(str):
+    """A key that tells when it is hashed or compared."""
+
+    seen: list[str]
+
+    def __hash__(self) -> int:
+        self.seen.append("hash")
+        return super().__hash__()
+
+    def __eq__(self, other: object) -> bool:
+        self.seen.append("compare")
+        return super().__eq__(other)
+
+
+def test_the_key_is_looked_for_twice(facade: Any) -> None:
+    """Once for whether it is there, once for the provider; its own methods are called each time."""
+    key = LoggedText("local:local")
+    key.seen = []
+    facade._node_manager_hashset["local:local"] = "provider"
+    assert facade._get_cached_node_manager(SimpleNamespace(hash_key=key)) == "provider"
+    assert key.seen == ["hash", "compare", "hash", "compare"]
+
+
+def test_a_key_in_the_cache_is_compared_twice(facade: Any) -> None:
+    """A plain text may meet a key with methods of its own."""
+    key = LoggedText("local:local")
+    key.seen = []
+    facade._node_manager_hashset = {key: "provider"}
+    key.seen.clear()
+    for _ in range(3):
+        assert facade._get_cached_node_manager(LOCAL) == "provider"
+    assert key.seen == ["compare"] * 6
+
+
+class ChangingRegion:
+    """A region that does something while its key is read for the second time."""
+
+    def __init__(self, change: Callable[[], str | None]) -> None:
+        self.change = change
+        self.reads = 0
+
+    @property
+    def hash_key(self) -> str:
+        self.reads += 1
+        return self.change() or KEY if self.reads == 2 else KEY
+
+
+KEY = "a:key"
+
+
+@pytest.mark.parametrize("other_key", [False, True])
+@pytest.mark.parametrize("change", ["value", "cache", "gone", "larger", "none"])
+def test_what_happens_between_the_two_looks_counts(facade: Any, change: str, other_key: bool) -> None:
+    """The second look is by the key that is there then, into the cache that was read just before the key."""
+    cache = facade._node_manager_hashset = {KEY: "first"}
+
+    def between() -> str | None:
+        if change == "value":
+            cache[KEY] = "second"
+        elif change == "cache":
+            facade._node_manager_hashset = {KEY: "of another cache"}
+        elif change == "gone":
+            del cache[KEY]
+        elif change == "larger":
+            cache.update({str(number): str(number) for number in range(100)})
+        return "".join(["a:", "key"]) if other_key else None
+
+    region = ChangingRegion(between)
+    if change == "gone":
+        with pytest.raises(KeyError, match=KEY):
+            facade._get_cached_node_manager(region)
+    else:
+        assert facade._get_cached_node_manager(region) == cache[KEY]
+    assert region.reads == 2
+    assert facade._node_manager_hashset_lock.locked() is False
+
+
 def test_a_cached_provider_is_any_object_but_none(facade: Any, log: CallLog, classes: None) -> None:
     """A false one is a hit, None is made anew."""
     facade._node_manager_hashset[LOCAL.hash_key] = ""

@@ -19,6 +19,9 @@ assert [name for name, _ in seen].count("tovarincore.cloud_def") == 1, seen
 assert ("logging", None) in seen and ("abc", ("ABC", "abstractmethod")) in seen, seen
 from tovarincore.cloud_def import AWSCloudAuth, CloudRegion
 manager = cloud_node.AWSNodeManager(CloudRegion(name="r", cloud="AWS"), AWSCloudAuth(), "u")
+before = list(seen)
+assert manager.get_node_list() == [] and seen == before, seen
+assert not {"builtins", "_thread"} & {name for name, _ in seen}, seen
 try:
     manager._get_client()
 except ImportError as error:

@@ -27,6 +27,17 @@ Object set_item_at(Handle a, Handle index, Handle value)
 Object call_mixed(Handle f, Handle a, Handle b) { return call(f, {a, "second"_k = b, "third"_k = a}); }
 Object call_method(Handle o, Handle a, Handle b) { return o.call("method"_s, {a, "second"_k = b}); }
 Object in_braces(Handle f) { return list({call(f, {}), call(f, {}), call(f, {})}); }
+
+Object call_keywords(Handle f, Handle a, Handle b)
+{
+    Object results = list({});
+    append(results, call(f, {"first"_k = a}));
+    append(results, call(f, {"first"_k = a, "second"_k = b}));
+    append(results, call(f, {"first"_k = a, "third"_k = b}));
+    append(results, call(f, {a, "first"_k = b}));
+    return results;
+}
+
 Object dict_of(Handle f) { return dict({{"a"_s, call(f, {})}, {"b"_s, call(f, {})}}); }
 Object import_one(Handle) { return import_from("json"_s, "dumps"_s); }
 Object import_missing(Handle) { return import_from("json"_s, "no_such_name"_s); }
@@ -148,6 +159,7 @@ PyMethodDef verbs[] = {
     entry<set_item_at>("set_item_at"),
     entry<call_mixed>("call_mixed"),
     entry<call_method>("call_method"),
+    entry<call_keywords>("call_keywords"),
     entry<in_braces>("in_braces"),
     entry<dict_of>("dict_of"),
     entry<import_one>("import_one"),

@@ -209,3 +209,16 @@ def test_defaults_replaced_during_a_call_live_until_its_end():
         assert Sample(1).echo(**{Trap("a"): 1}) in ((1, ["b"], ["c"]), (1, None, True))
     finally:
         Sample.echo.__defaults__ = original
+
+
+def test_a_docstring_can_be_replaced_and_deleted():
+    """A deleted one reads as None, as a function's does."""
+    original = Sample.echo.__doc__
+    try:
+        Sample.echo.__doc__ = ["any", "object"]
+        assert Sample.echo.__doc__ == ["any", "object"]
+        del Sample.echo.__doc__
+        assert Sample.echo.__doc__ is None
+    finally:
+        Sample.echo.__doc__ = original
+    assert Sample.echo.__doc__ is original

@@ -97,3 +97,24 @@ def test_a_reentrant_lock_goes_by_its_own_methods() -> None:
     lock = threading.RLock()
     with lock:
         assert layer.with_lock(Owner(lock), lambda: "done") == "done"
+
+
+def test_a_lock_that_the_body_has_freed_cannot_be_released() -> None:
+    """As release() itself says; the body's result is lost."""
+    lock = threading.Lock()
+    with pytest.raises(RuntimeError, match="release unlocked lock"):
+        layer.with_lock(Owner(lock), lock.release)
+    assert lock.locked() is False
+
+
+def test_a_failing_body_that_freed_its_lock_is_the_context_of_the_failed_release() -> None:
+    """As in a finally clause."""
+    lock = threading.Lock()
+
+    def fail() -> None:
+        lock.release()
+        raise KeyError("body")
+
+    with pytest.raises(RuntimeError, match="release unlocked lock") as caught:
+        layer.with_lock(Owner(lock), fail)
+    assert isinstance(caught.value.__context__, KeyError)

@@ -255,3 +255,47 @@ def test_operations_leave_no_reference_behind():
     after = sys.getrefcount(value), sys.getrefcount(failing), sys.getrefcount(None)
     assert after[:2] == before[:2]
     assert sys.version_info >= (3, 12) or abs(after[2] - before[2]) < 50
+
+
+def test_isinstance_asks_for_the_class_that_an_object_claims():
+    """`__class__` as a property, from __getattribute__, and of a class with a check of its own."""
+
+    class Plain:
+        pass
+
+    class Claims:
+        __class__ = property(lambda self: Plain)  # type: ignore[assignment]
+
+    class Hooked:
+        def __getattribute__(self, name):
+            return Plain if name == "__class__" else object.__getattribute__(self, name)
+
+    class Checks(type):
+        def __instancecheck__(cls, instance):
+            return instance == 7
+
+    derived = type("Derived", (Plain,), {})
+    checked = Checks("Checked", (), {})
+    for _ in range(3):
+        for thing in (Plain(), derived(), Claims(), Hooked(), 7, Plain, derived):
+            for kind in (Plain, derived, int, object, type, checked, (int, Plain)):
+                assert layer.is_a(thing, kind) is isinstance(thing, kind), (thing, kind)
+    late = type("Late", (), {})()
+    assert layer.is_a(late, Plain) is False
+    late.__class__ = derived
+    assert layer.is_a(late, Plain) is True
+
+
+def test_calls_pass_keywords_whatever_was_called_before():
+    """Calls whose first keyword has the same name share a place for the names."""
+
+    def given(*positional, **named):
+        return positional, named
+
+    for _ in range(3):
+        assert layer.call_keywords(given, 1, 2) == [
+            ((), {"first": 1}),
+            ((), {"first": 1, "second": 2}),
+            ((), {"first": 1, "third": 2}),
+            ((1,), {"first": 2}),
+        ]
