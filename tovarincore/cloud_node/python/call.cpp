@@ -81,13 +81,17 @@ Object call_method_prepared(Handle self, Name method, PyObject** values, std::si
                             Where where)
 {
     values[0] = self.ptr();
-    if (PyObject* function = method.caches().attribute.known_method(self.ptr())) {
-        auto* call_it = is_own_function(function) ? call_own_function : PyObject_Vectorcall;
-        return steal(call_it(function, values, positional + 1, names.ptr()), where);
+    if (PyObject* found = method.caches().attribute.known_method(self.ptr())) {
+        if (is_own_function(found)) // its row, which the call uses, is there for ever
+            return steal(call_own_function(found, values, positional + 1, names.ptr()), where);
+        Object function(borrow(found)); // the class may give it up during the call
+        return steal(PyObject_Vectorcall(function.ptr(), values, positional + 1, names.ptr()), where);
     }
     if (PyType_Check(self.ptr())) {
-        if (PyObject* function = method.caches().class_attribute.known_method(self.ptr()))
-            return steal(PyObject_Vectorcall(function, values, positional + 1, names.ptr()), where);
+        if (PyObject* found = method.caches().class_attribute.known_method(self.ptr())) {
+            Object function(borrow(found));
+            return steal(PyObject_Vectorcall(function.ptr(), values, positional + 1, names.ptr()), where);
+        }
         method.own_caches().class_attribute.consider(self.ptr(), method.ptr());
     } else {
         method.own_caches().attribute.consider(self.ptr(), method.ptr());
