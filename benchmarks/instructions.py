@@ -49,7 +49,8 @@ def counted(side: str, pattern: str) -> list[float]:
         raise SystemExit("counting instructions needs valgrind: install Debian's package valgrind")
     with tempfile.TemporaryDirectory() as folder:
         output = Path(folder) / "counts"
-        command = ["valgrind", "-q", "--tool=callgrind", "--instr-atstart=no", f"--callgrind-out-file={output}"]
+        command = ["valgrind", "-q", "--tool=callgrind", "--instr-atstart=no"]
+        command.append(f"--callgrind-out-file={output}")
         program = [sys.executable, "-m", "benchmarks", "--count-side", side, pattern]
         done = subprocess.run(command + program, stdout=subprocess.PIPE, text=True, check=True)
         loops = [int(line) for line in done.stdout.split()]

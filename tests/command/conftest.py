@@ -75,12 +75,14 @@ def send_to_worker(pattern: str, port: int) -> None:
     core_conf_glbl.reload()
 
 
-def start_command(*arguments: str, module: str = "tovarincore") -> subprocess.Popen[str]:
+def start_command(
+    *arguments: str, module: str = "tovarincore", stdin: int = subprocess.DEVNULL
+) -> subprocess.Popen[str]:
     """Start the command as a process of its own in the test's surroundings, warnings being errors."""
     return subprocess.Popen(
         [sys.executable, "-W", "error", "-m", module, *arguments],
         env={**os.environ, "PYTHONPATH": str(ROOT)},
-        stdin=subprocess.DEVNULL,
+        stdin=stdin,
         stdout=subprocess.PIPE,
         stderr=subprocess.PIPE,
         text=True,

@@ -3,10 +3,12 @@
 from __future__ import annotations
 
 import json
+import signal
+import subprocess
 from collections.abc import Callable
 from typing import Any
 
-from tests.command.conftest import Run
+from tests.command.conftest import Run, finish, start_command
 from tests.servers.ec2 import Ec2World
 from tests.servers.fault import ec2_error
 
@@ -43,6 +45,20 @@ def test_terminate_asks_first(run: Run, ec2: Ec2World) -> None:
     assert agreed.exit_code == 0
     assert agreed.stderr.endswith(f"cold-1 ({instance_id}) is shutting down\n")
     assert state(ec2, instance_id) == "terminated"
+
+
+def test_ctrl_c_at_the_question_ends_nothing(ec2: Ec2World) -> None:
+    """The process says so and ends with 130, as wherever Ctrl-C is pressed."""
+    instance_id = ec2.run_instance("cold-1")
+    process = start_command("terminate", "us-east-1", "cold-1", stdin=subprocess.PIPE)
+    assert process.stderr is not None
+    asked = ""
+    while not asked.endswith("[y/N]: "):
+        asked += process.stderr.read(1)
+    process.send_signal(signal.SIGINT)
+    code, stdout, stderr = finish(process)
+    assert (code, stdout, stderr) == (130, "", "\nerror: interrupted: nothing was changed\n")
+    assert state(ec2, instance_id) == "running"
 
 
 def test_several_nodes_are_ended_at_once(run_json: Callable[..., Any], ec2: Ec2World) -> None:

@@ -136,8 +136,10 @@ def confirm(question: str, yes: bool) -> None:
         return
     try:
         agreed = click.confirm(printable(question), err=True)
-    except click.Abort:
+    except click.Abort as ended:
         click.echo(err=True)
+        if isinstance(ended.__context__, KeyboardInterrupt):
+            raise CommandFailure("interrupted: nothing was changed", code=ExitCode.INTERRUPTED) from None
         raise CommandFailure(
             "nobody answered the question; nothing was changed", "answer it in advance with --yes"
         ) from None

@@ -4,6 +4,7 @@ import sys
 import time
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
+from typing import Any
 
 import click
 
@@ -113,7 +114,23 @@ def _progress(invocation: Invocation) -> Iterator[Callable[[str, float], None]]:
         yield write
         return
     from rich.console import Console
-    from rich.text import Text
 
-    with Console(stderr=True).status(Text("looking at the node")) as status:
-        yield lambda reason, seconds: status.update(Text(f"{seconds:.0f} s  {reason}"))
+    line = _ProgressLine()
+    with Console(stderr=True).status(line):
+        yield line.show
+
+
+class _ProgressLine:
+    """Why the wait goes on, beside a clock that goes on between two looks at the node."""
+
+    def __init__(self) -> None:
+        self._reason = "looking at the node"
+        self._start = time.monotonic()
+
+    def show(self, reason: str, seconds: float) -> None:
+        self._reason, self._start = reason, time.monotonic() - seconds
+
+    def __rich__(self) -> Any:
+        from rich.text import Text
+
+        return Text(f"{time.monotonic() - self._start:.0f} s  {self._reason}")

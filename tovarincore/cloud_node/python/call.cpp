@@ -3,13 +3,15 @@
 #include "layout.h"
 #include "object.h"
 
+#include <utility>
+
 namespace py {
 
 namespace {
 
 bool are_names_of(PyObject* names, const Argument* keywords, std::size_t count)
 {
-    if (names == nullptr || static_cast<std::size_t>(PyTuple_GET_SIZE(names)) != count)
+    if (names == nullptr || std::cmp_not_equal(PyTuple_GET_SIZE(names), count))
         return false;
     for (std::size_t i = 0; i < count; ++i)
         if (PyTuple_GET_ITEM(names, static_cast<Py_ssize_t>(i)) != keywords[i].keyword()->ptr())
@@ -96,9 +98,9 @@ Object call_method_prepared(Handle self, Name method, PyObject** values, std::si
     } else {
         method.own_caches().attribute.consider(self.ptr(), method.ptr());
     }
-    return steal(PyObject_VectorcallMethod(method.ptr(), values, (positional + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET,
-                                           names.ptr()),
-                 where);
+    return steal(
+        PyObject_VectorcallMethod(method.ptr(), values, (positional + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET, names.ptr()),
+        where);
 }
 
 } // namespace py

@@ -60,7 +60,8 @@ private:
 
 // try: return body() finally: clause()
 // When both fail, the error of the clause travels on and carries the other as its context.
-template <class Body, class Clause> Object try_finally(Body body, Clause clause, WhereInFunction here = WhereInFunction::here())
+template <class Body, class Clause>
+Object try_finally(Body body, Clause clause, WhereInFunction here = WhereInFunction::here())
 {
     Object result;
     try {

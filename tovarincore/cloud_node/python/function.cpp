@@ -27,8 +27,8 @@ PyObject* default_value(FunctionObject* self, std::size_t index)
         return default_in_row(method.parameters[index]);
     if (self->defaults == Py_None)
         return nullptr;
-    Py_ssize_t place = static_cast<Py_ssize_t>(index) - static_cast<Py_ssize_t>(method.count) +
-                       PyTuple_GET_SIZE(self->defaults);
+    Py_ssize_t place =
+        static_cast<Py_ssize_t>(index) - static_cast<Py_ssize_t>(method.count) + PyTuple_GET_SIZE(self->defaults);
     return place < 0 ? nullptr : PyTuple_GET_ITEM(self->defaults, place);
 }
 
@@ -170,8 +170,8 @@ PyObject* get_doc(PyObject* self, void*)
 {
     auto* function = reinterpret_cast<FunctionObject*>(self);
     if (function->doc == nullptr)
-        function->doc = function->method->doc == nullptr ? new_reference(Py_None)
-                                                         : PyUnicode_FromString(function->method->doc);
+        function->doc =
+            function->method->doc == nullptr ? new_reference(Py_None) : PyUnicode_FromString(function->method->doc);
     return new_reference(function->doc);
 }
 
@@ -245,10 +245,7 @@ PyObject* get_code(PyObject* self, void*) { return function_code(reinterpret_cas
 
 PyObject* get_globals(PyObject*, void*) { return Object(module_dictionary()).release(); }
 
-PyObject* reduce(PyObject* self, PyObject*)
-{
-    return get_qualname(self, nullptr);
-}
+PyObject* reduce(PyObject* self, PyObject*) { return get_qualname(self, nullptr); }
 
 template <class Visit> int each_reference(FunctionObject* self, Visit visit)
 {

@@ -11,7 +11,7 @@ struct FunctionObject {
     const Method* method;
     const char* class_name; // the first half of __qualname__
     PyObject* name;
-    PyObject* qualname;    // null: not asked for yet
+    PyObject* qualname; // null: not asked for yet
     PyObject* module;
     PyObject* doc;         // null: not asked for yet
     PyObject* defaults;    // null: those of the row

@@ -79,7 +79,8 @@ template <std::size_t Count> std::array<Object, Count> unpack(Handle sequence, W
 [[noreturn]] void raise_from_generator(const Raised& raised, WhereInFunction here);
 
 // next((x for x in iterable if wanted(x)), None)
-template <class Wanted> Object first_match(Handle iterable, Wanted wanted, WhereInFunction here = WhereInFunction::here())
+template <class Wanted>
+Object first_match(Handle iterable, Wanted wanted, WhereInFunction here = WhereInFunction::here())
 {
     Each elements = each(iterable, here);
     try {

@@ -86,7 +86,7 @@ struct Runtime {
                finalising == nullptr && !is_finalising();
     }
 };
-extern "C" Runtime _PyRuntime;
+extern "C" Runtime _PyRuntime; // NOLINT(bugprone-reserved-identifier)
 inline bool runtime_is_as_declared = false;
 
 inline bool finalising()

@@ -14,7 +14,8 @@ void release(Handle lock, Where where = Where::here());
 
 // if lock.acquire(timeout=3): try: return body() finally: lock.release()   else: raise TimeoutError()
 // `read` is called once: the lock that was taken is the one that is released.
-template <class Read, class Body> Object holding_the(Read read, Body body, WhereInFunction here = WhereInFunction::here())
+template <class Read, class Body>
+Object holding_the(Read read, Body body, WhereInFunction here = WhereInFunction::here())
 {
     Object lock = read();
     if (!acquire(lock, here))

@@ -19,7 +19,8 @@ public:
 private:
     Object key_;
     bool is_member_ = false;
-    PyObject* value_ = nullptr; // borrowed, as long as the dictionary has this version; null where it has to be searched
+    PyObject* value_ =
+        nullptr; // borrowed, as long as the dictionary has this version; null where it has to be searched
     std::uint64_t version_ = 0;
 };
 

@@ -204,7 +204,8 @@ Object call_method_prepared(Handle self, Name method, PyObject** values, std::si
                             Where where);
 
 template <std::size_t Count> // function(...)
-[[gnu::always_inline]] inline Object call(Handle function, const Argument (&arguments)[Count], Where where = Where::here())
+[[gnu::always_inline]] inline Object call(Handle function, const Argument (&arguments)[Count],
+                                          Where where = Where::here())
 {
     VectorCall<Count> prepared(arguments, where);
     return call_prepared(function, prepared.values, prepared.positional, prepared.names, where);

@@ -17,7 +17,8 @@ Object list_instance_types(Handle) { return none(); }
 constexpr Method methods[] = {
     method<node_manager_init>("__init__"_s, {{"self"}, {"region", "CloudRegion"}}, "None", docs::node_manager_init),
     method<get_node_list>("get_node_list"_s, {{"self"}}, "List[CloudNode]", docs::get_node_list),
-    method<set_node_list>("set_node_list"_s, {{"self"}, {"node_list", "List[CloudNode]"}}, nullptr, docs::set_node_list),
+    method<set_node_list>("set_node_list"_s, {{"self"}, {"node_list", "List[CloudNode]"}}, nullptr,
+                          docs::set_node_list),
     method<set_node>("set_node"_s, {{"self"}, {"node", "CloudNode"}}, nullptr, docs::set_node),
     method<find_node_by_instance_id>("find_node_by_instance_id"_s, {{"self"}, {"instance_id", "str"}},
                                      "Optional[CloudNode]", docs::find_node_by_instance_id),
