@@ -4,6 +4,9 @@ namespace py {
 
 namespace {
 
+// How many instances are passed over after one that taught nothing: mostly those that follow are of its kind.
+constexpr unsigned char unlike_the_last = 63;
+
 // What the class has under the name is no data descriptor: it gives way to the instance's own __dict__.
 bool gives_way(PyObject* on_class) { return on_class == nullptr || Py_TYPE(on_class)->tp_descr_set == nullptr; }
 
@@ -37,10 +40,12 @@ void AttributeCache::consider(PyObject* instance, PyObject* name)
         --passed_over_;
         return;
     }
-    if (std::exchange(candidate_, type) == type) {
-        candidate_ = nullptr;
-        learn(instance, name);
-    }
+    if (std::exchange(candidate_, type) != type)
+        return;
+    candidate_ = nullptr;
+    if (knows(type))
+        passed_over_ = unlike_the_last; // instances of this type do not all look the same
+    learn(instance, name);
 }
 
 void AttributeCache::learn(PyObject* instance, PyObject* name)
@@ -64,7 +69,7 @@ void AttributeCache::learn(PyObject* instance, PyObject* name)
     }
     PyObject* dict = type->tp_dictoffset == 0 ? nullptr : *layout::dict_slot(instance);
     if (dict != nullptr && (!PyDict_CheckExact(dict) || layout::shared_values(dict) == nullptr)) {
-        passed_over_ = 63; // mostly those beside it are of the same kind
+        passed_over_ = unlike_the_last;
         return;
     }
     Py_ssize_t index = -1;

@@ -95,6 +95,8 @@ Object call_method_prepared(Handle self, Name method, PyObject** values, std::si
             return steal(PyObject_Vectorcall(function.ptr(), values, positional + 1, names.ptr()), where);
         }
         method.own_caches().class_attribute.consider(self.ptr(), method.ptr());
+    } else if (PyObject* found = module_attribute(self.ptr(), method.ptr())) {
+        return call_prepared(borrow(found), values, positional, names, where);
     } else {
         method.own_caches().attribute.consider(self.ptr(), method.ptr());
     }

@@ -6,21 +6,34 @@ namespace py {
 
 namespace {
 
-// Then a search for a text runs no Python code, and one that is left out shows nowhere.
-bool has_text_keys_only(PyObject* dict)
+const void* search_for_texts = nullptr;
+const void* search_after_deletions = nullptr;
+
+// How the interpreter searches dictionaries of texts, seen on one of our own.
+void find_out()
 {
-    static const void* search_for_texts = nullptr;
-    if (search_for_texts == nullptr)
-        search_for_texts = layout::search_of(py::dict({{"sample"_s, none()}}).ptr());
-    return layout::search_of(dict) == search_for_texts;
+    Object sample = dict({{"sample"_s, none()}, {"other"_s, none()}});
+    search_for_texts = layout::search_of(sample.ptr());
+    check(PyDict_DelItem(sample.ptr(), "other"_s.ptr()));
+    search_after_deletions = layout::search_of(sample.ptr());
 }
 
 } // namespace
 
+bool has_text_keys_only(PyObject* dict)
+{
+    if constexpr (!layout::known)
+        return false;
+    if (search_for_texts == nullptr)
+        find_out();
+    const void* search = layout::search_of(dict);
+    return search == search_for_texts || search == search_after_deletions;
+}
+
 Membership::Membership(Handle container, Handle key, Where where) : key_(key)
 {
     PyObject* dict = container.ptr();
-    if (!layout::known || !PyDict_CheckExact(dict) || !PyUnicode_CheckExact(key.ptr()) || !has_text_keys_only(dict)) {
+    if (!PyDict_CheckExact(dict) || !PyUnicode_CheckExact(key.ptr()) || !has_text_keys_only(dict)) {
         is_member_ = container.contains(key, where);
         return;
     }

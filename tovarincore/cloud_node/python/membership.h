@@ -6,6 +6,9 @@
 
 namespace py {
 
+// Then a search for a text runs no Python code, and one that is left out shows nowhere. For exact dictionaries.
+bool has_text_keys_only(PyObject* dict);
+
 // The answer to `key in container`, with the value that was found on the way.
 class Membership {
 public:

@@ -1,5 +1,7 @@
 #include "object.h"
 
+#include "membership.h"
+
 #include <exception>
 #include <new>
 #include <vector>
@@ -51,6 +53,14 @@ Object Handle::get(Name name, Where where) const
     return look_up(name, where);
 }
 
+PyObject* module_attribute(PyObject* object, PyObject* name)
+{
+    if (!PyModule_CheckExact(object) || !has_text_keys_only(PyModule_GetDict(object)) ||
+        _PyType_Lookup(&PyModule_Type, name) != nullptr)
+        return nullptr;
+    return PyDict_GetItemWithError(PyModule_GetDict(object), name);
+}
+
 // Apart from get(), which so needs no stack of its own.
 [[gnu::noinline]] Object Handle::look_up(Name name, Where where) const
 {
@@ -58,6 +68,8 @@ Object Handle::get(Name name, Where where) const
         if (PyObject* value = name.caches().class_attribute.known_value(pointer_))
             return Object(borrow(value));
         name.own_caches().class_attribute.consider(pointer_, name.ptr());
+    } else if (PyObject* value = module_attribute(pointer_, name.ptr())) {
+        return Object(borrow(value));
     } else {
         name.own_caches().attribute.consider(pointer_, name.ptr());
     }

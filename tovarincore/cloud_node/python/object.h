@@ -33,6 +33,9 @@ class Argument;
 using Arguments = std::initializer_list<Argument>;
 struct NoArguments {};
 
+// What a module holds under the name; borrowed. Null: look it up in the general way.
+PyObject* module_attribute(PyObject* object, PyObject* name);
+
 // Drops the last reference to an object, or keeps it for drop_parked() while an error is unwinding the stack: its
 // finaliser must not run there, for a thread that is ended inside a destructor during that would abort the process.
 void drop_last_reference(PyObject* pointer);
