@@ -1,4 +1,4 @@
-"""Attributes of modules, looked for in the module's dictionary at once: found as the interpreter finds them."""
+"""Attributes of modules, looked for in their dictionary at once: found as the interpreter finds them."""
 
 from __future__ import annotations
 
