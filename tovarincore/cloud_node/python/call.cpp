@@ -84,7 +84,10 @@ Object call_method_prepared(Handle self, Name method, PyObject** values, std::si
 {
     values[0] = self.ptr();
     if (PyObject* found = method.caches().attribute.known_method(self.ptr())) {
-        if (is_own_function(found)) // its row, which the call uses, is there for ever
+        // Of our own functions a call uses the row only, which is there for ever.
+        if (is_own_function(found) && !names)
+            return steal(call_own_function_in_place(found, values, positional + 1), where);
+        if (is_own_function(found))
             return steal(call_own_function(found, values, positional + 1, names.ptr()), where);
         Object function(borrow(found)); // the class may give it up during the call
         return steal(PyObject_Vectorcall(function.ptr(), values, positional + 1, names.ptr()), where);
@@ -94,11 +97,12 @@ Object call_method_prepared(Handle self, Name method, PyObject** values, std::si
             Object function(borrow(found));
             return steal(PyObject_Vectorcall(function.ptr(), values, positional + 1, names.ptr()), where);
         }
-        method.own_caches().class_attribute.consider(self.ptr(), method.ptr());
+        if (NameCaches* caches = method.own_caches_if_used_before())
+            caches->class_attribute.consider(self.ptr(), method.ptr());
     } else if (PyObject* found = module_attribute(self.ptr(), method.ptr())) {
         return call_prepared(borrow(found), values, positional, names, where);
-    } else {
-        method.own_caches().attribute.consider(self.ptr(), method.ptr());
+    } else if (NameCaches* caches = method.own_caches_if_used_before()) {
+        caches->attribute.consider(self.ptr(), method.ptr());
     }
     return steal(
         PyObject_VectorcallMethod(method.ptr(), values, (positional + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET, names.ptr()),

@@ -337,6 +337,21 @@ PyObject* call_own_function(PyObject* callable, PyObject* const* arguments, std:
     return bind_and_run(self, arguments, flagged_count, keywords);
 }
 
+PyObject* call_own_function_in_place(PyObject* callable, PyObject** arguments, std::size_t given)
+{
+    auto* self = reinterpret_cast<FunctionObject*>(callable);
+    std::size_t next = given;
+    while (next < self->method->count && self->defaults == nullptr) {
+        arguments[next] = default_in_row(self->method->parameters[next]);
+        if (arguments[next] == nullptr)
+            break;
+        ++next;
+    }
+    if (next == self->method->count)
+        return run(self, arguments);
+    return bind_and_run(self, arguments, given, nullptr);
+}
+
 void ready_function_type() { check(PyType_Ready(&function_type)); }
 
 Object make_function(const Method& method, const char* class_name, Handle module_name)

@@ -17,6 +17,9 @@ bool is_own_function(PyObject* object);
 PyObject* call_own_function(PyObject* function, PyObject* const* arguments, std::size_t flagged_count,
                             PyObject* keywords);
 
+// The same for positional arguments with room behind them, where the defaults are put.
+PyObject* call_own_function_in_place(PyObject* function, PyObject** arguments, std::size_t given);
+
 // A function for one row of a class's table. `class_name` is the first half of its __qualname__.
 Object make_function(const Method& method, const char* class_name, Handle module_name);
 

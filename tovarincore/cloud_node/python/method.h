@@ -19,8 +19,6 @@ struct Parameter {
     Default default_value = Default::required;
 };
 
-inline constexpr std::size_t most_parameters = 9; // launch_node
-
 enum class Mark : std::uint8_t { plain, abstract, static_ };
 
 struct Method {

@@ -35,12 +35,16 @@ public:
     const NameCaches& caches() const { return *caches_; }
     NameCaches& own_caches() const; // to be written to; throws Raised
 
+    // The same, but null at the first time: most names are looked up once, at import.
+    NameCaches* own_caches_if_used_before() const { return std::exchange(used_, true) ? &own_caches() : nullptr; }
+
 private:
     void intern() const;
 
     const char* text_;
     mutable PyObject* interned_ = nullptr;
-    mutable NameCaches* caches_ = &nothing_known; // most names are never looked up a second time
+    mutable NameCaches* caches_ = &nothing_known;
+    mutable bool used_ = false;
 };
 
 template <std::size_t N> struct NameText {
@@ -66,6 +70,7 @@ public:
     const NameSlot& slot() const { return *slot_; }
     const NameCaches& caches() const { return slot_->caches(); }
     NameCaches& own_caches() const { return slot_->own_caches(); }
+    NameCaches* own_caches_if_used_before() const { return slot_->own_caches_if_used_before(); }
 
 private:
     const NameSlot* slot_;

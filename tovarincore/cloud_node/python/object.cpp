@@ -67,11 +67,12 @@ PyObject* module_attribute(PyObject* object, PyObject* name)
     if (PyType_Check(pointer_)) {
         if (PyObject* value = name.caches().class_attribute.known_value(pointer_))
             return Object(borrow(value));
-        name.own_caches().class_attribute.consider(pointer_, name.ptr());
+        if (NameCaches* caches = name.own_caches_if_used_before())
+            caches->class_attribute.consider(pointer_, name.ptr());
     } else if (PyObject* value = module_attribute(pointer_, name.ptr())) {
         return Object(borrow(value));
-    } else {
-        name.own_caches().attribute.consider(pointer_, name.ptr());
+    } else if (NameCaches* caches = name.own_caches_if_used_before()) {
+        caches->attribute.consider(pointer_, name.ptr());
     }
     return steal(PyObject_GetAttr(pointer_, name.ptr()), where);
 }
@@ -81,7 +82,8 @@ void Handle::set(Name name, Handle value, Where where) const
     if (name.caches().attribute.sets_known_value(pointer_)) {
         check(PyDict_SetItem(*layout::dict_slot(pointer_), name.ptr(), value.ptr()), where);
     } else {
-        name.own_caches().attribute.consider(pointer_, name.ptr());
+        if (NameCaches* caches = name.own_caches_if_used_before())
+            caches->attribute.consider(pointer_, name.ptr());
         check(PyObject_SetAttr(pointer_, name.ptr(), value.ptr()), where);
     }
 }

@@ -14,6 +14,7 @@
 #include "name.h"
 #include "where.h"
 
+#include <algorithm>
 #include <concepts>
 #include <initializer_list>
 #include <utility>
@@ -183,10 +184,15 @@ private:
 
 Object keyword_names(const Argument* keywords, std::size_t count, Where where);
 
+inline constexpr std::size_t most_parameters = 9; // of a function of our own: launch_node
+
+// Room for the values of a call: a free slot in front, and behind them for the defaults of our own functions.
+template <std::size_t Count> inline constexpr std::size_t room_for = std::max(Count, most_parameters) + 1;
+
 // The arguments of one call as the vector call protocol wants them: a free slot in front, the values, those passed by
 // keyword last, and a tuple of their names.
 template <std::size_t Count> struct VectorCall {
-    PyObject* values[Count + 1];
+    PyObject* values[room_for<Count>];
     std::size_t positional = 0;
     Object names;
 
@@ -201,7 +207,7 @@ template <std::size_t Count> struct VectorCall {
     }
 };
 
-// The calls themselves; `values` begins with the free slot.
+// The calls themselves; `values` begins with the free slot, and has room as said above.
 Object call_prepared(Handle function, PyObject** values, std::size_t positional, Handle names, Where where);
 Object call_method_prepared(Handle self, Name method, PyObject** values, std::size_t positional, Handle names,
                             Where where);
@@ -216,8 +222,8 @@ template <std::size_t Count> // function(...)
 
 inline Object call(Handle function, NoArguments, Where where = Where::here()) // function()
 {
-    PyObject* free_slot = nullptr;
-    return call_prepared(function, &free_slot, 0, Handle(), where);
+    PyObject* values[room_for<0>];
+    return call_prepared(function, values, 0, Handle(), where);
 }
 
 template <std::size_t Count>
@@ -229,8 +235,8 @@ template <std::size_t Count>
 
 inline Object Handle::call(Name method, NoArguments, Where where) const
 {
-    PyObject* free_slot = nullptr;
-    return call_method_prepared(*this, method, &free_slot, 0, Handle(), where);
+    PyObject* values[room_for<0>];
+    return call_method_prepared(*this, method, values, 0, Handle(), where);
 }
 
 inline Object none() { return Object(borrow(Py_None)); }
