@@ -38,12 +38,13 @@ void add_traceback_entry(const char* function, const Where& where)
 {
     PyObject *type, *value, *traceback;
     PyErr_Fetch(&type, &value, &traceback);
-    PyCodeObject* code = PyCode_NewEmpty(where.file, function, where.line);
+    auto line = static_cast<int>(where.line);
+    PyCodeObject* code = PyCode_NewEmpty(where.file, function, line);
     PyFrameObject* frame =
         code == nullptr ? nullptr : PyFrame_New(PyThreadState_Get(), code, module_dictionary().ptr(), nullptr);
     PyErr_Restore(type, value, traceback); // also drops an error of the two calls above: the first one matters
     if (frame != nullptr) {
-        set_frame_line(frame, where.line);
+        set_frame_line(frame, line);
         PyTraceBack_Here(frame);
     }
     Py_XDECREF(reinterpret_cast<PyObject*>(frame));

@@ -17,10 +17,7 @@ inline constexpr bool known = true;
 inline std::uint64_t version_of_dict(PyObject* dict) { return reinterpret_cast<PyDictObject*>(dict)->ma_version_tag; }
 
 // Changes with every change of the type or of a base; no two types ever have the same. 0: none at the moment.
-inline unsigned version_of_type(PyTypeObject* type)
-{
-    return PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG) ? type->tp_version_tag : 0;
-}
+inline unsigned version_of_type(PyTypeObject* type) { return type->tp_version_tag; }
 
 // Where an instance keeps its __dict__; for types with a positive tp_dictoffset.
 inline PyObject** dict_slot(PyObject* instance)

@@ -94,7 +94,7 @@ public:
     }
 
     // May run Python code, in which a daemon thread can be ended by unwinding: hence noexcept(false).
-    ~Object() noexcept(false)
+    [[gnu::always_inline]] ~Object() noexcept(false)
     {
         // A daemon thread is ended by unwinding its frames without the GIL: objects must not be touched then.
         if (pointer_ == nullptr || layout::finalising())

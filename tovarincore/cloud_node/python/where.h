@@ -1,14 +1,17 @@
 // The C++ statement that called a verb: default arguments carry it into tracebacks.
 #pragma once
 
+#include <cstdint>
+
 namespace py {
 
-// Small, so that it travels in registers through every verb.
+// Two whole words, so that it travels in registers through every verb: a processor waits when it loads a word of which
+// half was stored just before.
 struct Where {
     const char* file;
-    int line;
+    std::int64_t line;
 
-    static constexpr Where here(const char* file = __builtin_FILE(), int line = __builtin_LINE())
+    static constexpr Where here(const char* file = __builtin_FILE(), std::int64_t line = __builtin_LINE())
     {
         return {file, line};
     }
@@ -18,7 +21,7 @@ struct Where {
 struct WhereInFunction : Where {
     const char* function;
 
-    static constexpr WhereInFunction here(const char* file = __builtin_FILE(), int line = __builtin_LINE(),
+    static constexpr WhereInFunction here(const char* file = __builtin_FILE(), std::int64_t line = __builtin_LINE(),
                                           const char* function = __builtin_FUNCTION())
     {
         return {{file, line}, function};
