@@ -125,6 +125,20 @@ def test_a_static_method_gives_what_it_wraps_now() -> None:
     assert read(kind) == "another"
 
 
+@pytest.mark.parametrize("other", [staticmethod(len), classmethod(len), 7], ids=["static", "class", "value"])
+@pytest.mark.parametrize("held", [staticmethod(max), "value"], ids=["static", "value"])
+def test_a_class_that_cannot_be_learnt_leaves_what_is_known_of_another(held: Any, other: Any) -> None:
+    """Its metaclass has something under the name: what is remembered of the first class stays whole."""
+
+    class Hiding(type):
+        name = "of the metaclass"
+
+    kind, hidden = known(held), Hiding("Hidden", (), {"name": other})
+    for _ in range(4):
+        assert read(hidden) == hidden.name
+        assert read(kind) == kind.name
+
+
 def test_a_class_method_is_called_with_the_class() -> None:
     """That of the call, not of the class that holds it; what it wraps at the call; any callable."""
 

@@ -74,7 +74,7 @@ def test_a_keyword_that_is_equal_but_not_identical_is_found():
 
 @pytest.mark.parametrize("name", ["__init__", "echo", "fail"])
 def test_what_a_function_shows_of_itself_is_the_same(name):
-    """Names, defaults, annotations, doc, signature and argument specification."""
+    """Names, defaults, annotations, doc, signature and arguments, as inspect tells them."""
     ours, plain = getattr(Sample, name), getattr(Twin, name)
     for attribute in ("__name__", "__defaults__", "__kwdefaults__", "__annotations__", "__doc__"):
         assert getattr(ours, attribute) == getattr(plain, attribute), attribute

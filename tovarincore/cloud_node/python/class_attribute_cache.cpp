@@ -26,13 +26,12 @@ void ClassAttributeCache::consider(PyObject* object, PyObject* name)
     if (found == nullptr || version == 0 || std::exchange(candidate_version_, version) != version)
         return;
     PyTypeObject* found_type = Py_TYPE(found);
+    Kind kind = Kind::value;
     if (found_type == &PyStaticMethod_Type)
-        kind_ = Kind::static_method;
+        kind = Kind::static_method;
     else if (found_type == &PyClassMethod_Type)
-        kind_ = Kind::class_method;
-    else if (found_type->tp_descr_get == nullptr)
-        kind_ = Kind::value;
-    else
+        kind = Kind::class_method;
+    else if (found_type->tp_descr_get != nullptr)
         return;
     PyTypeObject* metaclass = Py_TYPE(object);
     if (!is_read_as_usual(metaclass, name))
@@ -40,6 +39,7 @@ void ClassAttributeCache::consider(PyObject* object, PyObject* name)
     _PyType_Lookup(found_type, name); // gives it a version as well
     if (layout::version_of_type(metaclass) == 0 || layout::version_of_type(found_type) == 0)
         return;
+    kind_ = kind; // with the rest, or not at all: it says how to read what is found
     class_ = type;
     metaclass_ = metaclass;
     found_ = found;
