@@ -58,15 +58,17 @@ Object construct(Handle callable, Handle initialiser, PyObject** values, std::si
 // A call site passes the same names each time: the last tuple that began with the same name is kept.
 Object keyword_names(const Argument* keywords, std::size_t count, Where where)
 {
-    PyObject*& kept = keywords[0].keyword()->own_caches().keyword_names;
+    PyObject* kept = keywords[0].keyword()->caches().keyword_names;
     if (are_names_of(kept, keywords, count))
         return Object(borrow(kept));
     Object names = steal(PyTuple_New(static_cast<Py_ssize_t>(count)), where);
     for (std::size_t i = 0; i < count; ++i)
         PyTuple_SET_ITEM(names.ptr(), static_cast<Py_ssize_t>(i),
                          Object(borrow(keywords[i].keyword()->ptr())).release());
-    PyObject* previous = std::exchange(kept, Object(names).release());
-    Py_XDECREF(previous);
+    if (NameCaches* caches = keywords[0].keyword()->caches_to_fill()) {
+        caches->keyword_names = Object(names).release();
+        Py_XDECREF(kept);
+    }
     return names;
 }
 
@@ -85,10 +87,10 @@ Object call_method_prepared(Handle self, Name method, PyObject** values, std::si
     values[0] = self.ptr();
     if (PyObject* found = method.caches().attribute.known_method(self.ptr())) {
         // Of our own functions a call uses the row only, which is there for ever.
-        if (is_own_function(found) && !names)
-            return steal(call_own_function_in_place(found, values, positional + 1), where);
         if (is_own_function(found))
-            return steal(call_own_function(found, values, positional + 1, names.ptr()), where);
+            return steal(names ? call_own_function(found, values, positional + 1, names.ptr())
+                               : call_own_function_in_place(found, values, positional + 1),
+                         where);
         Object function(borrow(found)); // the class may give it up during the call
         return steal(PyObject_Vectorcall(function.ptr(), values, positional + 1, names.ptr()), where);
     }
@@ -97,11 +99,11 @@ Object call_method_prepared(Handle self, Name method, PyObject** values, std::si
             Object function(borrow(found));
             return steal(PyObject_Vectorcall(function.ptr(), values, positional + 1, names.ptr()), where);
         }
-        if (NameCaches* caches = method.own_caches_if_used_before())
+        if (NameCaches* caches = method.caches_to_fill())
             caches->class_attribute.consider(self.ptr(), method.ptr());
     } else if (PyObject* found = module_attribute(self.ptr(), method.ptr())) {
         return call_prepared(borrow(found), values, positional, names, where);
-    } else if (NameCaches* caches = method.own_caches_if_used_before()) {
+    } else if (NameCaches* caches = method.caches_to_fill()) {
         caches->attribute.consider(self.ptr(), method.ptr());
     }
     return steal(

@@ -29,7 +29,7 @@ Handle find_global(Name name, Where where)
         found = PyDict_GetItemWithError(builtin_names, name.ptr());
     if (found == nullptr && PyErr_Occurred())
         throw Raised{where};
-    if (NameCaches* caches = name.own_caches_if_used_before())
+    if (NameCaches* caches = name.caches_to_fill())
         caches->global = {layout::version_of_dict(module_names), layout::version_of_dict(builtin_names), found};
     return borrow(found);
 }

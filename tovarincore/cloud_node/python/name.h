@@ -33,10 +33,12 @@ public:
 
     const char* text() const { return text_; }
     const NameCaches& caches() const { return *caches_; }
-    NameCaches& own_caches() const; // to be written to; throws Raised
+
+    // Where to keep what was found; null where there is no memory for it, which must not fail a look-up.
+    NameCaches* own_caches() const;
 
     // The same, but null at the first time: most names are looked up once, at import.
-    NameCaches* own_caches_if_used_before() const { return std::exchange(used_, true) ? &own_caches() : nullptr; }
+    NameCaches* caches_to_fill() const { return std::exchange(used_, true) ? own_caches() : nullptr; }
 
 private:
     void intern() const;
@@ -69,8 +71,8 @@ public:
     const char* text() const { return slot_->text(); }
     const NameSlot& slot() const { return *slot_; }
     const NameCaches& caches() const { return slot_->caches(); }
-    NameCaches& own_caches() const { return slot_->own_caches(); }
-    NameCaches* own_caches_if_used_before() const { return slot_->own_caches_if_used_before(); }
+    NameCaches* own_caches() const { return slot_->own_caches(); }
+    NameCaches* caches_to_fill() const { return slot_->caches_to_fill(); }
 
 private:
     const NameSlot* slot_;

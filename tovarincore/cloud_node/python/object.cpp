@@ -8,17 +8,14 @@
 
 namespace py {
 
-NameCaches& NameSlot::own_caches() const
+NameCaches* NameSlot::own_caches() const
 {
-    if (caches_ == &nothing_known) {
-        auto* made = new (std::nothrow) NameCaches{}; // kept for the life of the process, as the string is
-        if (made == nullptr) {
-            PyErr_NoMemory();
-            throw Raised{Where::here()};
-        }
+    if (caches_ != &nothing_known)
+        return caches_;
+    auto* made = new (std::nothrow) NameCaches{}; // kept for the life of the process, as the string is
+    if (made != nullptr)
         caches_ = made;
-    }
-    return *caches_;
+    return made;
 }
 
 void NameSlot::intern() const { interned_ = steal(PyUnicode_InternFromString(text_)).release(); }
@@ -67,11 +64,11 @@ PyObject* module_attribute(PyObject* object, PyObject* name)
     if (PyType_Check(pointer_)) {
         if (PyObject* value = name.caches().class_attribute.known_value(pointer_))
             return Object(borrow(value));
-        if (NameCaches* caches = name.own_caches_if_used_before())
+        if (NameCaches* caches = name.caches_to_fill())
             caches->class_attribute.consider(pointer_, name.ptr());
     } else if (PyObject* value = module_attribute(pointer_, name.ptr())) {
         return Object(borrow(value));
-    } else if (NameCaches* caches = name.own_caches_if_used_before()) {
+    } else if (NameCaches* caches = name.caches_to_fill()) {
         caches->attribute.consider(pointer_, name.ptr());
     }
     return steal(PyObject_GetAttr(pointer_, name.ptr()), where);
@@ -82,7 +79,7 @@ void Handle::set(Name name, Handle value, Where where) const
     if (name.caches().attribute.sets_known_value(pointer_)) {
         check(PyDict_SetItem(*layout::dict_slot(pointer_), name.ptr(), value.ptr()), where);
     } else {
-        if (NameCaches* caches = name.own_caches_if_used_before())
+        if (NameCaches* caches = name.caches_to_fill())
             caches->attribute.consider(pointer_, name.ptr());
         check(PyObject_SetAttr(pointer_, name.ptr(), value.ptr()), where);
     }

@@ -17,7 +17,10 @@ public:
     {
         PyObject* found = slot_.value(element);
         if (found == nullptr) [[unlikely]] {
-            slot_ = name_.own_caches().attribute.slot(element, name_.ptr());
+            NameCaches* caches = name_.own_caches();
+            if (caches == nullptr)
+                return nullptr;
+            slot_ = caches->attribute.slot(element, name_.ptr());
             found = slot_.value(element);
         }
         return found;
