@@ -71,7 +71,7 @@ test-kubernetes: build ## runs the Kubernetes tests against a real kube-apiserve
 
 .PHONY: worker-timeouts
 worker-timeouts: build ## shows how each way a worker can fail is reported, and after how long
-	@$(python) -m tests.servers.worker_timeouts $(ARGS)
+	@$(python) -m stage.worker_timeouts $(ARGS)
 
 .PHONY: clean
 clean: ## removes what was built; environments stay (rm -rf .venv*)

@@ -10,7 +10,7 @@ from contextlib import ExitStack, suppress
 
 from demo.report import DemoStopped, Report, Step
 from demo.surroundings import surroundings
-from tests.servers.engine import ContainerEngineServer, EngineNotRunnable
+from stage.engine import ContainerEngineServer, EngineNotRunnable
 from tovarincore.cloud_conf import CloudConf
 from tovarincore.cloud_def import (
     CloudInstanceConfig,

@@ -14,8 +14,8 @@ from types import ModuleType
 
 import pytest
 
+from stage.settings import settings_of
 from tests.fakes import CallLog, recording_logger
-from tests.servers.settings import settings_of
 
 MODULES = {"extension": "tovarincore.cloud_node", "twin": "tests.twin.cloud_node"}
 ONLY = os.environ.get("TOVARIN_TESTS_ONLY", "")

@@ -19,11 +19,11 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any
 
-from tovarincore._conf.errors import ConfigError
-from tovarincore._conf.paths import configured_path
-from tovarincore._conf.private_file import locked, read_private, write_private
-from tovarincore._conf.store_entries import Entries, check_entries, check_entry
-from tovarincore._conf.toml_file import parse_toml
+from tovarincore._cloud_conf.store_entries import Entries, check_entries, check_entry
+from tovarincore._config_files.errors import ConfigError
+from tovarincore._config_files.paths import configured_path
+from tovarincore._config_files.private_file import locked, read_private, write_private
+from tovarincore._config_files.toml_file import parse_toml
 from tovarincore.cloud_def import AWSCloudAuth, CloudAuth, CloudRegion, K8sRegion
 
 __all__ = ["CloudConf", "CloudConfManager", "ConfigError"]

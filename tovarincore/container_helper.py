@@ -7,11 +7,11 @@ from collections.abc import Callable
 from contextlib import closing, suppress
 from typing import TypeVar
 
-from tovarincore._container.docker_engine import open_docker_engine
-from tovarincore._container.engine import ContainerEngine, ContainerRequest, ContainerSummary
-from tovarincore._container.errors import ContainerError, ContainerNameTakenError
-from tovarincore._container.limit import TimeLimit, run_within
-from tovarincore._container.versions import newest_first
+from tovarincore._container_helper.docker_engine import open_docker_engine
+from tovarincore._container_helper.engine import ContainerEngine, ContainerRequest, ContainerSummary
+from tovarincore._container_helper.errors import ContainerError, ContainerNameTakenError
+from tovarincore._container_helper.limit import TimeLimit, run_within
+from tovarincore._container_helper.versions import newest_first
 from tovarincore.cloud_conf import CloudConfManager
 from tovarincore.cloud_def import CloudInstances, CloudNode, CloudRegion, CloudRegions, NodeState
 from tovarincore.core_conf import core_conf_glbl

@@ -12,12 +12,12 @@ from collections.abc import Callable, Iterator
 from pathlib import Path
 from typing import Any, TypeVar
 
-from tovarincore._conf.errors import ConfigError
-from tovarincore._conf.log_levels import LogLevels
-from tovarincore._conf.names import did_you_mean
-from tovarincore._conf.paths import configured_path
-from tovarincore._conf.schema import SETTINGS, Setting
-from tovarincore._conf.settings import SETTINGS_BY_NAME, Settings, read_settings
+from tovarincore._config_files.errors import ConfigError
+from tovarincore._config_files.names import did_you_mean
+from tovarincore._config_files.paths import configured_path
+from tovarincore._core_conf.log_levels import LogLevels
+from tovarincore._core_conf.schema import SETTINGS, Setting
+from tovarincore._core_conf.settings import SETTINGS_BY_NAME, Settings, read_settings
 
 __all__ = [
     "ConfigError",

@@ -7,7 +7,7 @@ A node is a pod of its region's namespace with the labels ``app.kubernetes.io/ma
 
 from types import ModuleType
 
-from tovarincore._kubernetes.errors import KubernetesError
+from tovarincore._k8s_console_client.errors import KubernetesError
 from tovarincore.cloud_def import (
     CloudInstanceConfig,
     CloudInstanceTypeDef,
@@ -98,7 +98,7 @@ class K8sConsoleClient:
 def _operations() -> ModuleType:
     """Import what works on the cluster: most programs have no Kubernetes region and need not load it."""
     try:
-        from tovarincore._kubernetes import operations
+        from tovarincore._k8s_console_client import operations
     except ModuleNotFoundError as error:
         if error.name is None or error.name.startswith("tovarincore"):
             raise

@@ -7,11 +7,11 @@ import time
 from types import TracebackType
 from typing import Any
 
-from tovarincore._websocket.connection import Connection
-from tovarincore._websocket.deadline import Deadline
-from tovarincore._websocket.errors import ConnectionLost, RequestFailed
-from tovarincore._websocket.messages import read_reply, read_system_stat, write_request
-from tovarincore._websocket.target import Target, read_target
+from tovarincore._webs_client.connection import Connection
+from tovarincore._webs_client.deadline import Deadline
+from tovarincore._webs_client.errors import ConnectionLost, RequestFailed
+from tovarincore._webs_client.messages import read_reply, read_system_stat, write_request
+from tovarincore._webs_client.target import Target, read_target
 from tovarincore.api_def import PingRequest, SystemStatRequest
 from tovarincore.cloud_def import CloudNode
 from tovarincore.core_def import OPResult

@@ -14,10 +14,10 @@ import click.testing
 import pytest
 import tomli_w
 
+from stage.settings import settings_of
 from tests.conftest import ROOT
 from tests.flows.conftest import ec2, ec2_endpoint, healthy_worker, sdk_data_read_once
-from tests.servers.settings import settings_of
-from tovarincore._conf.toml_file import read_toml
+from tovarincore._config_files.toml_file import read_toml
 from tovarincore.cloud_node import cloud_manager_glbl
 from tovarincore.command.app import cli
 from tovarincore.core_conf import core_conf_glbl

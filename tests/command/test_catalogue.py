@@ -6,8 +6,8 @@ from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
+from stage.ec2 import IMAGE_NAME, Ec2World
 from tests.command.conftest import Run
-from tests.servers.ec2 import IMAGE_NAME, Ec2World
 
 
 def test_regions_say_which_can_be_used(run_json: Callable[..., Any], ec2: Ec2World) -> None:

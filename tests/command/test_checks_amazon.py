@@ -9,8 +9,8 @@ from types import SimpleNamespace
 
 import pytest
 
-from tests.servers.ec2 import SECURITY_GROUP_NAME, Ec2World
-from tests.servers.fault import document, unauthorized
+from stage.ec2 import SECURITY_GROUP_NAME, Ec2World
+from stage.fault import document, unauthorized
 from tovarincore.cloud_node import AWSNodeManager, cloud_manager_glbl
 from tovarincore.command import checks_amazon
 from tovarincore.command.checks_amazon import check_amazon

@@ -7,7 +7,7 @@ from typing import Any
 
 import pytest
 
-from tests.servers.settings import settings_of
+from stage.settings import settings_of
 from tovarincore.command.checks_machine import check_settings, check_worker_settings
 from tovarincore.command.verdicts import Level
 

@@ -6,7 +6,7 @@ from pathlib import Path
 
 import pytest
 
-from tests.servers.settings import settings_of
+from stage.settings import settings_of
 from tovarincore.cloud_def import AWSCloudAuth
 from tovarincore.command.checks_sdk import check_sdk_settings
 from tovarincore.command.verdicts import Level

@@ -5,9 +5,9 @@ from __future__ import annotations
 import json
 from pathlib import Path
 
+from stage.ec2 import Ec2World
+from stage.fault import unauthorized
 from tests.command.conftest import Run
-from tests.servers.ec2 import Ec2World
-from tests.servers.fault import unauthorized
 
 Verdicts = dict[str, tuple[str, str, str]]
 

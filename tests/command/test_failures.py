@@ -7,9 +7,9 @@ from pathlib import Path
 
 import pytest
 
+from stage.ec2 import Ec2World
+from stage.fault import GARBAGE, ec2_error, unauthorized
 from tests.command.conftest import Run, finish, start_command
-from tests.servers.ec2 import Ec2World
-from tests.servers.fault import GARBAGE, ec2_error, unauthorized
 from tovarincore.cloud_conf import CloudConf, CloudConfManager
 from tovarincore.cloud_def import AWSCloudAuth
 

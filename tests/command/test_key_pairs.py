@@ -8,9 +8,9 @@ from pathlib import Path
 
 import pytest
 
+from stage.ec2 import USER_NAME, Ec2World
+from stage.fault import HANG_UP, unauthorized
 from tests.command.conftest import Run
-from tests.servers.ec2 import USER_NAME, Ec2World
-from tests.servers.fault import HANG_UP, unauthorized
 
 
 def names(ec2: Ec2World) -> list[str]:

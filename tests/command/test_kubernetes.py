@@ -9,10 +9,10 @@ from typing import Any
 import pytest
 import tomli_w
 
+from stage.kube_api import POWERLESS_TOKEN, KubeApi
+from stage.kube_fixtures import kube, kube_api, shared_kube_api
+from stage.kube_world import KubeWorld
 from tests.command.conftest import Run
-from tests.servers.kube_api import POWERLESS_TOKEN, KubeApi
-from tests.servers.kube_fixtures import kube, kube_api, shared_kube_api
-from tests.servers.kube_world import KubeWorld
 from tovarincore.core_conf import core_conf_glbl
 
 __all__ = ["kube", "kube_api", "shared_kube_api"]

@@ -10,9 +10,9 @@ from typing import Any
 
 import pytest
 
+from stage.ec2 import USER_NAME, Ec2World
+from stage.fault import unauthorized
 from tests.command.conftest import Run
-from tests.servers.ec2 import USER_NAME, Ec2World
-from tests.servers.fault import unauthorized
 from tovarincore.command.ledger import ledger_path, read_ledger
 
 LAUNCH = ("launch", "us-east-1", "--type", "t3.small")

@@ -8,9 +8,9 @@ import subprocess
 from collections.abc import Callable
 from typing import Any
 
+from stage.ec2 import Ec2World
+from stage.fault import ec2_error
 from tests.command.conftest import Run, finish, start_command
-from tests.servers.ec2 import Ec2World
-from tests.servers.fault import ec2_error
 
 
 def state(ec2: Ec2World, instance_id: str) -> str:

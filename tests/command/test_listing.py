@@ -6,8 +6,8 @@ import time
 from collections.abc import Callable
 from typing import Any
 
+from stage.ec2 import Ec2World
 from tests.command.conftest import Run, send_to_worker
-from tests.servers.ec2 import Ec2World
 from tovarincore.testing.reference_worker import ReferenceWorker
 
 

@@ -5,8 +5,8 @@ from __future__ import annotations
 from collections.abc import Callable
 from typing import Any
 
+from stage.ec2 import Ec2World
 from tests.command.conftest import Run
-from tests.servers.ec2 import Ec2World
 
 
 def test_only_nodes_that_are_not_in_the_ledger_are_listed(

@@ -11,10 +11,10 @@ from types import SimpleNamespace
 
 import pytest
 
+from stage.certificates import make_server_certificate
+from stage.ec2 import Ec2World
+from stage.local_region import free_port
 from tests.command.conftest import Run, finish, send_to_worker, start_command
-from tests.servers.certificates import make_server_certificate
-from tests.servers.ec2 import Ec2World
-from tests.servers.local_region import free_port
 from tovarincore.command import readiness
 from tovarincore.command.inventory import list_nodes
 from tovarincore.testing.reference_worker import ReferenceWorker

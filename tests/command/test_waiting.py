@@ -8,9 +8,9 @@ from types import SimpleNamespace
 
 import pytest
 
+from stage.ec2 import Ec2World
+from stage.fault import unauthorized
 from tests.command.conftest import Run, finish, start_command
-from tests.servers.ec2 import Ec2World
-from tests.servers.fault import unauthorized
 from tovarincore.command import waiting
 
 

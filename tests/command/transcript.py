@@ -30,11 +30,11 @@ from lightkube.resources.core_v1 import Namespace
 
 from demo.endpoint import ACCESS_KEY_ID, INSTANCE_PROFILE_NAME, KEY_PAIR_NAME, SECRET_ACCESS_KEY, Ec2Endpoint
 from demo.environment import environment
-from tests.servers.engine import ContainerEngineServer, EngineNotRunnable
-from tests.servers.fault import FaultEndpoint, unauthorized
-from tests.servers.kube_api import KubeApi
-from tests.servers.kube_world import KubeWorld
-from tests.servers.local_region import free_port
+from stage.engine import ContainerEngineServer, EngineNotRunnable
+from stage.fault import FaultEndpoint, unauthorized
+from stage.kube_api import KubeApi
+from stage.kube_world import KubeWorld
+from stage.local_region import free_port
 from tovarincore.cloud_node import cloud_manager_glbl
 from tovarincore.command import readiness
 from tovarincore.command.app import cli

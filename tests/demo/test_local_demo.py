@@ -9,9 +9,9 @@ from pathlib import Path
 
 import pytest
 
-import tests.servers.engine
+import stage.engine
 from demo.local import NEWEST_FIRST, run_local_demo
-from tests.servers.engine import EngineNotRunnable
+from stage.engine import EngineNotRunnable
 
 ROOT = Path(__file__).resolve().parents[2]
 
@@ -47,7 +47,7 @@ def test_a_machine_without_an_engine_is_told_why(
     def refuse() -> None:
         raise EngineNotRunnable("starting a container engine needs root")
 
-    monkeypatch.setattr(tests.servers.engine, "_check_machine", refuse)
+    monkeypatch.setattr(stage.engine, "_check_machine", refuse)
     assert run_local_demo(json_lines=True) == 1
     _, start, outcome = map(json.loads, capsys.readouterr().out.splitlines())
     assert start["failed_checks"] == ["starting a container engine needs root"]

@@ -9,7 +9,7 @@ import pytest
 from botocore.loaders import JSONFileLoader
 
 from demo.endpoint import Ec2Endpoint
-from tests.servers.ec2 import Ec2World, ec2_world
+from stage.ec2 import Ec2World, ec2_world
 from tovarincore.testing.reference_worker import ReferenceWorker
 
 

@@ -8,8 +8,8 @@ from datetime import datetime, timedelta, timezone
 import pytest
 from botocore.exceptions import ClientError
 
-from tests.servers.ec2 import IMAGE_NAME, USER_NAME, Ec2World, one_record
-from tests.servers.fault import Answer, document, ec2_error, unauthorized
+from stage.ec2 import IMAGE_NAME, USER_NAME, Ec2World, one_record
+from stage.fault import Answer, document, ec2_error, unauthorized
 from tovarincore.cloud_def import (
     CloudRegion,
     CpuPlanA,

@@ -8,8 +8,8 @@ import pytest
 from botocore.exceptions import ClientError, ConnectionClosedError, EndpointConnectionError, WaiterError
 from botocore.parsers import ResponseParserError
 
-from tests.servers.ec2 import USER_NAME, Ec2World, one_record
-from tests.servers.fault import (
+from stage.ec2 import USER_NAME, Ec2World, one_record
+from stage.fault import (
     GARBAGE,
     HANG_UP,
     Answer,

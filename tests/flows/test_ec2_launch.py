@@ -12,7 +12,7 @@ import pytest
 from botocore.exceptions import ParamValidationError
 
 from demo.endpoint import INSTANCE_PROFILE_NAME, KEY_PAIR_NAME
-from tests.servers.ec2 import USER_NAME, Ec2World, one_record
+from stage.ec2 import USER_NAME, Ec2World, one_record
 from tovarincore.cloud_def import InstanceTemplate, NodeState, SecurityGroupRules
 from tovarincore.core_def import OPResultErrorCode
 

@@ -9,8 +9,8 @@ import pytest
 from botocore.exceptions import ClientError
 
 from demo.endpoint import INSTANCE_PROFILE_NAME, KEY_PAIR_NAME
-from tests.servers.ec2 import USER_NAME, Ec2World
-from tests.servers.fault import Answer, document
+from stage.ec2 import USER_NAME, Ec2World
+from stage.fault import Answer, document
 from tovarincore.cloud_def import CloudNode, NodeState
 from tovarincore.cloud_node import CloudManager
 

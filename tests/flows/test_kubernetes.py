@@ -16,9 +16,9 @@ from lightkube.models.core_v1 import Container, PodSpec
 from lightkube.models.meta_v1 import ObjectMeta
 from lightkube.resources.core_v1 import Pod
 
-from tests.servers.kube_api import MANAGER_TOKEN, POWERLESS_TOKEN, KubeApi
-from tests.servers.kube_real import KubeReal
-from tests.servers.kube_world import KubeWorld, kube_world
+from stage.kube_api import MANAGER_TOKEN, POWERLESS_TOKEN, KubeApi
+from stage.kube_real import KubeReal
+from stage.kube_world import KubeWorld, kube_world
 from tovarincore.cloud_def import CloudNode, GpuPlanA, NodeState
 from tovarincore.cloud_node import cloud_manager_glbl
 from tovarincore.core_conf import core_conf_glbl

@@ -13,10 +13,10 @@ from typing import Any
 
 import pytest
 
-from tests.servers.engine import ContainerEngineServer, EngineNotRunnable
-from tests.servers.local_region import LIMIT_SECONDS, LocalRegion, free_port, local_region, local_settings
-from tests.servers.settings import settings_of
-from tovarincore._container.docker_engine import DockerEngine
+from stage.engine import ContainerEngineServer, EngineNotRunnable
+from stage.local_region import LIMIT_SECONDS, LocalRegion, free_port, local_region, local_settings
+from stage.settings import settings_of
+from tovarincore._container_helper.docker_engine import DockerEngine
 from tovarincore.cloud_def import (
     NodeState,
 )

@@ -10,10 +10,10 @@ from typing import Any
 
 import pytest
 
-from tests.servers.memory_engine import MemoryEngine
-from tests.servers.settings import settings_of
-from tovarincore._container.engine import ContainerRequest
-from tovarincore._container.errors import ContainerNameTakenError
+from stage.memory_engine import MemoryEngine
+from stage.settings import settings_of
+from tovarincore._container_helper.engine import ContainerRequest
+from tovarincore._container_helper.errors import ContainerNameTakenError
 from tovarincore.cloud_conf import CloudConf, CloudConfManager
 from tovarincore.cloud_def import CloudInstances, CloudRegions, NodeState
 from tovarincore.container_helper import (

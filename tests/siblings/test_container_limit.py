@@ -7,8 +7,8 @@ import time
 
 import pytest
 
-from tovarincore._container.errors import ContainerError
-from tovarincore._container.limit import TimeLimit, run_within
+from tovarincore._container_helper.errors import ContainerError
+from tovarincore._container_helper.limit import TimeLimit, run_within
 from tovarincore.core_def import OPResultErrorCode
 
 

@@ -6,7 +6,7 @@ import random
 
 import pytest
 
-from tovarincore._container.versions import newest_first
+from tovarincore._container_helper.versions import newest_first
 
 
 @pytest.mark.parametrize(

@@ -16,12 +16,12 @@ from typing import IO, Any
 
 import pytest
 
-from tests.servers.engine_api import EngineApi, EngineRequest
-from tests.servers.settings import settings_of
-from tovarincore._container.docker_engine import open_docker_engine
-from tovarincore._container.engine import ContainerEngine, ContainerRequest, ContainerSummary
-from tovarincore._container.errors import ContainerError, ContainerNameTakenError
-from tovarincore._container.limit import TimeLimit
+from stage.engine_api import EngineApi, EngineRequest
+from stage.settings import settings_of
+from tovarincore._container_helper.docker_engine import open_docker_engine
+from tovarincore._container_helper.engine import ContainerEngine, ContainerRequest, ContainerSummary
+from tovarincore._container_helper.errors import ContainerError, ContainerNameTakenError
+from tovarincore._container_helper.limit import TimeLimit
 from tovarincore.container_helper import ContainerHelper
 from tovarincore.core_def import OPResultErrorCode
 

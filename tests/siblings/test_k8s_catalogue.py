@@ -8,8 +8,8 @@ import pytest
 from lightkube.models.meta_v1 import ObjectMeta
 from lightkube.resources.core_v1 import ConfigMap
 
-from tovarincore._kubernetes.catalogue import instance_templates, instance_types
-from tovarincore._kubernetes.errors import KubernetesError
+from tovarincore._k8s_console_client.catalogue import instance_templates, instance_types
+from tovarincore._k8s_console_client.errors import KubernetesError
 from tovarincore.cloud_def import CloudInstanceTypeDef, InstanceTemplate, InstanceTemplatePayType, K8sRegion
 
 REGION = K8sRegion(name="r")

@@ -13,14 +13,14 @@ from typing import Any
 import pytest
 from lightkube.resources.core_v1 import Pod, Secret
 
-from tests.servers.kube_api import Fault, KubeApi
-from tests.servers.kube_store import Refusal
-from tests.servers.kube_world import KubeWorld
+from stage.kube_api import Fault, KubeApi
+from stage.kube_store import Refusal
+from stage.kube_world import KubeWorld
 from tovarincore.cloud_def import CloudInstanceTypeDef, CloudNode, K8sRegion
 from tovarincore.core_def import OPResult, OPResultErrorCode
 from tovarincore.k8s_console_client import K8sConsoleClient
 
-pytest_plugins = ["tests.servers.kube_fixtures"]
+pytest_plugins = ["stage.kube_fixtures"]
 
 FORBIDDEN = Refusal(403, "Forbidden", "secrets is forbidden: no")
 INTERNAL = Refusal(500, "InternalError", "etcd is gone")
@@ -60,10 +60,10 @@ def test_making_a_client_touches_nothing() -> None:
 
 def test_a_missing_library_is_named_with_its_remedy(monkeypatch: pytest.MonkeyPatch) -> None:
     """Without the optional packages every call says what to install, in one line."""
-    for name in [name for name in sys.modules if name.startswith("tovarincore._kubernetes.")]:
+    for name in [name for name in sys.modules if name.startswith("tovarincore._k8s_console_client.")]:
         if not name.endswith(("errors", "deadline")):
             monkeypatch.delitem(sys.modules, name)
-    monkeypatch.delattr("tovarincore._kubernetes.operations", raising=False)
+    monkeypatch.delattr("tovarincore._k8s_console_client.operations", raising=False)
     monkeypatch.setitem(sys.modules, "lightkube", None)
     client = K8sConsoleClient(K8sRegion(name="r"))
     nodes, listing = client.get_cloud_nodes()

@@ -12,16 +12,16 @@ from typing import Any
 import pytest
 import yaml  # type: ignore[import-untyped]
 
-from tests.servers.certificates import make_server_certificate
-from tests.servers.kube_api import MANAGER_TOKEN, Fault, KubeApi
-from tests.servers.kube_store import Refusal
-from tests.servers.kube_world import KubeWorld
-from tovarincore._kubernetes import credentials
+from stage.certificates import make_server_certificate
+from stage.kube_api import MANAGER_TOKEN, Fault, KubeApi
+from stage.kube_store import Refusal
+from stage.kube_world import KubeWorld
+from tovarincore._k8s_console_client import credentials
 from tovarincore.cloud_def import K8sRegion
 from tovarincore.core_def import OPResult, OPResultErrorCode
 from tovarincore.k8s_console_client import K8sConsoleClient
 
-pytest_plugins = ["tests.servers.kube_fixtures"]
+pytest_plugins = ["stage.kube_fixtures"]
 
 UNAUTHORIZED = Refusal(401, "Unauthorized", "Unauthorized")
 

@@ -7,7 +7,7 @@ from typing import Any
 import pytest
 from lightkube.resources.core_v1 import Pod
 
-from tovarincore._kubernetes.nodes import node_of, state_of
+from tovarincore._k8s_console_client.nodes import node_of, state_of
 from tovarincore.cloud_def import CloudInstanceTypeDef, CloudNode, K8sRegion, NodeState
 
 REGION = K8sRegion(name="r")

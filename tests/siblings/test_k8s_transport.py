@@ -13,10 +13,10 @@ import httpcore2
 import httpx2
 import pytest
 
-from tovarincore._kubernetes import transport
-from tovarincore._kubernetes.deadline import Deadline
-from tovarincore._kubernetes.errors import KubernetesError
-from tovarincore._kubernetes.transport import DeadlineTransport
+from tovarincore._k8s_console_client import transport
+from tovarincore._k8s_console_client.deadline import Deadline
+from tovarincore._k8s_console_client.errors import KubernetesError
+from tovarincore._k8s_console_client.transport import DeadlineTransport
 
 SECONDS = 0.5
 OUT_OF_TIME = (httpcore2.TimeoutException, KubernetesError)

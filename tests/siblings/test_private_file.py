@@ -6,9 +6,9 @@ from pathlib import Path
 
 import pytest
 
-from tovarincore._conf import private_file
-from tovarincore._conf.errors import ConfigError
-from tovarincore._conf.private_file import locked, read_private, write_private
+from tovarincore._config_files import private_file
+from tovarincore._config_files.errors import ConfigError
+from tovarincore._config_files.private_file import locked, read_private, write_private
 
 
 def test_a_failed_write_leaves_the_old_file_and_nothing_else(

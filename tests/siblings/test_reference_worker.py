@@ -17,7 +17,7 @@ from websockets.exceptions import ConnectionClosed, InvalidStatus
 from websockets.sync.client import connect
 from websockets.sync.connection import Connection
 
-from tests.servers.certificates import make_server_certificate
+from stage.certificates import make_server_certificate
 from tovarincore.testing.reference_worker import ReferenceWorker
 
 _ROOT = Path(__file__).resolve().parents[2]

@@ -13,8 +13,8 @@ from typing import Any
 import pytest
 import tomli_w
 
-from tests.servers import worker_peers as peers
-from tests.servers.worker_timeouts import node_at
+from stage import worker_peers as peers
+from stage.worker_timeouts import node_at
 from tovarincore.api_def import PingRequest, SystemStatRequest
 from tovarincore.cloud_conf import CloudConf, CloudConfManager
 from tovarincore.cloud_def import AWSCloudAuth

@@ -4,9 +4,9 @@ from pathlib import Path
 
 import pytest
 
-from tests.servers import worker_peers as peers
-from tests.servers.settings import settings_of
-from tests.servers.worker_timeouts import node_at
+from stage import worker_peers as peers
+from stage.settings import settings_of
+from stage.worker_timeouts import node_at
 from tovarincore.api_def import PingRequest
 from tovarincore.core_def import OPResult, OPResultErrorCode
 from tovarincore.webs_client import WebSocketClient

@@ -6,9 +6,9 @@ from pathlib import Path
 
 import pytest
 
-from tests.servers.worker_timeouts import SCENARIOS, Scenario, is_right, measure
-from tovarincore._websocket.deadline import Deadline
-from tovarincore._websocket.errors import RequestFailed
+from stage.worker_timeouts import SCENARIOS, Scenario, is_right, measure
+from tovarincore._webs_client.deadline import Deadline
+from tovarincore._webs_client.errors import RequestFailed
 from tovarincore.core_def import OPResultErrorCode
 
 

@@ -8,9 +8,9 @@ import pytest
 from hypothesis import given
 from hypothesis import strategies as st
 
-from tovarincore._websocket.errors import RequestFailed
-from tovarincore._websocket.messages import check_nesting, read_reply, read_system_stat, write_request
-from tovarincore._websocket.target import Target
+from tovarincore._webs_client.errors import RequestFailed
+from tovarincore._webs_client.messages import check_nesting, read_reply, read_system_stat, write_request
+from tovarincore._webs_client.target import Target
 from tovarincore.core_def import OPResultErrorCode
 
 TARGET = Target(

@@ -12,7 +12,7 @@ _ROOT = Path(__file__).resolve().parents[2]
 
 _PREAMBLE = """
 import os, socket, sys, threading, time
-from tests.servers.worker_timeouts import node_at
+from stage.worker_timeouts import node_at
 from tovarincore.api_def import PingRequest
 from tovarincore.webs_client import WebSocketClient
 client = WebSocketClient(node_at(sys.argv[1]), client_timeout_sec=float(sys.argv[2]))

@@ -5,10 +5,10 @@ from typing import Any
 
 import pytest
 
-from tests.servers import worker_peers as peers
-from tests.servers.certificates import make_server_certificate
-from tests.servers.settings import settings_of
-from tests.servers.worker_timeouts import node_at
+from stage import worker_peers as peers
+from stage.certificates import make_server_certificate
+from stage.settings import settings_of
+from stage.worker_timeouts import node_at
 from tovarincore.api_def import PingRequest
 from tovarincore.core_def import OPResult, OPResultErrorCode
 from tovarincore.testing.reference_worker import ReferenceWorker

@@ -8,9 +8,9 @@ from typing import Any
 
 import pytest
 
-from tovarincore._websocket import resolver
-from tovarincore._websocket.deadline import Deadline
-from tovarincore._websocket.errors import RequestFailed
+from tovarincore._webs_client import resolver
+from tovarincore._webs_client.deadline import Deadline
+from tovarincore._webs_client.errors import RequestFailed
 from tovarincore.core_def import OPResultErrorCode
 
 FOUND: Any = [

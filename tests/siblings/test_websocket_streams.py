@@ -11,13 +11,13 @@ from pathlib import Path
 
 import pytest
 
-from tests.servers import worker_peers as peers
-from tests.servers.certificates import make_server_certificate
-from tests.servers.settings import settings_of
-from tests.servers.worker_timeouts import node_at
-from tovarincore._websocket import streams
-from tovarincore._websocket.deadline import Deadline
-from tovarincore._websocket.errors import ConnectionLost, RequestFailed
+from stage import worker_peers as peers
+from stage.certificates import make_server_certificate
+from stage.settings import settings_of
+from stage.worker_timeouts import node_at
+from tovarincore._webs_client import streams
+from tovarincore._webs_client.deadline import Deadline
+from tovarincore._webs_client.errors import ConnectionLost, RequestFailed
 from tovarincore.api_def import PingRequest
 from tovarincore.core_def import OPResultErrorCode
 from tovarincore.testing.reference_worker import ReferenceWorker

@@ -8,9 +8,9 @@ from typing import Any
 import pytest
 import tomli_w
 
-from tests.servers.worker_timeouts import node_at
-from tovarincore._websocket.errors import RequestFailed
-from tovarincore._websocket.target import read_target
+from stage.worker_timeouts import node_at
+from tovarincore._webs_client.errors import RequestFailed
+from tovarincore._webs_client.target import read_target
 from tovarincore.cloud_conf import CloudConf, CloudConfManager
 from tovarincore.cloud_def import CloudRegion
 from tovarincore.core_conf import ConfigError, core_conf_glbl

@@ -14,8 +14,8 @@ from pathlib import Path
 
 import pytest
 
-from tests.servers.engine_api import EngineApi
-from tests.servers.settings import settings_of
+from stage.engine_api import EngineApi
+from stage.settings import settings_of
 from tovarincore.testing.worker_image import write_root_file_system
 
 ROOT = Path(__file__).resolve().parents[2]

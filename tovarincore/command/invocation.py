@@ -6,7 +6,7 @@ from typing import Any
 
 import click
 
-from tovarincore._conf.names import did_you_mean
+from tovarincore._config_files.names import did_you_mean
 from tovarincore.cloud_def import CloudRegion, CloudRegions
 from tovarincore.command.failures import CommandFailure, ExitCode
 from tovarincore.command.text import one_line, printable

@@ -9,7 +9,7 @@ from dataclasses import asdict, dataclass
 from datetime import datetime, timezone
 from pathlib import Path
 
-from tovarincore._conf.private_file import locked, read_private, write_private
+from tovarincore._config_files.private_file import locked, read_private, write_private
 from tovarincore.cloud_conf import CloudConfManager
 from tovarincore.cloud_def import CloudNode
 from tovarincore.core_conf import ConfigError

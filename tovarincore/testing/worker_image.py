@@ -23,7 +23,7 @@ from typing import IO
 
 import docker
 
-from tovarincore._container.docker_engine import client_settings
+from tovarincore._container_helper.docker_engine import client_settings
 from tovarincore.core_conf import core_conf_glbl
 
 _PYTHON_HOME = "opt/python"

@@ -1,1 +1,0 @@
-"""Reading of configuration files: the table of settings, the checks and the store's file handling."""

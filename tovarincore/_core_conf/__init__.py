@@ -1,0 +1,1 @@
+"""What the configuration consists of; only tovarincore.core_conf imports from here."""
