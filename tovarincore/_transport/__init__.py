@@ -1,0 +1,1 @@
+"""What the clients of workers, engines and clusters share on the way out; this file imports nothing."""
