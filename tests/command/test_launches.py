@@ -13,7 +13,7 @@ import pytest
 from stage.ec2 import USER_NAME, Ec2World
 from stage.fault import unauthorized
 from tests.command.conftest import Run
-from tovarincore.command.ledger import ledger_path, read_ledger
+from tovarincore.fleet.ledger import Ledger
 
 LAUNCH = ("launch", "us-east-1", "--type", "t3.small")
 
@@ -25,7 +25,7 @@ def test_a_launch_carries_the_stored_user_name_and_is_noted(run: Run, ec2: Ec2Wo
     (instance,) = ec2.instances()
     tags = {tag["Key"]: tag["Value"] for tag in instance["Tags"]}
     assert (tags["tovarin_username"], tags["Name"]) == (USER_NAME, "cold-1")
-    (entry,) = read_ledger()
+    (entry,) = Ledger().entries()
     assert (entry.instance_id, entry.uuid) == (instance["InstanceId"], tags["tovarin_uuid"])
     assert result.stdout == f"cold-1 ({entry.instance_id}) is starting\n"
     assert result.stderr == f"wait for it with: tovarin-nodes wait us-east-1 {entry.instance_id}\n"
@@ -71,7 +71,7 @@ def test_what_cannot_be_launched_is_explained_and_not_noted(
     assert (result.exit_code, result.stdout) == (code, "")
     assert words in result.stderr
     assert ec2.instances() == []
-    assert read_ledger() == []
+    assert Ledger().entries() == []
 
 
 @pytest.mark.parametrize("wanted", ["TOVARIN_AI_CPU_PLAN_A_1.0.0", "1.0.0"])
@@ -95,11 +95,11 @@ def test_a_missing_default_network_is_explained(run: Run, ec2: Ec2World) -> None
 
 def test_a_broken_ledger_prevents_the_launch(run: Run, ec2: Ec2World) -> None:
     """What could not be noted is not launched."""
-    ledger_path().write_text("{")
-    ledger_path().chmod(0o600)
+    Ledger().path.write_text("{\n")
+    Ledger().path.chmod(0o600)
     result = run(*LAUNCH)
     assert result.exit_code == 4
-    assert "launches.json: is no ledger" in result.stderr
+    assert "launches.jsonl: is no ledger" in result.stderr
     assert ec2.instances() == []
 
 

@@ -5,10 +5,10 @@ from collections.abc import Iterator
 
 from tovarincore.cloud_def import CloudInstances, K8sRegion
 from tovarincore.command.explain import failure_of
-from tovarincore.command.ledger import ledger_path, read_ledger
 from tovarincore.command.verdicts import Verdict, failed, ok, warn
 from tovarincore.container_helper import ContainerHelper
 from tovarincore.core_conf import core_conf_glbl
+from tovarincore.fleet.ledger import Ledger
 from tovarincore.k8s_console_client import K8sConsoleClient
 
 __all__ = ["check_cluster", "check_engine", "check_settings", "check_worker_settings"]
@@ -19,11 +19,12 @@ def check_settings() -> Verdict:
     try:
         path = core_conf_glbl.path
         known = len(CloudInstances.instance_type_list)
-        launches = len(read_ledger())
+        ledger = Ledger()
+        launches = len(ledger.entries())
     except Exception as error:
         return failed("configuration", error)
     read = str(path) if path.exists() else f"defaults ({path} does not exist)"
-    return ok("configuration", f"{read}; {known} types, {launches} launches in {ledger_path().name}")
+    return ok("configuration", f"{read}; {known} types, {launches} launches in {ledger.path.name}")
 
 
 def check_worker_settings() -> Iterator[Verdict]:

@@ -12,10 +12,10 @@ from tovarincore.command.explain import failure_of
 from tovarincore.command.failures import CommandFailure, ExitCode
 from tovarincore.command.invocation import Invocation, NodesCommand, pass_invocation, region_argument
 from tovarincore.command.launch_options import LaunchRequest, build_request, launch_options, network_missing
-from tovarincore.command.ledger import note_launch, prepare_ledger
 from tovarincore.command.readiness import DEFAULT_WAIT_SECONDS, wait_until_ready
 from tovarincore.command.records import node_document
 from tovarincore.core_conf import ConfigError
+from tovarincore.fleet.ledger import Ledger
 
 __all__ = ["launch", "try_command", "try_launch"]
 
@@ -59,7 +59,8 @@ def launch(
     access = open_region(region)
     request = build_request(access, **options)
     script = None if startup_script is None else startup_script.read_text(encoding="utf-8")
-    prepare_ledger()
+    ledger = Ledger()
+    ledger.prepare()
     try:
         node, result = cloud_manager_glbl.launch_node(
             region,
@@ -75,7 +76,7 @@ def launch(
     if node is None:
         raise failure_of(result, region)
     try:
-        note_launch(node)
+        ledger.launched(node)
     except ConfigError as error:
         # The node is there all the same, and its id must not be lost.
         invocation.note(f"warning: the launch could not be noted, so orphans will list the node: {error}")

@@ -6,9 +6,9 @@ from tovarincore.cloud_def import CloudRegion
 from tovarincore.command.access import open_region
 from tovarincore.command.inventory import GONE, find_node, list_nodes, probe_nodes
 from tovarincore.command.invocation import Invocation, NodesCommand, pass_invocation, region_argument
-from tovarincore.command.ledger import read_ledger
 from tovarincore.command.records import NODE_COLUMNS, node_document, node_row, ready_text
 from tovarincore.command.tables import draw_pairs, draw_table
+from tovarincore.fleet.ledger import Ledger
 
 __all__ = ["list_command", "show"]
 
@@ -46,9 +46,8 @@ def show(invocation: Invocation, region: CloudRegion, node: str) -> None:
     """Show one node, its load, and why its worker is not ready."""
     found = find_node(list_nodes(open_region(region)), node)
     probe = probe_nodes([found])[found.instance_id]
-    launched = next(
-        (entry.launched for entry in reversed(read_ledger()) if entry.instance_id == found.instance_id), None
-    )
+    launches = {entry.instance_id: entry.launched for entry in Ledger().entries()}
+    launched = launches.get(found.instance_id)
     load = memory = None
     if found.cpu_percent is not None:
         load = f"{found.cpu_percent:g} %"

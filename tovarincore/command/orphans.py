@@ -17,10 +17,10 @@ from tovarincore.command.invocation import (
     region_argument,
     yes_option,
 )
-from tovarincore.command.ledger import read_ledger
 from tovarincore.command.lifecycle import end_nodes
 from tovarincore.command.records import NODE_COLUMNS, node_document, node_row
 from tovarincore.command.tables import draw_table
+from tovarincore.fleet.ledger import Ledger
 
 __all__ = ["orphans"]
 
@@ -35,11 +35,11 @@ __all__ = ["orphans"]
 def orphans(invocation: Invocation, region: CloudRegion, ended: tuple[str, ...], yes: bool) -> None:
     """List nodes under your user name that are not in the ledger of launches.
 
-    The ledger, launches.json beside the credential store, holds what this command has launched on this
+    The ledger, launches.jsonl beside the credential store, holds what this command has launched on this
     machine. A node that a program or another machine launched is an orphan too: end only what you know.
     """
     access = open_region(region)
-    launched = {(entry.region, entry.instance_id) for entry in read_ledger()}
+    launched = {(entry.region, entry.instance_id) for entry in Ledger().entries()}
     found = [
         node
         for node in list_nodes(access)
