@@ -90,7 +90,7 @@ def test_a_name_of_two_nodes_is_not_guessed(run: Run, ec2: Ec2World) -> None:
     first, second = ec2.run_instance("cold-1"), ec2.run_instance("cold-1")
     result = run("show", "us-east-1", "cold-1")
     assert result.exit_code == 3
-    assert f"give one of the ids: {first}, {second}" in result.stderr
+    assert f'"cold-1" means 2 nodes: {first} (running), {second} (running)' in result.stderr
     ec2.raw.terminate_instances(InstanceIds=[first])
     assert second in run("show", "us-east-1", "cold-1").stdout
 

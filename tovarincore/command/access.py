@@ -2,11 +2,12 @@
 
 from dataclasses import dataclass
 
+from tovarincore._transport.gate import RefusedName, check_user_name
 from tovarincore.cloud_conf import CloudConfManager
 from tovarincore.cloud_def import CloudAuth, CloudRegion
 from tovarincore.command.failures import CommandFailure, ExitCode
 
-__all__ = ["Access", "open_region", "require_amazon"]
+__all__ = ["Access", "open_region", "require_amazon", "require_user_name"]
 
 
 @dataclass(frozen=True)
@@ -26,11 +27,13 @@ class Access:
 def open_region(region: CloudRegion) -> Access:
     """Return the region with its stored credentials.
 
-    :raises CommandFailure: an Amazon region without any
+    :raises CommandFailure: an Amazon region without any, or with a user name that EC2 would read as a pattern
     :raises ConfigError: the credential store cannot be used
     """
     conf = CloudConfManager().get_cloud_conf(region)
     if conf is not None:
+        if region.cloud == "AWS":
+            require_user_name(conf.user_name)
         return Access(region, conf.cloud_auth, conf.user_name)
     if region.cloud == "AWS":
         raise CommandFailure(
@@ -39,6 +42,23 @@ def open_region(region: CloudRegion) -> Access:
             ExitCode.NOT_CONFIGURED,
         )
     return Access(region, None, None)
+
+
+def require_user_name(user_name: str) -> None:
+    """Refuse a user name that would list the nodes of other users.
+
+    EC2 reads the values of a filter as patterns: under the name ``*`` every user's nodes are listed.
+
+    :raises CommandFailure: the name cannot be used
+    """
+    try:
+        check_user_name(user_name)
+    except RefusedName as error:
+        raise CommandFailure(
+            str(error),
+            "store another one: tovarin-nodes configure REGION --user-name NAME",
+            ExitCode.NOT_CONFIGURED,
+        ) from error
 
 
 def require_amazon(region: CloudRegion, what: str) -> None:

@@ -6,6 +6,7 @@ import click
 
 from tovarincore.cloud_conf import CloudConf, CloudConfManager
 from tovarincore.cloud_def import AWSCloudAuth, CloudRegion
+from tovarincore.command.access import require_user_name
 from tovarincore.command.failures import CommandFailure, ExitCode
 from tovarincore.command.invocation import (
     Invocation,
@@ -59,6 +60,8 @@ def configure(
         text = "nothing is stored any more" if removed else "nothing was stored"
         invocation.emit({"region": region.hash_key, "deleted": removed}, lambda: invocation.say(text))
         return
+    if user_name is not None and region.cloud == "AWS":
+        require_user_name(user_name)
     auth = _read_auth(region, stored, profile, key_id, session_token, sdk)
     if user_name is not None or auth is not None or worker_token:
         conf = stored or CloudConf(AWSCloudAuth() if region.cloud == "AWS" else None, "")

@@ -15,11 +15,13 @@ from tovarincore.core_conf import ConfigError
 from tovarincore.core_def import OPResultErrorCode
 from tovarincore.webs_client import WebSocketClient
 
-__all__ = ["GONE", "Probe", "find_node", "list_nodes", "probe_nodes"]
+__all__ = ["GONE", "Probe", "find_node", "list_nodes", "matching_nodes", "probe_nodes"]
 
 GONE = (NodeState.SHUTTING_DOWN, NodeState.TERMINATED)
 """States of nodes that come to nothing any more."""
 
+# What a listing gives for an instance without the tag.
+_MISSING = "-"
 _PROBE_SECONDS = 2
 _PROBES_AT_ONCE = 16
 _WHY = {
@@ -66,15 +68,17 @@ def list_nodes(access: Access) -> list[CloudNode]:
 
 
 def find_node(nodes: Sequence[CloudNode], text: str) -> CloudNode:
-    """Return the node with this instance id, uuid or name; a name means nodes that are not gone first.
+    """Return the one node that a text means, see :func:`matching_nodes`.
 
-    :raises CommandFailure: there is none, or the name means several
+    :raises CommandFailure: there is none, or there are several; then the text names them
     """
-    for node in nodes:
-        if text in (node.instance_id, node.uuid):
-            return node
-    named = [node for node in nodes if node.name == text]
-    found = [node for node in named if node.state not in GONE] or named
+    if text == _MISSING:
+        raise CommandFailure(
+            f'"{_MISSING}" stands for a missing name or uuid and means no node',
+            "give the node's instance id: tovarin-nodes list REGION --all",
+            ExitCode.NOT_FOUND,
+        )
+    found = matching_nodes(nodes, text)
     if not found:
         raise CommandFailure(
             f'there is no node "{one_line(text)}" in this region',
@@ -82,13 +86,26 @@ def find_node(nodes: Sequence[CloudNode], text: str) -> CloudNode:
             ExitCode.NOT_FOUND,
         )
     if len(found) > 1:
-        ids = ", ".join(node.instance_id for node in found)
+        candidates = ", ".join(f"{node.instance_id} ({node.state.value.lower()})" for node in found)
         raise CommandFailure(
-            f'{len(found)} nodes are named "{one_line(text)}"',
-            f"give one of the ids: {ids}",
+            f'"{one_line(text)}" means {len(found)} nodes: {candidates}',
+            "give one of these ids",
             ExitCode.NOT_FOUND,
         )
     return found[0]
+
+
+def matching_nodes(nodes: Sequence[CloudNode], text: str) -> list[CloudNode]:
+    """Return the nodes that a text may mean.
+
+    An instance id means its node, whatever others are called. A uuid or name means nodes that are not gone
+    first. The dash of a missing uuid or name means none.
+    """
+    exact = [node for node in nodes if text == node.instance_id]
+    if exact or text == _MISSING:
+        return exact
+    meant = [node for node in nodes if text in (node.uuid, node.name)]
+    return [node for node in meant if node.state not in GONE] or meant
 
 
 def probe_nodes(nodes: Sequence[CloudNode]) -> dict[str, Probe]:

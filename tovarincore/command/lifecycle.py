@@ -18,6 +18,7 @@ from tovarincore.command.invocation import (
     region_argument,
     yes_option,
 )
+from tovarincore.command.ownership import require_own
 
 __all__ = ["end_nodes", "reboot", "start", "stop", "terminate"]
 
@@ -77,6 +78,7 @@ def _change(
         )
     access = open_region(region)
     node = find_node(list_nodes(access), wanted)
+    require_own(access, [node])
     change(access, node)
     invocation.emit(
         {"instance_id": node.instance_id, "name": node.name, "requested": doing},
@@ -105,8 +107,9 @@ def end_nodes(
 ) -> None:
     """Ask, then end each node; one that cannot be ended does not keep the others.
 
-    :raises CommandFailure: the answer is no, or a node could not be ended
+    :raises CommandFailure: the answer is no, or a node could not be ended or is not the user's
     """
+    require_own(access, nodes)
     names = ", ".join(f"{node.name} ({node.instance_id}, {node.state.value.lower()})" for node in nodes)
     confirm(f"Terminate {names} in {access.region.hash_key}?", yes)
     documents, failures = [], []

@@ -9,7 +9,7 @@ from tovarincore.cloud_def import CloudNode, CloudRegion
 from tovarincore.cloud_node import AWSNodeManager, cloud_manager_glbl
 from tovarincore.command.access import Access, open_region
 from tovarincore.command.failures import CommandFailure, ExitCode
-from tovarincore.command.inventory import GONE, Probe, find_node, list_nodes, probe_nodes
+from tovarincore.command.inventory import GONE, Probe, find_node, list_nodes, matching_nodes, probe_nodes
 from tovarincore.command.invocation import (
     Invocation,
     NodesCommand,
@@ -20,6 +20,7 @@ from tovarincore.command.invocation import (
 from tovarincore.command.lifecycle import end_nodes
 from tovarincore.command.records import NODE_COLUMNS, node_document, node_row
 from tovarincore.command.tables import draw_table
+from tovarincore.command.text import one_line
 from tovarincore.fleet.ledger import Ledger
 
 __all__ = ["orphans"]
@@ -66,14 +67,13 @@ def orphans(invocation: Invocation, region: CloudRegion, ended: tuple[str, ...],
 
 
 def _orphan(found: list[CloudNode], wanted: str) -> CloudNode:
-    try:
-        return find_node(found, wanted)
-    except CommandFailure as failure:
+    if not matching_nodes(found, wanted):
         raise CommandFailure(
-            f"{wanted} is not among the orphans",
-            failure.remedy if failure.remedy.startswith("give") else "see: tovarin-nodes orphans REGION",
+            f"{one_line(wanted)} is not among the orphans",
+            "see: tovarin-nodes orphans REGION",
             ExitCode.NOT_FOUND,
-        ) from None
+        )
+    return find_node(found, wanted)
 
 
 def _launch_times(access: Access, nodes: list[CloudNode]) -> dict[str, datetime]:
