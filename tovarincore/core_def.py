@@ -64,8 +64,17 @@ class OPResult:
     exc_info: bool | str = False
     traceback_text: str | None = field(default=None, init=False, repr=False, compare=False)
     """Traceback of the failure; ``None`` when it was not asked for or no exception was being handled."""
+    provider_code: str | None = field(default=None, init=False, repr=False, compare=False)
+    """The provider's own code, such as EC2's ``"InsufficientInstanceCapacity"``, of an error result that is
+    made while an error answer of the Amazon SDK is being handled; else ``None``."""
 
     def __post_init__(self) -> None:
+        if self.error:
+            # The SDK's ClientError, told by what it carries: the SDK need not be installed here.
+            response = getattr(sys.exc_info()[1], "__dict__", {}).get("response")
+            details = response.get("Error") if isinstance(response, dict) else None
+            code = details.get("Code") if isinstance(details, dict) else None
+            self.provider_code = code if isinstance(code, str) else None
         if isinstance(self.exc_info, str):
             self.traceback_text = self.exc_info
         elif self.exc_info and sys.exc_info()[1] is not None:

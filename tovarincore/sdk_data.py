@@ -6,13 +6,21 @@ descriptions are files of the SDK's installation; they hold nothing of any accou
 """
 
 import threading
+from collections.abc import Iterator
+from contextlib import contextmanager
 from typing import Any
 
-__all__ = ["share_service_descriptions", "stop_sharing_service_descriptions"]
+__all__ = [
+    "service_descriptions_shared",
+    "share_service_descriptions",
+    "stop_sharing_service_descriptions",
+]
 
 _lock = threading.Lock()
 _replaced: type[Any] | None = None  # what boto3.Session was before, while sharing is on
 _replacement: type[Any] | None = None
+_wanted = False  # by the program, until it says otherwise
+_bodies = 0  # that are running under service_descriptions_shared()
 
 
 def share_service_descriptions() -> None:
@@ -30,31 +38,61 @@ def share_service_descriptions() -> None:
 
     :raises ImportError: the SDK is not installed
     """
-    import boto3
-
-    global _replaced, _replacement
+    global _wanted
     with _lock:
-        if _replaced is None:
-            _replaced = boto3.Session
-            _replacement = _sharing_session(_replaced)
-            setattr(boto3, "Session", _replacement)  # noqa: B010  a class that type checkers know as final here
+        _begin()
+        _wanted = True
 
 
 def stop_sharing_service_descriptions() -> None:
     """Put back what :func:`share_service_descriptions` replaced; without a call of it, do nothing.
 
     Sessions that exist keep what they have. If somebody else has replaced ``boto3.Session`` meanwhile, that
-    one stays.
+    one stays. Bodies of :func:`service_descriptions_shared` that are running go on sharing until they end.
     """
-    global _replaced, _replacement
+    global _wanted
     with _lock:
-        if _replaced is None:
-            return
-        import boto3
+        _wanted = False
+        _end_unless_needed()
 
-        if boto3.Session is _replacement:
-            setattr(boto3, "Session", _replaced)  # noqa: B010  as above
-        _replaced = _replacement = None
+
+@contextmanager
+def service_descriptions_shared() -> Iterator[None]:
+    """Share descriptions while the body runs, among all threads; bodies may overlap.
+
+    :raises ImportError: the SDK is not installed
+    """
+    global _bodies
+    with _lock:
+        _begin()
+        _bodies += 1
+    try:
+        yield
+    finally:
+        with _lock:
+            _bodies -= 1
+            _end_unless_needed()
+
+
+def _begin() -> None:
+    import boto3
+
+    global _replaced, _replacement
+    if _replaced is None:
+        _replaced = boto3.Session
+        _replacement = _sharing_session(_replaced)
+        setattr(boto3, "Session", _replacement)  # noqa: B010  a class that type checkers know as final here
+
+
+def _end_unless_needed() -> None:
+    global _replaced, _replacement
+    if _wanted or _bodies or _replaced is None:
+        return
+    import boto3
+
+    if boto3.Session is _replacement:
+        setattr(boto3, "Session", _replaced)  # noqa: B010  as above
+    _replaced = _replacement = None
 
 
 class _SearchPaths(list[str]):

@@ -5,8 +5,10 @@ import gc
 import weakref
 
 import pytest
+from botocore.exceptions import ClientError
 
 from tovarincore.core_def import CoreDef, OPResult, OPResultErrorCode
+from tovarincore.testing.fakes import client_error
 
 
 class Witness:
@@ -125,3 +127,27 @@ def test_a_result_is_a_plain_dataclass() -> None:
     """No hook stands between it and copy, pickle or a reader."""
     assert dataclasses.is_dataclass(OPResult)
     assert not {"__slots__", "__deepcopy__", "__copy__", "__reduce__", "__getstate__"} & set(vars(OPResult))
+
+
+def test_an_error_result_keeps_the_code_of_the_sdks_error_being_handled() -> None:
+    """Callers can tell missing capacity from a missing right; comparing and showing results is as before."""
+    try:
+        raise client_error("InsufficientInstanceCapacity", "no capacity")
+    except ClientError:
+        result = OPResult(error=True, msg="no capacity")
+        assert OPResult(success=True).provider_code is None
+    assert result.provider_code == "InsufficientInstanceCapacity"
+    assert result == OPResult(error=True, msg="no capacity")
+    assert "Insufficient" not in repr(result)
+
+
+@pytest.mark.parametrize("response", [None, 7, {}, {"Error": "text"}, {"Error": {"Code": 7}}])
+def test_other_errors_have_no_code(response: object) -> None:
+    """An exception that only looks like one of the SDK's does no harm."""
+    error = ValueError("handled")
+    error.response = response  # type: ignore[attr-defined]
+    try:
+        raise error
+    except ValueError:
+        assert OPResult(error=True).provider_code is None
+    assert OPResult(error=True).provider_code is None

@@ -12,7 +12,11 @@ from typing import Any
 import boto3
 import pytest
 
-from tovarincore.sdk_data import share_service_descriptions, stop_sharing_service_descriptions
+from tovarincore.sdk_data import (
+    service_descriptions_shared,
+    share_service_descriptions,
+    stop_sharing_service_descriptions,
+)
 
 KEYS = {"aws_access_key_id": "id", "aws_secret_access_key": "secret"}
 GENUINE = boto3.Session
@@ -56,6 +60,24 @@ def test_another_call_undoes_it() -> None:
     assert boto3.Session is GENUINE
     stop_sharing_service_descriptions()
     assert boto3.Session is GENUINE
+
+
+def test_bodies_share_until_the_last_one_ends() -> None:
+    """Overlapping bodies share one description; afterwards the SDK's own class stands there again."""
+    with service_descriptions_shared():
+        with service_descriptions_shared():
+            first = boto3.Session(**KEYS)
+        stop_sharing_service_descriptions()
+        assert description(boto3.Session(**KEYS)) is description(first)
+    assert boto3.Session is GENUINE
+
+
+def test_what_a_program_asked_for_outlasts_a_body(sharing: None) -> None:
+    """A body does not take away what the program switched on before or meanwhile."""
+    before = boto3.Session(**KEYS)
+    with service_descriptions_shared():
+        share_service_descriptions()
+    assert description(boto3.Session(**KEYS)) is description(before)
 
 
 def test_a_session_class_that_somebody_put_there_meanwhile_stays(monkeypatch: pytest.MonkeyPatch) -> None:
