@@ -82,8 +82,8 @@ Object handle(Handle body, Handle error_class, Handle handler)
     } catch (const Raised& raised) {
         if (!raised.matches(error_class))
             throw;
-        Handling handling(raised);
-        return call(handler, {handling.error()});
+        ExceptBlock block(raised);
+        return call(handler, {block.error()});
     }
 }
 
@@ -92,9 +92,9 @@ Object handle_and_raise_again(Handle body, Handle handler)
     try {
         return call(body, {});
     } catch (const Raised& raised) {
-        Handling handling(raised);
-        call(handler, {handling.error()});
-        handling.raise_again();
+        ExceptBlock block(raised);
+        call(handler, {block.error()});
+        block.raise_again();
     }
 }
 

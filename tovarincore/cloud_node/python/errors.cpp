@@ -51,7 +51,7 @@ void add_traceback_entry(const char* function, const Where& where)
     Py_XDECREF(reinterpret_cast<PyObject*>(code));
 }
 
-Handling::Handling(const Raised& raised, WhereInFunction here) : raised_(raised)
+ExceptBlock::ExceptBlock(const Raised& raised, WhereInFunction here) : raised_(raised)
 {
     if (!raised_.traced)
         add_traceback_entry(here.function, raised_.where);
@@ -72,20 +72,20 @@ Handling::Handling(const Raised& raised, WhereInFunction here) : raised_(raised)
     drop_parked();
 }
 
-void Handling::restore_previous()
+void ExceptBlock::restore_previous()
 {
     restored_ = true;
     PyErr_SetExcInfo(previous_type_.release(), previous_value_.release(), previous_traceback_.release());
 }
 
-void Handling::raise_again()
+void ExceptBlock::raise_again()
 {
     restore_previous();
     PyErr_Restore(type_.release(), value_.release(), traceback_.release());
     throw Raised(raised_);
 }
 
-Handling::~Handling() noexcept(false)
+ExceptBlock::~ExceptBlock() noexcept(false)
 {
     if (!restored_ && !layout::finalising())
         restore_previous();

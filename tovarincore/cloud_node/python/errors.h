@@ -36,12 +36,12 @@ template <class Condition> void assert_that(Condition condition, Name message, W
 // `catch (const Raised&)`: takes the error out of the indicator, adds the failing statement to its traceback and makes
 // it the handled one, which is what sys.exc_info(), `exc_info=True` and exception chaining look at. Ends with the
 // scope.
-class Handling {
+class ExceptBlock {
 public:
-    explicit Handling(const Raised& raised, WhereInFunction here = WhereInFunction::here());
-    ~Handling() noexcept(false);
-    Handling(const Handling&) = delete;
-    Handling& operator=(const Handling&) = delete;
+    explicit ExceptBlock(const Raised& raised, WhereInFunction here = WhereInFunction::here());
+    ~ExceptBlock() noexcept(false);
+    ExceptBlock(const ExceptBlock&) = delete;
+    ExceptBlock& operator=(const ExceptBlock&) = delete;
 
     Handle error() const { return value_; }
 
@@ -67,9 +67,9 @@ Object try_finally(Body body, Clause clause, WhereInFunction here = WhereInFunct
     try {
         result = body();
     } catch (const Raised& raised) {
-        Handling handling(raised, here);
+        ExceptBlock block(raised, here);
         clause();
-        handling.raise_again();
+        block.raise_again();
     }
     clause();
     return result;

@@ -65,7 +65,7 @@ void unpack_into(Handle sequence, Object* targets, Py_ssize_t count, Where where
 
 void raise_from_generator(const Raised& raised, WhereInFunction here)
 {
-    Handling stopped(raised, here);
+    ExceptBlock stopped(raised, here);
     Object message = steal(PyUnicode_FromString("generator raised StopIteration"));
     Object error = call(borrow(PyExc_RuntimeError), {message});
     PyException_SetCause(error.ptr(), Object(stopped.error()).release());

@@ -61,7 +61,7 @@ Object refresh_node(Handle self, Handle node)
         self.call("set_node"_s, {updated_node});
         return success();
     } catch (const Raised& raised) {
-        Handling handling(raised);
+        ExceptBlock block(raised);
         return refresh_failed(self, "Error occurred while refreshing Cloud Worker"_s);
     }
 }
@@ -78,7 +78,7 @@ Object refresh_node_list(Handle self)
         self.call("set_node_list"_s, {new_node_list});
         return op_result;
     } catch (const Raised& raised) {
-        Handling handling(raised);
+        ExceptBlock block(raised);
         return refresh_failed(self, "Error occurred while refreshing Cloud Worker list"_s);
     }
 }

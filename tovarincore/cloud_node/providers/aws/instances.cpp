@@ -99,7 +99,7 @@ Object start_node(Handle self, Handle instance_id, Handle wait_until_cloud_provi
     try {
         wait_until_instance_status_ok(self, ec2, instance_id);
     } catch (const Raised& raised) {
-        Handling handling(raised);
+        ExceptBlock block(raised);
         self.get("logger"_s).call("error"_s, {"AWS wait failed."_s, "exc_info"_k = true_()});
     }
     return none();

@@ -21,8 +21,8 @@ Object create_key_pair(Handle self, Handle key_pair_name, Handle username)
     } catch (const Raised& raised) {
         if (!raised.matches(client_error))
             throw;
-        Handling handling(raised);
-        Handle ex = handling.error();
+        ExceptBlock block(raised);
+        Handle ex = block.error();
         Object log = self.get("logger"_s).get("error"_s);
         call(log, {concat({"Exception occurred when tyring to create key_pair_name: "_s, key_pair_name, " username: "_s,
                            owner}),

@@ -96,8 +96,8 @@ Object launch_node(Handle self, Handle instance_type_def, Handle instance_config
     } catch (const Raised& raised) {
         if (!raised.matches(client_error))
             throw;
-        Handling handling(raised);
-        Handle ex = handling.error();
+        ExceptBlock block(raised);
+        Handle ex = block.error();
         if (has_error_code(ex, "DryRunOperation"_s)) {
             Object result_class = global("OPResult"_s);
             Object code = global("OPResultErrorCode"_s).get("DRY_RUN_OPERATION"_s);

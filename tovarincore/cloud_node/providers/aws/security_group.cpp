@@ -55,7 +55,7 @@ Object get_security_group_id(Handle self, Handle name)
     } catch (const Raised& raised) {
         if (!raised.matches(client_error))
             throw;
-        Handling handling(raised);
+        ExceptBlock block(raised);
         Object log = self.get("logger"_s).get("debug"_s);
         call(log, {concat({"Security Group : "_s, name, " Not Exists"_s}), "exc_info"_k = true_()});
         return none();
