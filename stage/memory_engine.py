@@ -6,16 +6,18 @@ import dataclasses
 from collections.abc import Callable
 from typing import Any
 
-from tovarincore._container_helper.engine import ContainerRequest, ContainerSummary
+from tovarincore._container_helper.engine import LOOPBACK, ContainerRequest, ContainerSummary, PortBinding
 from tovarincore._container_helper.errors import ContainerError
 from tovarincore._container_helper.limit import TimeLimit
 from tovarincore.container_helper import UUID_LABEL, VERSION_LABEL
+from tovarincore.core_conf import core_conf_glbl
 
 
 class MemoryEngine:
     """A container engine in memory that records every call.
 
-    `failures` gives the error to raise for a method, `before` something to do first.
+    `failures` gives the error to raise for a method, `before` something to do first; `bindings`, unless
+    None, is what it publishes in place of what was asked for.
     """
 
     def __init__(self) -> None:
@@ -24,6 +26,7 @@ class MemoryEngine:
         self.container: ContainerSummary | None = None
         self.failures: dict[str, ContainerError] = {}
         self.before: dict[str, Callable[[], object]] = {}
+        self.bindings: frozenset[PortBinding] | None = None
         self.opened = 0
         self.closed = 0
 
@@ -44,7 +47,9 @@ class MemoryEngine:
 
     def find_container(self, name: str, label: str) -> ContainerSummary | None:
         self._record("find_container", name, label)
-        return self.container
+        if self.container is None or self.container.status != "running":
+            return self.container
+        return dataclasses.replace(self.container, bindings=self._published())
 
     def create_container(self, request: ContainerRequest) -> str:
         self._record("create_container", request)
@@ -74,6 +79,12 @@ class MemoryEngine:
     def changes(self) -> list[tuple[Any, ...]]:
         """The recorded calls that are no look-ups."""
         return [call for call in self.calls if call[0] not in ("find_container", "list_image_tags")]
+
+    def _published(self) -> frozenset[PortBinding]:
+        if self.bindings is not None:
+            return self.bindings
+        conf = core_conf_glbl
+        return frozenset({PortBinding(LOOPBACK, conf.container__published_port, conf.container__worker_port)})
 
     def _set_status(self, status: str) -> None:
         assert self.container is not None

@@ -8,14 +8,20 @@ from contextlib import closing, suppress
 from typing import TypeVar
 
 from tovarincore._container_helper.docker_engine import open_docker_engine
-from tovarincore._container_helper.engine import ContainerEngine, ContainerRequest, ContainerSummary
+from tovarincore._container_helper.engine import (
+    LOOPBACK,
+    ContainerEngine,
+    ContainerRequest,
+    ContainerSummary,
+    PortBinding,
+)
 from tovarincore._container_helper.errors import ContainerError, ContainerNameTakenError
 from tovarincore._container_helper.limit import TimeLimit, run_within
 from tovarincore._container_helper.versions import newest_first
 from tovarincore.cloud_conf import CloudConfManager
 from tovarincore.cloud_def import CloudInstances, CloudNode, CloudRegion, CloudRegions, NodeState
 from tovarincore.core_conf import core_conf_glbl
-from tovarincore.core_def import OPResult, OPResultErrorCode
+from tovarincore.core_def import CoreDef, OPResult, OPResultErrorCode
 
 __all__ = ["ContainerError", "ContainerHelper"]
 
@@ -23,7 +29,6 @@ T = TypeVar("T")
 
 UUID_LABEL = "tovarin.worker.uuid"
 VERSION_LABEL = "tovarin.worker.version"
-TOKEN_VARIABLE = "TOVARIN_WORKER_TOKEN"
 
 _MEBIBYTE = 1024 * 1024
 # Long enough for a worker to say goodbye; a short operation limit leaves it less.
@@ -105,6 +110,7 @@ class ContainerHelper:
                 engine.restart_container(container.container_id, _grace_seconds())
             else:
                 _start(engine, container)
+            _find_reachable(engine)
 
         self._operate("restarting the worker" if reboot else "starting the worker", start)
 
@@ -165,7 +171,7 @@ def _run(engine: ContainerEngine, version: str) -> ContainerSummary:
             f"terminate it before launching version {version}."
         )
     _start(engine, container)
-    return _find_to_change(engine)
+    return _find_reachable(engine)
 
 
 def _create_and_start(engine: ContainerEngine, version: str) -> ContainerSummary:
@@ -183,19 +189,19 @@ def _create_and_start(engine: ContainerEngine, version: str) -> ContainerSummary
     )
     try:
         engine.start_container(container_id)
+        return _find_reachable(engine)
     except ContainerError:
-        # A container that never ran would stand in the way of the next launch.
+        # A container that never ran, or that nothing can reach, would stand in the way of the next launch.
         with suppress(ContainerError):
             engine.remove_container(container_id)
         raise
-    return _find_to_change(engine)
 
 
 def _worker_environment() -> dict[str, str]:
     """The token that the web-socket client will send, for the worker to ask for; nothing without one."""
     stored = CloudConfManager().get_cloud_conf(_local_region())
     token = (stored and stored.worker_token) or core_conf_glbl.worker__token
-    return {TOKEN_VARIABLE: token} if token else {}
+    return {CoreDef.WORKER_TOKEN_VARIABLE: token} if token else {}
 
 
 def _find(engine: ContainerEngine) -> ContainerSummary | None:
@@ -210,6 +216,26 @@ def _find_to_change(engine: ContainerEngine) -> ContainerSummary:
             OPResultErrorCode.NOT_FOUND,
         )
     return container
+
+
+def _find_reachable(engine: ContainerEngine) -> ContainerSummary:
+    """The container just started. Raises ContainerError when it runs and its port leads nowhere."""
+    container = _find_to_change(engine)
+    wanted = PortBinding(
+        LOOPBACK, core_conf_glbl.container__published_port, core_conf_glbl.container__worker_port
+    )
+    if container.status != "running" or wanted in container.bindings:
+        return container
+    bound = ", ".join(
+        f"port {binding.container_port} at {binding.host_address}:{binding.host_port}"
+        for binding in sorted(container.bindings, key=lambda binding: binding.container_port)
+    )
+    raise ContainerError(
+        f'Nothing can reach the worker in container "{container.name}": the engine published '
+        f"{bound or 'none of its ports'}, and [container] asks for port {wanted.container_port} at "
+        f"{wanted.host_address}:{wanted.host_port}. Terminate it and launch again; if that does not help, "
+        "see whether the engine can publish ports at all."
+    )
 
 
 def _start(engine: ContainerEngine, container: ContainerSummary) -> None:
@@ -241,7 +267,7 @@ def _node_of(container: ContainerSummary) -> CloudNode:
         instance_type_def=CloudInstances.get_default_local_instance_type(),
         uuid=container.labels[UUID_LABEL],
         name=container.name,
-        dns_address="127.0.0.1",
+        dns_address=LOOPBACK,
         state=_STATE_OF_STATUS.get(container.status, NodeState.UNKNOWN),
     )
 

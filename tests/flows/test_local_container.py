@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import json
 import re
 import socket
 import threading
@@ -12,24 +13,29 @@ from pathlib import Path
 from typing import Any
 
 import pytest
+from websockets.exceptions import InvalidStatus
+from websockets.sync.client import connect
 
 from stage.engine import ContainerEngineServer, EngineNotRunnable
 from stage.local_region import LIMIT_SECONDS, LocalRegion, free_port, local_region, local_settings
 from stage.settings import settings_of
 from tovarincore._container_helper.docker_engine import DockerEngine
-from tovarincore.cloud_def import (
-    NodeState,
-)
+from tovarincore.api_def import PingRequest
+from tovarincore.cloud_def import NodeState
 from tovarincore.cloud_node import cloud_manager_glbl
 from tovarincore.container_helper import ContainerError
 from tovarincore.core_def import OPResultErrorCode
 from tovarincore.testing.worker_image import import_worker_image
+from tovarincore.webs_client import WebSocketClient
 
 pytestmark = pytest.mark.xdist_group("container engine")
 
 VERSIONS = ["1.2.0", "1.10.0", "1.9.0"]
 NEWEST_FIRST = ["1.10.0", "1.9.0", "1.2.0"]
 IMAGE = "tovarin-worker"
+WORKER_COMMAND = [
+    "/opt/python/bin/python3", "-m", "tovarincore.testing.reference_worker", "--host", "0.0.0.0"
+]  # fmt: skip
 DOCUMENT = Path(__file__).parents[2] / "docs" / "local-containers.md"
 # For an engine that is made to hang.
 SHORT_LIMIT_SECONDS = 0.7
@@ -118,6 +124,57 @@ def test_the_container_is_limited_and_on_loopback_only(local: LocalRegion) -> No
     assert details["NetworkSettings"]["Ports"] == {
         "8855/tcp": [{"HostIp": "127.0.0.1", "HostPort": str(local.port)}]
     }
+
+
+@pytest.mark.parametrize("exposed", [None, 8855, 9777], ids=["exposes-nothing", "other-port", "exposes-it"])
+def test_the_workers_port_is_published_whatever_the_image_exposes(
+    local: LocalRegion, tmp_path: Path, exposed: int | None
+) -> None:
+    """The port is the one of the settings; an image that exposes nothing or another one is no obstacle."""
+    command = json.dumps([*WORKER_COMMAND, "--port", "9777"])
+    changes = [f"CMD {command}", *([f"EXPOSE {exposed}"] if exposed else [])]
+    base = local.client.create_container(f"{IMAGE}:1.9.0")
+    local.client.commit(base, IMAGE, "2.0.0", changes="\n".join(changes))
+    local.client.remove_container(base)
+    settings = local_settings(local.server, local.port)
+    settings["container"]["worker_port"] = 9777
+    try:
+        with settings_of(tmp_path, settings):
+            node = local.running_node("2.0.0")
+            assert node.ready
+            bound = local.client.inspect_container(node.instance_id)["NetworkSettings"]["Ports"]
+            assert bound["9777/tcp"] == [{"HostIp": "127.0.0.1", "HostPort": str(local.port)}]
+            assert local.terminate(node).success
+    finally:
+        local.client.remove_image(f"{IMAGE}:2.0.0", force=True)
+
+
+@pytest.mark.parametrize("sent", [None, "wrong", "a-token-of-this-tes"])
+def test_the_worker_refuses_whoever_lacks_its_token(local: LocalRegion, sent: str | None) -> None:
+    """Without the token, and with another one, not even the handshake is answered."""
+    local.running_node()
+    headers = {} if sent is None else {"Authorization": f"Bearer {sent}"}
+    with (
+        pytest.raises(InvalidStatus) as refused,
+        connect(f"ws://127.0.0.1:{local.port}/", additional_headers=headers, proxy=None),
+    ):
+        pass
+    assert refused.value.response.status_code == 401
+
+
+def test_the_client_with_another_token_finds_the_worker_not_ready(local: LocalRegion, tmp_path: Path) -> None:
+    """With the right one it is ready; with a wrong one or none the probe says that the token is refused."""
+    node = local.running_node()
+    settings = local_settings(local.server, local.port)
+    others = tmp_path / "others"
+    others.mkdir()
+    for token in ("wrong", ""):
+        settings["worker"]["token"] = token
+        with settings_of(others, settings):
+            assert not local.refreshed_node().ready
+            answer = WebSocketClient(node, client_timeout_sec=2).api_get_op_result(PingRequest())
+        assert answer.error_code is OPResultErrorCode.UNAUTHENTICATED
+    assert local.refreshed_node().ready
 
 
 def test_launching_again_returns_the_container_there_is(local: LocalRegion) -> None:

@@ -12,18 +12,17 @@ import pytest
 
 from stage.memory_engine import MemoryEngine
 from stage.settings import settings_of
-from tovarincore._container_helper.engine import ContainerRequest
+from tovarincore._container_helper.engine import ContainerRequest, PortBinding
 from tovarincore._container_helper.errors import ContainerNameTakenError
 from tovarincore.cloud_conf import CloudConf, CloudConfManager
 from tovarincore.cloud_def import CloudInstances, CloudRegions, NodeState
 from tovarincore.container_helper import (
-    TOKEN_VARIABLE,
     UUID_LABEL,
     VERSION_LABEL,
     ContainerError,
     ContainerHelper,
 )
-from tovarincore.core_def import OPResultErrorCode
+from tovarincore.core_def import CoreDef, OPResultErrorCode
 
 SETTINGS: dict[str, Any] = {
     "image": "acme/worker",
@@ -234,6 +233,43 @@ def test_a_container_that_cannot_start_is_removed_again(
     ]
 
 
+OTHER_PORT = frozenset({PortBinding("127.0.0.1", 9001, 8855)})
+
+
+@pytest.mark.parametrize(
+    ("bindings", "published"),
+    [
+        pytest.param(frozenset(), "none of its ports", id="none"),
+        pytest.param(OTHER_PORT, r"port 8855 at 127\.0\.0\.1:9001", id="another"),
+    ],
+)
+def test_a_new_worker_that_nothing_can_reach_is_an_error(
+    engine: MemoryEngine, helper: ContainerHelper, bindings: frozenset[PortBinding], published: str
+) -> None:
+    """The launch says what is published and what should be, and leaves no container in the way."""
+    engine.bindings = bindings
+    node, result = helper.run_tvr_container_image("1.10")
+    assert (node, result.error) == (None, True)
+    with pytest.raises(AssertionError, match=rf"published {published}, .* port 9002 at 127\.0\.0\.1:9001"):
+        raise AssertionError(result.msg)
+    assert engine.container is None
+
+
+@pytest.mark.parametrize("reboot", [False, True], ids=["start", "reboot"])
+def test_an_existing_worker_that_nothing_can_reach_is_an_error(
+    engine: MemoryEngine, helper: ContainerHelper, reboot: bool
+) -> None:
+    """Made under other settings, it is reported by launch, start and reboot, and stays for its owner."""
+    engine.put_container("1.10")
+    engine.bindings = OTHER_PORT
+    node, result = helper.run_tvr_container_image("1.10")
+    assert node is None
+    assert "Terminate it and launch again" in str(result.msg)
+    with pytest.raises(ContainerError, match="Nothing can reach the worker"):
+        helper.start_tovarin_container(reboot)
+    assert engine.container is not None
+
+
 def test_stop_and_reboot_give_the_worker_a_grace_time(engine: MemoryEngine, helper: ContainerHelper) -> None:
     """Half of the limit, so that the engine's answer still comes within it."""
     engine.put_container()
@@ -348,8 +384,10 @@ def test_every_call_ends_within_the_limit(
     ("stored", "setting", "environment"),
     [
         pytest.param(None, "", {}, id="none"),
-        pytest.param(None, "from-setting", {TOKEN_VARIABLE: "from-setting"}, id="setting"),
-        pytest.param("stored-one", "from-setting", {TOKEN_VARIABLE: "stored-one"}, id="stored"),
+        pytest.param(None, "from-setting", {CoreDef.WORKER_TOKEN_VARIABLE: "from-setting"}, id="setting"),
+        pytest.param(
+            "stored-one", "from-setting", {CoreDef.WORKER_TOKEN_VARIABLE: "stored-one"}, id="stored"
+        ),
     ],
 )
 def test_the_worker_asks_for_the_token_that_clients_send(

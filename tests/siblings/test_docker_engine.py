@@ -19,7 +19,12 @@ import pytest
 from stage.engine_api import EngineApi, EngineRequest
 from stage.settings import settings_of
 from tovarincore._container_helper.docker_engine import open_docker_engine
-from tovarincore._container_helper.engine import ContainerEngine, ContainerRequest, ContainerSummary
+from tovarincore._container_helper.engine import (
+    ContainerEngine,
+    ContainerRequest,
+    ContainerSummary,
+    PortBinding,
+)
 from tovarincore._container_helper.errors import ContainerError, ContainerNameTakenError
 from tovarincore._container_helper.limit import TimeLimit
 from tovarincore.container_helper import ContainerHelper
@@ -72,7 +77,7 @@ def test_a_container_is_looked_for_by_label_and_exact_name(api: EngineApi, engin
     """Stopped ones included; the engine matches names as regular expressions."""
     api.answers["GET", "/containers/json"] = (
         200,
-        [{"Id": "id-1", "Names": ["/a.worker"], "State": "exited", "Labels": {"l": "x"}}],
+        [{"Id": "id-1", "Names": ["/a.worker"], "State": "exited", "Labels": {"l": "x"}, "Ports": []}],
     )
     assert engine.find_container("a.worker", "l") == ContainerSummary(
         "id-1", "a.worker", "exited", {"l": "x"}
@@ -80,6 +85,20 @@ def test_a_container_is_looked_for_by_label_and_exact_name(api: EngineApi, engin
     query = api.requests[0].query
     assert query["all"] == "1"
     assert json.loads(query["filters"]) == {"label": ["l"], "name": [r"^/?a\.worker$"]}
+
+
+def test_published_tcp_ports_are_listed(api: EngineApi, engine: ContainerEngine) -> None:
+    """A port that an image merely exposes has no number on the host, and UDP is no way to a worker."""
+    ports = [
+        {"IP": "127.0.0.1", "PrivatePort": 9002, "PublicPort": 9001, "Type": "tcp"},
+        {"PrivatePort": 8855, "Type": "tcp"},
+        {"IP": "127.0.0.1", "PrivatePort": 53, "PublicPort": 53, "Type": "udp"},
+    ]
+    listed = {"Id": "id-1", "Names": ["/w"], "State": "running", "Labels": {"l": "x"}, "Ports": ports}
+    api.answers["GET", "/containers/json"] = (200, [listed])
+    container = engine.find_container("w", "l")
+    assert container is not None
+    assert container.bindings == {PortBinding("127.0.0.1", 9001, 9002)}
 
 
 def test_a_container_is_created_with_limits_and_a_loopback_port(
@@ -92,6 +111,8 @@ def test_a_container_is_created_with_limits_and_a_loopback_port(
     host = body["HostConfig"]
     assert api.requests[0].query == {"name": "the-worker"}
     assert (body["Image"], body["Labels"]) == ("acme/worker:1.0", {"a": "b"})
+    # Without this the engine publishes a port only if the image happens to expose it.
+    assert body["ExposedPorts"] == {"9002/tcp": {}}
     assert host["PortBindings"] == {"9002/tcp": [{"HostIp": "127.0.0.1", "HostPort": "9001"}]}
     assert (host["Memory"], host["MemorySwap"]) == (64 * 1024 * 1024, 64 * 1024 * 1024)
     assert (host["NanoCpus"], host["Init"]) == (500_000_000, True)

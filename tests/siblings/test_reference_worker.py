@@ -1,6 +1,7 @@
 """The reference worker, asked by a client that knows nothing of this package's."""
 
 import json
+import re
 import signal
 import socket
 import ssl
@@ -175,26 +176,65 @@ def test_it_serves_with_a_certificate(tmp_path: Path) -> None:
         assert json.loads(connection.recv(timeout=5))["id"] == "7"
 
 
-@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
-def test_as_a_program_it_serves_until_it_is_told_to_end(number: int, tmp_path: Path) -> None:
-    """Run as the file alone, it needs no other module of the package: an image can hold just this one."""
-    file = tmp_path / "worker.py"
-    file.write_bytes((_ROOT / "tovarincore" / "testing" / "reference_worker.py").read_bytes())
-    command = [sys.executable, "-X", "dev", "-W", "error", str(file), "--port", "0", "--worker-id", "w"]
-    environment = {"TOVARIN_WORKER__TOKEN": "right"}
-    with subprocess.Popen(command, env=environment, stdout=subprocess.PIPE, text=True) as process:
+@pytest.mark.parametrize("host", ["0.0.0.0", "::", "", "192.0.2.7", "worker.example"])
+@pytest.mark.parametrize("token", [None, ""])
+def test_without_a_token_it_serves_this_machine_only(host: str, token: str | None) -> None:
+    """Anybody who reached the port could use the worker; the text says where the token comes from."""
+    with pytest.raises(ValueError, match=r"needs a token.* TOVARIN_WORKER_TOKEN .* listen on 127\.0\.0\.1"):
+        ReferenceWorker(host, token=token)
+
+
+@pytest.mark.parametrize("host", ["127.0.0.1", "127.0.0.2", "::1", "localhost"])
+def test_on_loopback_it_needs_no_token(host: str) -> None:
+    """A worker that only this machine reaches may serve without."""
+    ReferenceWorker(host)
+
+
+@contextmanager
+def program(folder: Path, environment: dict[str, str], *arguments: str) -> Iterator[subprocess.Popen[str]]:
+    """Run the worker from the files that the image's recipe copies, and nothing else of the package."""
+    recipe = (_ROOT / "containers" / "worker" / "Dockerfile").read_text()
+    for line in re.findall(r"^COPY (.*) \S+$", recipe, re.MULTILINE):
+        for name in line.split():
+            target = folder / "tovarincore" / name
+            target.parent.mkdir(parents=True, exist_ok=True)
+            target.write_bytes((_ROOT / "tovarincore" / name).read_bytes())
+    module = "tovarincore.testing.reference_worker"
+    with subprocess.Popen(
+        [sys.executable, "-X", "dev", "-W", "error", "-m", module, "--port", "0", *arguments],
+        cwd=folder,
+        env=environment,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
+        text=True,
+    ) as process:
         try:
-            assert process.stdout is not None
-            line = process.stdout.readline()
-            assert line.startswith("listening on 127.0.0.1 port ")
-            with connect(
-                f"ws://127.0.0.1:{line.split()[-1]}/",
-                additional_headers={"Authorization": "Bearer right"},
-                proxy=None,
-            ) as connection:
-                connection.send('{"v": 1, "id": "7", "kind": "ping"}')
-                assert json.loads(connection.recv(timeout=5))["worker_id"] == "w"
-                process.send_signal(number)
-                assert process.wait(5) == 0
+            yield process
         finally:
             process.kill()
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
+@pytest.mark.parametrize("variable", ["TOVARIN_WORKER_TOKEN", "TOVARIN_WORKER__TOKEN"])
+def test_as_a_program_it_serves_until_it_is_told_to_end(number: int, variable: str, tmp_path: Path) -> None:
+    """It asks for the token of its variable, or of the one that clients have their setting from."""
+    with program(tmp_path, {variable: "right"}, "--host", "0.0.0.0", "--worker-id", "w") as process:
+        assert process.stdout is not None
+        line = process.stdout.readline()
+        assert line.startswith("listening on 0.0.0.0 port ")
+        url = f"ws://127.0.0.1:{line.split()[-1]}/"
+        with pytest.raises(InvalidStatus), connect(url, proxy=None):
+            pass
+        with connect(url, additional_headers={"Authorization": "Bearer right"}, proxy=None) as connection:
+            connection.send('{"v": 1, "id": "7", "kind": "ping"}')
+            assert json.loads(connection.recv(timeout=5))["worker_id"] == "w"
+            process.send_signal(number)
+            assert process.wait(5) == 0
+
+
+def test_as_a_program_it_refuses_to_be_open_to_others(tmp_path: Path) -> None:
+    """It ends at once, with one line that names the variable."""
+    with program(tmp_path, {"TOVARIN_WORKER_TOKEN": ""}, "--host", "0.0.0.0") as process:
+        output, errors = process.communicate(timeout=20)
+    assert (process.returncode, output) == (2, "")
+    assert 'listens on "0.0.0.0" needs a token' in errors

@@ -9,7 +9,13 @@ from contextlib import contextmanager
 from http import HTTPStatus
 from typing import TYPE_CHECKING, Any
 
-from tovarincore._container_helper.engine import ContainerEngine, ContainerRequest, ContainerSummary
+from tovarincore._container_helper.engine import (
+    LOOPBACK,
+    ContainerEngine,
+    ContainerRequest,
+    ContainerSummary,
+    PortBinding,
+)
 from tovarincore._container_helper.errors import ContainerError, ContainerNameTakenError
 from tovarincore._container_helper.limit import TimeLimit
 from tovarincore.core_conf import core_conf_glbl
@@ -78,16 +84,19 @@ class DockerEngine:
         with self._request():
             found = self._client.containers(all=True, filters=filters)
         return next(
-            (ContainerSummary(item["Id"], name, item["State"], item["Labels"]) for item in found), None
+            (
+                ContainerSummary(item["Id"], name, item["State"], item["Labels"], _bindings(item["Ports"]))
+                for item in found
+            ),
+            None,
         )
 
     def create_container(self, request: ContainerRequest) -> str:
         import docker
 
-        port = f"{request.worker_port}/tcp"
         with self._request():
             host_config = self._client.create_host_config(
-                port_bindings={port: ("127.0.0.1", request.published_port)},
+                port_bindings={request.worker_port: (LOOPBACK, request.published_port)},
                 mem_limit=request.memory_bytes,
                 # The same number again, or the container may use as much swap on top of its memory.
                 memswap_limit=request.memory_bytes,
@@ -101,7 +110,7 @@ class DockerEngine:
                     name=request.name,
                     labels=dict(request.labels),
                     environment=dict(request.environment),
-                    ports=[port],
+                    ports=[request.worker_port],
                     host_config=host_config,
                 )
             except docker.errors.ImageNotFound as error:
@@ -149,6 +158,15 @@ class DockerEngine:
         self._client.timeout = max(self._limit.remaining() - added_by_client, 0.001)  # type: ignore[assignment]
         with _explained(self._limit, self._address):
             yield
+
+
+def _bindings(ports: list[dict[str, Any]]) -> frozenset[PortBinding]:
+    """What is published of a container's ports; one that is merely exposed has no public number."""
+    return frozenset(
+        PortBinding(port["IP"], port["PublicPort"], port["PrivatePort"])
+        for port in ports
+        if port["Type"] == "tcp" and port.get("PublicPort")
+    )
 
 
 @contextmanager

@@ -6,15 +6,31 @@ from collections.abc import Mapping
 from dataclasses import dataclass, field
 from typing import Protocol
 
+# Where the worker's port is published: other machines cannot reach it.
+LOOPBACK = "127.0.0.1"
+
+
+@dataclass(frozen=True)
+class PortBinding:
+    """A TCP port of a container and where on the host the engine published it."""
+
+    host_address: str
+    host_port: int
+    container_port: int
+
 
 @dataclass(frozen=True)
 class ContainerSummary:
-    """A container as the engine lists it; `status` is the engine's word, such as "running" or "paused"."""
+    """A container as the engine lists it; `status` is the engine's word, such as "running" or "paused".
+
+    `bindings` are the ports that are really published; a container that does not run has none.
+    """
 
     container_id: str
     name: str
     status: str
     labels: Mapping[str, str]
+    bindings: frozenset[PortBinding] = frozenset()
 
 
 @dataclass(frozen=True)

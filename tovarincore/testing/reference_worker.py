@@ -1,8 +1,10 @@
 """A worker that answers pings and requests for system statistics, for demos, tests and the container image.
 
-It stands on the standard library and ``websockets`` alone, and runs by itself::
+It stands on the standard library, ``websockets`` and ``tovarincore.core_def`` alone, and runs by itself::
 
     python -m tovarincore.testing.reference_worker --host 127.0.0.1 --port 8855
+
+Listening on more than loopback takes a token: without one, anybody who reaches the port could use the worker.
 """
 
 import argparse
@@ -10,6 +12,7 @@ import asyncio
 import contextlib
 import hmac
 import http
+import ipaddress
 import json
 import logging
 import os
@@ -24,10 +27,15 @@ from websockets.asyncio.server import ServerConnection, serve
 from websockets.exceptions import ConnectionClosed
 from websockets.http11 import Request, Response
 
+from tovarincore.core_def import CoreDef
+
 __all__ = ["ReferenceWorker"]
 
 _VERSION = 1
 _MAX_REQUEST_BYTES = 65536
+
+# Beside its own variable a worker heeds the one that gives clients their [worker] token.
+_TOKEN_VARIABLES = (CoreDef.WORKER_TOKEN_VARIABLE, "TOVARIN_WORKER__TOKEN")
 
 _logger = logging.getLogger("tovarincore.reference_worker")
 # The library logs the headers of the handshake at DEBUG, the token among them. Outside of the hierarchy,
@@ -40,10 +48,11 @@ class ReferenceWorker:
 
     :param host: address to listen on
     :param port: port to listen on, 0 for a free one
-    :param token: bearer token that clients must send, ``None`` to ask for none
+    :param token: bearer token that clients must send; ``None`` or empty to ask for none, on loopback only
     :param answer: ``False`` for a worker that accepts connections and never says anything
     :param worker_id: id that it reports
     :param ssl_context: certificate to serve with; ``None`` serves without TLS
+    :raises ValueError: no token for an address that others than this machine can reach
     """
 
     def __init__(
@@ -55,11 +64,17 @@ class ReferenceWorker:
         worker_id: str = "worker-1",
         ssl_context: ssl.SSLContext | None = None,
     ) -> None:
+        if not token and not _is_loopback(host):
+            raise ValueError(
+                f'a worker that listens on "{host}" needs a token, or anybody who reaches the port could use '
+                f"it: set the variable {CoreDef.WORKER_TOKEN_VARIABLE} (launched from here, a container gets "
+                "it from [worker] token or the token stored for the region), or listen on 127.0.0.1"
+            )
         self.host = host
         self.port = port
         """The port that it listens on; 0 is replaced by the real one at the start."""
         self.worker_id = worker_id
-        self._token = token
+        self._token = token or None
         self._answer = answer
         self._ssl_context = ssl_context
         self._requests = 0
@@ -171,6 +186,14 @@ class ReferenceWorker:
         return _refusal(request_id, "unknown_kind", "this worker answers ping and system_stat")
 
 
+def _is_loopback(host: str) -> bool:
+    try:
+        return ipaddress.ip_address(host).is_loopback
+    except ValueError:
+        # Any other name may lead anywhere, and the empty one means every interface.
+        return host == "localhost"
+
+
 def _is_equal(given: str, wanted: str) -> bool:
     # Bytes that are not ASCII come as surrogates; comparing takes as long wherever the first difference is.
     return hmac.compare_digest(given.encode(errors="surrogateescape"), wanted.encode())
@@ -229,11 +252,15 @@ def main() -> None:
     )
     parser.add_argument(
         "--token",
-        default=os.environ.get("TOVARIN_WORKER__TOKEN"),
-        help="bearer token to ask for; default is the variable TOVARIN_WORKER__TOKEN",
+        default=next(filter(None, map(os.environ.get, _TOKEN_VARIABLES)), None),
+        help=f"bearer token to ask for; default is the variable {' or else '.join(_TOKEN_VARIABLES)}",
     )
     parser.add_argument("--worker-id", default="worker-1", help="id that it reports (%(default)s)")
     options = parser.parse_args()
+    try:
+        worker = ReferenceWorker(options.host, options.port, options.token, worker_id=options.worker_id)
+    except ValueError as error:
+        parser.error(str(error))
     ended = threading.Event()
 
     def end(number: int, frame: FrameType | None) -> None:
@@ -241,9 +268,7 @@ def main() -> None:
 
     for number in (signal.SIGINT, signal.SIGTERM):
         signal.signal(number, end)
-    with ReferenceWorker(
-        options.host, options.port, options.token or None, worker_id=options.worker_id
-    ) as worker:
+    with worker:
         print(f"listening on {worker.host} port {worker.port}", flush=True)
         ended.wait()
 

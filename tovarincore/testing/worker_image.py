@@ -33,7 +33,6 @@ _PORT = 8855
 _IMAGE_SETTINGS = (
     f"ENV PYTHONHOME=/{_PYTHON_HOME} PYTHONPATH=/{_WORKER_HOME} LD_LIBRARY_PATH=/{_PYTHON_HOME}/lib "
     "PYTHONDONTWRITEBYTECODE=1 PYTHONUNBUFFERED=1",
-    f"EXPOSE {_PORT}",
     "USER 65534:65534",
     f'CMD ["/{_PYTHON_HOME}/bin/python3", "-m", "tovarincore.testing.reference_worker", '
     f'"--host", "0.0.0.0", "--port", "{_PORT}"]',
