@@ -9,9 +9,9 @@ from pathlib import Path
 import pytest
 
 from tests.command.conftest import Run, finish, start_command
-from tovarincore.command import listing
 from tovarincore.command.app import cli, run
-from tovarincore.command.failures import EXIT_CODES, ExitCode
+from tovarincore.command.errors.failures import EXIT_CODES, ExitCode
+from tovarincore.command.subcommands import listing
 
 COMMANDS = (
     "configure regions templates types list show launch try wait watch start stop reboot terminate keypair"

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from tests.command.transcript import DOCUMENT, rewritten
 from tovarincore.command.app import cli
-from tovarincore.command.failures import EXIT_CODES
+from tovarincore.command.errors.failures import EXIT_CODES
 
 
 def test_the_document_shows_what_the_commands_write(sdk_data_read_once: None) -> None:

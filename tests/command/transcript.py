@@ -36,8 +36,8 @@ from stage.kube_api import KubeApi
 from stage.kube_world import KubeWorld
 from stage.local_region import free_port
 from tovarincore.cloud_node import cloud_manager_glbl
-from tovarincore.command import readiness
 from tovarincore.command.app import cli
+from tovarincore.command.nodes import readiness
 from tovarincore.core_conf import core_conf_glbl
 from tovarincore.testing.reference_worker import ReferenceWorker
 from tovarincore.testing.worker_image import import_worker_image

@@ -10,7 +10,10 @@ from typing import Any, NoReturn
 
 import click
 
-from tovarincore.command import (
+from tovarincore.command.context.invocation import Invocation, output_options
+from tovarincore.command.errors.explain import explain
+from tovarincore.command.errors.failures import EXIT_CODES, CommandFailure, ExitCode
+from tovarincore.command.subcommands import (
     catalogue,
     configure,
     doctor,
@@ -21,9 +24,6 @@ from tovarincore.command import (
     orphans,
     waiting,
 )
-from tovarincore.command.explain import explain
-from tovarincore.command.failures import EXIT_CODES, CommandFailure, ExitCode
-from tovarincore.command.invocation import Invocation, output_options
 
 __all__ = ["cli", "run"]
 

@@ -1,0 +1,93 @@
+"""What ``doctor`` looks at on this machine: settings, credential store, container engine, clusters."""
+
+import ssl
+from collections.abc import Iterator
+
+from tovarincore.cloud_def import CloudInstances, K8sRegion
+from tovarincore.command.doctor.verdicts import Verdict, failed, ok, warn
+from tovarincore.command.errors.explain import failure_of
+from tovarincore.container_helper import ContainerHelper
+from tovarincore.core_conf import core_conf_glbl
+from tovarincore.fleet.ledger import Ledger
+from tovarincore.k8s_console_client import K8sConsoleClient
+
+__all__ = ["check_cluster", "check_engine", "check_settings", "check_worker_settings"]
+
+
+def check_settings() -> Verdict:
+    """Read the configuration, the list of types and the ledger."""
+    try:
+        path = core_conf_glbl.path
+        known = len(CloudInstances.instance_type_list)
+        ledger = Ledger()
+        launches = len(ledger.entries())
+    except Exception as error:
+        return failed("configuration", error)
+    read = str(path) if path.exists() else f"defaults ({path} does not exist)"
+    return ok("configuration", f"{read}; {known} types, {launches} launches in {ledger.path.name}")
+
+
+def check_worker_settings() -> Iterator[Verdict]:
+    """Look at how workers are reached."""
+    subject = "worker connection"
+    conf = core_conf_glbl
+    found = False
+    if conf.worker__scheme == "ws" and conf.worker__token:
+        found = True
+        yield warn(
+            subject,
+            "the token is sent unencrypted",
+            'set [worker] scheme = "wss", or reach workers through a tunnel only',
+        )
+    if conf.worker__scheme == "wss" and not conf.worker__verify_certificates:
+        found = True
+        yield warn(
+            subject,
+            "certificates of workers are not verified",
+            "set [worker] verify_certificates = true and ca_file",
+        )
+    if conf.worker__ca_file:
+        try:
+            ssl.create_default_context(cafile=conf.worker__ca_file)
+        except OSError as error:
+            found = True
+            yield failed(
+                subject,
+                f"[worker] ca_file cannot be used: {error}",
+                "name a readable file of PEM certificates",
+            )
+    if not found:
+        yield ok(subject, f"{conf.worker__scheme}, port {conf.worker__port}")
+
+
+def check_engine() -> Verdict:
+    """Ask the container engine for images and for the worker."""
+    subject = "local engine"
+    helper = ContainerHelper()
+    image = core_conf_glbl.container__image
+    try:
+        versions = helper.list_tvr_container_image_versions()
+        node = helper.get_existing_node()
+    except Exception as error:
+        return failed(subject, error)
+    if not versions:
+        return warn(subject, f"it answers, but has no image {image}", f"pull or build {image}:VERSION")
+    state = "no worker" if node is None else f"worker {node.state.value.lower()}"
+    return ok(subject, f"versions of {image}: {', '.join(versions)}; {state}")
+
+
+def check_cluster(region: K8sRegion) -> Verdict:
+    """Ask the cluster for nodes and for its catalogue."""
+    subject = f"{region.hash_key} cluster"
+    client = K8sConsoleClient(region)
+    nodes, listed = client.get_cloud_nodes()
+    templates, catalogued = client.list_instance_templates()
+    types, typed = client.list_instance_types()
+    for result in (listed, catalogued, typed):
+        if not result.success:
+            return failed(subject, failure_of(result, region))
+    return ok(
+        subject,
+        f"namespace {region.namespace}: {len(nodes or [])} nodes, {len(templates)} images,"
+        f" {len(types)} types",
+    )

@@ -1,0 +1,1 @@
+"""What ends a command: exit codes, failures with their remedies, and what exceptions amount to."""

@@ -1,0 +1,162 @@
+"""What a launch is asked for: the options that ``launch``, ``try`` and ``doctor --launch`` share."""
+
+import json
+from collections.abc import Callable
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any
+
+import click
+
+from tovarincore.cloud_def import (
+    CloudInstanceConfig,
+    CloudInstances,
+    CloudInstanceTypeDef,
+    CpuPlanA,
+    CpuPlanB,
+    GpuPlanA,
+    GpuPlanB,
+    InstanceTemplate,
+)
+from tovarincore.cloud_node import cloud_manager_glbl
+from tovarincore.command.context.access import Access
+from tovarincore.command.errors.explain import failure_of
+from tovarincore.command.errors.failures import CommandFailure, ExitCode
+from tovarincore.command.output.text import one_line
+from tovarincore.command.subcommands.catalogue import types_of
+
+__all__ = ["LaunchRequest", "build_request", "launch_options", "network_missing"]
+
+_PLANS = {"cpu-a": CpuPlanA, "gpu-a": GpuPlanA, "cpu-b": CpuPlanB, "gpu-b": GpuPlanB}
+_OPTIONS = (
+    click.option("--type", "type_name", metavar="TYPE", help="Instance type, see the sub-command types."),
+    click.option("--template", metavar="IMAGE", help="Image by id, name or version, see templates."),
+    click.option(
+        "--plan",
+        type=click.Choice(list(_PLANS)),
+        help="Amazon: the default image of this plan, when no --template is given.  [default: cpu-a]",
+    ),
+    click.option("--name", default="tovarin-node", show_default=True, help="Name of the node."),
+    click.option(
+        "--disk", type=click.IntRange(1, 16384), default=20, show_default=True, help="Root volume in GiB."
+    ),
+    click.option(
+        "--key-pair", default="tovarin-key", show_default=True, help="Amazon: key pair put on the instance."
+    ),
+    click.option("--instance-profile", metavar="NAME", help="Amazon: IAM instance profile."),
+    click.option(
+        "--settings",
+        type=click.Path(exists=True, dir_okay=False, path_type=Path),
+        help="JSON file with what the node's preparation script is given.",
+    ),
+)
+
+
+@dataclass(frozen=True)
+class LaunchRequest:
+    """What the facade is asked to launch."""
+
+    type_def: CloudInstanceTypeDef
+    config: CloudInstanceConfig
+
+
+def launch_options(function: Callable[..., Any]) -> Callable[..., Any]:
+    """Give a command the options of :func:`build_request`."""
+    for option in reversed(_OPTIONS):
+        function = option(function)
+    return function
+
+
+def build_request(
+    access: Access,
+    type_name: str | None = None,
+    template: str | None = None,
+    plan: str | None = None,
+    name: str = "tovarin-node",
+    disk: int = 20,
+    key_pair: str = "tovarin-key",
+    instance_profile: str | None = None,
+    settings: Path | None = None,
+) -> LaunchRequest:
+    """Turn the options into what the facade is asked for.
+
+    :raises CommandFailure: no such type or template, or a file that is not JSON
+    """
+    type_def = _find_type(access, type_name)
+    config = CloudInstanceConfig(
+        disk_size=disk,
+        launch_instance_settings=_read_settings(settings),
+        instance_template=_find_template(access, template, plan),
+        key_pair_name=key_pair,
+        name=name,
+        instance_profile_name=instance_profile,
+    )
+    return LaunchRequest(type_def, config)
+
+
+def network_missing() -> CommandFailure:
+    """Return the failure for an account without a default network: a launch says only ``IndexError``."""
+    return CommandFailure(
+        "the account has no default network (VPC) in the region REGION to put the security group into",
+        "make one (aws ec2 create-default-vpc), or set [network] aws_custom_vpc and aws_custom_subnet",
+        ExitCode.NOT_CONFIGURED,
+    )
+
+
+def _find_type(access: Access, name: str | None) -> CloudInstanceTypeDef:
+    if access.region.cloud == "local":
+        return CloudInstances.get_default_local_instance_type()
+    if name is None:
+        raise CommandFailure(
+            "a launch in this region needs a type",
+            "give one with --type: tovarin-nodes types REGION",
+            ExitCode.USAGE,
+        )
+    for known in types_of(access):
+        if known.instance_type == name:
+            return known
+    raise CommandFailure(
+        f'the type "{one_line(name)}" is not in the list of instance types',
+        "choose one of: tovarin-nodes types REGION; or add it to the file of [cloud] instance_types_file",
+        ExitCode.NOT_FOUND,
+    )
+
+
+def _find_template(access: Access, wanted: str | None, plan: str | None) -> InstanceTemplate:
+    region = access.region
+    if wanted is None and region.cloud == "AWS":
+        plan = plan or "cpu-a"
+        found = cloud_manager_glbl.get_default_instance_template(region, access.auth, _PLANS[plan]())
+        if found is None:
+            raise _no_template(f"no public image for the plan {plan}")
+        return found
+    templates, result = cloud_manager_glbl.list_current_instance_templates(
+        region, access.auth, is_public=False
+    )
+    if not result.success:
+        raise failure_of(result, region)
+    for template in templates:
+        # Local images and those of a catalogue come with the one to be preferred first.
+        if wanted in (None, template.instance_template_id, template.name, template.version):
+            return template
+    raise _no_template("no image" if wanted is None else f'no image "{one_line(wanted)}"')
+
+
+def _no_template(what: str) -> CommandFailure:
+    return CommandFailure(
+        f"the region REGION offers {what}",
+        "choose with --template one of: tovarin-nodes templates REGION --private",
+        ExitCode.NOT_FOUND,
+    )
+
+
+def _read_settings(path: Path | None) -> Any:
+    if path is None:
+        return {}
+    try:
+        return json.loads(path.read_bytes())
+    except (OSError, ValueError) as error:
+        # The file may hold secrets, so the parser's text, which quotes nothing of it, is all that is shown.
+        raise CommandFailure(
+            f"{path}: is not JSON: {one_line(error)}", "mend the file of --settings", ExitCode.USAGE
+        ) from error

@@ -1,0 +1,132 @@
+"""``start``, ``stop``, ``reboot`` and ``terminate``."""
+
+from collections.abc import Callable
+
+import click
+
+from tovarincore.cloud_def import CloudNode, CloudRegion
+from tovarincore.cloud_node import cloud_manager_glbl
+from tovarincore.command.context.access import Access, open_region
+from tovarincore.command.context.invocation import (
+    Invocation,
+    NodesCommand,
+    confirm,
+    pass_invocation,
+    region_argument,
+    yes_option,
+)
+from tovarincore.command.errors.explain import explain, failure_of
+from tovarincore.command.errors.failures import CommandFailure, ExitCode
+from tovarincore.command.nodes.inventory import find_node, list_nodes
+from tovarincore.command.nodes.ownership import require_own
+
+__all__ = ["end_nodes", "reboot", "start", "stop", "terminate"]
+
+
+@click.command(cls=NodesCommand)
+@region_argument()
+@click.argument("node")
+@pass_invocation
+def start(invocation: Invocation, region: CloudRegion, node: str) -> None:
+    """Start a stopped node."""
+
+    def change(access: Access, found: CloudNode) -> None:
+        cloud_manager_glbl.start_node(region, access.auth, found.instance_id)
+
+    _change(invocation, region, node, "starting", change)
+
+
+@click.command(cls=NodesCommand)
+@region_argument()
+@click.argument("node")
+@pass_invocation
+def stop(invocation: Invocation, region: CloudRegion, node: str) -> None:
+    """Stop a node by force; its disk stays."""
+
+    def change(access: Access, found: CloudNode) -> None:
+        cloud_manager_glbl.stop_node(region, access.auth, found.instance_id)
+
+    _change(invocation, region, node, "stopping", change)
+
+
+@click.command(cls=NodesCommand)
+@region_argument()
+@click.argument("node")
+@pass_invocation
+def reboot(invocation: Invocation, region: CloudRegion, node: str) -> None:
+    """Reboot a node."""
+
+    def change(access: Access, found: CloudNode) -> None:
+        cloud_manager_glbl.start_node(region, access.auth, found.instance_id, reboot=True)
+
+    _change(invocation, region, node, "rebooting", change)
+
+
+def _change(
+    invocation: Invocation,
+    region: CloudRegion,
+    wanted: str,
+    doing: str,
+    change: Callable[[Access, CloudNode], None],
+) -> None:
+    if region.cloud == "k8s":
+        # The provider would do nothing and say nothing.
+        raise CommandFailure(
+            "nodes in Kubernetes cannot be started, stopped or rebooted",
+            "terminate the node, and launch another one when it is needed",
+            ExitCode.USAGE,
+        )
+    access = open_region(region)
+    node = find_node(list_nodes(access), wanted)
+    require_own(access, [node])
+    change(access, node)
+    invocation.emit(
+        {"instance_id": node.instance_id, "name": node.name, "requested": doing},
+        lambda: invocation.say(f"{node.name} ({node.instance_id}) is {doing}"),
+    )
+
+
+@click.command(cls=NodesCommand)
+@region_argument()
+@click.argument("nodes", nargs=-1, required=True)
+@click.option("--reason", metavar="TEXT", help="Kubernetes: kept on the pod while it ends.")
+@yes_option
+@pass_invocation
+def terminate(
+    invocation: Invocation, region: CloudRegion, nodes: tuple[str, ...], reason: str | None, yes: bool
+) -> None:
+    """End nodes for good, disks included, after asking."""
+    access = open_region(region)
+    listed = list_nodes(access)
+    found = {node.instance_id: node for node in (find_node(listed, wanted) for wanted in nodes)}
+    end_nodes(invocation, access, list(found.values()), reason, yes)
+
+
+def end_nodes(
+    invocation: Invocation, access: Access, nodes: list[CloudNode], reason: str | None, yes: bool
+) -> None:
+    """Ask, then end each node; one that cannot be ended does not keep the others.
+
+    :raises CommandFailure: the answer is no, or a node could not be ended or is not the user's
+    """
+    require_own(access, nodes)
+    names = ", ".join(f"{node.name} ({node.instance_id}, {node.state.value.lower()})" for node in nodes)
+    confirm(f"Terminate {names} in {access.region.hash_key}?", yes)
+    documents, failures = [], []
+    for node in nodes:
+        document: dict[str, object] = {"instance_id": node.instance_id, "name": node.name, "terminated": True}
+        try:
+            result = cloud_manager_glbl.terminate_node(access.region, access.auth, node.instance_id, reason)
+            if not result.success:
+                raise failure_of(result, access.region)
+            invocation.note(f"{node.name} ({node.instance_id}) is shutting down")
+        except Exception as error:
+            failure = explain(error)
+            failures.append(failure)
+            document |= {"terminated": False, "error": failure.what}
+            if len(nodes) > 1:
+                invocation.note(f"{node.name} ({node.instance_id}) was not terminated: {failure.what}")
+        documents.append(document)
+    invocation.emit(documents, lambda: None)
+    if failures:
+        raise failures[0]
