@@ -161,6 +161,10 @@ class KubeStore:
                 raise Refusal(
                     422, "Invalid", f'{invalid}metadata.labels: Invalid value: "{value}": a valid label'
                 )
+        for container in manifest.get("spec", {}).get("containers", []):
+            for value in container.get("resources", {}).get("requests", {}).values():
+                if value.startswith("-"):
+                    raise Refusal(422, "Invalid", f"{invalid}spec: Invalid value: {value}: at least 0")
         if sum(map(len, manifest.get("stringData", {}).values())) > _SECRET_BYTES:
             raise Refusal(422, "Invalid", f"{invalid}data: Too long: must have at most {_SECRET_BYTES} bytes")
         self._check_quota(plural, namespace, name)

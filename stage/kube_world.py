@@ -51,7 +51,6 @@ class KubeWorld:
         self.namespace = f"test-{uuid.uuid4().hex[:8]}"
         self.kubeconfig = folder / "kubeconfig"
         self.write_kubeconfig(MANAGER_TOKEN)
-        # A name of its own for each test: the facade keeps one node manager per name for good.
         self.region = K8sRegion(
             name=self.namespace, namespace=self.namespace, kubeconfig=str(self.kubeconfig)
         )

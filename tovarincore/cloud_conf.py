@@ -79,9 +79,7 @@ class CloudConfManager:
         :raises ConfigError: the record is not allowed, the store cannot be read, written or locked, or it is
             open to others than its owner; the stored entries are then as they were
         """
-        entry = check_entry(
-            region.cloud, _entry_of(region, conf), f"configuration of region {region.hash_key}"
-        )
+        entry = check_entry(region.cloud, _entry_of(region, conf), f"configuration of region {region.key}")
 
         def put(entries: Entries) -> None:
             entries[region.cloud, region.name] = entry
@@ -103,7 +101,7 @@ class CloudConfManager:
     def list_regions(self) -> list[CloudRegion]:
         """Return the regions that something is stored for, ordered by kind and name.
 
-        The store knows kind and name alone; ``CloudRegions.find(region.hash_key)`` gives the full record.
+        The store knows kind and name alone; ``CloudRegions.find(region.key)`` gives the full record.
 
         :raises ConfigError: as for :meth:`get_cloud_conf`
         """
@@ -135,13 +133,13 @@ def _entry_of(region: CloudRegion, conf: CloudConf) -> dict[str, Any]:
     if region.cloud == "AWS":
         if not isinstance(conf.cloud_auth, AWSCloudAuth):
             raise ConfigError(
-                f"configuration of region {region.hash_key}: cloud_auth is a"
+                f"configuration of region {region.key}: cloud_auth is a"
                 f" {type(conf.cloud_auth).__name__}; allowed is an AWSCloudAuth"
             )
         entry.update({key: getattr(conf.cloud_auth, key) for key in _AUTH_FIELDS})
     elif isinstance(conf.cloud_auth, AWSCloudAuth):
         raise ConfigError(
-            f"configuration of region {region.hash_key}: cloud_auth is an AWSCloudAuth; allowed is None,"
+            f"configuration of region {region.key}: cloud_auth is an AWSCloudAuth; allowed is None,"
             " since only regions of AWS have Amazon credentials"
         )
     return {key: value for key, value in entry.items() if value is not None}

@@ -9,12 +9,13 @@ import os
 import time
 from collections.abc import Iterator
 from contextlib import AbstractContextManager
+from dataclasses import replace
 from pathlib import Path
 
 import pytest
 from lightkube.models.core_v1 import Container, PodSpec
 from lightkube.models.meta_v1 import ObjectMeta
-from lightkube.resources.core_v1 import Pod
+from lightkube.resources.core_v1 import Namespace, Pod, Secret
 
 from stage.kube_api import MANAGER_TOKEN, POWERLESS_TOKEN, KubeApi
 from stage.kube_real import KubeReal
@@ -228,10 +229,20 @@ def test_a_node_is_not_launched_twice(world: KubeWorld) -> None:
 
 def test_an_impossible_node_is_refused(world: KubeWorld) -> None:
     """422: what Kubernetes finds invalid comes back in its words, and nothing is created."""
-    node, result = launch(world, uuid="not_a_name")
+    node, result = launch(world, disk_size=-1)
     assert node is None
     assert "is invalid" in (result.msg or "")
     assert world.is_empty()
+
+
+def test_a_uuid_with_a_path_reaches_no_other_object(world: KubeWorld) -> None:
+    """A uuid that would lead to another Secret is refused, and the Secret stays."""
+    world.admin.create(Secret(metadata=ObjectMeta(name="database")))
+    node, result = launch(world, uuid="../secrets/database?x=")
+    assert node is None
+    assert "cannot be a uuid" in (result.msg or "")
+    assert world.secret_names() == ["database"]
+    assert world.pods() == []
 
 
 def test_a_refused_secret_takes_its_pod_along(world: KubeWorld) -> None:
@@ -307,3 +318,18 @@ def test_a_server_that_does_not_answer_costs_the_time_limit(
     assert passed < len(results) * (OPERATION_SECONDS + 0.5)
     assert refresh(world) == [("cold-1", NodeState.STARTING, False)]
     assert len(world.secret_names()) == 1
+
+
+def test_regions_of_one_name_reach_their_own_namespace(world: KubeWorld) -> None:
+    """Records of one name with other namespaces share neither a provider nor nodes: each ends its own."""
+    other = replace(world.region, namespace=f"{world.namespace}-b")
+    world.admin.create(Namespace(metadata=ObjectMeta(name=other.namespace)))
+    try:
+        node = launched(world)
+        assert cloud_manager_glbl.get_node_manager(other) is not cloud_manager_glbl.get_node_manager(
+            world.region
+        )
+        cloud_manager_glbl.terminate_node(other, None, node.instance_id)
+        assert [pod.metadata.name for pod in world.pods() if pod.metadata] == [node.instance_id]
+    finally:
+        world.admin.delete(Namespace, other.namespace)

@@ -120,16 +120,35 @@ class TestRegions:
         assert CloudRegion("a", "AWS") != CloudRegion("b", "AWS")
         assert CloudRegion("a", "AWS") != "AWS:a"
 
-    def test_a_kubernetes_region_equals_its_stored_name(self) -> None:
-        """The credential store knows kind and name alone."""
-        region = K8sRegion("lab", namespace="other")
-        assert region.cloud == "k8s"
-        assert region == CloudRegion("lab", "k8s")
-        assert hash(region) == hash(CloudRegion("lab", "k8s"))
+    @pytest.mark.parametrize(
+        "other",
+        [
+            K8sRegion("lab", namespace="other"),
+            K8sRegion("lab", kubeconfig="/other"),
+            K8sRegion("lab", context="other"),
+            K8sRegion("lab", in_cluster=True),
+            K8sRegion("other"),
+            CloudRegion("lab", "k8s"),
+            K8sRegion("lab', 'default', '', '', False)"),
+        ],
+        ids=["namespace", "kubeconfig", "context", "in a pod", "name", "kind and name alone", "quotes"],
+    )
+    def test_kubernetes_regions_differ_when_they_lead_elsewhere(self, other: CloudRegion) -> None:
+        """A name alone does not make them one, or a node of the wrong cluster could be ended."""
+        region = K8sRegion("lab")
+        assert region != other
+        assert region.hash_key != other.hash_key
 
-    def test_the_hash_key_is_kind_and_name(self) -> None:
-        """It is the key of the facade's cache."""
+    def test_equal_kubernetes_regions_share_a_hash_key(self) -> None:
+        """Records that lead to the same place are one region, whatever their title."""
+        one, two = K8sRegion("lab", title="x", context="c"), K8sRegion("lab", title="y", context="c")
+        assert (one, one.hash_key, hash(one)) == (two, two.hash_key, hash(two))
+
+    def test_the_key_is_kind_and_name(self) -> None:
+        """People type it; for Amazon it is the key of the facade's cache as well."""
         assert CloudRegion("eu-central-1", "AWS").hash_key == "AWS:eu-central-1"
+        assert CloudRegion("eu-central-1", "AWS").key == "AWS:eu-central-1"
+        assert K8sRegion("lab", namespace="other").key == "k8s:lab"
 
 
 class TestNodeState:

@@ -11,11 +11,14 @@ import time
 from typing import Any
 
 import pytest
+from lightkube.models.core_v1 import Container, PodSpec, SecretVolumeSource, Volume
+from lightkube.models.meta_v1 import ObjectMeta
 from lightkube.resources.core_v1 import Pod, Secret
 
 from stage.kube_api import Fault, KubeApi
 from stage.kube_store import Refusal
 from stage.kube_world import KubeWorld
+from tovarincore._k8s_console_client.manifests import NODE_LABELS
 from tovarincore.cloud_def import CloudInstanceTypeDef, CloudNode, K8sRegion
 from tovarincore.core_def import OPResult, OPResultErrorCode
 from tovarincore.k8s_console_client import K8sConsoleClient
@@ -25,6 +28,7 @@ pytest_plugins = ["stage.kube_fixtures"]
 FORBIDDEN = Refusal(403, "Forbidden", "secrets is forbidden: no")
 INTERNAL = Refusal(500, "InternalError", "etcd is gone")
 EXPIRED = Refusal(410, "Expired", "The provided continue parameter is too old")
+UNUSABLE_UUIDS = ["", "-", "a_b", "a..b", "-a", "a-", "a/b", "a?b", "a b", "a\n", "ä", "*", "x" * 64, None, 7]
 
 
 def launch(kube: KubeWorld, **changes: Any) -> tuple[CloudNode | None, OPResult]:
@@ -85,6 +89,8 @@ def test_a_launch_makes_a_pod_of_the_instance_types_size(kube: KubeWorld) -> Non
         big,
     )
     manifest = kube.pod("tovarin-0ab-1").to_dict()
+    secret = f"tovarin-0ab-1-{manifest['metadata']['annotations']['tovarincore/launch']}"
+    assert kube.secret_names() == [secret]
     sizes = {"cpu": "2500m", "memory": "6144Mi", "ephemeral-storage": "20Gi", "nvidia.com/gpu": "2"}
     assert manifest["metadata"]["labels"] == {
         "app.kubernetes.io/managed-by": "tovarincore",
@@ -104,9 +110,7 @@ def test_a_launch_makes_a_pod_of_the_instance_types_size(kube: KubeWorld) -> Non
         ],
         "automountServiceAccountToken": False,
         "terminationGracePeriodSeconds": 30,
-        "volumes": [
-            {"name": "launch", "secret": {"defaultMode": 0o555, "secretName": "tovarin-0ab-1-launch"}}
-        ],
+        "volumes": [{"name": "launch", "secret": {"defaultMode": 0o555, "secretName": secret}}],
     }
 
 
@@ -114,7 +118,7 @@ def test_launch_settings_stand_in_a_secret_alone(kube: KubeWorld) -> None:
     """Settings and start-up script are in the Secret that the pod owns, and nowhere in the pod."""
     settings = {"token": "s3cret", "list": [1]}
     node = launched(kube, launch_instance_settings=settings, startup_script="#!/bin/bash\ns3cret\n")
-    pod, secret = kube.pod(node.instance_id), kube.admin.get(Secret, f"{node.instance_id}-launch")
+    pod, secret = kube.pod(node.instance_id), kube.admin.get(Secret, kube.secret_names()[0])
     assert pod.metadata is not None
     assert secret.metadata is not None
     data = {key: base64.b64decode(value).decode() for key, value in (secret.data or {}).items()}
@@ -318,7 +322,7 @@ def test_a_failed_launch_spares_the_pod_of_another(kube: KubeWorld, kube_api: Ku
     assert failed is None
     assert result.error_code is OPResultErrorCode.CONNECTION_FAILED
     assert [pod.metadata.name for pod in kube.pods() if pod.metadata] == [node.instance_id]
-    assert kube.secret_names() == [f"{node.instance_id}-launch"]
+    assert len(kube.secret_names()) == 1
 
 
 @pytest.mark.parametrize("instance_id", ["", "..", "../secrets/a", "UPPER", "a b", "a/b", "x" * 254, "a?b=c"])
@@ -329,31 +333,85 @@ def test_an_impossible_name_is_sent_nowhere(kube: KubeWorld, kube_api: KubeApi, 
     assert kube_api.requests == []
 
 
-def test_terminating_removes_the_secret_of_a_lost_pod(kube: KubeWorld) -> None:
-    """A Secret whose pod somebody else removed goes as well."""
+@pytest.mark.parametrize("uuid", UNUSABLE_UUIDS)
+def test_an_impossible_uuid_is_refused_before_anything_is_asked(
+    kube: KubeWorld, kube_api: KubeApi, uuid: Any
+) -> None:
+    """A uuid becomes part of paths and names: with other characters it is refused."""
+    node, result = launch(kube, uuid=uuid)
+    assert node is None
+    assert "cannot be" in (result.msg or "")
+    assert kube_api.requests == []
+
+
+@pytest.mark.parametrize("uuid", ["a", "A-1.b", "x" * 63, "0f7e1c9a-3b52-4d36-9e9b-2f0a4f1c8d11"])
+def test_a_uuid_that_names_can_hold_is_launched(kube: KubeWorld, uuid: str) -> None:
+    """Letters of both cases, digits, hyphens and dots, up to the length of a label."""
+    assert launched(kube, uuid=uuid).uuid == uuid
+
+
+def add_secret(kube: KubeWorld, name: str) -> None:
+    """Put a Secret there that belongs to somebody else."""
+    kube.admin.create(Secret(metadata=ObjectMeta(name=name), stringData={"password": "p"}))
+
+
+@pytest.mark.parametrize("uuid", ["../secrets/database?x=", "x/../../secrets/database", "x?"])
+def test_a_failed_launch_never_reaches_another_secret(kube: KubeWorld, kube_api: KubeApi, uuid: str) -> None:
+    """Neither by a path nor by a query does the clean-up of a launch lead to what it did not make."""
+    add_secret(kube, "database")
+    kube_api.fault("POST secrets", Fault(INTERNAL))
+    assert launch(kube, uuid=uuid)[0] is None
+    assert kube.secret_names() == ["database"]
+
+
+@pytest.mark.parametrize("fault", [Fault(FORBIDDEN), Fault(hang_up=True)], ids=["refused", "answer lost"])
+def test_secrets_that_only_look_like_a_nodes_stay(kube: KubeWorld, kube_api: KubeApi, fault: Fault) -> None:
+    """Neither a failed launch nor a termination removes a Secret that the launch did not make."""
+    names = ["tovarin-u-1", "tovarin-u-1-config", "tovarin-u-1-launch"]
+    for name in names:
+        add_secret(kube, name)
+    kube_api.fault("POST secrets", fault)
+    assert launch(kube, uuid="u-1")[0] is None
+    assert kube.client.terminate_node(instance_id=launched(kube, uuid="u-1").instance_id).success
+    assert kube.client.terminate_node(instance_id="tovarin-u-1").success
+    assert (kube.pods(), kube.secret_names()) == ([], names)
+
+
+def test_a_pod_that_names_a_strangers_secret_does_not_cost_it(kube: KubeWorld) -> None:
+    """A pod made by hand with a node's labels may mount any Secret: ending it leaves that alone."""
+    names = ["database", "tovarin-a-b-0f7e1c9a-3b52-4d36-9e9b-2f0a4f1c8d11"]
+    for name in names:
+        add_secret(kube, name)
+        volume = Volume(name="launch", secret=SecretVolumeSource(secretName=name))
+        spec = PodSpec(containers=[Container(name="main", image="i")], volumes=[volume])
+        kube.admin.create(Pod(metadata=ObjectMeta(name="tovarin-a", labels=dict(NODE_LABELS)), spec=spec))
+        assert kube.client.terminate_node(instance_id="tovarin-a").success
+    assert kube.secret_names() == names
+
+
+def test_terminating_a_lost_pod_leaves_its_secret_to_the_cluster(kube: KubeWorld, kube_api: KubeApi) -> None:
+    """Without the pod nothing says which Secret was its own; the cluster removes what a gone pod owned."""
     node = launched(kube)
     kube.admin.delete(Pod, node.instance_id)
-    assert kube.client.terminate_node(instance_id=node.instance_id, stop_reason="lost") == OPResult(
-        success=True
-    )
-    assert kube.is_empty()
-
-
-def test_secrets_of_others_are_not_touched(kube: KubeWorld, kube_api: KubeApi) -> None:
-    """A name that no node can have leads to no Secret."""
-    assert kube.client.terminate_node(instance_id="database").success
+    kube_api.requests.clear()
+    ended = kube.client.terminate_node(instance_id=node.instance_id, stop_reason="lost")
+    assert ended == OPResult(success=True)
     assert kube_api.requests == ["GET pods"]
 
 
 @pytest.mark.parametrize("request_", ["GET pods", "PATCH pods", "DELETE pods", "DELETE secrets"])
 def test_a_failed_termination_says_so(kube: KubeWorld, kube_api: KubeApi, request_: str) -> None:
-    """A failure of any step is reported, and terminating again completes it."""
+    """A failure of any step is reported, and terminating again ends the pod.
+
+    When only its Secret could not be removed, the pod owns it, and the cluster removes it.
+    """
     node = launched(kube)
     kube_api.fault(request_, Fault(INTERNAL))
     result = kube.client.terminate_node(instance_id=node.instance_id, stop_reason="idle")
     assert (result.success, result.error, result.msg) == (False, True, "etcd is gone")
     assert kube.client.terminate_node(instance_id=node.instance_id, stop_reason="idle").success
-    assert kube.is_empty()
+    assert kube.pods() == []
+    assert len(kube.secret_names()) == (request_ == "DELETE secrets")
 
 
 def test_an_unreadable_catalogue_is_told(kube: KubeWorld, kube_api: KubeApi) -> None:

@@ -68,7 +68,7 @@ def test_without_the_sdk_the_error_says_what_to_do() -> None:
 def test_without_the_sdk_the_other_regions_are_listed(regions_file: Path) -> None:
     """A machine for Kubernetes alone needs no Amazon SDK."""
     regions_file.write_text('[[region]]\ncloud = "k8s"\nname = "lab"\n')
-    assert [region.hash_key for region in CloudRegions.get_all()] == ["local:local", "k8s:lab"]
+    assert [region.key for region in CloudRegions.get_all()] == ["local:local", "k8s:lab"]
     assert CloudRegions.find("eu-central-1") is None
 
 
@@ -115,14 +115,16 @@ def test_a_kubeconfig_in_the_home_directory_is_found(
     assert CloudRegions.get_k8s_regions()[0].kubeconfig == "/home/ada/.kube/config"
 
 
-def test_a_region_is_found_by_name_and_by_hash_key(regions_file: Path) -> None:
-    """The hash key tells regions of different kinds apart."""
+def test_a_region_is_found_by_name_and_by_key(regions_file: Path) -> None:
+    """The key tells regions of different kinds apart."""
     regions_file.write_text(
         '[[region]]\ncloud = "k8s"\nname = "both"\n[[region]]\ncloud = "AWS"\nname = "both"\n'
     )
     assert CloudRegions.find("local") is CloudRegions.get_local_container_region()
     assert CloudRegions.find("local:local") is CloudRegions.get_local_container_region()
     assert CloudRegions.find("both") == K8sRegion("both")
+    assert CloudRegions.find("k8s:both") == K8sRegion("both")
+    assert CloudRegions.find(K8sRegion("both").hash_key) == K8sRegion("both")
     assert CloudRegions.find("AWS:both") == CloudRegion("both", "AWS")
     assert CloudRegions.find("nowhere") is None
 

@@ -54,16 +54,17 @@ class CloudRegions:
 
     @staticmethod
     def find(name: str) -> CloudRegion | None:
-        """Return the region with this name or hash key (``"k8s:lab"``), or ``None``.
+        """Return the region with this name, key (``"k8s:lab"``) or hash key, or ``None``.
 
         A name that several kinds of region share means the first in the order of :meth:`get_all`.
 
         :raises ConfigError: the configuration or the regions file cannot be used
         """
-        if name in (_LOCAL_REGION.name, _LOCAL_REGION.hash_key):
+        if name in (_LOCAL_REGION.name, _LOCAL_REGION.key):
             return _LOCAL_REGION
         return next(
-            (region for region in CloudRegions.get_all() if name in (region.name, region.hash_key)), None
+            (known for known in CloudRegions.get_all() if name in (known.name, known.key, known.hash_key)),
+            None,
         )
 
 

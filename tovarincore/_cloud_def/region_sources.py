@@ -71,11 +71,11 @@ def regions_from_file(file_name: str) -> list[CloudRegion]:
     ]
     seen: dict[str, int] = {}
     for number, region in enumerate(regions, 1):
-        if region.hash_key in seen:
+        if region.key in seen:
             raise ConfigError(
-                f"{path}: [[region]] numbers {seen[region.hash_key]} and {number} are both {region.hash_key}"
+                f"{path}: [[region]] numbers {seen[region.key]} and {number} are both {region.key}"
             )
-        seen[region.hash_key] = number
+        seen[region.key] = number
     return regions
 
 

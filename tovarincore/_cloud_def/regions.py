@@ -19,9 +19,14 @@ class CloudRegion:
     title: str = ""
 
     @property
-    def hash_key(self) -> str:
-        """Kind and name; regions with the same key share one node manager."""
+    def key(self) -> str:
+        """Kind and name, as people type them and files hold them, for example ``"k8s:lab"``."""
         return f"{self.cloud}:{self.name}"
+
+    @property
+    def hash_key(self) -> str:
+        """What tells regions apart; regions with the same one share one node manager."""
+        return self.key
 
     def __eq__(self, other: object) -> bool:
         if not isinstance(other, CloudRegion):
@@ -36,6 +41,9 @@ class CloudRegion:
 class K8sRegion(CloudRegion):
     """A namespace of a Kubernetes cluster.
 
+    Two records of one name are different regions when they lead to different places: what is done in the one
+    never reaches the cluster or the namespace of the other.
+
     :param namespace: the namespace that nodes live in
     :param kubeconfig: path of the kubeconfig file; empty means the usual places
     :param context: context of that file; empty means its current one
@@ -47,3 +55,9 @@ class K8sRegion(CloudRegion):
     kubeconfig: str = ""
     context: str = ""
     in_cluster: bool = False
+
+    @property
+    def hash_key(self) -> str:
+        """Kind, name and everything that leads to the namespace; only the title does not count."""
+        # As a tuple's repr, in which no two sets of values look alike.
+        return f"{self.cloud}:{(self.name, self.namespace, self.kubeconfig, self.context, self.in_cluster)!r}"

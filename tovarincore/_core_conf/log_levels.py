@@ -6,7 +6,7 @@ from typing import NamedTuple
 
 __all__ = ["LogLevels"]
 
-_HELD = ("boto3", "botocore", "urllib3", "websockets", "httpcore")
+_HELD = ("boto3", "botocore", "urllib3", "websockets", "httpcore", "httpcore2", "httpx2")
 """Libraries whose DEBUG lines show response bodies or request headers."""
 _HELD_CHILDREN = tuple(f"{name}." for name in _HELD)
 

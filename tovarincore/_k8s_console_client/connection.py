@@ -1,6 +1,5 @@
 """One operation's connection to a region's API server."""
 
-import re
 from collections.abc import Iterator
 from contextlib import contextmanager
 
@@ -11,22 +10,12 @@ from tovarincore._k8s_console_client.credentials import authorization_of, read_c
 from tovarincore._k8s_console_client.deadline import Deadline
 from tovarincore._k8s_console_client.errors import KubernetesError
 from tovarincore._k8s_console_client.failures import translated
+from tovarincore._k8s_console_client.names import check_namespace
 from tovarincore._k8s_console_client.transport import DeadlineTransport
 from tovarincore.cloud_def import K8sRegion
 from tovarincore.core_def import OPResultErrorCode
 
-__all__ = ["connected", "is_object_name"]
-
-# RFC 1123 names with dots, as Kubernetes names its objects.
-_OBJECT_NAME = re.compile(r"[a-z0-9]([-a-z0-9]*[a-z0-9])?(\.[a-z0-9]([-a-z0-9]*[a-z0-9])?)*")
-
-
-def is_object_name(text: str) -> bool:
-    """Return whether an object of Kubernetes can have this name.
-
-    Names become parts of request paths: an impossible one could lead to other objects, an empty one to all.
-    """
-    return isinstance(text, str) and len(text) <= 253 and _OBJECT_NAME.fullmatch(text) is not None
+__all__ = ["connected"]
 
 
 @contextmanager
@@ -38,8 +27,7 @@ def connected(region: K8sRegion, deadline: Deadline) -> Iterator[Client]:
     :param deadline: when the body's last request has to be done
     :raises KubernetesError: whatever goes wrong in the body
     """
-    if not is_object_name(region.namespace):
-        raise KubernetesError(f"Region {region.name}: {region.namespace!r} cannot be the name of a namespace")
+    check_namespace(region.namespace, region.name)
     config = read_config(region, deadline)
     first = [authorization_of(config)]
 

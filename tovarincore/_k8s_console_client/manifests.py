@@ -1,6 +1,7 @@
 """What a node is in a cluster: a pod that runs the worker, and a Secret with what the launch gives to it."""
 
 import json
+import re
 from dataclasses import asdict, dataclass, field
 
 from lightkube.models.core_v1 import (
@@ -21,6 +22,7 @@ from lightkube.models.meta_v1 import ObjectMeta, OwnerReference
 from lightkube.resources.core_v1 import Pod, Secret
 
 from tovarincore._k8s_console_client.errors import KubernetesError
+from tovarincore._k8s_console_client.names import check_uuid
 from tovarincore._k8s_console_client.parameters import LaunchParameters
 from tovarincore.cloud_def import CloudInstanceConfig, CloudInstanceTypeDef
 from tovarincore.core_conf import core_conf_glbl
@@ -36,8 +38,7 @@ __all__ = [
     "build_pod",
     "build_secret",
     "check",
-    "is_node_name",
-    "secret_name",
+    "secret_of",
 ]
 
 NODE_LABELS: dict[str, str] = {
@@ -52,6 +53,8 @@ LAUNCH_ANNOTATION = "tovarincore/launch"
 STOP_REASON_ANNOTATION = "tovarincore/stop-reason"
 
 _NAME_PREFIX = "tovarin-"
+# A hyphen and the launch's id, a uuid.
+_LAUNCH_SUFFIX = "-[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}"
 _FOLDER = "/etc/tovarin"
 _SETTINGS_FILE = "launch-settings.json"
 _SCRIPT_FILE = "startup-script"
@@ -76,15 +79,20 @@ class Launch:
         """Name of the pod. One uuid gives one name, so the API server refuses to launch a node twice."""
         return _NAME_PREFIX + self.config.uuid.lower()
 
+    @property
+    def secret_name(self) -> str:
+        """Name of the Secret. No other launch uses it, so whatever bears it is the work of this one."""
+        return f"{self.pod_name}-{self.launch_id}"
 
-def is_node_name(name: str) -> bool:
-    """Return whether a pod of this name can be a node."""
-    return name.startswith(_NAME_PREFIX)
 
-
-def secret_name(pod_name: str) -> str:
-    """Return the name of the Secret that belongs to a pod."""
-    return f"{pod_name}-launch"
+def secret_of(pod: Pod) -> str | None:
+    """Return the name of the Secret that a launch made for a pod, ``None`` when the pod has none."""
+    pod_name = (pod.metadata.name if pod.metadata else None) or ""
+    volumes = (pod.spec.volumes if pod.spec else None) or []
+    # Whoever may make pods can write any name here; only names as launches make them are the launch's.
+    launched = re.compile(re.escape(pod_name) + _LAUNCH_SUFFIX)
+    names = [volume.secret.secretName or "" for volume in volumes if volume.name == _VOLUME and volume.secret]
+    return next(filter(launched.fullmatch, names), None)
 
 
 def build_pod(launch: Launch) -> Pod:
@@ -109,7 +117,7 @@ def build_pod(launch: Launch) -> Pod:
         ),
         spec=PodSpec(
             containers=[_container(launch)],
-            volumes=[Volume(name=_VOLUME, secret=_readable_by_all(secret_name(launch.pod_name)))],
+            volumes=[Volume(name=_VOLUME, secret=_readable_by_all(launch.secret_name))],
             nodeSelector=parameters.node_selector or None,
             tolerations=parameters.tolerations or None,
             serviceAccountName=parameters.service_account,
@@ -129,7 +137,7 @@ def build_secret(launch: Launch, owner: Pod) -> Secret:
         data[_SCRIPT_FILE] = launch.startup_script
     return Secret(
         metadata=ObjectMeta(
-            name=secret_name(launch.pod_name),
+            name=launch.secret_name,
             labels={**NODE_LABELS, UUID_LABEL: launch.config.uuid},
             ownerReferences=[
                 OwnerReference(
@@ -144,8 +152,9 @@ def build_secret(launch: Launch, owner: Pod) -> Secret:
 def check(launch: Launch) -> None:
     """Check what only building would find, so that nothing is created for a launch that cannot go on.
 
-    :raises KubernetesError: the settings are no JSON, or the instance type has no size
+    :raises KubernetesError: the uuid is no name, the settings are no JSON, or the instance type has no size
     """
+    check_uuid(launch.config.uuid)
     _as_json(launch.config.launch_instance_settings)
     build_pod(launch)
 

@@ -9,7 +9,7 @@ from lightkube.resources.core_v1 import ConfigMap, Pod, Secret
 from lightkube.types import PatchType
 
 from tovarincore._k8s_console_client.catalogue import CATALOGUE_NAME, instance_templates, instance_types
-from tovarincore._k8s_console_client.connection import connected, is_object_name
+from tovarincore._k8s_console_client.connection import connected
 from tovarincore._k8s_console_client.deadline import Deadline
 from tovarincore._k8s_console_client.errors import KubernetesError
 from tovarincore._k8s_console_client.failures import translated
@@ -21,9 +21,9 @@ from tovarincore._k8s_console_client.manifests import (
     build_pod,
     build_secret,
     check,
-    is_node_name,
-    secret_name,
+    secret_of,
 )
+from tovarincore._k8s_console_client.names import is_object_name
 from tovarincore._k8s_console_client.nodes import node_of
 from tovarincore._k8s_console_client.parameters import parse_launch_parameters
 from tovarincore.cloud_def import (
@@ -112,7 +112,7 @@ def launch_node(
 def terminate_node(region: K8sRegion, instance_id: str, stop_reason: str | None) -> None:
     """Have the cluster end a node's pod within the grace period, and remove its Secret.
 
-    A node that is gone already is terminated.
+    A node that is gone already is terminated; the cluster itself removes the Secret that its pod owned.
 
     :param stop_reason: kept as an annotation for as long as the pod is there
     :raises KubernetesError: the API server refuses, or there is such a pod but it is no node
@@ -132,9 +132,9 @@ def terminate_node(region: K8sRegion, instance_id: str, stop_reason: str | None)
                 annotations = {"metadata": {"annotations": {STOP_REASON_ANNOTATION: stop_reason}}}
                 client.patch(Pod, instance_id, annotations, patch_type=PatchType.MERGE)
             client.delete(Pod, instance_id, grace_period=core_conf_glbl.kubernetes__termination_grace_seconds)
-        if is_node_name(instance_id):
-            with _gone_is_fine():
-                client.delete(Secret, secret_name(instance_id))
+            secret = secret_of(pod)
+            if secret is not None:
+                client.delete(Secret, secret)
 
 
 def _read_catalogue(region: K8sRegion) -> ConfigMap | None:
@@ -159,7 +159,7 @@ def _discard(client: Client, launch: Launch, deadline: Deadline, cause: BaseExce
                     return
                 client.delete(Pod, launch.pod_name, grace_period=_DISCARD_GRACE_SECONDS)
             with _gone_is_fine():
-                client.delete(Secret, secret_name(launch.pod_name))
+                client.delete(Secret, launch.secret_name)
     except KubernetesError as error:
         raise KubernetesError(
             f"{cause} The pod {launch.pod_name} may have been left behind: removing it failed ({error}). "

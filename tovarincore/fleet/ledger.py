@@ -103,7 +103,7 @@ class Ledger:
         :raises ConfigError: the file cannot be used
         """
         entry = LedgerEntry(
-            region=node.region.hash_key,
+            region=node.region.key,
             instance_id=node.instance_id,
             uuid=node.uuid,
             name=node.name,
@@ -128,7 +128,7 @@ class Ledger:
         :raises ConfigError: a file cannot be used
         """
         wanted = {(intent.region, intent.uuid) for intent in self.open_intents()}
-        found = [node for node in nodes if (node.region.hash_key, node.uuid) in wanted]
+        found = [node for node in nodes if (node.region.key, node.uuid) in wanted]
         for node in found:
             self.launched(node)
         return found

@@ -69,7 +69,7 @@ def require_amazon(region: CloudRegion, what: str) -> None:
     """
     if region.cloud != "AWS":
         raise CommandFailure(
-            f"{what}, and {region.hash_key} is not one",
+            f"{what}, and {region.key} is not one",
             "choose one of: tovarin-nodes regions",
             ExitCode.USAGE,
         )

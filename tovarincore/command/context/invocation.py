@@ -71,7 +71,7 @@ pass_invocation = click.make_pass_decorator(Invocation)
 
 def short_name(region: CloudRegion) -> str:
     """Return what a person types for a region: its name, or kind and name where the name means another."""
-    return region.name if CloudRegions.find(region.name) == region else region.hash_key
+    return region.name if CloudRegions.find(region.name) == region else region.key
 
 
 def output_options() -> list[click.Parameter]:

@@ -24,7 +24,7 @@ _SHORTEST_SUBNET = 10
 
 def check_amazon(region: CloudRegion) -> Iterator[Verdict]:
     """Look at everything in a region that launches and listings rely on."""
-    key = region.hash_key
+    key = region.key
     try:
         access = open_region(region)
         provider = cloud_manager_glbl.get_node_manager(region)

@@ -78,7 +78,7 @@ def check_engine() -> Verdict:
 
 def check_cluster(region: K8sRegion) -> Verdict:
     """Ask the cluster for nodes and for its catalogue."""
-    subject = f"{region.hash_key} cluster"
+    subject = f"{region.key} cluster"
     client = K8sConsoleClient(region)
     nodes, listed = client.get_cloud_nodes()
     templates, catalogued = client.list_instance_templates()

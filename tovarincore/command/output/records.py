@@ -21,7 +21,7 @@ NODE_COLUMNS = ("name", "instance id", "state", "worker", "type", "address")
 def node_document(node: CloudNode, probe: Probe | None = None) -> dict[str, Any]:
     """Return a node for JSON; without a probe ``ready`` is ``null``, as nobody asked the worker."""
     return {
-        "region": node.region.hash_key,
+        "region": node.region.key,
         "instance_id": node.instance_id,
         "name": node.name,
         "uuid": node.uuid,
@@ -62,7 +62,7 @@ def region_document(region: CloudRegion, configured: bool) -> dict[str, Any]:
     return {
         "name": region.name,
         "cloud": region.cloud,
-        "key": region.hash_key,
+        "key": region.key,
         "title": region.title,
         "configured": configured,
     }

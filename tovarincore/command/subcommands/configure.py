@@ -55,10 +55,10 @@ def configure(
     store = CloudConfManager()
     stored = store.get_cloud_conf(region)
     if remove:
-        confirm(f"Forget what is stored for {region.hash_key}?", yes)
+        confirm(f"Forget what is stored for {region.key}?", yes)
         removed = store.delete_cloud_conf(region)
         text = "nothing is stored any more" if removed else "nothing was stored"
-        invocation.emit({"region": region.hash_key, "deleted": removed}, lambda: invocation.say(text))
+        invocation.emit({"region": region.key, "deleted": removed}, lambda: invocation.say(text))
         return
     if user_name is not None and region.cloud == "AWS":
         require_user_name(user_name)
@@ -92,7 +92,7 @@ def _read_auth(
     given = [name for name, value in (("--profile", profile), ("--key-id", key_id), ("--sdk", sdk)) if value]
     if (given or session_token) and region.cloud != "AWS":
         raise CommandFailure(
-            f"the region {region.hash_key} has no Amazon credentials",
+            f"the region {region.key} has no Amazon credentials",
             "only --user-name and --worker-token are for it",
             ExitCode.USAGE,
         )
@@ -123,7 +123,7 @@ def _ask(what: str) -> str:
 
 
 def _show(invocation: Invocation, region: CloudRegion, conf: CloudConf | None) -> None:
-    document: dict[str, object] = {"region": region.hash_key, "configured": conf is not None}
+    document: dict[str, object] = {"region": region.key, "configured": conf is not None}
     if conf is not None:
         document |= {
             "user_name": conf.user_name,
@@ -133,12 +133,10 @@ def _show(invocation: Invocation, region: CloudRegion, conf: CloudConf | None) -
 
     def draw() -> None:
         if conf is None:
-            invocation.say(f"Nothing is stored for {region.hash_key}.")
+            invocation.say(f"Nothing is stored for {region.key}.")
             return
         token = "worker token stored" if conf.worker_token else "no worker token of its own"
-        invocation.say(
-            f"{region.hash_key}: user name {conf.user_name or '-'}; {_credentials_text(conf)}; {token}"
-        )
+        invocation.say(f"{region.key}: user name {conf.user_name or '-'}; {_credentials_text(conf)}; {token}")
 
     invocation.emit(document, draw)
 

@@ -113,7 +113,7 @@ def _usable_regions() -> list[CloudRegion]:
 
 
 def _dry_run(region: CloudRegion, options: dict[str, Any]) -> Verdict:
-    subject = f"{region.hash_key} dry run"
+    subject = f"{region.key} dry run"
     if region.cloud != "AWS":
         return skipped(subject, "this provider knows no dry run: it would really launch")
     options = {**options, "type_name": options["type_name"] or _DRY_RUN_TYPE}

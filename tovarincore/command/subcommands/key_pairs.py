@@ -78,7 +78,7 @@ def delete(invocation: Invocation, region: CloudRegion, name: str, yes: bool) ->
     """
     require_amazon(region, "key pairs are a thing of Amazon's regions")
     access = open_region(region)
-    confirm(f"Delete the key pair {name} in {region.hash_key}?", yes)
+    confirm(f"Delete the key pair {name} in {region.key}?", yes)
     cloud_manager_glbl.delete_key_pair(region, access.auth, name)
     invocation.emit(
         {"key_pair": name, "deleted": True},

@@ -111,7 +111,7 @@ def end_nodes(
     """
     require_own(access, nodes)
     names = ", ".join(f"{node.name} ({node.instance_id}, {node.state.value.lower()})" for node in nodes)
-    confirm(f"Terminate {names} in {access.region.hash_key}?", yes)
+    confirm(f"Terminate {names} in {access.region.key}?", yes)
     documents, failures = [], []
     for node in nodes:
         document: dict[str, object] = {"instance_id": node.instance_id, "name": node.name, "terminated": True}

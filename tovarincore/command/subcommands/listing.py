@@ -59,7 +59,7 @@ def show(invocation: Invocation, region: CloudRegion, node: str) -> None:
         lambda: draw_pairs(
             [
                 ("Name", found.name),
-                ("Region", found.region.hash_key),
+                ("Region", found.region.key),
                 ("Instance id", found.instance_id),
                 ("uuid", found.uuid),
                 ("State", found.state.value),

@@ -51,7 +51,7 @@ def orphans(invocation: Invocation, region: CloudRegion, ended: tuple[str, ...],
     found = [
         node
         for node in list_nodes(access)
-        if node.state not in GONE and (region.hash_key, node.instance_id) not in launched
+        if node.state not in GONE and (region.key, node.instance_id) not in launched
     ]
     if ended:
         end_nodes(invocation, access, [_orphan(found, wanted) for wanted in ended], "orphan", yes)

@@ -113,7 +113,7 @@ class _View:
 
             click.echo(json.dumps([document for document, _ in nodes]))
             return
-        moment = f"{self._access.region.hash_key} at {datetime.now():%H:%M:%S}"
+        moment = f"{self._access.region.key} at {datetime.now():%H:%M:%S}"
         rows = [row for _, row in nodes]
         self._draw(moment, build_table(NODE_COLUMNS, rows) if rows else "No nodes.")
 
