@@ -7,9 +7,10 @@ import time
 from types import TracebackType
 from typing import Any
 
+from tovarincore._transport.deadline import Deadline
+from tovarincore._transport.failure import Failure
 from tovarincore._webs_client.connection import Connection
-from tovarincore._webs_client.deadline import Deadline
-from tovarincore._webs_client.errors import ConnectionLost, RequestFailed
+from tovarincore._webs_client.errors import ConnectionLost
 from tovarincore._webs_client.messages import read_reply, read_system_stat, write_request
 from tovarincore._webs_client.target import Target, read_target
 from tovarincore.api_def import PingRequest, SystemStatRequest
@@ -72,7 +73,7 @@ class WebSocketClient:
             return result
         try:
             cpu_percent, used, total = read_system_stat(reply)
-        except RequestFailed as failure:
+        except Failure as failure:
             return self._failed(failure)
         self.node.cpu_percent = cpu_percent
         self.node.memory_used_bytes = used
@@ -109,7 +110,7 @@ class WebSocketClient:
                 reply = self._exchange(request.kind, target, deadline)
             finally:
                 lock.release()
-        except RequestFailed as failure:
+        except Failure as failure:
             return self._failed(failure), {}
         if self.worker_id is None:
             self.worker_id = reply.get("worker_id")
@@ -152,7 +153,5 @@ class WebSocketClient:
             self._connection.close()
             self._connection = None
 
-    def _failed(self, failure: RequestFailed) -> OPResult:
-        return OPResult(
-            error=True, error_code=failure.code, msg=f"Worker of node {self.node.name}: {failure.msg}"
-        )
+    def _failed(self, failure: Failure) -> OPResult:
+        return failure.as_result(f"Worker of node {self.node.name}: ")

@@ -1,15 +1,10 @@
 """The time limit of a request to a worker, against every way in which a worker can fail."""
 
-import math
-import time
 from pathlib import Path
 
 import pytest
 
 from stage.worker_timeouts import SCENARIOS, Scenario, is_right, measure
-from tovarincore._webs_client.deadline import Deadline
-from tovarincore._webs_client.errors import RequestFailed
-from tovarincore.core_def import OPResultErrorCode
 
 
 @pytest.mark.parametrize("scenario", SCENARIOS, ids=lambda scenario: scenario.title.replace(" ", "-"))
@@ -40,22 +35,3 @@ def test_the_documentation_shows_every_row() -> None:
     names = [scenario.code.name if scenario.code else "success" for scenario in SCENARIOS]
     titles = [scenario.title for scenario in SCENARIOS]
     assert shown[1:] == list(zip(titles, names, strict=True))
-
-
-def test_waiting_never_ends_before_the_deadline() -> None:
-    """Whole milliseconds are rounded up, so that a wait of this length does not need another one."""
-    deadline = Deadline(0.0501)
-    assert deadline.poll_timeout() == math.ceil(deadline.remaining() * 1000) == 51
-
-
-def test_a_time_out_tells_what_was_waited_for() -> None:
-    """The text names the limit, the stage and where to look."""
-    deadline = Deadline(0.01)
-    deadline.enter("counting sheep", "see the shepherd")
-    time.sleep(0.02)
-    with pytest.raises(RequestFailed) as caught:
-        deadline.remaining()
-    assert caught.value.code is OPResultErrorCode.TIMEOUT
-    assert caught.value.msg == (
-        "no answer within 0.01 s, stopped while counting sheep; see the shepherd, or allow more time"
-    )

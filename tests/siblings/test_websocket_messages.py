@@ -8,7 +8,7 @@ import pytest
 from hypothesis import given
 from hypothesis import strategies as st
 
-from tovarincore._webs_client.errors import RequestFailed
+from tovarincore._transport.failure import Failure
 from tovarincore._webs_client.messages import check_nesting, read_reply, read_system_stat, write_request
 from tovarincore._webs_client.target import Target
 from tovarincore.core_def import OPResultErrorCode
@@ -36,10 +36,10 @@ JSON = st.recursive(
 
 def failure_of(text: str) -> str:
     """Return the text of the failure that a reply causes."""
-    with pytest.raises(RequestFailed) as caught:
+    with pytest.raises(Failure) as caught:
         read_reply(text, "ping", "7", TARGET)
-    assert caught.value.code is OPResultErrorCode.PROTOCOL_ERROR
-    return caught.value.msg
+    assert caught.value.error_code is OPResultErrorCode.PROTOCOL_ERROR
+    return str(caught.value)
 
 
 def depth_of(value: Any) -> int:
@@ -125,7 +125,7 @@ def test_nesting_is_counted_as_the_parser_would_recurse(value: Any, limit: int) 
     if depth_of(value) <= limit:
         check_nesting(text, limit)
     else:
-        with pytest.raises(RequestFailed, match=f"more than {limit} deep"):
+        with pytest.raises(Failure, match=f"more than {limit} deep"):
             check_nesting(text, limit)
 
 
@@ -165,7 +165,7 @@ def test_statistics_are_read() -> None:
 )
 def test_statistics_that_cannot_be_true_are_refused(stat: Any, why: str) -> None:
     """The record of a node holds numbers that can be compared and added up."""
-    with pytest.raises(RequestFailed) as caught:
+    with pytest.raises(Failure) as caught:
         read_system_stat({"stat": stat})
-    assert caught.value.code is OPResultErrorCode.PROTOCOL_ERROR
-    assert why in caught.value.msg
+    assert caught.value.error_code is OPResultErrorCode.PROTOCOL_ERROR
+    assert why in str(caught.value)

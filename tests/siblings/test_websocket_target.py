@@ -9,7 +9,7 @@ import pytest
 import tomli_w
 
 from stage.worker_timeouts import node_at
-from tovarincore._webs_client.errors import RequestFailed
+from tovarincore._transport.failure import Failure
 from tovarincore._webs_client.target import read_target
 from tovarincore.cloud_conf import CloudConf, CloudConfManager
 from tovarincore.cloud_def import CloudRegion
@@ -62,10 +62,10 @@ def test_a_given_address_replaces_host_and_port_but_not_the_name(configure: Conf
 )
 def test_what_is_no_address_is_a_failure_of_the_request(configure: Configure, address: str) -> None:
     """It comes from a provider; nothing of it may end up in a header."""
-    with pytest.raises(RequestFailed) as caught:
+    with pytest.raises(Failure) as caught:
         read_target(node_at(address))
-    assert caught.value.code is OPResultErrorCode.CONNECTION_FAILED
-    assert "[worker_addresses]" in caught.value.msg
+    assert caught.value.error_code is OPResultErrorCode.CONNECTION_FAILED
+    assert "[worker_addresses]" in str(caught.value)
 
 
 def test_the_stored_token_goes_before_the_setting_and_only_in_its_region(configure: Configure) -> None:

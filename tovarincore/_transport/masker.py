@@ -7,7 +7,7 @@ from collections import OrderedDict
 from collections.abc import Iterator
 from typing import Any
 
-__all__ = ["Secret", "know_secret", "mask"]
+__all__ = ["Secret", "know_secret", "mask", "mask_start"]
 
 _MASK = "***"
 
@@ -15,6 +15,7 @@ _MASK = "***"
 _LEAST_CHARACTERS = 4
 _LEAST_LINE_CHARACTERS = 8
 _REMEMBERED = 256
+_LONGEST_SECRET = 4096
 
 # By identity: two equal secrets die at different times. Secrets that nothing else holds are forgotten.
 _living: dict[int, "weakref.ref[Secret]"] = {}
@@ -28,13 +29,23 @@ class Secret(str):
     In everything else it is the text: it compares, hashes, encodes, formats, copies and pickles as such.
     """
 
-    __slots__ = ("__weakref__",)
+    __slots__ = ("__weakref__", "_forms")
+    _forms: tuple[str, ...]
 
     def __new__(cls, value: str = "") -> "Secret":
         secret = super().__new__(cls, value)
         key, living = id(secret), _living
         living[key] = weakref.ref(secret, lambda _: living.pop(key, None))
         return secret
+
+    @property
+    def forms(self) -> tuple[str, ...]:
+        """The texts by which :func:`mask` recognises the secret, made when they are first asked for."""
+        try:
+            return self._forms
+        except AttributeError:
+            self._forms = tuple(set(_forms(str.__str__(self))))
+            return self._forms
 
     def __repr__(self) -> str:
         return f"'{_MASK}'"
@@ -74,16 +85,38 @@ def mask(text: object) -> str:
     :param text: any text, or an object whose text is meant, such as an exception
     """
     masked = str(text)
-    for form in sorted(_known_forms(), key=len, reverse=True):
+    for form in _known_forms(masked):
         masked = masked.replace(form, _MASK)
     for pattern, replacement in _LOOKS_SECRET:
         masked = pattern.sub(replacement, masked)
     return masked
 
 
-def _known_forms() -> set[str]:
-    secrets = [secret for reference in list(_living.values()) if (secret := reference()) is not None]
-    return {form for secret in set(secrets) for form in _forms(str.__str__(secret))}
+def mask_start(text: object, characters: int) -> str:
+    """Return the start of a text, masked; for texts whose length a peer chooses.
+
+    :param characters: how much is returned at most, besides the ``...`` of a text that is cut
+    """
+    whole = str(text)
+    looked_at = whole[: characters + 2 * _LONGEST_SECRET]
+    masked = mask(looked_at)
+    if len(whole) > len(looked_at):
+        # The cut may have gone through a secret, whose first half nothing would recognise.
+        masked = masked[: max(0, len(masked) - _LONGEST_SECRET)]
+        return masked[:characters] + "..."
+    return masked if len(masked) <= characters else masked[:characters] + "..."
+
+
+def _known_forms(text: str) -> list[str]:
+    """The forms of known secrets that stand in a text, the longest first."""
+    found = {
+        form
+        for reference in list(_living.values())
+        if (secret := reference()) is not None
+        for form in secret.forms
+        if form in text
+    }
+    return sorted(found, key=len, reverse=True)
 
 
 def _forms(value: str) -> Iterator[str]:

@@ -10,8 +10,9 @@ from websockets.frames import Frame, Opcode
 from websockets.protocol import State
 from websockets.uri import WebSocketURI
 
-from tovarincore._webs_client.deadline import Deadline
-from tovarincore._webs_client.errors import ConnectionLost, RequestFailed, not_ours, shown
+from tovarincore._transport.deadline import Deadline
+from tovarincore._transport.failure import Failure
+from tovarincore._webs_client.errors import ConnectionLost, not_ours, shown
 from tovarincore._webs_client.proxy import open_tunnel
 from tovarincore._webs_client.streams import Stream, TlsStream, connect
 from tovarincore._webs_client.target import Target
@@ -29,7 +30,7 @@ class Connection:
 
     :param target: where to connect to
     :param deadline: the connection is open by then
-    :raises RequestFailed: it cannot be opened; the text says why
+    :raises Failure: it cannot be opened; the text says why
     """
 
     def __init__(self, target: Target, deadline: Deadline) -> None:
@@ -51,7 +52,7 @@ class Connection:
         """Send a message and return the next one that the worker sends.
 
         :raises ConnectionLost: the connection ended before there was an answer
-        :raises RequestFailed: the answer is not a text message of the allowed size (``PROTOCOL_ERROR``), or
+        :raises Failure: the answer is not a text message of the allowed size (``PROTOCOL_ERROR``), or
             is not there in time (``TIMEOUT``)
         """
         if self._protocol.state is not State.OPEN:
@@ -114,14 +115,14 @@ class Connection:
                 )
             self._receive(deadline)
 
-    def _broken(self, failure: Exception) -> RequestFailed:
+    def _broken(self, failure: Exception) -> Failure:
         if isinstance(failure, EOFError):
             return ConnectionLost("the connection ended before the reply")
         if isinstance(failure, PayloadTooBig):
-            return RequestFailed(
-                OPResultErrorCode.PROTOCOL_ERROR,
+            return Failure(
                 f"the worker sent a message of more than {self.target.max_message_bytes} bytes; see whether "
                 "it is one of this product, or raise [worker] max_message_bytes",
+                OPResultErrorCode.PROTOCOL_ERROR,
             )
         return not_ours(f"it broke the web-socket protocol ({self._shown(str(failure))})")
 
@@ -156,16 +157,16 @@ def _open_stream(target: Target, deadline: Deadline) -> Stream:
     return stream
 
 
-def _refused(status: int) -> RequestFailed:
+def _refused(status: int) -> Failure:
     if status in (401, 403):
-        return RequestFailed(
-            OPResultErrorCode.UNAUTHENTICATED,
+        return Failure(
             f"the worker refused the token (status {status}); store the region's worker_token, or set "
             "[worker] token",
+            OPResultErrorCode.UNAUTHENTICATED,
         )
     if status >= 500:
-        return RequestFailed(
-            OPResultErrorCode.CONNECTION_FAILED,
+        return Failure(
             f"the worker's server has a failure of its own (status {status}); see its log",
+            OPResultErrorCode.CONNECTION_FAILED,
         )
     return not_ours(f"it answered [worker] path with status {status}")

@@ -3,7 +3,8 @@
 import json
 from typing import Any, NoReturn
 
-from tovarincore._webs_client.errors import RequestFailed, not_ours, shown
+from tovarincore._transport.failure import Failure
+from tovarincore._webs_client.errors import not_ours, shown
 from tovarincore._webs_client.target import Target
 from tovarincore.api_def import PROTOCOL_VERSION
 from tovarincore.core_def import OPResultErrorCode
@@ -31,7 +32,7 @@ def read_reply(text: str, kind: str, request_id: str, target: Target) -> dict[st
     :param kind: kind of the request
     :param request_id: id of the request
     :param target: the worker that was asked
-    :raises RequestFailed: the message is no such reply, or reports the worker's refusal (``PROTOCOL_ERROR``)
+    :raises Failure: the message is no such reply, or reports the worker's refusal (``PROTOCOL_ERROR``)
     """
     check_nesting(text, target.max_nesting)
     try:
@@ -42,9 +43,9 @@ def read_reply(text: str, kind: str, request_id: str, target: Target) -> dict[st
         raise not_ours("its answer is no JSON object")
     if reply.get("v") != PROTOCOL_VERSION:
         version = shown(str(reply.get("v")), target.token)
-        raise RequestFailed(
-            OPResultErrorCode.PROTOCOL_ERROR,
+        raise Failure(
             f"the answer is of version {version} and this client speaks {PROTOCOL_VERSION}; update the older",
+            OPResultErrorCode.PROTOCOL_ERROR,
         )
     if reply.get("kind") == "error":
         raise _refusal(kind, reply.get("error"), target.token)
@@ -63,7 +64,7 @@ def read_reply(text: str, kind: str, request_id: str, target: Target) -> dict[st
 def read_system_stat(reply: dict[str, Any]) -> tuple[float, int, int]:
     """Return the processor load in per cent, the memory used and the memory of the machine in bytes.
 
-    :raises RequestFailed: the reply lacks one, or one cannot be true (``PROTOCOL_ERROR``)
+    :raises Failure: the reply lacks one, or one cannot be true (``PROTOCOL_ERROR``)
     """
     stat = reply.get("stat")
     if not isinstance(stat, dict):
@@ -83,7 +84,7 @@ def check_nesting(text: str, max_nesting: int) -> None:
     Only brackets outside of quotes are kept; each pass then removes the innermost pairs. Every step is one of
     the interpreter's own text operations: a message of a megabyte takes milliseconds.
 
-    :raises RequestFailed: deeper than ``max_nesting``, or the brackets do not match (``PROTOCOL_ERROR``)
+    :raises Failure: deeper than ``max_nesting``, or the brackets do not match (``PROTOCOL_ERROR``)
     """
     outside = "".join(text.replace("\\\\", "").replace('\\"', "").split('"')[::2])
     brackets = outside.encode().translate(_BRACES_TO_BRACKETS, _NO_BRACKETS)
@@ -95,12 +96,12 @@ def check_nesting(text: str, max_nesting: int) -> None:
         raise not_ours(f"its answer is nested more than {max_nesting} deep, or its brackets do not match")
 
 
-def _refusal(kind: str, error: object, token: str) -> RequestFailed:
+def _refusal(kind: str, error: object, token: str) -> Failure:
     code, why = (error.get("code"), error.get("message")) if isinstance(error, dict) else (None, None)
-    return RequestFailed(
-        OPResultErrorCode.PROTOCOL_ERROR,
+    return Failure(
         f"the worker refused the request {kind} ({shown(str(code), token)}: {shown(str(why), token)}); "
         "update the older of the two",
+        OPResultErrorCode.PROTOCOL_ERROR,
     )
 
 

@@ -1,16 +1,14 @@
 """Byte streams whose every wait ends at a deadline: a TCP connection, and TLS over any other stream."""
 
-import errno
-import os
 import select
 import socket
 import ssl
-import time
 from typing import Protocol
 
-from tovarincore._webs_client.deadline import Deadline
-from tovarincore._webs_client.errors import ConnectionLost, RequestFailed
-from tovarincore._webs_client.resolver import SocketAddress, resolve
+from tovarincore._transport import connecting
+from tovarincore._transport.deadline import Deadline
+from tovarincore._transport.failure import Failure
+from tovarincore._webs_client.errors import ConnectionLost
 from tovarincore.core_def import OPResultErrorCode
 
 __all__ = ["CHUNK_BYTES", "Stream", "TcpStream", "TlsStream", "connect"]
@@ -26,13 +24,13 @@ class Stream(Protocol):
     def send(self, data: bytes, deadline: Deadline) -> None:
         """Send everything.
 
-        :raises RequestFailed: at the deadline, or when the connection is lost (:class:`ConnectionLost`)
+        :raises Failure: at the deadline, or when the connection is lost (:class:`ConnectionLost`)
         """
 
     def receive(self, deadline: Deadline) -> bytes:
         """Return what has arrived, waiting for it if need be; nothing at the end of the stream.
 
-        :raises RequestFailed: as :meth:`send`
+        :raises Failure: as :meth:`send`
         """
 
     def close(self) -> None:
@@ -55,7 +53,7 @@ class TcpStream:
             try:
                 view = view[self._socket.send(view) :]
             except BlockingIOError:
-                _wait(self._socket, select.POLLOUT, deadline.poll_timeout())
+                self._wait(select.POLLOUT, deadline)
             except OSError as exc:
                 raise ConnectionLost(f"the connection broke while sending: {exc}") from exc
 
@@ -65,12 +63,15 @@ class TcpStream:
             try:
                 return self._socket.recv(CHUNK_BYTES)
             except BlockingIOError:
-                _wait(self._socket, select.POLLIN, deadline.poll_timeout())
+                self._wait(select.POLLIN, deadline)
             except OSError as exc:
                 raise ConnectionLost(f"the connection broke while receiving: {exc}") from exc
 
     def close(self) -> None:
         self._socket.close()
+
+    def _wait(self, events: int, deadline: Deadline) -> None:
+        connecting.wait_for({self._socket.fileno(): self._socket}, events, deadline.remaining())
 
 
 class TlsStream:
@@ -80,7 +81,7 @@ class TlsStream:
     :param context: certificates and checks
     :param server_name: the name or address that the peer's certificate must carry
     :param deadline: the handshake happens here, until then
-    :raises RequestFailed: the certificate does not verify (``CERTIFICATE_INVALID``), or the peer does not
+    :raises Failure: the certificate does not verify (``CERTIFICATE_INVALID``), or the peer does not
         speak TLS (``PROTOCOL_ERROR``)
     """
 
@@ -91,9 +92,9 @@ class TlsStream:
         try:
             self._tls = context.wrap_bio(self._incoming, self._outgoing, server_hostname=server_name)
         except ValueError as exc:
-            raise RequestFailed(
-                OPResultErrorCode.CONNECTION_FAILED,
+            raise Failure(
                 f"{server_name} is no name that a certificate can carry ({exc}); correct the node's address",
+                OPResultErrorCode.CONNECTION_FAILED,
             ) from exc
         deadline.enter("waiting for the TLS handshake", "see whether the peer speaks TLS there")
         while True:
@@ -103,18 +104,18 @@ class TlsStream:
                 self._flush(deadline)
                 self._feed(deadline)
             except ssl.SSLCertVerificationError as exc:
-                raise RequestFailed(
-                    OPResultErrorCode.CERTIFICATE_INVALID,
+                raise Failure(
                     f"the certificate of {server_name} is not accepted ({exc.verify_message}); install a "
                     "certificate with this name, or name its issuer in [worker] ca_file",
+                    OPResultErrorCode.CERTIFICATE_INVALID,
                 ) from exc
             except ssl.SSLEOFError as exc:
                 raise ConnectionLost("the connection ended during the TLS handshake") from exc
             except ssl.SSLError as exc:
-                raise RequestFailed(
-                    OPResultErrorCode.PROTOCOL_ERROR,
+                raise Failure(
                     f"the TLS handshake failed ({exc.reason or exc}); see whether the peer speaks TLS, and "
                     "whether [worker] scheme and port are right",
+                    OPResultErrorCode.PROTOCOL_ERROR,
                 ) from exc
             else:
                 self._flush(deadline)
@@ -157,54 +158,13 @@ class TlsStream:
 def connect(host: str, port: int, deadline: Deadline) -> TcpStream:
     """Connect to the first address of a host that accepts.
 
-    Each address gets its share of the time that is left, so that one that swallows packets does not use up
-    the time of the others.
-
-    :raises RequestFailed: no address accepts (``CONNECTION_FAILED``), or not in time (``TIMEOUT``)
+    :raises Failure: no address accepts (``CONNECTION_FAILED``), or not in time (``TIMEOUT``)
     """
-    addresses = resolve(host, port, deadline)
-    deadline.enter(
-        f"connecting to {host} port {port}", "see whether the host runs and a firewall drops the port"
+    connected = connecting.connect(
+        host,
+        port,
+        deadline,
+        correct="correct the node's address or give one in [worker_addresses]",
+        look="see whether the worker runs and listens there",
     )
-    # Its text alone: an exception kept in a local variable keeps this frame, which keeps the exception.
-    failure = ""
-    for position, address in enumerate(addresses):
-        seconds = deadline.remaining() / (len(addresses) - position)
-        try:
-            return TcpStream(_connect_to(address, seconds))
-        except OSError as exc:
-            failure = str(exc)
-    # An address that did not answer in its share is no news when the time is over anyway.
-    deadline.remaining()
-    raise RequestFailed(
-        OPResultErrorCode.CONNECTION_FAILED,
-        f"cannot connect to {host} port {port} ({failure}); see whether the worker runs and listens there",
-    )
-
-
-def _connect_to(address: SocketAddress, seconds: float) -> socket.socket:
-    family, host, port = address
-    connecting = socket.socket(family, socket.SOCK_STREAM)
-    try:
-        connecting.setblocking(False)
-        connecting.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        code = connecting.connect_ex((host, port))
-        if code == errno.EINPROGRESS:
-            end = time.monotonic() + seconds
-            while not _wait(connecting, select.POLLOUT, max(0, int((end - time.monotonic()) * 1000) + 1)):
-                if time.monotonic() >= end:
-                    raise TimeoutError(errno.ETIMEDOUT, os.strerror(errno.ETIMEDOUT))
-            code = connecting.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR)
-        if code:
-            raise OSError(code, os.strerror(code))
-    except BaseException:
-        connecting.close()
-        raise
-    return connecting
-
-
-def _wait(waiting: socket.socket, events: int, milliseconds: int) -> bool:
-    # poll() and not select(): a descriptor above 1023 must do as well.
-    poll = select.poll()
-    poll.register(waiting, events)
-    return bool(poll.poll(milliseconds))
+    return TcpStream(connected)

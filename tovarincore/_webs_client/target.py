@@ -6,7 +6,8 @@ import ssl
 from dataclasses import dataclass, field
 from urllib.parse import unquote, urlsplit
 
-from tovarincore._webs_client.errors import RequestFailed, shown
+from tovarincore._transport.failure import Failure
+from tovarincore._webs_client.errors import shown
 from tovarincore.cloud_conf import CloudConfManager
 from tovarincore.cloud_def import CloudNode, CloudRegion
 from tovarincore.core_conf import ConfigError, core_conf_glbl
@@ -66,17 +67,17 @@ def read_target(node: CloudNode) -> Target:
     """Return where a node's worker is reached as configuration and credential store have it now.
 
     :raises ConfigError: one of them cannot be used
-    :raises RequestFailed: the node has no usable address (``CONNECTION_FAILED``)
+    :raises Failure: the node has no usable address (``CONNECTION_FAILED``)
     """
     conf = core_conf_glbl
     host, port = conf.get_worker_address(node) or (node.dns_address, _own_port(node.region))
     name = node.dns_address or host
     for address in (host, name):
         if not re.fullmatch(r"[A-Za-z0-9._:%-]+", address or ""):
-            raise RequestFailed(
-                OPResultErrorCode.CONNECTION_FAILED,
+            raise Failure(
                 f"{shown(address or '')} is not an address to connect to; a node has one once it runs, and "
                 "[worker_addresses] can give another",
+                OPResultErrorCode.CONNECTION_FAILED,
             )
     stored = _credential_store.get_cloud_conf(node.region)
     return Target(

@@ -7,13 +7,14 @@ import threading
 from collections import deque
 from dataclasses import dataclass, field
 
-from tovarincore._webs_client.deadline import Deadline
-from tovarincore._webs_client.errors import RequestFailed
+from tovarincore._transport.deadline import Deadline
+from tovarincore._transport.failure import Failure
 from tovarincore.core_def import OPResultErrorCode
 
 __all__ = ["SocketAddress", "resolve"]
 
-_MAX_THREADS = 8
+# So many different names can hang before another one has to wait for the first of them to end.
+_MAX_THREADS = 64
 
 SocketAddress = tuple[socket.AddressFamily, str, int]
 """Family, numeric address and port."""
@@ -76,8 +77,9 @@ class _Pool:
                 lookup = self._queue.popleft()
             try:
                 found = socket.getaddrinfo(lookup.host, None, type=socket.SOCK_STREAM)
-                lookup.addresses = [(family, str(address[0])) for family, _, _, _, address in found]
-            except (OSError, ValueError) as exc:
+                addresses = [(family, str(address[0])) for family, _, _, _, address in found]
+                lookup.addresses = list(dict.fromkeys(addresses))
+            except Exception as exc:
                 lookup.failure = str(exc) or type(exc).__name__
             with self._lock:
                 del self._lookups[lookup.host]
@@ -88,7 +90,7 @@ _pool = _Pool()
 
 
 def _forget_threads() -> None:
-    """Start anew in a forked child: it has none of the parent's threads, and perhaps a lock that one held."""
+    """Begin again in a forked child: it has no thread of its parent, but perhaps a lock that one held."""
     global _pool
     _pool = _Pool()
 
@@ -96,11 +98,12 @@ def _forget_threads() -> None:
 os.register_at_fork(after_in_child=_forget_threads)
 
 
-def resolve(host: str, port: int, deadline: Deadline) -> list[SocketAddress]:
+def resolve(host: str, port: int, deadline: Deadline, remedy: str = "correct it") -> list[SocketAddress]:
     """Return the addresses of a host, in the order in which they are to be tried.
 
     :param host: name or numeric address; the latter asks no resolver
-    :raises RequestFailed: no such name (``CONNECTION_FAILED``), or no answer in time (``TIMEOUT``)
+    :param remedy: what to do about a name that does not resolve
+    :raises Failure: no such name (``CONNECTION_FAILED``), or no answer in time (``TIMEOUT``)
     """
     try:
         numeric = ipaddress.ip_address(host)
@@ -112,13 +115,14 @@ def resolve(host: str, port: int, deadline: Deadline) -> list[SocketAddress]:
     try:
         lookup = _pool.look_up(host, deadline)
     except RuntimeError as exc:
-        raise RequestFailed(
-            OPResultErrorCode.CONNECTION_FAILED, f"cannot start a thread to resolve {host}: {exc}"
+        if isinstance(exc, Failure):
+            raise
+        raise Failure(
+            f"cannot start a thread to resolve {host}: {exc}", OPResultErrorCode.CONNECTION_FAILED
         ) from exc
     if not lookup.addresses:
-        raise RequestFailed(
+        raise Failure(
+            f"the name {host} does not resolve ({lookup.failure or 'it has no address'}); {remedy}",
             OPResultErrorCode.CONNECTION_FAILED,
-            f"the name {host} does not resolve ({lookup.failure or 'it has no address'}); correct the node's "
-            "address or give one in [worker_addresses]",
         )
     return [(family, address, port) for family, address in lookup.addresses]
