@@ -8,6 +8,7 @@ worker that never answers.
 from __future__ import annotations
 
 import os
+import shlex
 import subprocess
 import sys
 import tempfile
@@ -23,6 +24,9 @@ from tovarincore.core_conf import core_conf_glbl
 from tovarincore.testing.reference_worker import ReferenceWorker
 
 IMAGE_NAMES = [f"TOVARIN_AI_{kind}_{plan}_1.4.0" for kind in ("CPU", "GPU") for plan in ("PLAN_A", "PLAN_B")]
+# Comes last in a shell's start-up, so that it wins: the programs of this environment first, and what `hash`
+# remembers of earlier look-ups forgotten.
+_LAST = 'export PATH={}:"$PATH"; hash -r; PS1=\'(playground) \'"$PS1"'
 
 
 @contextmanager
@@ -61,12 +65,54 @@ def playground() -> Iterator[Ec2Endpoint]:
                 core_conf_glbl.reload()
 
 
+def shell(folder: Path) -> list[str]:
+    """Return the command of an interactive shell that finds this environment's programs first.
+
+    The user's own start-up file runs before, since it may put other folders first on the path. Other shells
+    than bash and zsh start as they are.
+
+    :param folder: an existing folder for the shell's start-up file
+    """
+    program = os.environ.get("SHELL", "/bin/sh")
+    bin_folder = shlex.quote(os.path.dirname(sys.executable))
+    if os.path.basename(program) == "bash":
+        _write(
+            folder / "bashrc",
+            "[ -f ~/.bashrc ] && . ~/.bashrc",
+            _LAST.format(bin_folder),
+            "unset PROMPT_COMMAND",
+        )
+        return [program, "--rcfile", str(folder / "bashrc"), "-i"]
+    if os.path.basename(program) == "zsh":
+        # zsh reads its start-up files from ZDOTDIR, which the user may have set, or set in the first of them.
+        users, ours = (shlex.quote(str(name)) for name in (os.environ.get("ZDOTDIR", Path.home()), folder))
+        _write(
+            folder / ".zshenv",
+            f"ZDOTDIR={users}",
+            "[[ -f $ZDOTDIR/.zshenv ]] && . $ZDOTDIR/.zshenv",
+            f"playground_zdotdir=$ZDOTDIR ZDOTDIR={ours}",
+        )
+        _write(
+            folder / ".zshrc",
+            "ZDOTDIR=$playground_zdotdir",
+            "[[ -f $ZDOTDIR/.zshrc ]] && . $ZDOTDIR/.zshrc",
+            _LAST.format(bin_folder),
+            "precmd_functions=()",
+        )
+        return ["env", f"ZDOTDIR={folder}", program, "-i"]
+    return [program]
+
+
+def _write(path: Path, *lines: str) -> None:
+    path.write_text("\n".join([*lines, ""]), encoding="utf-8")
+
+
 def main(arguments: Sequence[str] | None = None) -> int:
     """Run a command, or a shell, in the playground; returns its exit status."""
     command = list(sys.argv[1:] if arguments is None else arguments)
     with playground() as endpoint:
         if not command:
-            command = [os.environ.get("SHELL", "/bin/sh")]
+            command = shell(Path(os.environ["TOVARIN_CONF"]).parent)
             print(f"An emulated EC2 listens on {endpoint.url} as region {REGION_NAME}; `exit` ends it.")
             print(f"Begin with: tovarin-nodes configure {REGION_NAME} --user-name ada --sdk")
         return subprocess.run(command, check=False).returncode

@@ -1,4 +1,4 @@
-"""Runs the Python blocks of one page, one after the other, in one namespace; started by test_samples.py."""
+"""Runs the Python blocks of one page in one process; started by test_samples.py."""
 
 from __future__ import annotations
 
@@ -12,10 +12,12 @@ from typing import Any
 
 def main() -> None:
     """Read a block a line, write its output and error a line, until the input ends."""
-    namespace: dict[str, Any] = {"__name__": "__main__"}
+    namespace: dict[str, Any] = {}
     answers = sys.stdout
     for line in sys.stdin:
         block = ast.literal_eval(line)
+        if not block["continues"]:
+            namespace = {"__name__": "__main__"}
         output, error = io.StringIO(), ""
         with contextlib.redirect_stdout(output):
             try:

@@ -12,9 +12,11 @@ RUNNABLE = ("python", "console", "sh")
 # Pages whose blocks are run elsewhere as a whole.
 RUN_ELSEWHERE = {"command.md": "python -m tests.command.transcript runs this page and writes it"}
 
-# A mark on the line before a block says why it is not run; MyST and other renderers do not show it.
+# A mark on the line before a block says why it is not run, or that it continues the one above, as the text
+# before it says too; MyST and other renderers do not show it.
+_MARK = r"(?:^<!-- (?:not run: (?P<reason>.+?)|(?P<continues>continues the block above)) -->\n)?"
 _BLOCK = re.compile(
-    r"(?:^<!-- not run: (?P<reason>.+?) -->\n)?^```(?P<language>\w+)[ ]*\n(?P<text>.*?)^```$",
+    _MARK + r"^```(?P<language>\w+)[ ]*\n(?P<text>.*?)^```$",
     re.MULTILINE | re.DOTALL,
 )
 
@@ -29,6 +31,7 @@ class Sample:
     :param text: the block
     :param shown: the output that the page shows for it, ``None`` when it shows none
     :param reason: why the block is not run; empty when it is
+    :param continues: whether a Python block builds on the one above; else it can be copied alone
     """
 
     page: str
@@ -37,6 +40,7 @@ class Sample:
     text: str
     shown: str | None = None
     reason: str = ""
+    continues: bool = False
 
 
 def samples_of(page: Path) -> list[Sample]:
@@ -53,7 +57,9 @@ def samples_of(page: Path) -> list[Sample]:
             samples[-1].shown = text
         elif language in RUNNABLE:
             reason = match["reason"] or RUN_ELSEWHERE.get(page.name, "")
-            samples.append(Sample(page.name, line, language, text, reason=reason))
+            samples.append(
+                Sample(page.name, line, language, text, reason=reason, continues=bool(match["continues"]))
+            )
     return samples
 
 
@@ -72,3 +78,21 @@ def commands_of(sample: Sample) -> list[tuple[str, str]]:
             command, output = commands[-1]
             commands[-1] = (command, output + line)
     return commands
+
+
+def programs_of(page: Path) -> list[tuple[Sample, str]]:
+    """Return the Python programs of a page, each with its first block: a block and those that continue it.
+
+    Empty lines in front of each block keep the page's line numbers.
+    """
+    programs: list[tuple[Sample, str]] = []
+    for sample in samples_of(page):
+        if sample.language != "python":
+            continue
+        if sample.continues:
+            first, text = programs.pop()
+            filled = text + "\n" * (sample.line - 1 - text.count("\n"))
+            programs.append((first, filled + sample.text))
+        else:
+            programs.append((sample, "\n" * (sample.line - 1) + sample.text))
+    return programs

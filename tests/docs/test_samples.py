@@ -16,17 +16,17 @@ from typing import Any
 import pytest
 
 from demo.playground import playground
-from tests.docs.samples import PAGES, ROOT, Sample, commands_of, samples_of
+from tests.docs.samples import PAGES, ROOT, Sample, commands_of, programs_of, samples_of
 
 SAMPLES = {page: samples_of(page) for page in PAGES if page.exists()}
 LEFT_OUT = [sample for samples in SAMPLES.values() for sample in samples if sample.reason]
 PATIENCE_SECONDS = 120
-# One process for all Python blocks of a page: what a page defines first, its later blocks use.
+# One process for all Python blocks of a page: the nodes that one block launched, the next one lists.
 CHILD = Path(__file__).with_name("child.py")
 
 
 class Reader:
-    """Follows a page in the playground: Python blocks share one interpreter, commands one configuration."""
+    """Follows a page in the playground: Python blocks share one process, commands one configuration."""
 
     def __init__(self, folder: Path) -> None:
         self.folder = folder
@@ -61,7 +61,12 @@ class Reader:
 
     def _run_python(self, sample: Sample) -> None:
         assert self.python.stdin is not None and self.python.stdout is not None
-        request = {"file": sample.page, "line": sample.line, "text": sample.text}
+        request = {
+            "file": sample.page,
+            "line": sample.line,
+            "text": sample.text,
+            "continues": sample.continues,
+        }
         self.python.stdin.write(repr(request) + "\n")
         self.python.stdin.flush()
         answer: dict[str, Any] = ast.literal_eval(self.python.stdout.readline() or "{}")
@@ -111,6 +116,29 @@ def test_every_sample_of_a_page_runs(page: Path, reader: Reader) -> None:
     for sample in SAMPLES[page]:
         if not sample.reason:
             reader.run(sample)
+
+
+def test_the_samples_pass_a_strict_type_check(tmp_path: Path) -> None:
+    """Each Python program of the README and the docs, copied alone, passes mypy --strict."""
+    for page in SAMPLES:
+        for sample, text in programs_of(page):
+            (tmp_path / f"{page.stem.replace('-', '_')}_{sample.line}.py").write_text(text, encoding="utf-8")
+    done = subprocess.run(
+        [
+            sys.executable,
+            "-m",
+            "mypy",
+            "--strict",
+            "--config-file",
+            str(ROOT / "pyproject.toml"),
+            str(tmp_path),
+        ],
+        cwd=ROOT,
+        capture_output=True,
+        text=True,
+        check=False,
+    )
+    assert done.returncode == 0, done.stdout + done.stderr
 
 
 @pytest.mark.parametrize("sample", LEFT_OUT, ids=lambda sample: f"{sample.page}:{sample.line}")

@@ -69,11 +69,17 @@ def test_a_wheel_imports_in_an_environment_of_its_own(wheel: Path, tmp_path: Pat
 
 def test_the_check_of_a_wheel_names_each_fault() -> None:
     """Sources, files outside the package, a missing module, stub, marker or data file are all named."""
-    names = ["tovarincore/cloud_node/module/module.cpp", "tests/conftest.py", "tovarincore/__init__.py"]
+    names = [
+        "tovarincore/cloud_node/module/module.cpp",
+        "tovarincore/cloud_node.py",
+        "tests/conftest.py",
+        "tovarincore/__init__.py",
+    ]
     said = faults(names)
     assert [line.split(" is ")[0].split(",")[0] for line in said] == [
         "expected one built module",
         "tovarincore/cloud_node/module/module.cpp",
+        "tovarincore/cloud_node.py",
         "tests/conftest.py",
         "tovarincore/py.typed",
         "tovarincore/cloud_node.pyi",
