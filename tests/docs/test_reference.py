@@ -205,3 +205,14 @@ def test_the_ec2_for_users_tests_answers_every_request_of_the_extension() -> Non
     text = sources(ROOT / "tovarincore" / "cloud_node" / "providers" / "aws", ".cpp")
     called = {name for name in re.findall(r'"([a-z_]+)"_s', text) if name in ec2_operations()}
     assert called - {"instance_status_ok"} | {"get_waiter"} <= set(dir(FakeEc2Client))
+
+
+def test_the_texts_of_the_troubleshooting_page_are_those_of_the_sources() -> None:
+    """Each sentence that a reader may look up is one that the package says."""
+    texts = re.findall(r"^\| `([^`]+)`", page("troubleshooting.md"), re.MULTILINE)
+    said = sources(ROOT / "tovarincore", ".py") + sources(ROOT / "tovarincore" / "cloud_node", ".cpp")
+    # A sentence of a source may go on in the next line.
+    said = re.sub(r'"\s*\n\s*f?"', "", said)
+    sentences = [text for text in texts if " " in text]
+    assert len(sentences) >= 8
+    assert [text for text in sentences if text not in said and text != "cannot import name"] == []

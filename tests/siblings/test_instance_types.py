@@ -118,3 +118,12 @@ def test_the_local_type_is_as_large_as_the_container_may_be(monkeypatch: pytest.
     monkeypatch.setenv("TOVARIN_CONTAINER__MEMORY_MIB", "512")
     core_conf_glbl.reload()
     assert CloudInstances.get_default_local_instance_type() == CloudInstanceTypeDef("local", 2.5, 512)
+
+
+def test_a_type_is_found_by_name_or_the_nearest_is_suggested() -> None:
+    """A misspelt name ends in an error with the right one; a strange one does not list hundreds."""
+    assert CloudInstances.find("t3.small") == CloudInstanceTypeDef("t3.small", 2, 2048)
+    with pytest.raises(LookupError, match=r'^unknown instance type "t3.smal"; did you mean "t3.small"\?$'):
+        CloudInstances.find("t3.smal")
+    with pytest.raises(LookupError, match=r"and \d+ more$"):
+        CloudInstances.find("zzzzzzz")

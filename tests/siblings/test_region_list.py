@@ -163,3 +163,10 @@ def test_a_missing_file_is_refused(regions_file: Path) -> None:
     """It was named on purpose; the setting that names it is told."""
     with pytest.raises(ConfigError, match=r"regions\.toml: no such file; the setting \[cloud\] regions_file"):
         CloudRegions.get_k8s_regions()
+
+
+def test_a_region_is_got_by_name_or_the_nearest_is_suggested() -> None:
+    """Unlike find, get never gives None: a misspelt name ends in an error with the right one."""
+    assert CloudRegions.get("us-east-1") == CloudRegions.find("us-east-1")
+    with pytest.raises(LookupError, match=r'^unknown region "us-east1"; did you mean "us-east-1"\?$'):
+        CloudRegions.get("us-east1")

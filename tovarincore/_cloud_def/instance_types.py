@@ -55,6 +55,20 @@ class CloudInstances:
     Reading raises ``ConfigError`` when a file cannot be used."""
 
     @staticmethod
+    def find(instance_type: str) -> CloudInstanceTypeDef:
+        """Return the known type of this name.
+
+        :param instance_type: the provider's name of the type, for example ``"t3.small"``
+        :raises LookupError: there is no such type; the text suggests the nearest name
+        :raises ConfigError: the configuration or the file of types cannot be used
+        """
+        for known in CloudInstances.instance_type_list:
+            if known.instance_type == instance_type:
+                return known
+        names = [known.instance_type for known in CloudInstances.instance_type_list]
+        raise LookupError(f'unknown instance type "{instance_type}"; {did_you_mean(instance_type, names)}')
+
+    @staticmethod
     def get_default_local_instance_type() -> CloudInstanceTypeDef:
         """Return the type of the local container: ``"local"``, as large as ``[container]`` allows.
 

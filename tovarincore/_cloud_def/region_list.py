@@ -2,6 +2,7 @@
 
 from tovarincore._cloud_def.region_sources import is_sdk_installed, regions_from_file, regions_from_sdk
 from tovarincore._cloud_def.regions import CloudRegion, K8sRegion
+from tovarincore._config_files.names import did_you_mean
 from tovarincore.core_conf import core_conf_glbl
 
 __all__ = ["CloudRegions"]
@@ -17,7 +18,7 @@ class CloudRegions:
     """
 
     @staticmethod
-    def get_local_container_region() -> CloudRegion | None:
+    def get_local_container_region() -> CloudRegion:
         """Return the region of this machine's container engine; always the same object."""
         return _LOCAL_REGION
 
@@ -66,6 +67,19 @@ class CloudRegions:
             (known for known in CloudRegions.get_all() if name in (known.name, known.key, known.hash_key)),
             None,
         )
+
+    @staticmethod
+    def get(name: str) -> CloudRegion:
+        """Return the region with this name or hash key, as :meth:`find` does, or raise.
+
+        :raises LookupError: there is no such region; the text suggests the nearest name
+        :raises ConfigError: the configuration or the regions file cannot be used
+        """
+        region = CloudRegions.find(name)
+        if region is None:
+            known = [region.name for region in CloudRegions.get_all()]
+            raise LookupError(f'unknown region "{name}"; {did_you_mean(name, known)}')
+        return region
 
 
 def _regions_from_file() -> list[CloudRegion]:

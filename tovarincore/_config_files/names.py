@@ -5,9 +5,11 @@ from collections.abc import Iterable
 
 __all__ = ["did_you_mean"]
 
+_MOST_NAMES = 40
+
 
 def did_you_mean(name: str, known: Iterable[str]) -> str:
-    """Return the hint that follows "unknown ...": the nearest known name, or all of them.
+    """Return the hint that follows "unknown ...": the nearest known name, or the first of them.
 
     :param name: the name that was given
     :param known: the names that would have been right
@@ -16,4 +18,5 @@ def did_you_mean(name: str, known: Iterable[str]) -> str:
     nearest = difflib.get_close_matches(name, names, n=1)
     if nearest:
         return f'did you mean "{nearest[0]}"?'
-    return "known are: " + ", ".join(names)
+    more = f" and {len(names) - _MOST_NAMES} more" if len(names) > _MOST_NAMES else ""
+    return "known are: " + ", ".join(names[:_MOST_NAMES]) + more
