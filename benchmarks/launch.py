@@ -11,8 +11,8 @@ from datetime import datetime
 from multiprocessing.connection import Connection
 
 from benchmarks.report import seconds
-from demo.endpoint import ACCESS_KEY_ID, REGION_NAME, SECRET_ACCESS_KEY, Ec2Endpoint
-from demo.surroundings import surroundings
+from stage.ec2_endpoint import ACCESS_KEY_ID, REGION_NAME, SECRET_ACCESS_KEY, Ec2Endpoint
+from stage.settings import surroundings
 from tovarincore.cloud_conf import CloudConf
 from tovarincore.cloud_def import (
     AWSCloudAuth,

@@ -3,13 +3,13 @@
 from __future__ import annotations
 
 import dataclasses
-import socket
 from collections.abc import Callable
 from contextlib import ExitStack, suppress
 
-from demo.endpoint import ACCESS_KEY_ID, HOST, REGION_NAME, SECRET_ACCESS_KEY, Ec2Endpoint, ports_text
 from demo.report import DemoStopped, Report, Step
-from demo.surroundings import surroundings
+from stage.ec2_endpoint import ACCESS_KEY_ID, REGION_NAME, SECRET_ACCESS_KEY, Ec2Endpoint, ports_text
+from stage.ports import HOST, refusing_port
+from stage.settings import surroundings
 from tovarincore.cloud_conf import CloudConf
 from tovarincore.cloud_def import (
     AWSCloudAuth,
@@ -206,15 +206,13 @@ def run_ec2_demo(json_lines: bool, manager: CloudManager = cloud_manager_glbl) -
         endpoint = stack.enter_context(Ec2Endpoint())
         healthy = stack.enter_context(ReferenceWorker())
         silent = stack.enter_context(ReferenceWorker(answer=False))
-        # Bound and never listening: a connection to it is refused at once.
-        unreachable = stack.enter_context(socket.socket())
-        unreachable.bind((HOST, 0))
+        unreachable = stack.enter_context(refusing_port())
         settings = {
             # An emulated node's name resolves nowhere, or to a stranger's machine.
             "worker_addresses": {
                 HEALTHY: f"{HOST}:{healthy.port}",
                 SILENT: f"{HOST}:{silent.port}",
-                UNREACHABLE: f"{HOST}:{unreachable.getsockname()[1]}",
+                UNREACHABLE: f"{HOST}:{unreachable}",
             },
         }
         credentials = CloudConf(cloud_auth=auth, user_name=USER_NAME)

@@ -3,14 +3,14 @@
 from __future__ import annotations
 
 import dataclasses
-import socket
 import time
 from collections.abc import Callable
 from contextlib import ExitStack, suppress
 
 from demo.report import DemoStopped, Report, Step
-from demo.surroundings import surroundings
 from stage.engine import ContainerEngineServer, EngineNotRunnable
+from stage.ports import free_port
+from stage.settings import NOWHERE, surroundings
 from tovarincore.cloud_conf import CloudConf
 from tovarincore.cloud_def import (
     CloudInstanceConfig,
@@ -191,14 +191,13 @@ def run_local_demo(json_lines: bool, manager: CloudManager = cloud_manager_glbl)
             "container": {
                 "engine_url": engine.url,
                 "image": IMAGE,
-                "published_port": _free_port(),
+                "published_port": free_port(),
                 "memory_mib": 256,
                 "operation_seconds": LIMIT_SECONDS,
             }
         }
         credentials = CloudConf(cloud_auth=None, user_name="", worker_token="token-of-the-demo")
-        # No request goes to EC2 here, wherever that is.
-        stack.enter_context(surroundings("http://127.0.0.1:1", region, credentials, settings))
+        stack.enter_context(surroundings(NOWHERE, region, credentials, settings))
         LocalTour(manager, engine, region, report).run()
     return report.close()
 
@@ -211,9 +210,3 @@ def _launch_arguments(template: InstanceTemplate) -> tuple[CloudInstanceTypeDef,
 def _show(step: Step, nodes: list[CloudNode]) -> None:
     """Show nodes with as much of the container's id as engines print."""
     step.show_nodes([dataclasses.replace(node, instance_id=node.instance_id[:12]) for node in nodes])
-
-
-def _free_port() -> int:
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return int(probe.getsockname()[1])

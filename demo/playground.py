@@ -16,11 +16,9 @@ from collections.abc import Iterator, Sequence
 from contextlib import contextmanager
 from pathlib import Path
 
-import tomli_w
-
-from demo.endpoint import ACCESS_KEY_ID, HOST, REGION_NAME, SECRET_ACCESS_KEY, Ec2Endpoint
-from demo.environment import environment
-from tovarincore.core_conf import core_conf_glbl
+from stage.ec2_endpoint import ACCESS_KEY_ID, REGION_NAME, SECRET_ACCESS_KEY, Ec2Endpoint
+from stage.ports import HOST
+from stage.settings import settings_of
 from tovarincore.testing.reference_worker import ReferenceWorker
 
 IMAGE_NAMES = [f"TOVARIN_AI_{kind}_{plan}_1.4.0" for kind in ("CPU", "GPU") for plan in ("PLAN_A", "PLAN_B")]
@@ -36,33 +34,19 @@ def playground() -> Iterator[Ec2Endpoint]:
         Ec2Endpoint() as endpoint,
         ReferenceWorker() as worker,
         ReferenceWorker(answer=False) as silent,
-        tempfile.TemporaryDirectory(prefix="tovarin-playground-") as folder_name,
+        tempfile.TemporaryDirectory(prefix="tovarin-playground-") as folder,
     ):
         endpoint.prepare_account(IMAGE_NAMES)
-        folder = Path(folder_name)
         addresses = {"silent*": f"{HOST}:{silent.port}", "*": f"{HOST}:{worker.port}"}
-        (folder / "core.toml").write_text(tomli_w.dumps({"worker_addresses": addresses}), encoding="utf-8")
-        with environment(
-            {
-                "AWS_ENDPOINT_URL_EC2": endpoint.url,
-                "AWS_ACCESS_KEY_ID": ACCESS_KEY_ID,
-                "AWS_SECRET_ACCESS_KEY": SECRET_ACCESS_KEY,
-                "AWS_CONFIG_FILE": str(folder / "aws-config"),
-                "AWS_SHARED_CREDENTIALS_FILE": str(folder / "aws-credentials"),
-                "AWS_EC2_METADATA_DISABLED": "true",
-                "TOVARIN_CONF": str(folder / "core.toml"),
-                "TOVARIN_CLOUD_CONF": str(folder / "cloud.toml"),
-                # The command of this very environment, whatever else is installed.
-                "PATH": os.pathsep.join(
-                    [os.path.dirname(sys.executable), os.environ.get("PATH", os.defpath)]
-                ),
-            }
-        ):
-            core_conf_glbl.reload()
-            try:
-                yield endpoint
-            finally:
-                core_conf_glbl.reload()
+        variables = {
+            "AWS_ENDPOINT_URL_EC2": endpoint.url,
+            "AWS_ACCESS_KEY_ID": ACCESS_KEY_ID,
+            "AWS_SECRET_ACCESS_KEY": SECRET_ACCESS_KEY,
+            # The command of this very environment, whatever else is installed.
+            "PATH": os.pathsep.join([os.path.dirname(sys.executable), os.environ.get("PATH", os.defpath)]),
+        }
+        with settings_of(Path(folder), {"worker_addresses": addresses}, **variables):
+            yield endpoint
 
 
 def shell(folder: Path) -> list[str]:

@@ -4,24 +4,23 @@ from __future__ import annotations
 
 import logging
 import os
-import socket
 from collections.abc import Iterator
 from contextlib import contextmanager
 from dataclasses import dataclass, field
 from datetime import datetime
 from typing import Any
 
-from demo.endpoint import (
+from stage.ec2_endpoint import (
     ACCESS_KEY_ID,
-    HOST,
     INSTANCE_PROFILE_NAME,
     KEY_PAIR_NAME,
     REGION_NAME,
     SECRET_ACCESS_KEY,
     Ec2Endpoint,
 )
-from demo.surroundings import surroundings
 from stage.fault import FaultEndpoint
+from stage.ports import HOST, refusing_port
+from stage.settings import surroundings
 from tovarincore.cloud_conf import CloudConf
 from tovarincore.cloud_def import (
     AWSCloudAuth,
@@ -187,9 +186,8 @@ def ec2_world(endpoint: Ec2Endpoint, worker: ReferenceWorker) -> Iterator[Ec2Wor
     region = CloudRegion(name=REGION_NAME, cloud="AWS")
     auth = AWSCloudAuth(aws_access_key_id=ACCESS_KEY_ID, aws_secret_access_key=SECRET_ACCESS_KEY)
     endpoint.reset()
-    with socket.socket() as closed:
-        closed.bind((HOST, 0))
-        refusing = f"{HOST}:{closed.getsockname()[1]}"
+    with refusing_port() as closed:
+        refusing = f"{HOST}:{closed}"
         settings = {
             "worker_addresses": {"ready-*": f"{HOST}:{worker.port}", "cold-*": refusing, "-": refusing}
         }

@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import signal
-import socket
 import ssl
 import subprocess
 import time
@@ -14,6 +13,7 @@ from types import TracebackType
 
 from stage.certificates import make_key, make_server_certificate
 from stage.kube_api import ADMIN_TOKEN, MANAGER_TOKEN, POWERLESS_TOKEN
+from stage.ports import free_port
 
 _START_SECONDS = 90
 
@@ -39,7 +39,7 @@ class KubeReal:
             f"{POWERLESS_TOKEN},powerless,3",
         )
         (folder / "tokens.csv").write_text("\n".join(users), encoding="utf-8")
-        self._port, self._etcd_port, self._peer_port = _free_ports(3)
+        self._port, self._etcd_port, self._peer_port = (free_port() for _ in range(3))
         self._etcd: subprocess.Popen[bytes] | None = None
         self._server: subprocess.Popen[bytes] | None = None
 
@@ -144,14 +144,3 @@ class KubeReal:
                 log = (self._folder / f"{self._program.name}.log").read_text(errors="replace")
                 raise RuntimeError(f"kube-apiserver did not become ready; the end of its log:\n{log[-2000:]}")
             time.sleep(0.1)
-
-
-def _free_ports(count: int) -> list[int]:
-    sockets = [socket.socket() for _ in range(count)]
-    try:
-        for each in sockets:
-            each.bind(("127.0.0.1", 0))
-        return [each.getsockname()[1] for each in sockets]
-    finally:
-        for each in sockets:
-            each.close()

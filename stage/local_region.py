@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import socket
 import time
 from typing import Any
 
@@ -98,14 +97,6 @@ class LocalRegion:
                 return node
             assert time.monotonic() < end, self.client.logs(node.instance_id).decode()
             time.sleep(0.1)
-
-
-def free_port() -> int:
-    """A loopback port that nobody listens on."""
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        port: int = probe.getsockname()[1]
-        return port
 
 
 def local_settings(

@@ -8,8 +8,8 @@ import socket
 import ssl
 import struct
 import threading
-from collections.abc import Callable, Iterator
-from contextlib import contextmanager, suppress
+from collections.abc import Callable
+from contextlib import suppress
 
 from websockets.frames import Frame, Opcode
 from websockets.http11 import Request
@@ -29,7 +29,6 @@ __all__ = [
     "echoes",
     "never_replies",
     "proxies",
-    "refusing_port",
     "resets_after_request",
     "says_nothing",
     "sends_huge_frame",
@@ -168,14 +167,6 @@ class Peer:
 def _shut_down(sock: socket.socket) -> None:
     with suppress(OSError):
         sock.shutdown(socket.SHUT_RDWR)
-
-
-@contextmanager
-def refusing_port() -> Iterator[int]:
-    """Give a port that nothing listens on, and that nobody else gets meanwhile."""
-    with socket.socket() as bound:
-        bound.bind(("127.0.0.1", 0))
-        yield bound.getsockname()[1]
 
 
 def says_nothing(conversation: Conversation) -> None:

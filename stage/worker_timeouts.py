@@ -24,6 +24,7 @@ from unittest import mock
 
 from stage import worker_peers as peers
 from stage.certificates import make_server_certificate
+from stage.ports import refusing_port
 from stage.settings import settings_of
 from tovarincore.api_def import PingRequest
 from tovarincore.cloud_def import CloudInstances, CloudNode, CloudRegion
@@ -118,7 +119,7 @@ def _healthy(folder: Path) -> Iterator[tuple[str, Settings]]:
 
 @contextmanager
 def _closed_port(folder: Path) -> Iterator[tuple[str, Settings]]:
-    with peers.refusing_port() as port:
+    with refusing_port() as port:
         yield "127.0.0.1", {"worker": {"port": port}}
 
 

@@ -36,6 +36,13 @@ def pytest_configure() -> None:
             raise pytest.UsageError(str(error)) from None
 
 
+def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
+    """Refuse ids with addresses: each process of a parallel run would know the test under another name."""
+    for item in items:
+        if " at 0x" in item.nodeid:
+            raise pytest.UsageError(f"{item.nodeid} holds an address: name the parameter by ids=[...]")
+
+
 @pytest.fixture
 def own_settings(tmp_path: Path) -> Iterator[None]:
     """Defaults in place of the configuration and the credentials of the machine that runs the tests."""

@@ -14,9 +14,9 @@ import click.testing
 import pytest
 import tomli_w
 
+from stage.ec2_fixtures import ec2, ec2_endpoint, healthy_worker, sdk_data_read_once
 from stage.settings import settings_of
 from tests.conftest import ROOT
-from tests.flows.conftest import ec2, ec2_endpoint, healthy_worker, sdk_data_read_once
 from tovarincore._config_files.toml_file import read_toml
 from tovarincore.cloud_node import cloud_manager_glbl
 from tovarincore.command.app import cli

@@ -11,7 +11,6 @@ import os
 import re
 import shlex
 import signal
-import socket
 import sys
 import tempfile
 import time
@@ -28,13 +27,19 @@ import tomli_w
 from lightkube.models.meta_v1 import ObjectMeta
 from lightkube.resources.core_v1 import Namespace
 
-from demo.endpoint import ACCESS_KEY_ID, INSTANCE_PROFILE_NAME, KEY_PAIR_NAME, SECRET_ACCESS_KEY, Ec2Endpoint
-from demo.environment import environment
+from stage.ec2_endpoint import (
+    ACCESS_KEY_ID,
+    INSTANCE_PROFILE_NAME,
+    KEY_PAIR_NAME,
+    SECRET_ACCESS_KEY,
+    Ec2Endpoint,
+)
 from stage.engine import ContainerEngineServer, EngineNotRunnable
 from stage.fault import FaultEndpoint, unauthorized
 from stage.kube_api import KubeApi
 from stage.kube_world import KubeWorld
-from stage.local_region import free_port
+from stage.ports import free_port, refusing_port
+from stage.settings import environment
 from tovarincore.cloud_node import cloud_manager_glbl
 from tovarincore.command.app import cli
 from tovarincore.command.nodes import readiness
@@ -61,9 +66,8 @@ class Stage:
         self._cleanup = cleanup
         self.endpoint = cleanup.enter_context(Ec2Endpoint())
         worker = cleanup.enter_context(ReferenceWorker())
-        closed = cleanup.enter_context(socket.socket())
-        closed.bind(("127.0.0.1", 0))
-        self.worker, self.closed = f"127.0.0.1:{worker.port}", f"127.0.0.1:{closed.getsockname()[1]}"
+        closed = cleanup.enter_context(refusing_port())
+        self.worker, self.closed = f"127.0.0.1:{worker.port}", f"127.0.0.1:{closed}"
         self._settings: dict[str, Any] = {
             "worker_addresses": {"trainer-1": self.worker, "*": self.closed, "127.0.0.1": self.worker}
         }

@@ -99,7 +99,9 @@ def test_no_templates_are_none_without_a_look_at_the_plan(
         facade.get_default_instance_template("r", "auth", Unasked())
 
 
-@pytest.mark.parametrize("plan", [None, object(), CpuPlanA, "CpuPlanA"], ids=repr)
+@pytest.mark.parametrize(
+    "plan", [None, object(), CpuPlanA, "CpuPlanA"], ids=["None", "object", "class", "text"]
+)
 def test_a_plan_of_no_known_class_wants_nothing(facade: Any, provider: Fake, plan: Any) -> None:
     """None, and classes in place of their instances."""
     provider.answers["list_instance_templates"] = (EVERY_TEMPLATE, GOOD)

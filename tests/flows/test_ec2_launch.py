@@ -11,8 +11,8 @@ from typing import Any
 import pytest
 from botocore.exceptions import ParamValidationError
 
-from demo.endpoint import INSTANCE_PROFILE_NAME, KEY_PAIR_NAME
 from stage.ec2 import USER_NAME, Ec2World, one_record
+from stage.ec2_endpoint import INSTANCE_PROFILE_NAME, KEY_PAIR_NAME
 from tovarincore.cloud_def import InstanceTemplate, NodeState, SecurityGroupRules
 from tovarincore.core_def import OPResultErrorCode
 

@@ -8,8 +8,8 @@ import logging
 import pytest
 from botocore.exceptions import ClientError
 
-from demo.endpoint import INSTANCE_PROFILE_NAME, KEY_PAIR_NAME
 from stage.ec2 import USER_NAME, Ec2World
+from stage.ec2_endpoint import INSTANCE_PROFILE_NAME, KEY_PAIR_NAME
 from stage.fault import Answer, document
 from tovarincore.cloud_def import CloudNode, NodeState
 from tovarincore.cloud_node import CloudManager

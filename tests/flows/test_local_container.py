@@ -7,8 +7,8 @@ import re
 import socket
 import threading
 import time
-from collections.abc import Callable, Iterator
-from contextlib import AbstractContextManager, ExitStack
+from collections.abc import Callable
+from contextlib import AbstractContextManager
 from pathlib import Path
 from typing import Any
 
@@ -16,8 +16,10 @@ import pytest
 from websockets.exceptions import InvalidStatus
 from websockets.sync.client import connect
 
-from stage.engine import ContainerEngineServer, EngineNotRunnable
-from stage.local_region import LIMIT_SECONDS, LocalRegion, free_port, local_region, local_settings
+from stage.engine import ContainerEngineServer
+from stage.engine_fixtures import IMAGE
+from stage.local_region import LIMIT_SECONDS, LocalRegion, local_region, local_settings
+from stage.ports import free_port
 from stage.settings import settings_of
 from tovarincore._container_helper.docker_engine import DockerEngine
 from tovarincore.api_def import PingRequest
@@ -25,46 +27,17 @@ from tovarincore.cloud_def import NodeState
 from tovarincore.cloud_node import cloud_manager_glbl
 from tovarincore.container_helper import ContainerError
 from tovarincore.core_def import OPResultErrorCode
-from tovarincore.testing.worker_image import import_worker_image
 from tovarincore.webs_client import WebSocketClient
 
 pytestmark = pytest.mark.xdist_group("container engine")
 
-VERSIONS = ["1.2.0", "1.10.0", "1.9.0"]
 NEWEST_FIRST = ["1.10.0", "1.9.0", "1.2.0"]
-IMAGE = "tovarin-worker"
 WORKER_COMMAND = [
     "/opt/python/bin/python3", "-m", "tovarincore.testing.reference_worker", "--host", "0.0.0.0"
 ]  # fmt: skip
 DOCUMENT = Path(__file__).parents[2] / "docs" / "local-containers.md"
 # For an engine that is made to hang.
 SHORT_LIMIT_SECONDS = 0.7
-
-
-@pytest.fixture(scope="session")
-def engine_server() -> Iterator[ContainerEngineServer]:
-    """An engine with three versions of the worker image; where none can run, the tests are skipped."""
-    with ExitStack() as cleanup:
-        try:
-            server = cleanup.enter_context(ContainerEngineServer())
-        except EngineNotRunnable as reason:
-            pytest.skip(f"no container engine can run here: {reason}")
-        with server.client() as client:
-            import_worker_image(client, IMAGE, VERSIONS)
-        yield server
-
-
-@pytest.fixture
-def local(engine_server: ContainerEngineServer, tmp_path: Path) -> Iterator[LocalRegion]:
-    """The local region on the engine, without any container; removes what the test left."""
-    port = free_port()
-    with engine_server.client() as client, settings_of(tmp_path, local_settings(engine_server, port)):
-        local = LocalRegion(engine_server, client, port)
-        assert local.refresh().success
-        yield local
-        engine_server.go_on()
-        for container in client.containers(all=True):
-            client.remove_container(container["Id"], force=True)
 
 
 @pytest.fixture

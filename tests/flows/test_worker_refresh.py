@@ -15,8 +15,8 @@ from typing import Any
 
 import pytest
 
+from stage.ports import refusing_port
 from stage.settings import settings_of
-from stage.worker_peers import refusing_port
 from tovarincore import cloud_node
 from tovarincore.cloud_def import CloudInstances, CloudNode, CloudRegion, NodeState
 from tovarincore.core_def import OPResult

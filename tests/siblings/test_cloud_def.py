@@ -277,7 +277,7 @@ class TestTemplateNames:
             ["TOVARIN_AI_CPU_PLAN_A_1.0"],
             object(),
         ],
-        ids=lambda name: repr(name)[:40],
+        ids=lambda name: repr(name).partition(" at 0x")[0][:40],
     )
     def test_any_other_name_gives_none(self, name: Any) -> None:
         """Images of strangers, and what is no text at all: never an exception."""

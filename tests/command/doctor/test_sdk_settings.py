@@ -11,19 +11,16 @@ from tovarincore.cloud_def import AWSCloudAuth
 from tovarincore.command.doctor.sdk_settings import check_sdk_settings
 from tovarincore.command.doctor.verdicts import Level
 
-VARIABLES = "HTTPS_PROXY HTTP_PROXY ALL_PROXY NO_PROXY AWS_CA_BUNDLE REQUESTS_CA_BUNDLE AWS_ENDPOINT_URL"
+VARIABLES = "HTTPS_PROXY HTTP_PROXY ALL_PROXY NO_PROXY REQUESTS_CA_BUNDLE"
 PROXY = {"proxy": {"enabled": True, "https": "http://proxy.example:3128"}}
 
 
 @pytest.fixture(autouse=True)
-def no_variables(monkeypatch: pytest.MonkeyPatch, tmp_path: Path) -> None:
-    """None of the variables is set, and the user's own AWS configuration is not read."""
+def no_variables(monkeypatch: pytest.MonkeyPatch) -> None:
+    """None of the variables is set."""
     for name in VARIABLES.split():
         monkeypatch.delenv(name, raising=False)
         monkeypatch.delenv(name.lower(), raising=False)
-    monkeypatch.delenv("AWS_ENDPOINT_URL_EC2", raising=False)
-    monkeypatch.setenv("AWS_CONFIG_FILE", str(tmp_path / "config"))
-    monkeypatch.setenv("AWS_SHARED_CREDENTIALS_FILE", str(tmp_path / "credentials"))
 
 
 @pytest.mark.parametrize(
@@ -38,15 +35,10 @@ def no_variables(monkeypatch: pytest.MonkeyPatch, tmp_path: Path) -> None:
     ],
 )
 def test_variables_without_effect_are_named(
-    tmp_path: Path,
-    monkeypatch: pytest.MonkeyPatch,
-    variable: str,
-    settings: dict[str, dict[str, object]],
-    words: str,
+    tmp_path: Path, variable: str, settings: dict[str, dict[str, object]], words: str
 ) -> None:
     """What a person may rely on in vain is a warning."""
-    monkeypatch.setenv(variable, "http://127.0.0.1:9")
-    with settings_of(tmp_path, settings):
+    with settings_of(tmp_path, settings, **{variable: "http://127.0.0.1:9"}):
         (verdict,) = check_sdk_settings("AWS:r", AWSCloudAuth())
     assert verdict.level is Level.WARN
     assert words in verdict.text
@@ -56,18 +48,17 @@ def test_variables_without_effect_are_named(
     "variable, settings", [("HTTPS_PROXY", PROXY), ("NO_PROXY", {})], ids=["proxy", "bypass"]
 )
 def test_variables_that_change_nothing_are_not_mentioned(
-    tmp_path: Path, monkeypatch: pytest.MonkeyPatch, variable: str, settings: dict[str, dict[str, object]]
+    tmp_path: Path, variable: str, settings: dict[str, dict[str, object]]
 ) -> None:
     """With a configured proxy the variable for one is no surprise; without any, neither is a bypass."""
-    monkeypatch.setenv(variable, "http://127.0.0.1:9")
-    with settings_of(tmp_path, settings):
+    with settings_of(tmp_path, settings, **{variable: "http://127.0.0.1:9"}):
         (verdict,) = check_sdk_settings("AWS:r", AWSCloudAuth())
     assert verdict.level is Level.OK
 
 
 def test_certificates_of_a_profile_have_no_effect_either(tmp_path: Path) -> None:
     """The profile's ca_bundle is found where the SDK would look."""
-    (tmp_path / "config").write_text("[profile work]\nca_bundle = /etc/ca.pem\n")
+    (tmp_path / "aws-config").write_text("[profile work]\nca_bundle = /etc/ca.pem\n")
     with settings_of(tmp_path, {}):
         (verdict,) = check_sdk_settings("AWS:r", AWSCloudAuth(aws_profile="work"))
     assert "ca_bundle of the AWS configuration has no effect" in verdict.text

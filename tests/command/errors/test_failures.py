@@ -2,13 +2,13 @@
 
 from __future__ import annotations
 
-import socket
 from pathlib import Path
 
 import pytest
 
 from stage.ec2 import Ec2World
 from stage.fault import GARBAGE, ec2_error, unauthorized
+from stage.ports import refusing_port
 from tests.command.conftest import Run, finish, start_command
 from tovarincore.cloud_conf import CloudConf, CloudConfManager
 from tovarincore.cloud_def import AWSCloudAuth
@@ -39,9 +39,8 @@ def test_no_credentials(no_account: Path) -> None:
 
 def test_no_network(ec2: Ec2World) -> None:
     """Where nothing answers the line names the address."""
-    with socket.socket() as closed:
-        closed.bind(("127.0.0.1", 0))
-        url = f"http://127.0.0.1:{closed.getsockname()[1]}"
+    with refusing_port() as closed:
+        url = f"http://127.0.0.1:{closed}"
         ec2.send_requests_to(url)
         first, second = lines_of("list", "us-east-1", code=5)
     assert first == f'error: EC2 cannot be reached: Could not connect to the endpoint URL: "{url}/"'

@@ -13,7 +13,7 @@ import pytest
 
 from stage.certificates import make_server_certificate
 from stage.ec2 import Ec2World
-from stage.local_region import free_port
+from stage.ports import free_port
 from tests.command.conftest import Run, finish, send_to_worker, start_command
 from tovarincore.command.nodes import readiness
 from tovarincore.command.nodes.inventory import list_nodes

@@ -8,10 +8,10 @@ from typing import Any
 
 import pytest
 
+from stage.engine_fixtures import engine_server, local
 from stage.local_region import LocalRegion
 from stage.settings import settings_of
 from tests.command.conftest import Run
-from tests.flows.test_local_container import engine_server, local
 
 __all__ = ["engine_server", "local"]
 

@@ -13,9 +13,9 @@ import boto3
 from botocore.config import Config
 from werkzeug.serving import make_server
 
-from demo.environment import environment
+from stage.ports import HOST
+from stage.settings import environment
 
-HOST = "127.0.0.1"
 REGION_NAME = "us-east-1"
 POLL_SECONDS = 0.05
 KEY_PAIR_NAME = "tovarin-key"

@@ -9,8 +9,8 @@ from typing import Any
 import pytest
 from botocore.exceptions import ClientError
 
-from demo.endpoint import KEY_PAIR_NAME, Ec2Endpoint, ports_text
-from demo.environment import environment
+from stage.ec2_endpoint import KEY_PAIR_NAME, Ec2Endpoint, ports_text
+from stage.settings import environment
 
 
 @pytest.fixture(scope="module")
