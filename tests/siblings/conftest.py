@@ -1,4 +1,4 @@
-"""Keeps the configuration of the machine that runs the tests out of them."""
+"""Keeps the configuration of the machine that runs the tests out of them; lends them an API server."""
 
 import os
 from collections.abc import Iterator
@@ -6,7 +6,11 @@ from pathlib import Path
 
 import pytest
 
+from stage.kube_fixtures import kube, kube_api, shared_kube_api
 from tovarincore.core_conf import core_conf_glbl
+
+# Named here, pytest finds them in this folder.
+__all__ = ["kube", "kube_api", "shared_kube_api"]
 
 
 @pytest.fixture(autouse=True)

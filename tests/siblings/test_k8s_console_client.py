@@ -23,8 +23,6 @@ from tovarincore.cloud_def import CloudInstanceTypeDef, CloudNode, K8sRegion
 from tovarincore.core_def import OPResult, OPResultErrorCode
 from tovarincore.k8s_console_client import K8sConsoleClient
 
-pytest_plugins = ["stage.kube_fixtures"]
-
 FORBIDDEN = Refusal(403, "Forbidden", "secrets is forbidden: no")
 INTERNAL = Refusal(500, "InternalError", "etcd is gone")
 EXPIRED = Refusal(410, "Expired", "The provided continue parameter is too old")

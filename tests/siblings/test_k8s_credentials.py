@@ -21,8 +21,6 @@ from tovarincore.cloud_def import K8sRegion
 from tovarincore.core_def import OPResult, OPResultErrorCode
 from tovarincore.k8s_console_client import K8sConsoleClient
 
-pytest_plugins = ["stage.kube_fixtures"]
-
 UNAUTHORIZED = Refusal(401, "Unauthorized", "Unauthorized")
 
 

@@ -87,6 +87,7 @@ def test_the_deadline_ends_a_long_inflation() -> None:
         (b"x", "br", "encoding 'br'"),
         (b"x", "gzip, gzip", "encoding 'gzip, gzip'"),
     ],
+    ids=["cut off", "other bytes", "bytes behind", "unknown encoding", "two encodings"],
 )
 def test_what_is_broken_is_refused(data: bytes, encoding: str, why: str) -> None:
     """With a protocol error and never with one of the library."""
