@@ -45,8 +45,8 @@ class MemoryEngine:
         self._record("list_image_tags", repository)
         return self.tags
 
-    def find_container(self, name: str, label: str) -> ContainerSummary | None:
-        self._record("find_container", name, label)
+    def find_container(self, name: str) -> ContainerSummary | None:
+        self._record("find_container", name)
         if self.container is None or self.container.status != "running":
             return self.container
         return dataclasses.replace(self.container, bindings=self._published())

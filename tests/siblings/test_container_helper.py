@@ -12,9 +12,11 @@ import pytest
 
 from stage.memory_engine import MemoryEngine
 from stage.settings import settings_of
-from tovarincore._container_helper.engine import ContainerRequest, PortBinding
+from tovarincore._container_helper.engine import ContainerRequest, ContainerSummary, PortBinding
 from tovarincore._container_helper.errors import ContainerNameTakenError
-from tovarincore.cloud_conf import CloudConf, CloudConfManager
+from tovarincore._container_helper.limit import TimeLimit
+from tovarincore._transport.failure import Failure
+from tovarincore.cloud_conf import CloudConf, CloudConfManager, ConfigError
 from tovarincore.cloud_def import CloudInstances, CloudRegions, NodeState
 from tovarincore.container_helper import (
     UUID_LABEL,
@@ -39,7 +41,7 @@ GRACE_SECONDS = 4
 @pytest.fixture(autouse=True)
 def settings(tmp_path: Path) -> Iterator[None]:
     """The settings that the expectations below name."""
-    with settings_of(tmp_path, {"container": SETTINGS}):
+    with settings_of(tmp_path, {"container": SETTINGS, "worker": {"token": "a-token"}}):
         yield
 
 
@@ -69,7 +71,7 @@ def test_versions_come_newest_first(engine: MemoryEngine, helper: ContainerHelpe
 def test_no_container_is_none(engine: MemoryEngine, helper: ContainerHelper) -> None:
     """None says that the engine answered and holds no worker container."""
     assert helper.get_existing_node() is None
-    assert engine.calls == [("find_container", "the-worker", UUID_LABEL)]
+    assert engine.calls == [("find_container", "the-worker")]
 
 
 @pytest.mark.parametrize(
@@ -135,7 +137,7 @@ def test_run_creates_the_container_as_configured(engine: MemoryEngine, helper: C
                 name="the-worker",
                 image="acme/worker:1.10",
                 labels={UUID_LABEL: node.uuid, VERSION_LABEL: "1.10"},
-                environment={},
+                environment={CoreDef.WORKER_TOKEN_VARIABLE: "a-token"},
                 published_port=9001,
                 worker_port=9002,
                 memory_bytes=64 * 1024 * 1024,
@@ -205,14 +207,108 @@ def test_run_takes_the_container_that_another_caller_just_made(
     assert node.uuid == "uuid-1"
 
 
+def _after(calls: int, action: Callable[[], object]) -> Callable[[], object]:
+    """Something that acts when it is called for the so-manieth time."""
+    left = iter(range(calls, 0, -1))
+    return lambda: action() if next(left, 0) == 1 else None
+
+
+def test_run_waits_for_a_container_that_the_engine_does_not_list_yet(
+    engine: MemoryEngine, helper: ContainerHelper
+) -> None:
+    """Another launch has the name reserved: its container is waited for, started and returned."""
+    engine.failures["create_container"] = ContainerNameTakenError("taken")
+    engine.before["find_container"] = _after(4, lambda: engine.put_container(status="created"))
+    node, result = helper.run_tvr_container_image("1.10")
+    assert result.success, result.msg
+    assert node is not None
+    assert (node.uuid, node.state) == ("uuid-1", NodeState.RUNNING)
+    assert engine.changes()[-1] == ("start_container", "id-1")
+
+
+def test_run_creates_the_container_when_a_reserved_name_becomes_free(
+    engine: MemoryEngine, helper: ContainerHelper
+) -> None:
+    """The other launch failed before it had a container: this one has the name now."""
+    engine.failures["create_container"] = ContainerNameTakenError("taken")
+    engine.before["create_container"] = _after(3, engine.failures.clear)
+    node, result = helper.run_tvr_container_image("1.10")
+    assert result.success, result.msg
+    assert node is not None
+    assert [call[0] for call in engine.changes()] == ["create_container"] * 3 + ["start_container"]
+
+
+def test_run_waits_until_a_container_is_removed(engine: MemoryEngine, helper: ContainerHelper) -> None:
+    """A launch that follows a termination closely gets a container of its own."""
+    engine.put_container(status="removing")
+    engine.before["find_container"] = _after(3, lambda: setattr(engine, "container", None))
+    node, result = helper.run_tvr_container_image("1.10")
+    assert result.success, result.msg
+    assert node is not None
+    assert node.uuid != "uuid-1"
+
+
+def test_a_name_that_stays_reserved_is_an_error_within_the_limit(
+    engine: MemoryEngine, tmp_path: Path
+) -> None:
+    """Nobody is told to remove a container that cannot be seen."""
+    engine.failures["create_container"] = ContainerNameTakenError("taken")
+    started = time.monotonic()
+    with settings_of(tmp_path, {"container": {**SETTINGS, "operation_seconds": 0.6}}):
+        node, result = ContainerHelper(engine.open).run_tvr_container_image("1.10")
+    assert time.monotonic() - started < 2
+    assert (node, result.error_code) == (None, OPResultErrorCode.TIMEOUT)
+    assert 'keeps the name "the-worker" for a container that it does not list' in str(result.msg)
+
+
 def test_a_strangers_container_of_that_name_is_an_error(
     engine: MemoryEngine, helper: ContainerHelper
 ) -> None:
-    """A container without the labels is never started, stopped or removed."""
-    engine.failures["create_container"] = ContainerNameTakenError("the name is taken")
+    """A container without the labels is never started, stopped or removed, and is no node."""
+    engine.container = ContainerSummary("id-9", "the-worker", "exited", {"by": "somebody else"})
     node, result = helper.run_tvr_container_image("1.10")
-    assert (node, result.error, result.msg) == (None, True, "the name is taken")
-    assert [call[0] for call in engine.changes()] == ["create_container"]
+    assert (node, result.error) == (None, True)
+    assert 'A container named "the-worker" that was not made here' in str(result.msg)
+    assert helper.get_existing_node() is None
+    assert helper.delete_tovarin_container().success
+    with pytest.raises(ContainerError, match="launch one"):
+        helper.start_tovarin_container()
+    assert engine.changes() == []
+
+
+@pytest.mark.parametrize("version", ["", "../1.0", "1.0?x=y", "-rf", "1.0\n", "v" * 129, None])
+def test_a_version_that_is_no_tag_is_refused_before_the_engine_is_asked(
+    engine: MemoryEngine, helper: ContainerHelper, version: str
+) -> None:
+    """The text says what is allowed."""
+    node, result = helper.run_tvr_container_image(version)
+    assert (node, result.error) == (None, True)
+    assert "a version" in str(result.msg)
+    assert engine.opened == 0
+
+
+@pytest.mark.parametrize("running", [True, False], ids=["running", "not-running"])
+def test_the_slower_of_two_starts_succeeds_if_the_worker_runs(
+    engine: MemoryEngine, helper: ContainerHelper, running: bool
+) -> None:
+    """An engine may refuse to start what another caller just started."""
+    engine.put_container(status="created")
+    engine.failures["start_container"] = ContainerError("container state improper")
+    if running:
+        engine.before["start_container"] = engine.put_container
+    node, result = helper.run_tvr_container_image("1.10")
+    assert (node is not None, result.msg) == (running, None if running else "container state improper")
+
+
+def test_a_removal_that_is_refused_in_passing_is_tried_again(
+    engine: MemoryEngine, helper: ContainerHelper
+) -> None:
+    """The engine could not kill what had just ended; the second attempt removes it."""
+    engine.put_container()
+    engine.failures["remove_container"] = ContainerError("could not be stopped: state improper")
+    engine.before["remove_container"] = _after(2, engine.failures.clear)
+    assert helper.delete_tovarin_container().success
+    assert engine.container is None
 
 
 @pytest.mark.parametrize("removable", [True, False])
@@ -383,7 +479,6 @@ def test_every_call_ends_within_the_limit(
 @pytest.mark.parametrize(
     ("stored", "setting", "environment"),
     [
-        pytest.param(None, "", {}, id="none"),
         pytest.param(None, "from-setting", {CoreDef.WORKER_TOKEN_VARIABLE: "from-setting"}, id="setting"),
         pytest.param(
             "stored-one", "from-setting", {CoreDef.WORKER_TOKEN_VARIABLE: "stored-one"}, id="stored"
@@ -404,3 +499,54 @@ def test_the_worker_asks_for_the_token_that_clients_send(
     assert request.environment == environment
     assert "from-setting" not in repr(request)
     assert "stored-one" not in repr(request)
+
+
+def test_without_a_token_a_launch_makes_one_and_stores_it(engine: MemoryEngine, tmp_path: Path) -> None:
+    """The worker is never open to others, and every client of this user finds the token, which stays."""
+    region = CloudRegions.get_local_container_region()
+    assert region is not None
+    with settings_of(tmp_path, {"container": SETTINGS}):
+        CloudConfManager().set_cloud_conf(region, CloudConf(None, "ada"))
+        for _ in range(2):
+            helper = ContainerHelper(engine.open)
+            assert helper.run_tvr_container_image("1.10")[1].success
+            assert helper.delete_tovarin_container().success
+        stored = CloudConfManager().get_cloud_conf(region)
+    assert stored is not None
+    assert (stored.user_name, len(stored.worker_token or "")) == ("ada", 43)
+    given = [call[1].environment for call in engine.changes() if call[0] == "create_container"]
+    assert given == [{CoreDef.WORKER_TOKEN_VARIABLE: stored.worker_token}] * 2
+
+
+def test_a_token_that_cannot_be_stored_fails_the_launch(engine: MemoryEngine, tmp_path: Path) -> None:
+    """No worker is left that nobody has the token of."""
+    with settings_of(tmp_path, {"container": SETTINGS}):
+        store = tmp_path / "cloud.toml"
+        store.write_text("")
+        store.chmod(0o600)
+        engine.before["create_container"] = lambda: store.chmod(0o644)
+        with pytest.raises(ConfigError):
+            ContainerHelper(engine.open).run_tvr_container_image("1.10")
+    assert [call[0] for call in engine.changes()] == ["create_container", "remove_container"]
+
+
+@pytest.mark.parametrize(
+    "error", [KeyError("Id"), RecursionError(), TypeError("x"), MemoryError(), Failure("y")]
+)
+def test_nothing_but_the_documented_errors_leaves_the_helper(error: Exception) -> None:
+    """Whatever goes wrong underneath is a result where one is returned, else a ContainerError."""
+
+    def open_engine(limit: TimeLimit) -> MemoryEngine:
+        raise error
+
+    helper = ContainerHelper(open_engine)
+    assert helper.run_tvr_container_image("1.10")[1].error
+    assert helper.delete_tovarin_container().error
+    for call in (
+        helper.get_existing_node,
+        helper.list_tvr_container_image_versions,
+        helper.start_tovarin_container,
+        helper.stop_tovarin_container,
+    ):
+        with pytest.raises(ContainerError):
+            call()

@@ -70,21 +70,62 @@ def test_tags_are_those_of_exactly_this_repository(api: EngineApi, engine: Conta
         ],
     )
     assert engine.list_image_tags("reg:5000/acme/worker") == ["1.0", "latest"]
-    assert json.loads(api.requests[0].query["filters"]) == {"reference": ["reg:5000/acme/worker"]}
 
 
-def test_a_container_is_looked_for_by_label_and_exact_name(api: EngineApi, engine: ContainerEngine) -> None:
+@pytest.mark.parametrize(
+    ("repository", "listed"),
+    [
+        ("worker", ["docker.io/library/worker:1", "localhost/worker:2", "worker:3"]),
+        ("acme/worker", ["docker.io/acme/worker:1", "localhost/acme/worker:2", "acme/worker:3"]),
+        (
+            "docker.io/library/worker",
+            ["worker:1", "docker.io/library/worker:2", "docker.io/library/worker:3"],
+        ),
+        ("docker.io/acme/worker", ["acme/worker:1", "docker.io/acme/worker:2", "docker.io/acme/worker:3"]),
+        ("localhost/worker", ["localhost/worker:1", "localhost/worker:2", "localhost/worker:3"]),
+    ],
+)
+def test_tags_are_found_under_each_name_that_engines_give_an_image(
+    api: EngineApi, engine: ContainerEngine, repository: str, listed: list[str]
+) -> None:
+    """Podman lists names with the registry in front, and puts images built there under localhost."""
+    strangers = ["quay.io/worker:9", "docker.io/other/worker:9", "worker/x:9", "worker@sha256:00", "worker"]
+    api.answers["GET", "/images/json"] = (
+        200,
+        [{"RepoTags": [*listed, *strangers]}, {"RepoTags": listed[:1]}],
+    )
+    assert engine.list_image_tags(repository) == ["1", "2", "3"]
+
+
+def test_an_image_is_used_under_the_name_that_the_engine_has_it_by(
+    api: EngineApi, engine: ContainerEngine
+) -> None:
+    """Podman takes a short name for one of Docker Hub, which an image built on this machine is not."""
+    created: list[str] = []
+
+    def create(connection: IO[bytes]) -> None:
+        created.append(api.requests[-1].body["Image"])
+        api.answers["POST", "/containers/create"] = (201, {"Id": "id-1"})
+        connection.write(b"HTTP/1.1 404 Not Found\r\nContent-Length: 28\r\n\r\n")
+        connection.write(b'{"message": "no such image"}')
+
+    api.answers["POST", "/containers/create"] = create
+    api.answers["GET", "/images/json"] = (200, [{"RepoTags": ["localhost/acme/worker:1.0", "x:1.0"]}])
+    assert engine.create_container(REQUEST) == "id-1"
+    assert (created, api.requests[-1].body["Image"]) == (["acme/worker:1.0"], "localhost/acme/worker:1.0")
+
+
+def test_a_container_is_looked_for_by_its_exact_name(api: EngineApi, engine: ContainerEngine) -> None:
     """Stopped ones included; the engine matches names as regular expressions."""
     api.answers["GET", "/containers/json"] = (
         200,
         [{"Id": "id-1", "Names": ["/a.worker"], "State": "exited", "Labels": {"l": "x"}, "Ports": []}],
     )
-    assert engine.find_container("a.worker", "l") == ContainerSummary(
-        "id-1", "a.worker", "exited", {"l": "x"}
-    )
+    assert engine.find_container("a.worker") == ContainerSummary("id-1", "a.worker", "exited", {"l": "x"})
     query = api.requests[0].query
     assert query["all"] == "1"
-    assert json.loads(query["filters"]) == {"label": ["l"], "name": [r"^/?a\.worker$"]}
+    assert json.loads(query["filters"]) == {"name": [r"^/?a\.worker$"]}
+    assert engine.find_container("awworker") is None
 
 
 def test_published_tcp_ports_are_listed(api: EngineApi, engine: ContainerEngine) -> None:
@@ -96,7 +137,7 @@ def test_published_tcp_ports_are_listed(api: EngineApi, engine: ContainerEngine)
     ]
     listed = {"Id": "id-1", "Names": ["/w"], "State": "running", "Labels": {"l": "x"}, "Ports": ports}
     api.answers["GET", "/containers/json"] = (200, [listed])
-    container = engine.find_container("w", "l")
+    container = engine.find_container("w")
     assert container is not None
     assert container.bindings == {PortBinding("127.0.0.1", 9001, 9002)}
 
@@ -164,6 +205,7 @@ def test_a_change_is_one_request(
 
 def test_a_missing_image_is_named(api: EngineApi, engine: ContainerEngine) -> None:
     """The text says how to get the image."""
+    api.answers["GET", "/images/json"] = (200, [{"RepoTags": ["acme/worker:1.1"]}])
     api.answers["POST", "/containers/create"] = (404, {"message": "No such image: acme/worker:1.0"})
     with pytest.raises(
         ContainerError, match=r"Image acme/worker:1\.0 is not on .*: build it .*pull it"
@@ -172,9 +214,26 @@ def test_a_missing_image_is_named(api: EngineApi, engine: ContainerEngine) -> No
     assert caught.value.error_code is OPResultErrorCode.NOT_FOUND
 
 
-def test_a_name_in_use_has_an_error_of_its_own(api: EngineApi, engine: ContainerEngine) -> None:
+@pytest.mark.parametrize(
+    "answer",
+    [
+        (409, {"message": "Conflict. The name is already in use"}),
+        (
+            500,
+            {
+                "message": 'container create: creating container storage: the container name "the-worker" is '
+                "already in use by 061031454f44. You have to remove that container to be able to reuse that "
+                "name: that name is already in use"
+            },
+        ),
+    ],
+    ids=["docker", "podman"],
+)
+def test_a_name_in_use_has_an_error_of_its_own(
+    api: EngineApi, engine: ContainerEngine, answer: tuple[int, Any]
+) -> None:
     """The helper tells a stranger's container from one that another caller just made."""
-    api.answers["POST", "/containers/create"] = (409, {"message": "Conflict. The name is already in use"})
+    api.answers["POST", "/containers/create"] = answer
     with pytest.raises(ContainerNameTakenError, match=r'named "the-worker" .* rename or remove it'):
         engine.create_container(REQUEST)
 
@@ -185,8 +244,9 @@ def test_a_name_in_use_has_an_error_of_its_own(api: EngineApi, engine: Container
         "endpoint w (9ed): Bind for 127.0.0.1:9001 failed: port is already allocated",
         "endpoint w (9c7): Error starting userland proxy: listen tcp4 127.0.0.1:9001: bind: "
         "address already in use",
+        "cannot listen on the TCP port: listen tcp4 127.0.0.1:9001: bind: address already in use",
     ],
-    ids=["container", "program"],
+    ids=["container", "program", "podman"],
 )
 def test_a_port_in_use_is_named(api: EngineApi, engine: ContainerEngine, message: str) -> None:
     """Whether a container or another program holds it, the text names the port and the setting."""

@@ -5,6 +5,7 @@ import time
 
 import pytest
 
+from tovarincore._transport import deadline as deadline_module
 from tovarincore._transport.deadline import Deadline, run_within
 from tovarincore._transport.failure import Failure
 from tovarincore._transport.masker import Secret
@@ -75,6 +76,23 @@ def test_a_function_that_hangs_is_left_at_the_deadline() -> None:
     assert caught.value.error_code is OPResultErrorCode.TIMEOUT
     assert [t.daemon for t in threading.enumerate() if t.name == "test-hanging"] == [True]
     released.set()
+
+
+def test_calls_that_were_left_behind_are_bounded(monkeypatch: pytest.MonkeyPatch) -> None:
+    """No other is begun while too many hang, and the next is once one of them has ended."""
+    monkeypatch.setattr(deadline_module, "_MOST_LEFT_BEHIND", 2)
+    released = threading.Event()
+    for _ in range(2):
+        with pytest.raises(Failure, match="stopped while testing"):
+            run_within(Deadline(0.05, "testing"), released.wait, "test-left")
+    with pytest.raises(Failure, match="2 earlier calls still wait .* while testing") as caught:
+        run_within(Deadline(5, "testing"), lambda: 1, "test-left")
+    assert caught.value.error_code is OPResultErrorCode.TIMEOUT
+    released.set()
+    for thread in threading.enumerate():
+        if thread.name == "test-left":
+            thread.join(5)
+    assert run_within(Deadline(5, "testing"), lambda: 1, "test-left") == 1
 
 
 def test_no_thread_to_be_had_is_a_failure(monkeypatch: pytest.MonkeyPatch) -> None:

@@ -1,4 +1,4 @@
-"""The container engine behind the `docker` package: a Docker daemon or anything that speaks its interface."""
+"""The container engine behind the `docker` package: Docker, Podman or another that speaks its interface."""
 
 from __future__ import annotations
 
@@ -9,25 +9,23 @@ from contextlib import contextmanager
 from http import HTTPStatus
 from typing import TYPE_CHECKING, Any
 
+from tovarincore._container_helper.answers import container_id_in, find_container_in, image_references_in
 from tovarincore._container_helper.engine import (
     LOOPBACK,
     ContainerEngine,
     ContainerRequest,
     ContainerSummary,
-    PortBinding,
 )
-from tovarincore._container_helper.errors import ContainerError, ContainerNameTakenError
+from tovarincore._container_helper.errors import ContainerError, name_taken
+from tovarincore._container_helper.failures import explained, is_name_conflict, missing_image
+from tovarincore._container_helper.image_names import spellings, tags_of
 from tovarincore._container_helper.limit import TimeLimit
 from tovarincore.core_conf import core_conf_glbl
-from tovarincore.core_def import OPResultErrorCode
 
 if TYPE_CHECKING:
     import docker
 
 _DEFAULT_URL = "unix:///var/run/docker.sock"
-_PORT_IN_USE = re.compile(
-    r"127\.0\.0\.1:(?P<number>\d+)\b.*(?:port is already allocated|address already in use)", re.DOTALL
-)
 _NANO = 1_000_000_000
 
 
@@ -37,7 +35,9 @@ def open_docker_engine(limit: TimeLimit) -> ContainerEngine:
     Raises ContainerError when the package is missing or no engine answers within the limit.
     """
     try:
-        import docker
+        import docker  # noqa: F401
+
+        from tovarincore._container_helper.bounded_client import BoundedClient
     except ModuleNotFoundError:
         raise ContainerError(
             "Local containers need the docker package: run pip install 'tovarincore[containers]'"
@@ -45,13 +45,13 @@ def open_docker_engine(limit: TimeLimit) -> ContainerEngine:
 
     settings = {"timeout": limit.remaining(), **client_settings()}
     address = settings["base_url"]
-    with _explained(limit, address):
+    with explained(limit, address):
         if address.startswith("unix://"):
             # The package leaves its socket open when it cannot connect, and hides why.
             with socket.socket(socket.AF_UNIX) as probe:
                 probe.settimeout(limit.remaining())
                 probe.connect(address.removeprefix("unix://"))
-        return DockerEngine(docker.APIClient(**settings), limit, address)
+        return DockerEngine(BoundedClient(limit, **settings), limit, address)
 
 
 def client_settings() -> dict[str, Any]:
@@ -73,53 +73,33 @@ class DockerEngine:
         self._address = address
 
     def list_image_tags(self, repository: str) -> list[str]:
-        with self._request():
-            images = self._client.images(name=repository)
-        names = [name for image in images for name in image["RepoTags"] or ()]
-        return sorted(name[len(repository) + 1 :] for name in names if name.startswith(repository + ":"))
+        return tags_of(repository, self._image_references())
 
-    def find_container(self, name: str, label: str) -> ContainerSummary | None:
+    def find_container(self, name: str) -> ContainerSummary | None:
         # The engine takes the name as a regular expression, and its own names begin with a slash.
-        filters = {"label": label, "name": f"^/?{re.escape(name)}$"}
         with self._request():
-            found = self._client.containers(all=True, filters=filters)
-        return next(
-            (
-                ContainerSummary(item["Id"], name, item["State"], item["Labels"], _bindings(item["Ports"]))
-                for item in found
-            ),
-            None,
-        )
+            found = self._client.containers(all=True, filters={"name": f"^/?{re.escape(name)}$"})
+        return find_container_in(found, name)
 
     def create_container(self, request: ContainerRequest) -> str:
         import docker
 
         with self._request():
-            host_config = self._client.create_host_config(
-                port_bindings={request.worker_port: (LOOPBACK, request.published_port)},
-                mem_limit=request.memory_bytes,
-                # The same number again, or the container may use as much swap on top of its memory.
-                memswap_limit=request.memory_bytes,
-                nano_cpus=int(request.cpu_count * _NANO),
-                # Process number 1 ignores the stop signal unless it handles it; an init passes it on.
-                init=True,
-            )
             try:
-                created = self._client.create_container(
-                    request.image,
-                    name=request.name,
-                    labels=dict(request.labels),
-                    environment=dict(request.environment),
-                    ports=[request.worker_port],
-                    host_config=host_config,
-                )
-            except docker.errors.ImageNotFound as error:
-                raise _missing_image(request.image) from error
-            except docker.errors.APIError as error:
-                if error.status_code != HTTPStatus.CONFLICT:
-                    raise
-                raise _name_taken(request.name) from error
-        return str(created["Id"])
+                return self._create(request, request.image)
+            except docker.errors.ImageNotFound:
+                pass
+        # The engine may have it under a name with a registry, and take the short one for Docker Hub's.
+        repository, _, tag = request.image.rpartition(":")
+        names = [f"{name}:{tag}" for name in spellings(repository)[1:]]
+        image = next((name for name in self._image_references() if name in names), None)
+        if image is None:
+            raise missing_image(request.image)
+        with self._request():
+            try:
+                return self._create(request, image)
+            except docker.errors.ImageNotFound:
+                raise missing_image(request.image) from None
 
     def start_container(self, container_id: str) -> None:
         with self._request():
@@ -151,91 +131,44 @@ class DockerEngine:
     def close(self) -> None:
         self._client.close()
 
+    def _image_references(self) -> list[str]:
+        # Unfiltered: engines disagree about which names a filter means.
+        with self._request():
+            images = self._client.images()
+        return list(image_references_in(images))
+
+    def _create(self, request: ContainerRequest, image: str) -> str:
+        import docker
+
+        host_config = self._client.create_host_config(
+            # Plain numbers: the client spells the protocol out itself.
+            port_bindings={request.worker_port: (LOOPBACK, request.published_port)},
+            mem_limit=request.memory_bytes,
+            # The same number again, or the container may use as much swap on top of its memory.
+            memswap_limit=request.memory_bytes,
+            nano_cpus=int(request.cpu_count * _NANO),
+            # Process number 1 ignores the stop signal unless it handles it; an init passes it on.
+            init=True,
+        )
+        try:
+            created = self._client.create_container(
+                image,
+                name=request.name,
+                labels=dict(request.labels),
+                environment=dict(request.environment),
+                ports=[request.worker_port],
+                host_config=host_config,
+            )
+        except docker.errors.APIError as error:
+            if not is_name_conflict(error):
+                raise
+            raise name_taken(request.name) from None
+        return container_id_in(created)
+
     @contextmanager
     def _request(self, added_by_client: int = 0) -> Iterator[None]:
         """One request with the time that is left; the client adds a grace time to it by itself."""
         # The package passes fractions of a second on; its type stubs know whole seconds only.
         self._client.timeout = max(self._limit.remaining() - added_by_client, 0.001)  # type: ignore[assignment]
-        with _explained(self._limit, self._address):
+        with explained(self._limit, self._address):
             yield
-
-
-def _bindings(ports: list[dict[str, Any]]) -> frozenset[PortBinding]:
-    """What is published of a container's ports; one that is merely exposed has no public number."""
-    return frozenset(
-        PortBinding(port["IP"], port["PublicPort"], port["PrivatePort"])
-        for port in ports
-        if port["Type"] == "tcp" and port.get("PublicPort")
-    )
-
-
-@contextmanager
-def _explained(limit: TimeLimit, address: str) -> Iterator[None]:
-    """Turn what the package and its transport raise into a ContainerError that says what to do."""
-    import docker
-
-    try:
-        yield
-    except docker.errors.APIError as error:
-        raise _refusal(error) from error
-    except (docker.errors.DockerException, OSError) as error:
-        raise _no_answer(error, limit, address) from error
-
-
-def _missing_image(image: str) -> ContainerError:
-    return ContainerError(
-        f"Image {image} is not on the container engine: build it (docker build -t {image} -f "
-        "containers/worker/Dockerfile tovarincore), pull it, or choose a version that "
-        "list_instance_templates returns.",
-        OPResultErrorCode.NOT_FOUND,
-    )
-
-
-def _name_taken(name: str) -> ContainerNameTakenError:
-    return ContainerNameTakenError(
-        f'A container named "{name}" that was not made here is on the engine: rename or remove it, or set '
-        "another name in [container]."
-    )
-
-
-def _refusal(error: docker.errors.APIError) -> ContainerError:
-    text = str(error.explanation or error).strip()
-    port = _PORT_IN_USE.search(text)
-    if port is not None:
-        return ContainerError(
-            f"Port {port['number']} of 127.0.0.1 is in use by another program or container: stop that, or "
-            "set another published_port in [container], terminate and launch anew.",
-            OPResultErrorCode.RESOURCE_EXHAUSTED,
-        )
-    if error.status_code == HTTPStatus.NOT_FOUND:
-        return ContainerError(
-            f"The container engine no longer has what was asked for: {text}. Refresh and try again.",
-            OPResultErrorCode.NOT_FOUND,
-        )
-    return ContainerError(
-        f"The container engine refused the request: {text}. If it names a value, change that in [container]."
-    )
-
-
-def _no_answer(error: Exception, limit: TimeLimit, address: str) -> ContainerError:
-    import requests
-
-    cause: BaseException = error
-    while not isinstance(cause, (OSError, requests.Timeout)) and cause.__cause__ is not None:
-        cause = cause.__cause__
-    if isinstance(cause, (TimeoutError, requests.Timeout)):
-        return limit.exceeded()
-    if isinstance(cause, FileNotFoundError):
-        advice = (
-            "install and start one (on Debian: apt-get install docker.io), or set engine_url in [container] "
-            "to where it listens"
-        )
-    elif isinstance(cause, PermissionError):
-        advice = "this user may not open it: add the user to the engine's group (docker) and log in again"
-    elif isinstance(cause, ConnectionRefusedError):
-        advice = "it does not run, start it (for example: systemctl start docker)"
-    else:
-        advice = f"see that it runs and that engine_url in [container] is right ({cause})"
-    return ContainerError(
-        f"No container engine answers at {address}: {advice}.", OPResultErrorCode.ENGINE_UNAVAILABLE
-    )

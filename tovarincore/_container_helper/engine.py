@@ -23,7 +23,7 @@ class PortBinding:
 class ContainerSummary:
     """A container as the engine lists it; `status` is the engine's word, such as "running" or "paused".
 
-    `bindings` are the ports that are really published; a container that does not run has none.
+    `bindings` are the published ports; they mean something only while the container runs.
     """
 
     container_id: str
@@ -54,8 +54,8 @@ class ContainerEngine(Protocol):
     def list_image_tags(self, repository: str) -> list[str]:
         """The tags of the images of a repository, each once, in no particular order."""
 
-    def find_container(self, name: str, label: str) -> ContainerSummary | None:
-        """The container, running or not, of that exact name that carries the label."""
+    def find_container(self, name: str) -> ContainerSummary | None:
+        """The container of exactly that name, running or not, whoever made it."""
 
     def create_container(self, request: ContainerRequest) -> str:
         """Create without starting; returns the id. Raises ContainerNameTakenError for a name in use."""

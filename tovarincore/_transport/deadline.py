@@ -12,6 +12,9 @@ __all__ = ["Deadline", "run_within"]
 
 T = TypeVar("T")
 
+# So many calls that were left behind may still run before no other is begun.
+_MOST_LEFT_BEHIND = 64
+
 
 class Deadline:
     """The moment, by the monotonic clock, at which an operation ends at the latest.
@@ -91,6 +94,10 @@ class _Call(Generic[T]):
         return self._results[0]
 
 
+class _Thread(threading.Thread):
+    left_behind = False
+
+
 def run_within(deadline: Deadline, function: Callable[[], T], thread_name: str) -> T:
     """Return what a function returns, or raise what it raises, or the time-out at the deadline.
 
@@ -98,15 +105,25 @@ def run_within(deadline: Deadline, function: Callable[[], T], thread_name: str) 
     machine keeps them. The function runs on a daemon thread, which is left behind at the deadline: it has to
     ask ``deadline.remaining()`` before each request, so that it begins nothing more by then.
 
-    :raises Failure: the deadline has come (``TIMEOUT``), or no thread can be started
+    :raises Failure: the deadline has come, or too many calls that were left behind still run (``TIMEOUT``),
+        or no thread can be started
     """
+    if sum(isinstance(thread, _Thread) and thread.left_behind for thread in threading.enumerate()) >= (
+        _MOST_LEFT_BEHIND
+    ):
+        raise Failure(
+            f"{_MOST_LEFT_BEHIND} earlier calls still wait for an answer, so none is begun while "
+            f"{deadline.doing}; {deadline.advice}",
+            OPResultErrorCode.TIMEOUT,
+        )
     call = _Call(function)
-    thread = threading.Thread(target=call.run, name=thread_name, daemon=True)
+    thread = _Thread(target=call.run, name=thread_name, daemon=True)
     try:
         thread.start()
     except RuntimeError as error:
         raise Failure(f"cannot start a thread while {deadline.doing}: {error}") from error
     thread.join(deadline.remaining())
     if thread.is_alive():
+        thread.left_behind = True
         raise deadline.expired()
     return call.outcome()

@@ -31,8 +31,12 @@ _WORKER_HOME = "opt/worker"
 _PORT = 8855
 
 _IMAGE_SETTINGS = (
-    f"ENV PYTHONHOME=/{_PYTHON_HOME} PYTHONPATH=/{_WORKER_HOME} LD_LIBRARY_PATH=/{_PYTHON_HOME}/lib "
-    "PYTHONDONTWRITEBYTECODE=1 PYTHONUNBUFFERED=1",
+    # One variable each: Podman takes a line of several for one.
+    f"ENV PYTHONHOME=/{_PYTHON_HOME}",
+    f"ENV PYTHONPATH=/{_WORKER_HOME}",
+    f"ENV LD_LIBRARY_PATH=/{_PYTHON_HOME}/lib",
+    "ENV PYTHONDONTWRITEBYTECODE=1",
+    "ENV PYTHONUNBUFFERED=1",
     "USER 65534:65534",
     f'CMD ["/{_PYTHON_HOME}/bin/python3", "-m", "tovarincore.testing.reference_worker", '
     f'"--host", "0.0.0.0", "--port", "{_PORT}"]',

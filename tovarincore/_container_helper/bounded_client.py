@@ -1,0 +1,43 @@
+"""The docker package's client with bounded answers. Importing this needs the package."""
+
+from __future__ import annotations
+
+from io import BytesIO
+from typing import Any
+
+import docker
+import requests
+
+from tovarincore._container_helper.limit import TimeLimit
+from tovarincore._transport.inflating import read_body
+
+# A few thousand images; a list of empty lists of this size takes about a hundred megabytes.
+MOST_ANSWER_BYTES = 4 << 20
+_CHUNK_BYTES = 1 << 16
+
+
+class BoundedClient(docker.APIClient):
+    """Reads each answer whole, into a bounded amount of memory and time, before the package sees it."""
+
+    def __init__(self, limit: TimeLimit, **settings: Any) -> None:
+        # Making a client sends a request.
+        self._limit = limit
+        super().__init__(**settings)
+
+    def send(self, request: requests.PreparedRequest, **options: Any) -> requests.Response:
+        """Send a request; engines redirect nothing, and what a redirection led to would get the token."""
+        request.headers["Accept-Encoding"] = "identity"
+        response = super().send(request, **{**options, "stream": True, "allow_redirects": False})
+        try:
+            body = read_body(
+                response.raw.stream(_CHUNK_BYTES, decode_content=False),
+                response.headers.get("Content-Encoding", ""),
+                MOST_ANSWER_BYTES,
+                self._limit,
+                "remove images and containers that nobody needs, if it is an engine that answers",
+            )
+        finally:
+            response.raw.close()
+        response.headers.pop("Content-Encoding", None)
+        response.raw = BytesIO(body)
+        return response
