@@ -60,6 +60,11 @@ bench: build ## measures every operation beside plain Python (ARGS=--instruction
 docs: build ## builds the documentation into docs/_build/html
 	@scripts/docs
 
+.PHONY: recordings
+recordings: build ## draws the terminal recordings of the documentation
+	@scripts/extra docs
+	@$(python) -m scripts.record_terminal --all
+
 .PHONY: wheel
 wheel: setup ## builds and tries a wheel for each CPython 3.10 to 3.13 on this machine, into dist/
 	@scripts/wheels

@@ -20,6 +20,8 @@ version = release = version_of("tovarincore")
 extensions = ["myst_parser", "sphinx.ext.autodoc"]
 exclude_patterns = ["_build", "_generated"]
 html_theme = "furo"
+html_static_path = ["_static"]
+html_css_files = ["tables.css"]
 html_title = f"{project} {release}"
 html_show_copyright = False
 

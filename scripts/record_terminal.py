@@ -1,0 +1,143 @@
+"""Draws a terminal at work as an SVG: `python -m scripts.record_terminal SCENE`, or `--all`.
+
+Each scene is a list of commands, run one after the other in the playground, in a real terminal of its own. The
+picture shows the last screen; its lines come in the order, and about at the times, at which they were written.
+"""
+
+from __future__ import annotations
+
+import fcntl
+import os
+import pty
+import re
+import struct
+import subprocess
+import sys
+import termios
+import time
+from itertools import groupby
+from pathlib import Path
+
+import pyte
+from rich.console import Console
+from rich.style import Style
+from rich.text import Text
+
+from demo.playground import playground
+
+PICTURES = Path(__file__).parent.parent / "docs" / "pictures"
+COLUMNS, LINES = 96, 60
+# Nobody wants to wait as long as the machine did.
+LONGEST_PAUSE_SECONDS = 1.2
+
+SCENES = {
+    "first-node": [
+        "tovarin-nodes configure us-east-1 --user-name ada --sdk",
+        "tovarin-nodes launch us-east-1 --type t3.small --name first --wait",
+        "tovarin-nodes list us-east-1",
+        "tovarin-nodes terminate us-east-1 first --yes",
+    ],
+}
+
+
+class Recording:
+    """A screen, and the moment at which each of its lines was first written."""
+
+    def __init__(self) -> None:
+        self.screen = pyte.Screen(COLUMNS, LINES)
+        self._stream = pyte.ByteStream(self.screen)
+        self._moments: dict[int, float] = {}
+        self._clock = 0.0
+        self._last = time.monotonic()
+
+    def feed(self, data: bytes) -> None:
+        """Show what a program wrote just now."""
+        now = time.monotonic()
+        self._clock += min(now - self._last, LONGEST_PAUSE_SECONDS)
+        self._last = now
+        self._stream.feed(data)
+        for number in self.screen.dirty:
+            if self.screen.display[number].strip():
+                self._moments.setdefault(number, self._clock)
+        self.screen.dirty.clear()
+
+    def run(self, command: str) -> None:
+        """Show a prompt and a command, run it, and show what it writes."""
+        self.feed(b"\x1b[32m$\x1b[0m " + command.encode() + b"\r\n")
+        controller, terminal = pty.openpty()
+        fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", LINES, COLUMNS, 0, 0))
+        environment = {**os.environ, "TERM": "xterm-256color", "COLUMNS": str(COLUMNS)}
+        with subprocess.Popen(
+            ["sh", "-c", command], stdin=terminal, stdout=terminal, stderr=terminal, env=environment
+        ):
+            os.close(terminal)
+            while True:
+                try:
+                    data = os.read(controller, 65536)
+                except OSError:  # the last program closed the terminal
+                    break
+                self.feed(data)
+        os.close(controller)
+
+    def svg(self, title: str) -> str:
+        """Return the picture."""
+        used = max(self._moments, default=0) + 1
+        console = Console(record=True, width=COLUMNS, file=open(os.devnull, "w"))
+        for number in range(used):
+            console.print(self._line(number), soft_wrap=True)
+        picture = console.export_svg(title=title, unique_id="terminal")
+        # The picture asks no host for a font: each viewer has a monospaced one.
+        picture = re.sub(r"\s*@font-face \{.*?\}|\s*<!--.*?-->", "", picture, flags=re.DOTALL)
+        return _with_moments(picture, self._moments)
+
+    def _line(self, number: int) -> Text:
+        line = Text()
+        row = self.screen.buffer[number]
+        cells = (row[column] for column in range(COLUMNS))
+        for (colour, bold, reverse), run in groupby(cells, lambda cell: (cell.fg, cell.bold, cell.reverse)):
+            text = "".join(cell.data for cell in run)
+            line.append(text, Style(color=_colour(colour), bold=bold, reverse=reverse))
+        line.rstrip()
+        return line
+
+
+def _colour(name: str) -> str | None:
+    if name == "default":
+        return None
+    return f"#{name}" if re.fullmatch("[0-9a-f]{6}", name) else name.replace("brown", "yellow")
+
+
+def _with_moments(picture: str, moments: dict[int, float]) -> str:
+    rules = [
+        "@keyframes appear { from { opacity: 0 } to { opacity: 1 } }",
+        "@media (prefers-reduced-motion: no-preference) { .line { animation: appear 0.1s both } }",
+    ]
+
+    pattern = r'(?P<head><text class="(?P<name>[\w-]+)")[^>]*clip-path="url\(#terminal-line-(?P<number>\d+)\)"'
+
+    def placed(match: re.Match[str]) -> str:
+        moment = moments.get(int(match["number"]), 0.0)
+        rest = match[0][len(match["head"]) :]
+        return f'<text class="line {match["name"]}" style="animation-delay: {moment:.1f}s"{rest}'
+
+    picture = re.sub(pattern, placed, picture)
+    return picture.replace("</style>", "\n".join(["", *rules, "    </style>"]), 1)
+
+
+def main() -> None:
+    """Record the scenes that the command line names."""
+    names = list(SCENES) if sys.argv[1:] == ["--all"] else sys.argv[1:]
+    if not names or not set(names) <= set(SCENES):
+        raise SystemExit(f"usage: python -m scripts.record_terminal --all | {' | '.join(SCENES)}")
+    for name in names:
+        recording = Recording()
+        with playground():
+            for command in SCENES[name]:
+                recording.run(command)
+        path = PICTURES / f"terminal-{name}.svg"
+        path.write_text(recording.svg("tovarin-nodes"), encoding="utf-8")
+        print(path)
+
+
+if __name__ == "__main__":
+    main()
