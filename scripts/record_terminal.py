@@ -1,7 +1,7 @@
 """Draws a terminal at work as an SVG: `python -m scripts.record_terminal SCENE`, or `--all`.
 
-Each scene is a list of commands, run one after the other in the playground, in a real terminal of its own. The
-picture shows the last screen; its lines come in the order, and about at the times, at which they were written.
+Each scene is a list of commands, run one after the other in the playground, each in a real terminal. The picture
+shows the last screen; its lines appear in the order, and about at the times, at which they were written.
 """
 
 from __future__ import annotations
@@ -113,7 +113,8 @@ def _with_moments(picture: str, moments: dict[int, float]) -> str:
         "@media (prefers-reduced-motion: no-preference) { .line { animation: appear 0.1s both } }",
     ]
 
-    pattern = r'(?P<head><text class="(?P<name>[\w-]+)")[^>]*clip-path="url\(#terminal-line-(?P<number>\d+)\)"'
+    line = r'clip-path="url\(#terminal-line-(?P<number>\d+)\)"'
+    pattern = r'(?P<head><text class="(?P<name>[\w-]+)")[^>]*' + line
 
     def placed(match: re.Match[str]) -> str:
         moment = moments.get(int(match["number"]), 0.0)
