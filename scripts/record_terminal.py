@@ -1,7 +1,7 @@
 """Draws a terminal at work as an SVG: `python -m scripts.record_terminal SCENE`, or `--all`.
 
-Each scene is a list of commands, run one after the other in the playground, each in a real terminal. The picture
-shows the last screen; its lines appear in the order, and about at the times, at which they were written.
+A scene is a list of commands, run one after the other in the playground, each in a real terminal. The picture
+shows the last screen; its lines appear in their order, and about at the times at which they were written.
 """
 
 from __future__ import annotations
