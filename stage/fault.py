@@ -7,7 +7,7 @@ import time
 import urllib.error
 import urllib.request
 from collections.abc import Mapping
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from types import TracebackType
 from urllib.parse import parse_qsl
@@ -16,12 +16,16 @@ from xml.sax.saxutils import escape
 
 @dataclass(frozen=True)
 class Answer:
-    """One HTTP answer; `hang_up` closes the connection without one, `delay` waits that many seconds first."""
+    """One HTTP answer; `hang_up` closes the connection without one, `delay` waits that many seconds first.
+
+    With `served` the endpoint behind serves the request for real, and gives the answer unless `hang_up`.
+    """
 
     status: int = 200
     body: bytes = b""
     delay: float = 0.0
     hang_up: bool = False
+    served: bool = False
 
 
 @dataclass(frozen=True)
@@ -62,6 +66,8 @@ def document(action: str, content: str) -> Answer:
 
 
 HANG_UP = Answer(hang_up=True)
+SERVED = Answer(served=True)
+LOST = Answer(served=True, hang_up=True)
 GARBAGE = Answer(200, b"\x00<<not xml>\xff")
 
 
@@ -71,6 +77,7 @@ class FaultEndpoint:
     `script(action, *answers)` gives the answers of an action in turn; the last one repeats. Actions
     without a script are passed on to the endpoint `upstream`, so that a fault can strike in the
     middle of a launch that is otherwise served for real. `requests` holds what arrived, in order.
+    A launch that the SDK repeats with the same client token gives the same instance, as in EC2.
     """
 
     def __init__(self, upstream: str) -> None:
@@ -78,6 +85,7 @@ class FaultEndpoint:
         self.requests: list[Request] = []
         self._upstream = upstream
         self._answers: dict[str, list[Answer]] = {}
+        self._launches: dict[str, Answer] = {}
         self._lock = threading.Lock()
 
     def script(self, action: str, *answers: Answer) -> None:
@@ -134,12 +142,20 @@ class FaultEndpoint:
     def _answer(self, body: bytes, headers: Mapping[str, str]) -> Answer:
         parameters = dict(parse_qsl(body.decode("ascii"), keep_blank_values=True))
         action = parameters["Action"]
+        answer = SERVED
         with self._lock:
             self.requests.append(Request(action, parameters))
             answers = self._answers.get(action, [])
             if answers:
-                return answers.pop(0) if len(answers) > 1 else answers[0]
-        return self._pass_on(body, headers)
+                answer = answers.pop(0) if len(answers) > 1 else answers[0]
+        if not answer.served:
+            return answer
+        # The emulator takes no notice of these tokens.
+        token = parameters.get("ClientToken", "")
+        result = self._launches.get(token) or self._pass_on(body, headers)
+        if token and result.status == 200:
+            self._launches[token] = result
+        return answer if answer.hang_up else replace(result, delay=answer.delay)
 
     def _pass_on(self, body: bytes, headers: Mapping[str, str]) -> Answer:
         passed = {
