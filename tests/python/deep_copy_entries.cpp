@@ -31,8 +31,8 @@ PyObject* native_deepcopy(PyObject*, PyObject* arguments, PyObject* keywords)
 // The way without Python code alone: NotImplemented where it gives up.
 Object plain_copy(Handle value)
 {
-    PlainCopy attempt;
-    PyObject* made = attempt.copy(value.ptr());
+    ready_copy_names();
+    PyObject* made = PlainCopy().copy(value.ptr());
     if (made == nullptr && PyErr_Occurred())
         throw Raised{Where::here()};
     return made == nullptr ? Object(borrow(Py_NotImplemented)) : adopt(made);

@@ -72,12 +72,10 @@ Object get_cached_node_manager(Handle self, Handle region)
         return none();
     return holding(self, "_node_manager_hashset_lock"_s, [&] {
         Object hash_key = region.get("hash_key"_s);
-        Membership cached(self.get("_node_manager_hashset"_s), hash_key);
-        if (cached) {
-            Object cache = self.get("_node_manager_hashset"_s);
-            return cached.item(cache, region.get("hash_key"_s));
-        }
-        return none();
+        if (!self.get("_node_manager_hashset"_s).contains(hash_key))
+            return none();
+        Object cache = self.get("_node_manager_hashset"_s);
+        return cache.item(region.get("hash_key"_s));
     });
 }
 

@@ -9,7 +9,6 @@
 #include "imports.h"
 #include "iteration.h"
 #include "lock.h"
-#include "membership.h"
 #include "method.h"
 #include "object.h"
 #include "plain_scan.h"

@@ -1,5 +1,7 @@
 #include "attribute_cache.h"
 
+#include "quiet_lookup.h"
+
 namespace py {
 
 namespace {
@@ -53,7 +55,7 @@ void AttributeCache::learn(PyObject* instance, PyObject* name)
     if constexpr (!layout::known)
         return;
     PyTypeObject* type = Py_TYPE(instance);
-    if (type->tp_getattro != PyObject_GenericGetAttr || type->tp_dictoffset < 0)
+    if (type->tp_getattro != PyObject_GenericGetAttr || type->tp_dictoffset < 0 || !is_quiet_class(type))
         return;
     PyObject* on_class = _PyType_Lookup(type, name);
     unsigned version = layout::version_of_type(type);
@@ -63,6 +65,8 @@ void AttributeCache::learn(PyObject* instance, PyObject* name)
     }
     PyTypeObject* guard = changeable_type_of(on_class);
     if (guard != nullptr) {
+        if (!is_quiet_class(guard))
+            return;
         _PyType_Lookup(guard, name); // gives the type a version
         if (layout::version_of_type(guard) == 0)
             return;

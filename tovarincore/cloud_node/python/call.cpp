@@ -2,6 +2,8 @@
 #include "function.h"
 #include "layout.h"
 #include "object.h"
+#include "quiet_lookup.h"
+#include "recursion.h"
 
 #include <utility>
 
@@ -27,10 +29,17 @@ PyObject* python_initialiser(PyObject* callable)
         return nullptr;
     auto* type = reinterpret_cast<PyTypeObject*>(callable);
     if (type->tp_new != PyBaseObject_Type.tp_new || PyType_HasFeature(type, Py_TPFLAGS_IS_ABSTRACT) ||
-        type->tp_init == PyBaseObject_Type.tp_init)
+        type->tp_init == PyBaseObject_Type.tp_init || !is_quiet_class(type))
         return nullptr;
     PyObject* found = _PyType_Lookup(type, "__init__"_s.ptr());
     return found != nullptr && PyFunction_Check(found) ? found : nullptr;
+}
+
+// Without a collection, whose finalisers could give the class another initialiser.
+PyObject* allocate(PyTypeObject* type)
+{
+    NoCollection undisturbed;
+    return type->tp_alloc(type, 0);
 }
 
 // class(...)
@@ -39,13 +48,10 @@ Object construct(Handle callable, Handle initialiser, PyObject** values, std::si
 {
     auto* type = reinterpret_cast<PyTypeObject*>(callable.ptr());
     Object function(initialiser);
-    Object made = steal(type->tp_alloc(type, 0), where);
+    Object made = steal(allocate(type), where);
     values[0] = made.ptr();
-    check(Py_EnterRecursiveCall(" while calling a Python object") == 0 ? 0 : -1, where);
-    Object result = adopt(PyObject_Vectorcall(function.ptr(), values, positional + 1, names.ptr()));
-    Py_LeaveRecursiveCall();
-    if (!result)
-        throw Raised{where};
+    Level level(where);
+    Object result = steal(PyObject_Vectorcall(function.ptr(), values, positional + 1, names.ptr()), where);
     if (!result.is_none()) {
         PyErr_Format(PyExc_TypeError, "__init__() should return None, not '%.200s'", Py_TYPE(result.ptr())->tp_name);
         throw Raised{where};
@@ -58,17 +64,15 @@ Object construct(Handle callable, Handle initialiser, PyObject** values, std::si
 // A call site passes the same names each time: the last tuple that began with the same name is kept.
 Object keyword_names(const Argument* keywords, std::size_t count, Where where)
 {
-    PyObject* kept = keywords[0].keyword()->caches().keyword_names;
-    if (are_names_of(kept, keywords, count))
-        return Object(borrow(kept));
+    Object kept(borrow(keywords[0].keyword()->caches().keyword_names));
+    if (are_names_of(kept.ptr(), keywords, count))
+        return kept;
     Object names = steal(PyTuple_New(static_cast<Py_ssize_t>(count)), where);
     for (std::size_t i = 0; i < count; ++i)
         PyTuple_SET_ITEM(names.ptr(), static_cast<Py_ssize_t>(i),
                          Object(borrow(keywords[i].keyword()->ptr())).release());
-    if (NameCaches* caches = keywords[0].keyword()->caches_to_fill()) {
-        caches->keyword_names = Object(names).release();
-        Py_XDECREF(kept);
-    }
+    if (NameCaches* caches = keywords[0].keyword()->caches_to_fill()) // what it holds by now: making the tuple may have
+        kept = adopt(std::exchange(caches->keyword_names, Object(names).release())); // run code that calls
     return names;
 }
 
@@ -86,12 +90,11 @@ Object call_method_prepared(Handle self, Name method, PyObject** values, std::si
 {
     values[0] = self.ptr();
     if (PyObject* found = method.caches().attribute.known_method(self.ptr())) {
-        // Of our own functions a call uses the row only, which is there for ever.
+        Object function(borrow(found)); // the class may give it up during the call
         if (is_own_function(found))
             return steal(names ? call_own_function(found, values, positional + 1, names.ptr())
                                : call_own_function_in_place(found, values, positional + 1),
                          where);
-        Object function(borrow(found)); // the class may give it up during the call
         return steal(PyObject_Vectorcall(function.ptr(), values, positional + 1, names.ptr()), where);
     }
     if (PyType_Check(self.ptr())) {
@@ -102,7 +105,8 @@ Object call_method_prepared(Handle self, Name method, PyObject** values, std::si
         if (NameCaches* caches = method.caches_to_fill())
             caches->class_attribute.consider(self.ptr(), method.ptr());
     } else if (PyObject* found = module_attribute(self.ptr(), method.ptr())) {
-        return call_prepared(borrow(found), values, positional, names, where);
+        Object function(borrow(found)); // the module may give it up during the call
+        return call_prepared(function, values, positional, names, where);
     } else if (NameCaches* caches = method.caches_to_fill()) {
         caches->attribute.consider(self.ptr(), method.ptr());
     }

@@ -1,6 +1,7 @@
 #include "class_attribute_cache.h"
 
 #include "object.h"
+#include "quiet_lookup.h"
 
 namespace py {
 
@@ -21,6 +22,8 @@ void ClassAttributeCache::consider(PyObject* object, PyObject* name)
     if constexpr (!layout::known)
         return;
     auto* type = reinterpret_cast<PyTypeObject*>(object);
+    if (!is_quiet_class(type) || !is_quiet_class(Py_TYPE(type)))
+        return;
     PyObject* found = _PyType_Lookup(type, name); // gives the class a version
     unsigned version = layout::version_of_type(type);
     if (found == nullptr || version == 0 || std::exchange(candidate_version_, version) != version)
@@ -34,7 +37,7 @@ void ClassAttributeCache::consider(PyObject* object, PyObject* name)
     else if (found_type->tp_descr_get != nullptr)
         return;
     PyTypeObject* metaclass = Py_TYPE(object);
-    if (!is_read_as_usual(metaclass, name))
+    if (!is_quiet_class(found_type) || !is_read_as_usual(metaclass, name))
         return;
     _PyType_Lookup(found_type, name); // gives it a version as well
     if (layout::version_of_type(metaclass) == 0 || layout::version_of_type(found_type) == 0)

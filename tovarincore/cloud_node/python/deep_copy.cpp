@@ -8,20 +8,30 @@
 
 namespace py {
 
+namespace {
+
+// Empty where something else than plain data was met.
+Object plain_copy(Handle value, Where where)
+{
+    ready_copy_names();
+    PyObject* made = PlainCopy().copy(value.ptr());
+    if (made == nullptr && PyErr_Occurred())
+        throw Raised{where};
+    return adopt(made);
+}
+
+} // namespace
+
 Object deep_copy(Handle value, Where where)
 {
     Object function = global("deepcopy"_s, where);
     if (!layout::known || !is_genuine_deepcopy(function) || !deepcopy_is_untouched())
         return call(function, {value}, where);
-    {
-        PlainCopy attempt;
-        PyObject* made = attempt.copy(value.ptr());
-        if (made != nullptr)
-            return adopt(made);
-        if (PyErr_Occurred())
-            throw Raised{where};
-    }
-    return GeneralCopy(dict({}, where), where).copy(value);
+    Object made = plain_copy(value, where);
+    if (!made)
+        made = GeneralCopy(dict({}, where), where).copy(value);
+    checkpoint(where); // a large copy takes its time, and what comes next may run a finaliser
+    return made;
 }
 
 } // namespace py

@@ -4,25 +4,13 @@
 #include "deep_copy_genuine.h"
 #include "deep_copy_types.h"
 #include "iteration.h"
+#include "recursion.h"
 
 namespace py {
 
 namespace {
 
 Object identity_of(Handle object, Where where) { return steal(PyLong_FromVoidPtr(object.ptr()), where); }
-
-// Counts one level of the recursion limit for the scope.
-class Level {
-public:
-    explicit Level(Where where) { check(Py_EnterRecursiveCall(" while calling a Python object") == 0 ? 0 : -1, where); }
-    ~Level() noexcept(false)
-    {
-        if (!layout::finalising()) // else a daemon thread is being ended, and has no state to count in any more
-            Py_LeaveRecursiveCall();
-    }
-    Level(const Level&) = delete;
-    Level& operator=(const Level&) = delete;
-};
 
 // An instance whose own names hide no hook; Python's function looks at the rest.
 bool is_plain_instance(Handle object, CopyVerdict& verdict)
@@ -75,13 +63,17 @@ void GeneralCopy::remember(Handle original, Handle made) const
 // The memo's entry about itself is a list of the originals, so that no address is used twice while it is in use.
 void GeneralCopy::keep_alive(Handle original) const
 {
+    if (!deepcopy_is_untouched()) { // by a hook that has just run
+        keep_alive_by_name(original, memo_, where_);
+        return;
+    }
     Object kept = remembered(memo_);
     if (!kept)
         remember(memo_, list({original}, where_));
     else if (PyList_CheckExact(kept.ptr()))
         check(PyList_Append(kept.ptr(), original.ptr()), where_);
     else
-        genuine_keep_alive(original, memo_, where_);
+        keep_alive_by_name(original, memo_, where_);
 }
 
 Object GeneralCopy::copy(Handle value_given)
@@ -172,6 +164,7 @@ Object GeneralCopy::copy_dict(Handle original)
 Object GeneralCopy::copy_object(Handle original)
 {
     PyTypeObject* type = Py_TYPE(original.ptr());
+    Object type_in_use(borrow(reinterpret_cast<PyObject*>(type))); // a finaliser may give the original another class
     PyObject* dict = *layout::dict_slot(original.ptr());
     Object state = dict == nullptr || PyDict_GET_SIZE(dict) == 0 ? Object() : Object(borrow(dict));
     Object made = steal(type->tp_alloc(type, 0), where_);

@@ -1,9 +1,11 @@
 #include "deep_copy_genuine.h"
 
 #include "globals.h"
-#include "layout.h"
+#include "quiet_lookup.h"
 
+#include <algorithm>
 #include <array>
+#include <span>
 #include <string_view>
 
 namespace py {
@@ -12,24 +14,69 @@ namespace {
 
 // One dictionary whose content deepcopy depends on, with the version at which it was last found as it should be.
 struct Watched {
-    PyObject* dict = nullptr;
+    PyObject* dict = nullptr; // kept for the life of the process
     std::uint64_t version = 0;
 
     bool unchanged() const { return layout::version_of_dict(dict) == version; }
     void remember() { version = layout::version_of_dict(dict); }
 };
 
-PyObject* kept_function = nullptr; // copy.deepcopy; null when it was replaced before we were imported
-PyObject* kept_code = nullptr;
-PyObject* kept_defaults = nullptr;
-Watched copy_names, dispatch, copyreg_names, reducers, builtin_names;
+// One function written in Python that deepcopy depends on, with all that a program may replace inside of it.
+class WatchedFunction {
+public:
+    PyObject* function() const { return parts_[0]; }
+
+    bool unchanged() const
+    {
+        PyObject* now[4];
+        read(now, parts_[0]);
+        return std::equal(std::begin(now), std::end(now), parts_) &&
+               (parts_[3] == nullptr || layout::version_of_dict(parts_[3]) == keyword_defaults_version_);
+    }
+
+    void keep(PyObject* function)
+    {
+        read(parts_, function);
+        for (PyObject* part : parts_)
+            Py_XINCREF(part); // for the life of the process
+        keyword_defaults_version_ = parts_[3] == nullptr ? 0 : layout::version_of_dict(parts_[3]);
+    }
+
+private:
+    static void read(PyObject** parts, PyObject* function)
+    {
+        parts[0] = function;
+        parts[1] = PyFunction_GET_CODE(function);
+        parts[2] = PyFunction_GET_DEFAULTS(function);
+        parts[3] = PyFunction_GET_KW_DEFAULTS(function);
+    }
+
+    PyObject* parts_[4] = {};
+    std::uint64_t keyword_defaults_version_ = 0;
+};
+
+bool are_unchanged(std::span<const WatchedFunction> functions)
+{
+    return std::ranges::all_of(functions, [](const WatchedFunction& function) { return function.unchanged(); });
+}
+
+bool deepcopy_is_known = false; // false when it was replaced before we were imported
+Watched copy_names, dispatch, copyreg_names, reducers, builtin_names, modules;
+
+constexpr std::array copy_functions{"deepcopy",       "_deepcopy_atomic", "_deepcopy_list", "_deepcopy_tuple",
+                                    "_deepcopy_dict", "_deepcopy_method", "_keep_alive",    "_reconstruct"};
+constexpr std::array copyreg_functions{"__newobj__", "_slotnames"};
+std::array<WatchedFunction, copy_functions.size()> kept_copy_functions;
+std::array<WatchedFunction, copyreg_functions.size()> kept_copyreg_functions;
 
 constexpr std::array called_builtins{"id", "issubclass", "getattr", "hasattr", "isinstance"};
 std::array<PyObject*, called_builtins.size()> kept_called_builtins{};
 
+std::array<WatchedFunction, 3> kept_enumeration_functions; // EnumMeta.__call__, Enum.__new__, Enum.__reduce_ex__
+
 PyObject* in(PyObject* dict, const char* name) { return PyDict_GetItemString(dict, name); } // borrowed or null
 
-// The function that a module defined itself under this name.
+// A function that the module of these names defined itself, under this name.
 bool is_own_function(PyObject* names, PyObject* function, std::string_view name)
 {
     if (function == nullptr || !PyFunction_Check(function) || PyFunction_GET_GLOBALS(function) != names)
@@ -38,12 +85,33 @@ bool is_own_function(PyObject* names, PyObject* function, std::string_view name)
     return PyUnicode_CompareWithASCIIString(code->co_name, name.data()) == 0;
 }
 
-bool has_own_function(PyObject* names, const char* name) { return is_own_function(names, in(names, name), name); }
+bool keep_functions(std::span<WatchedFunction> kept, PyObject* module_names, std::span<const char* const> names)
+{
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        PyObject* function = in(module_names, names[i]);
+        if (!is_own_function(module_names, function, names[i]))
+            return false;
+        kept[i].keep(function);
+    }
+    return true;
+}
 
+bool stand_in(PyObject* module_names, std::span<const WatchedFunction> kept, std::span<const char* const> names)
+{
+    for (std::size_t i = 0; i < names.size(); ++i)
+        if (in(module_names, names[i]) != kept[i].function())
+            return false;
+    return true;
+}
+
+// Searched by address, as a class is found in a dictionary of classes.
 bool dispatches(PyTypeObject* type, const char* copier)
 {
-    PyObject* found = PyDict_GetItem(dispatch.dict, reinterpret_cast<PyObject*>(type));
-    return found != nullptr && found == in(copy_names.dict, copier);
+    PyObject *key, *found;
+    for (Py_ssize_t position = 0; PyDict_Next(dispatch.dict, &position, &key, &found) != 0;)
+        if (key == reinterpret_cast<PyObject*>(type))
+            return found == in(copy_names.dict, copier);
+    return false;
 }
 
 bool dispatch_is_as_it_comes()
@@ -64,10 +132,9 @@ bool dispatch_is_as_it_comes()
 
 bool copy_module_is_as_it_comes()
 {
-    for (const char* name : {"_deepcopy_atomic", "_deepcopy_list", "_deepcopy_tuple", "_deepcopy_dict",
-                             "_deepcopy_method", "_keep_alive", "_reconstruct"})
-        if (!has_own_function(copy_names.dict, name))
-            return false;
+    // Not the name `deepcopy` itself: copy's functions have each other as defaults.
+    if (!stand_in(copy_names.dict, std::span(kept_copy_functions).subspan(1), std::span(copy_functions).subspan(1)))
+        return false;
     for (const char* shadowing : {"type", "zip", "tuple", "str", "len", "KeyError"})
         if (in(copy_names.dict, shadowing) != nullptr)
             return false;
@@ -90,14 +157,25 @@ bool builtins_are_as_they_come()
            in(builtin_names.dict, "KeyError") == PyExc_KeyError;
 }
 
-bool everything_is_as_it_comes()
+// What object.__reduce_ex__ finds in sys.modules.
+bool copyreg_is_as_it_comes()
 {
-    return copy_module_is_as_it_comes() && dispatch_is_as_it_comes() && builtins_are_as_they_come() &&
-           has_own_function(copyreg_names.dict, "__newobj__") && has_own_function(copyreg_names.dict, "_slotnames") &&
+    PyObject* module = in(modules.dict, "copyreg");
+    return module != nullptr && PyModule_CheckExact(module) && PyModule_GetDict(module) == copyreg_names.dict &&
+           stand_in(copyreg_names.dict, kept_copyreg_functions, copyreg_functions) &&
            in(copyreg_names.dict, "dispatch_table") == reducers.dict;
 }
 
-PyObject* names_of(const char* module) // borrowed: modules stay
+bool everything_is_as_it_comes()
+{
+    for (PyObject* dict : {copy_names.dict, copyreg_names.dict, builtin_names.dict, modules.dict})
+        if (!has_text_keys_only(dict))
+            return false;
+    return copy_module_is_as_it_comes() && dispatch_is_as_it_comes() && builtins_are_as_they_come() &&
+           copyreg_is_as_it_comes();
+}
+
+PyObject* names_of(const char* module) // borrowed, or null
 {
     Object name = steal(PyUnicode_FromString(module));
     Object found = adopt(PyImport_GetModule(name.ptr()));
@@ -109,54 +187,54 @@ bool find_everything()
     copy_names.dict = names_of("copy");
     copyreg_names.dict = names_of("copyreg");
     builtin_names.dict = PyEval_GetBuiltins();
+    modules.dict = PyImport_GetModuleDict();
     if (copy_names.dict == nullptr || copyreg_names.dict == nullptr)
         return false;
     dispatch.dict = in(copy_names.dict, "_deepcopy_dispatch");
     reducers.dict = in(copyreg_names.dict, "dispatch_table");
-    if (dispatch.dict == nullptr || !PyDict_CheckExact(dispatch.dict) || reducers.dict == nullptr ||
-        !PyDict_CheckExact(reducers.dict))
-        return false;
+    for (PyObject* dict : {copy_names.dict, copyreg_names.dict, builtin_names.dict, modules.dict, dispatch.dict, reducers.dict}) {
+        if (dict == nullptr || !PyDict_CheckExact(dict))
+            return false;
+        Py_INCREF(dict);
+    }
     for (std::size_t i = 0; i < called_builtins.size(); ++i)
-        kept_called_builtins[i] = in(builtin_names.dict, called_builtins[i]);
-    return true;
+        kept_called_builtins[i] = Object(borrow(in(builtin_names.dict, called_builtins[i]))).release();
+    return keep_functions(kept_copy_functions, copy_names.dict, copy_functions) &&
+           keep_functions(kept_copyreg_functions, copyreg_names.dict, copyreg_functions);
+}
+// The function that copy's own helpers were defined with.
+bool is_used_by_its_helpers(PyObject* function)
+{
+    PyObject* defaults = PyFunction_GET_DEFAULTS(in(copy_names.dict, "_deepcopy_list"));
+    return defaults != nullptr && PyTuple_GET_SIZE(defaults) == 1 && PyTuple_GET_ITEM(defaults, 0) == function;
 }
 
-// The function that copy's own helpers were defined with is the one that copy.py defined.
-bool is_defined_by_copy(PyObject* function)
+PyObject* names_of_enum_module() // borrowed, or null
 {
-    PyObject* list_copier = in(copy_names.dict, "_deepcopy_list");
-    if (!is_own_function(copy_names.dict, function, "deepcopy") || list_copier == nullptr ||
-        !PyFunction_Check(list_copier))
-        return false;
-    PyObject* defaults = PyFunction_GET_DEFAULTS(list_copier);
-    return defaults != nullptr && PyTuple_GET_SIZE(defaults) == 1 && PyTuple_GET_ITEM(defaults, 0) == function;
+    PyObject* module = has_text_keys_only(modules.dict) ? in(modules.dict, "enum") : nullptr;
+    PyObject* names = module != nullptr && PyModule_CheckExact(module) ? PyModule_GetDict(module) : nullptr;
+    return names != nullptr && has_text_keys_only(names) ? names : nullptr;
 }
 
 } // namespace
 
 void keep_genuine_deepcopy()
 {
-    if (!layout::known)
-        return;
-    Object function = global("deepcopy"_s);
-    if (!find_everything() || !is_defined_by_copy(function.ptr()))
-        return;
-    for (PyObject* dict : {dispatch.dict, reducers.dict}) // named by an attribute that a program may replace
-        Py_INCREF(dict);
-    kept_code = Object(borrow(PyFunction_GET_CODE(function.ptr()))).release();
-    kept_defaults = Object(borrow(PyFunction_GET_DEFAULTS(function.ptr()))).release();
-    kept_function = function.release();
+    deepcopy_is_known = layout::known && find_everything() &&
+                        global("deepcopy"_s).is(borrow(kept_copy_functions[0].function())) &&
+                        is_used_by_its_helpers(kept_copy_functions[0].function());
 }
 
 bool is_genuine_deepcopy(Handle function)
 {
-    return function.ptr() == kept_function && kept_function != nullptr &&
-           PyFunction_GET_CODE(kept_function) == kept_code && PyFunction_GET_DEFAULTS(kept_function) == kept_defaults;
+    return deepcopy_is_known && function.ptr() == kept_copy_functions[0].function();
 }
 
 bool deepcopy_is_untouched()
 {
-    Watched* all[] = {&copy_names, &dispatch, &copyreg_names, &reducers, &builtin_names};
+    if (!are_unchanged(kept_copy_functions) || !are_unchanged(kept_copyreg_functions))
+        return false;
+    Watched* all[] = {&copy_names, &dispatch, &copyreg_names, &reducers, &builtin_names, &modules};
     bool unchanged = true;
     for (const Watched* watched : all)
         unchanged = unchanged && watched->unchanged();
@@ -171,14 +249,38 @@ bool deepcopy_is_untouched()
 
 Handle reducer_table() { return borrow(reducers.dict); }
 
-Object genuine_deepcopy(Handle value, Handle memo, Where where)
+bool is_enumeration_metaclass(PyTypeObject* metatype)
 {
-    return call(borrow(kept_function), {value, memo}, where);
+    PyObject* names = names_of_enum_module();
+    return names != nullptr && in(names, "EnumMeta") == reinterpret_cast<PyObject*>(metatype);
 }
 
-void genuine_keep_alive(Handle value, Handle memo, Where where)
+bool enumerations_are_made_by(PyObject* call, PyObject* make, PyObject* reduce)
 {
-    call(borrow(in(copy_names.dict, "_keep_alive")), {value, memo}, where);
+    if (kept_enumeration_functions[0].function() == nullptr) {
+        PyObject* names = names_of_enum_module();
+        if (names == nullptr || !is_own_function(names, call, "__call__") || !is_own_function(names, make, "__new__") ||
+            !is_own_function(names, reduce, "__reduce_ex__"))
+            return false;
+        kept_enumeration_functions[1].keep(make);
+        kept_enumeration_functions[2].keep(reduce);
+        kept_enumeration_functions[0].keep(call);
+    }
+    return call == kept_enumeration_functions[0].function() && make == kept_enumeration_functions[1].function() &&
+           reduce == kept_enumeration_functions[2].function();
+}
+
+bool enumerations_are_untouched() { return are_unchanged(kept_enumeration_functions); }
+
+Object genuine_deepcopy(Handle value, Handle memo, Where where)
+{
+    return call(borrow(kept_copy_functions[0].function()), {value, memo}, where);
+}
+
+void keep_alive_by_name(Handle value, Handle memo, Where where)
+{
+    Object function = global_of(borrow(copy_names.dict), "_keep_alive"_s, where);
+    call(function, {value, memo}, where);
 }
 
 } // namespace py

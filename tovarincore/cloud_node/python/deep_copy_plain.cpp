@@ -4,13 +4,12 @@
 
 namespace py {
 
-PointerMemo::~PointerMemo() noexcept(false)
+PointerMemo::~PointerMemo()
 {
-    if (layout::finalising())
-        return;
     for (std::size_t i = 0, size = std::size_t{1} << bits_; used_ > 0 && i < size; ++i)
         if (table_[i].original != nullptr) {
             Py_DECREF(table_[i].original);
+            Py_DECREF(table_[i].copy);
             --used_;
         }
     if (table_ != inline_)
@@ -34,6 +33,7 @@ bool PointerMemo::add(Entry* free_entry, PyObject* original, PyObject* copy)
         free_entry = find(original);
     }
     Py_INCREF(original);
+    Py_INCREF(copy);
     *free_entry = {original, copy};
     ++used_;
     return true;
@@ -59,7 +59,7 @@ bool PointerMemo::grow()
 }
 
 // Every container costs one level of the recursion limit, as every call does.
-PyObject* PlainCopy::copy(PyObject* original)
+PyObject* PlainCopy::copy(PyObject* original) noexcept
 {
     if (is_plain_value(Py_TYPE(original))) {
         Py_INCREF(original);
@@ -67,9 +67,7 @@ PyObject* PlainCopy::copy(PyObject* original)
     }
     if (!recursion_.enter())
         return nullptr;
-    Py_INCREF(original); // a collection may run any code, which may take the original away
     PyObject* made = copy_container(original);
-    Py_DECREF(original);
     recursion_.leave();
     return made;
 }
@@ -106,64 +104,42 @@ PyObject* PlainCopy::copy_container(PyObject* original)
 
 PyObject* PlainCopy::copy_list(PyObject* original, PointerMemo::Entry* entry)
 {
-    PyObject* made = PyList_New(PyList_GET_SIZE(original));
-    if (made == nullptr)
-        return nullptr;
-    Py_SET_SIZE(made, 0); // the collector already sees the list: it shows only what is filled
-    if (!memo_.add(entry, original, made)) {
-        Py_DECREF(made);
-        return nullptr;
-    }
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(original); ++i) {
+    Py_ssize_t size = PyList_GET_SIZE(original);
+    PyObject* made = PyList_New(size);
+    bool going_on = made != nullptr && memo_.add(entry, original, made);
+    for (Py_ssize_t i = 0; going_on && i < size; ++i) {
         PyObject* element = copy(PyList_GET_ITEM(original, i));
-        if (element == nullptr) {
-            Py_DECREF(made);
-            return nullptr;
-        }
-        Py_ssize_t size = PyList_GET_SIZE(made);
-        if (size < reinterpret_cast<PyListObject*>(made)->allocated) {
-            PyList_SET_ITEM(made, size, element);
-            Py_SET_SIZE(made, size + 1);
-            continue;
-        }
-        int failed = PyList_Append(made, element); // code run by a collection made the original longer
-        Py_DECREF(element);
-        if (failed != 0) {
-            Py_DECREF(made);
-            return nullptr;
-        }
+        PyList_SET_ITEM(made, i, element); // empty places are seen by nobody
+        going_on = element != nullptr;
     }
+    if (!going_on)
+        Py_CLEAR(made);
     return made;
 }
 
 PyObject* PlainCopy::copy_tuple(PyObject* original)
 {
     Py_ssize_t size = PyTuple_GET_SIZE(original);
-    PyObject* elements = PyList_New(size);
-    if (elements == nullptr)
-        return nullptr;
-    Py_SET_SIZE(elements, 0);
+    PyObject* made = PyTuple_New(size);
     bool changed = false;
-    for (Py_ssize_t i = 0; i < size; ++i) {
+    for (Py_ssize_t i = 0; made != nullptr && i < size; ++i) {
         PyObject* element = copy(PyTuple_GET_ITEM(original, i));
-        if (element == nullptr) {
-            Py_DECREF(elements);
-            return nullptr;
-        }
+        PyTuple_SET_ITEM(made, i, element);
         changed = changed || element != PyTuple_GET_ITEM(original, i);
-        PyList_SET_ITEM(elements, i, element);
-        Py_SET_SIZE(elements, i + 1);
+        if (element == nullptr)
+            Py_CLEAR(made);
     }
+    if (made == nullptr)
+        return nullptr;
     // Looked up only now: a container inside may hold the tuple, and has then copied it already.
     PointerMemo::Entry* entry = memo_.find(original);
-    PyObject* made = entry->original != nullptr ? entry->copy : original;
-    if (made == original && changed)
-        made = PyList_AsTuple(elements);
-    else
-        Py_INCREF(made);
-    Py_DECREF(elements);
-    if (made != nullptr && made != original && entry->original == nullptr &&
-        !memo_.add(memo_.find(original), original, made))
+    PyObject* known = entry->original != nullptr ? entry->copy : original;
+    if (entry->original != nullptr || !changed) {
+        Py_INCREF(known);
+        Py_DECREF(made);
+        return known;
+    }
+    if (!memo_.add(entry, original, made))
         Py_CLEAR(made);
     return made;
 }
@@ -172,25 +148,12 @@ PyObject* PlainCopy::copy_tuple(PyObject* original)
 PyObject* PlainCopy::copy_dict(PyObject* original, PointerMemo::Entry* entry)
 {
     PyObject* made = PyDict_New();
-    if (made == nullptr)
-        return nullptr;
-    bool going_on = memo_.add(entry, original, made);
-    Py_ssize_t size = PyDict_GET_SIZE(original);
+    bool going_on = made != nullptr && memo_.add(entry, original, made);
     PyObject *key, *value;
     for (Py_ssize_t position = 0; going_on && PyDict_Next(original, &position, &key, &value) != 0;) {
-        if (!is_plain_value(Py_TYPE(key))) {
-            going_on = false;
-            break;
-        }
-        Py_INCREF(key);
-        PyObject* copied = copy(value);
+        PyObject* copied = is_plain_value(Py_TYPE(key)) ? copy(value) : nullptr;
         going_on = copied != nullptr && PyDict_SetItem(made, key, copied) == 0;
         Py_XDECREF(copied);
-        Py_DECREF(key);
-        if (going_on && PyDict_GET_SIZE(original) != size) { // by code that a collection ran
-            PyErr_SetString(PyExc_RuntimeError, "dictionary changed size during iteration");
-            going_on = false;
-        }
     }
     if (!going_on)
         Py_CLEAR(made);
@@ -200,34 +163,17 @@ PyObject* PlainCopy::copy_dict(PyObject* original, PointerMemo::Entry* entry)
 PyObject* PlainCopy::copy_object(PyObject* original, PointerMemo::Entry* entry, CopyVerdict& verdict)
 {
     PyTypeObject* type = Py_TYPE(original);
-    PyObject* made = type->tp_alloc(type, 0);
-    if (made == nullptr)
-        return nullptr;
     PyObject* dict = *layout::dict_slot(original);
-    if (!memo_.add(entry, original, made) || (dict != nullptr && !PyDict_CheckExact(dict))) {
-        Py_DECREF(made);
-        return nullptr;
+    PyObject* made = type->tp_alloc(type, 0);
+    bool done = made != nullptr && memo_.add(entry, original, made);
+    if (done && dict != nullptr) {
+        PyObject* attributes = PyDict_CheckExact(dict) ? copy_attributes(dict, verdict) : nullptr;
+        *layout::dict_slot(made) = attributes;
+        done = attributes != nullptr;
     }
-    if (dict == nullptr)
-        return made;
-    PyObject* attributes = copy_attributes(dict, verdict);
-    if (attributes == nullptr) {
-        Py_DECREF(made);
-        return nullptr;
-    }
-    *layout::dict_slot(made) = attributes;
+    if (!done)
+        Py_CLEAR(made);
     return made;
-}
-
-// A dictionary that somebody else refers to may be met again, and its copy is not the one that the copied object gets.
-PyObject* PlainCopy::copy_shared_attributes(PyObject* dict)
-{
-    if (kept_ == nullptr && (kept_ = PyList_New(0)) == nullptr)
-        return nullptr;
-    PyObject* state = copy(dict);
-    PyObject* attributes = state == nullptr || PyList_Append(kept_, state) != 0 ? nullptr : PyDict_Copy(state);
-    Py_XDECREF(state);
-    return attributes;
 }
 
 // A dictionary that only its object refers to is met nowhere else, so it needs no entry in the memo and is copied
@@ -236,11 +182,14 @@ PyObject* PlainCopy::copy_attributes(PyObject* dict, CopyVerdict& verdict)
 {
     if (!has_plain_names(dict, verdict))
         return nullptr;
-    if (Py_REFCNT(dict) > 1)
-        return copy_shared_attributes(dict);
-    Py_INCREF(dict);
+    if (Py_REFCNT(dict) > 1) {
+        // Somebody else refers to it: it may be met again, and its copy is not the one that the copied object gets.
+        PyObject* state = copy(dict);
+        PyObject* attributes = state == nullptr ? nullptr : PyDict_Copy(state);
+        Py_XDECREF(state);
+        return attributes;
+    }
     PyObject* attributes = PyDict_Copy(dict);
-    Py_DECREF(dict);
     if (attributes == nullptr)
         return nullptr;
     bool done = layout::shared_values(attributes) != nullptr ? copy_shared_values(attributes) : copy_values(attributes);
@@ -251,14 +200,15 @@ PyObject* PlainCopy::copy_attributes(PyObject* dict, CopyVerdict& verdict)
 
 bool PlainCopy::copy_shared_values(PyObject* attributes)
 {
-    for (Py_ssize_t i = 0; i < PyDict_GET_SIZE(attributes); ++i) {
-        PyObject* value = layout::shared_values(attributes)[i];
+    PyObject** values = layout::shared_values(attributes);
+    for (Py_ssize_t i = 0, size = PyDict_GET_SIZE(attributes); i < size; ++i) {
+        PyObject* value = values[i];
         if (is_plain_value(Py_TYPE(value)))
             continue;
         PyObject* copied = copy(value);
         if (copied == nullptr)
             return false;
-        layout::shared_values(attributes)[i] = copied;
+        values[i] = copied;
         Py_DECREF(value);
     }
     return true;
@@ -271,11 +221,10 @@ bool PlainCopy::copy_values(PyObject* attributes)
         if (is_plain_value(Py_TYPE(value)))
             continue;
         PyObject* copied = copy(value);
-        if (copied != value && (copied == nullptr || PyDict_SetItem(attributes, name, copied) != 0)) {
-            Py_XDECREF(copied);
+        bool done = copied != nullptr && (copied == value || PyDict_SetItem(attributes, name, copied) == 0);
+        Py_XDECREF(copied);
+        if (!done)
             return false;
-        }
-        Py_DECREF(copied);
     }
     return true;
 }

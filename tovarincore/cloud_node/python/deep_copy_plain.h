@@ -7,8 +7,8 @@
 
 namespace py {
 
-// The originals met so far and their copies, by address. Small graphs need no allocation; nothing is kept between
-// copies.
+// The originals met so far and their copies, by address; owns both. Small graphs need no allocation; nothing is kept
+// between copies.
 class PointerMemo {
 public:
     struct Entry {
@@ -19,12 +19,11 @@ public:
     PointerMemo() = default;
     PointerMemo(const PointerMemo&) = delete;
     PointerMemo& operator=(const PointerMemo&) = delete;
-    ~PointerMemo() noexcept(false);
+    ~PointerMemo();
 
     // The entry of the original, or the free one that it would take. Valid until the next add().
     Entry* find(PyObject* original) const;
 
-    // Owns the original from now on: an address that is used again would stand for another object.
     // False with MemoryError set when the table cannot grow.
     bool add(Entry* free_entry, PyObject* original, PyObject* copy);
 
@@ -39,15 +38,17 @@ private:
     std::size_t used_ = 0;
 };
 
+// Nothing here throws or runs Python code: the types are searched quietly, values are compared by address, the
+// collector is held off as long as this lives, and what is dropped has no finaliser. So borrowed values stay what they
+// are, and no unfinished copy is seen by anybody. For use after ready_copy_names().
 class PlainCopy {
 public:
     PlainCopy() = default;
     PlainCopy(const PlainCopy&) = delete;
     PlainCopy& operator=(const PlainCopy&) = delete;
-    ~PlainCopy() noexcept(false) { Py_XDECREF(kept_); }
 
     // A new reference. Null with an error set: failed. Null without: something unusual was met.
-    PyObject* copy(PyObject* original);
+    PyObject* copy(PyObject* original) noexcept;
 
 private:
     PyObject* copy_container(PyObject* original);
@@ -55,15 +56,14 @@ private:
     PyObject* copy_tuple(PyObject* original);
     PyObject* copy_dict(PyObject* original, PointerMemo::Entry* entry);
     PyObject* copy_object(PyObject* original, PointerMemo::Entry* entry, CopyVerdict& verdict);
-    PyObject* copy_shared_attributes(PyObject* dict);
     PyObject* copy_attributes(PyObject* dict, CopyVerdict& verdict);
 
     bool copy_values(PyObject* attributes);
     bool copy_shared_values(PyObject* attributes);
 
+    NoCollection undisturbed_; // first, so that it ends last
     PointerMemo memo_;
     layout::Recursion recursion_;
-    PyObject* kept_ = nullptr; // a list of copies that the memo knows and nothing else may hold
 };
 
 } // namespace py

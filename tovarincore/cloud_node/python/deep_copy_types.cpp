@@ -1,6 +1,7 @@
 #include "deep_copy_types.h"
 
 #include "deep_copy_genuine.h"
+#include "quiet_lookup.h"
 
 #include <array>
 
@@ -26,9 +27,21 @@ bool inherits(PyTypeObject* type, Name name) // from object, unchanged
     return lookup(type, name) == lookup(&PyBaseObject_Type, name);
 }
 
+// Dictionaries find the class by its address, as they do unless its metaclass says otherwise.
+bool is_found_by_address(PyTypeObject* type)
+{
+    PyTypeObject* metatype = Py_TYPE(type);
+    return metatype->tp_hash == PyType_Type.tp_hash && metatype->tp_richcompare == PyType_Type.tp_richcompare;
+}
+
 bool has_registered_reducer(PyTypeObject* type)
 {
-    return PyDict_GetItem(reducer_table().ptr(), reinterpret_cast<PyObject*>(type)) != nullptr;
+    PyObject *key, *reducer;
+    for (Py_ssize_t position = 0; PyDict_Next(reducer_table().ptr(), &position, &key, &reducer) != 0;)
+        if (key == reinterpret_cast<PyObject*>(type) || !PyType_Check(key) ||
+            !is_found_by_address(reinterpret_cast<PyTypeObject*>(key)))
+            return true;
+    return false;
 }
 
 // What is common to every type that deepcopy treats without calling code of the type.
@@ -70,29 +83,17 @@ bool is_plain_object(PyTypeObject* type)
            has_ordinary_dict(type) && is_known_to_have_no_slots(type);
 }
 
-bool is_function_of(PyObject* names, PyObject* function, Name name)
-{
-    if (function == nullptr || !PyFunction_Check(function) || PyFunction_GET_GLOBALS(function) != names)
-        return false;
-    PyObject* own_name = reinterpret_cast<PyCodeObject*>(PyFunction_GET_CODE(function))->co_name;
-    return PyUnicode_Compare(own_name, name.ptr()) == 0;
-}
-
 // A class of the enum module, and its members found by value in the way that the enum module does it.
 bool is_plain_enumeration(PyTypeObject* type, PyObject*& members)
 {
-    Object module = adopt(PyImport_GetModule("enum"_s.ptr()));
-    if (!module || !PyModule_Check(module.ptr()))
-        return false;
-    PyObject* names = PyModule_GetDict(module.ptr());
     PyTypeObject* metatype = Py_TYPE(type);
-    if (reinterpret_cast<PyObject*>(metatype) != PyDict_GetItemWithError(names, "EnumMeta"_s.ptr()))
+    if (!is_enumeration_metaclass(metatype))
         return false;
     members = PyDict_GetItemWithError(type->tp_dict, "_value2member_map_"_s.ptr());
-    return has_no_hooks(type) && is_function_of(names, lookup(metatype, "__call__"_s), "__call__"_s) &&
+    return has_no_hooks(type) &&
            lookup(metatype, "__getattribute__"_s) == lookup(&PyType_Type, "__getattribute__"_s) &&
-           lookup(metatype, "__new__"_s) != nullptr && is_function_of(names, lookup(type, "__new__"_s), "__new__"_s) &&
-           is_function_of(names, lookup(type, "__reduce_ex__"_s), "__reduce_ex__"_s) &&
+           enumerations_are_made_by(lookup(metatype, "__call__"_s), lookup(type, "__new__"_s),
+                                    lookup(type, "__reduce_ex__"_s)) &&
            lookup(type, "_value_"_s) == nullptr && members != nullptr && PyDict_CheckExact(members);
 }
 
@@ -114,6 +115,8 @@ CopyKind find_out(PyTypeObject* type, PyObject*& members)
         return CopyKind::tuple;
     if (type == &PyDict_Type)
         return CopyKind::dict;
+    if (!is_quiet_class(type) || !is_quiet_class(Py_TYPE(type)) || !is_found_by_address(type))
+        return CopyKind::unusual;
     if (is_atomic_type(type))
         return CopyKind::atomic;
     if (is_plain_object(type))
@@ -133,7 +136,7 @@ std::array<KnownMember, 128> known_members;
 
 bool is_found_by_value(PyObject* member, PyObject* own, PyObject* members)
 {
-    if (own == nullptr || !PyDict_CheckExact(own) || PyDict_GetItemWithError(own, "__deepcopy__"_s.ptr()) != nullptr ||
+    if (own == nullptr || !PyDict_CheckExact(own) || !has_text_keys_only(own) || PyDict_GetItemWithError(own, "__deepcopy__"_s.ptr()) != nullptr ||
         PyDict_GetItemWithError(own, "__reduce_ex__"_s.ptr()) != nullptr)
         return false;
     PyObject* value = PyDict_GetItemWithError(own, "_value_"_s.ptr());
@@ -168,6 +171,18 @@ PyObject* dict_of(PyObject* instance) // borrowed or null; also where the __dict
 
 } // namespace
 
+void ready_copy_names()
+{
+    static bool ready = false;
+    if (ready)
+        return;
+    for (Name name : {"__deepcopy__"_s, "__class__"_s, "__dict__"_s, "__slotnames__"_s, "__new__"_s, "__reduce_ex__"_s,
+                      "__reduce__"_s, "__getstate__"_s, "__setstate__"_s, "__getnewargs__"_s, "__getnewargs_ex__"_s,
+                      "__call__"_s, "__getattribute__"_s, "_value_"_s, "_value2member_map_"_s})
+        name.ptr();
+    ready = true;
+}
+
 CopyVerdict& copy_verdict(PyTypeObject* type)
 {
     if (std::uint64_t reducers = layout::version_of_dict(reducer_table().ptr()); reducers != reducers_seen)
@@ -194,7 +209,7 @@ CopyVerdict& copy_verdict(PyTypeObject* type)
 bool is_own_copy(PyObject* member, const CopyVerdict& verdict)
 {
     PyObject* own = dict_of(member);
-    if (own == nullptr)
+    if (own == nullptr || !enumerations_are_untouched())
         return false;
     KnownMember& known = known_members[place_of(member) % known_members.size()];
     std::uint64_t own_version = layout::version_of_dict(own);

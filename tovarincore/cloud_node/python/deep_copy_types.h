@@ -32,7 +32,10 @@ inline bool is_plain_value(PyTypeObject* type)
            type == &PyFloat_Type;
 }
 
-// Valid until the next call. Runs no Python code.
+// Makes the names that the functions below look up. They themselves neither fail nor run Python code.
+void ready_copy_names();
+
+// Valid until the next call.
 CopyVerdict& copy_verdict(PyTypeObject* type);
 
 // Whether deepcopy would find this member of an enumeration (see CopyVerdict) to be its own copy.

@@ -34,6 +34,29 @@ void raise_assertion_error(Handle message, Where where)
     raise(call(kept_builtin("AssertionError"_s), {message}, where), where);
 }
 
+namespace {
+
+bool can_be_caught(PyObject* error_class)
+{
+    if (!PyTuple_Check(error_class))
+        return PyExceptionClass_Check(error_class);
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(error_class); ++i)
+        if (!PyExceptionClass_Check(PyTuple_GET_ITEM(error_class, i)))
+            return false;
+    return true;
+}
+
+} // namespace
+
+bool Raised::matches(Handle error_class, WhereInFunction here) const
+{
+    if (can_be_caught(error_class.ptr())) [[likely]]
+        return PyErr_ExceptionMatches(error_class.ptr()) != 0;
+    Handling unmatched(*this, here);
+    PyErr_SetString(PyExc_TypeError, "catching classes that do not inherit from BaseException is not allowed");
+    throw Raised{here};
+}
+
 void add_traceback_entry(const char* function, const Where& where)
 {
     PyObject *type, *value, *traceback;
@@ -69,7 +92,6 @@ ExceptBlock::ExceptBlock(const Raised& raised, WhereInFunction here) : raised_(r
     previous_value_ = Object(borrow(value));
     previous_traceback_ = Object(borrow(traceback));
     PyErr_SetExcInfo(Object(type_).release(), Object(value_).release(), Object(traceback_).release());
-    drop_parked();
 }
 
 void ExceptBlock::restore_previous()
@@ -87,7 +109,7 @@ void ExceptBlock::raise_again()
 
 ExceptBlock::~ExceptBlock() noexcept(false)
 {
-    if (!restored_ && !layout::finalising())
+    if (!restored_ && !thread_is_ending())
         restore_previous();
 }
 

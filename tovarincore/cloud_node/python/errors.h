@@ -52,11 +52,25 @@ public:
 private:
     void restore_previous() noexcept(false);
 
+    Parked parked_; // first: taken over before any code runs, dropped last
     Raised raised_;
     Object type_, value_, traceback_;
     Object previous_type_, previous_value_, previous_traceback_;
     bool restored_ = false;
 };
+
+// Runs body(); what C++ itself throws there becomes the Python error that it stands for.
+template <class Body> Object with_python_errors(Body body, Where where)
+{
+    try {
+        return body();
+    } catch (const std::bad_alloc&) {
+        PyErr_NoMemory();
+    } catch (const std::exception& error) {
+        PyErr_SetString(PyExc_SystemError, error.what());
+    }
+    throw Raised{where};
+}
 
 // try: return body() finally: clause()
 // When both fail, the error of the clause travels on and carries the other as its context.
@@ -65,7 +79,7 @@ Object try_finally(Body body, Clause clause, WhereInFunction here = WhereInFunct
 {
     Object result;
     try {
-        result = body();
+        result = with_python_errors(body, here);
     } catch (const Raised& raised) {
         ExceptBlock block(raised, here);
         clause();
@@ -84,15 +98,11 @@ void add_traceback_entry(const char* function, const Where& where);
 template <class Body> PyObject* at_the_edge(const char* function, Body body)
 {
     try {
-        return body().release();
+        return with_python_errors(body, Where::here()).release();
     } catch (const Raised& raised) {
+        Parked parked;
         if (!raised.traced)
             add_traceback_entry(function, raised.where);
-        drop_parked();
-    } catch (const std::bad_alloc&) {
-        PyErr_NoMemory();
-    } catch (const std::exception& error) {
-        PyErr_SetString(PyExc_SystemError, error.what());
     }
     return nullptr;
 }

@@ -20,16 +20,15 @@ PyObject* default_in_row(const Parameter& parameter)
 }
 
 // The same, or what a program has put in its place.
-PyObject* default_value(FunctionObject* self, std::size_t index)
+PyObject* default_value(const Method& method, PyObject* defaults, std::size_t index)
 {
-    const Method& method = *self->method;
-    if (self->defaults == nullptr)
+    if (defaults == nullptr)
         return default_in_row(method.parameters[index]);
-    if (self->defaults == Py_None)
+    if (defaults == Py_None)
         return nullptr;
     Py_ssize_t place =
-        static_cast<Py_ssize_t>(index) - static_cast<Py_ssize_t>(method.count) + PyTuple_GET_SIZE(self->defaults);
-    return place < 0 ? nullptr : PyTuple_GET_ITEM(self->defaults, place);
+        static_cast<Py_ssize_t>(index) - static_cast<Py_ssize_t>(method.count) + PyTuple_GET_SIZE(defaults);
+    return place < 0 ? nullptr : PyTuple_GET_ITEM(defaults, place);
 }
 
 enum class Binding { done, mismatch, failed };
@@ -40,6 +39,7 @@ Py_ssize_t find_parameter(FunctionObject* self, PyObject* keyword)
     PyObject* names = parameter_names(self);
     if (names == nullptr)
         return -2;
+    Object in_use(borrow(names)); // while they are compared
     Py_ssize_t count = PyTuple_GET_SIZE(names);
     for (Py_ssize_t i = 0; i < count; ++i)
         if (PyTuple_GET_ITEM(names, i) == keyword)
@@ -66,8 +66,10 @@ Binding bind_keywords(FunctionObject* self, PyObject* const* arguments, PyObject
     return Binding::done;
 }
 
-// Fills `bound` with borrowed references: positional arguments, keywords, defaults.
-Binding bind(FunctionObject* self, PyObject* const* arguments, std::size_t given, PyObject* keywords, PyObject** bound)
+// Fills `bound` with borrowed references: positional arguments, keywords, defaults. Comparing the keywords may run code
+// that gives the function other defaults: those count then, and `defaults` owns them.
+Binding bind(FunctionObject* self, PyObject* const* arguments, std::size_t given, PyObject* keywords, PyObject** bound,
+             Object& defaults)
 {
     std::size_t count = self->method->count;
     if (given > count)
@@ -79,9 +81,10 @@ Binding bind(FunctionObject* self, PyObject* const* arguments, std::size_t given
         if (binding != Binding::done)
             return binding;
     }
+    defaults = Object(borrow(self->defaults));
     for (std::size_t i = given; i < count; ++i) {
         if (keywords == nullptr || bound[i] == nullptr)
-            bound[i] = default_value(self, i);
+            bound[i] = default_value(*self->method, defaults.ptr(), i);
         if (bound[i] == nullptr)
             return Binding::mismatch;
     }
@@ -104,8 +107,9 @@ PyObject* run(FunctionObject* self, PyObject* const* arguments)
                                          PyObject* keywords)
 {
     PyObject* bound[most_parameters]; // borrowed, some from the defaults, which the call may replace
-    Object defaults(borrow(self->defaults));
-    switch (bind(self, arguments, static_cast<std::size_t>(PyVectorcall_NARGS(flagged_count)), keywords, bound)) {
+    Object defaults;
+    switch (bind(self, arguments, static_cast<std::size_t>(PyVectorcall_NARGS(flagged_count)), keywords, bound,
+                 defaults)) {
     case Binding::done:
         return run(self, bound);
     case Binding::mismatch:

@@ -27,7 +27,7 @@ Object make_code(FunctionObject* self)
                               "co_name"_k = borrow(self->name), "co_flags"_k = flags});
 }
 
-PyObject* shape_of(FunctionObject* self)
+Object shape_of(FunctionObject* self)
 {
     if (self->shape == nullptr) {
         Object code = make_code(self);
@@ -36,9 +36,9 @@ PyObject* shape_of(FunctionObject* self)
         Object shape = steal(PyFunction_NewWithQualName(code.ptr(), module_dictionary().ptr(), name));
         Object defaults = steal(PyObject_GetAttr(reinterpret_cast<PyObject*>(self), "__defaults__"_s.ptr()));
         check(PyFunction_SetDefaults(shape.ptr(), defaults.ptr()));
-        self->shape = shape.release();
+        Object replaced = adopt(std::exchange(self->shape, shape.release()));
     }
-    return self->shape;
+    return Object(borrow(self->shape));
 }
 
 } // namespace
@@ -87,21 +87,17 @@ PyObject* make_annotations(const Method& method)
 
 PyObject* function_code(FunctionObject* self)
 {
-    return at_the_edge("__code__", [&] { return steal(PyObject_GetAttr(shape_of(self), "__code__"_s.ptr())); });
+    return at_the_edge("__code__", [&] { return steal(PyObject_GetAttr(shape_of(self).ptr(), "__code__"_s.ptr())); });
 }
 
 PyObject* call_shape(FunctionObject* self, PyObject* const* arguments, std::size_t flagged_count, PyObject* keywords)
 {
-    PyObject* shape = nullptr;
     try {
-        shape = shape_of(self);
-    } catch (const Raised&) {
-        return nullptr;
-    }
-    PyObject* unexpected = PyObject_Vectorcall(shape, arguments, flagged_count, keywords);
-    if (unexpected != nullptr) {
-        Py_DECREF(unexpected);
+        Object shape = shape_of(self); // comparing names may give the function other defaults, and so another shape
+        steal(PyObject_Vectorcall(shape.ptr(), arguments, flagged_count, keywords));
         PyErr_SetString(PyExc_SystemError, "arguments that fit were taken for a mismatch");
+    } catch (const Raised&) {
+        Parked parked;
     }
     return nullptr;
 }

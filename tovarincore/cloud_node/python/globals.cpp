@@ -2,7 +2,9 @@
 
 #include "errors.h"
 #include "imports.h"
+#include "quiet_lookup.h"
 
+#include <array>
 #include <cstring>
 
 namespace py {
@@ -11,7 +13,13 @@ namespace {
 
 PyObject* module_names = nullptr;  // the module's dictionary
 PyObject* builtin_names = nullptr; // the dictionary of the built-ins
-PyObject* kept_builtins = nullptr; // dict: the built-ins resolved at import
+
+// The built-ins resolved at import, each kept for the life of the process.
+struct KeptBuiltin {
+    PyObject* name = nullptr;
+    PyObject* value = nullptr;
+};
+std::array<KeptBuiltin, 5> kept_builtins;
 
 // The interpreter's own functions of these names, to tell whether somebody replaced them; null where that was so
 // already when the module was imported.
@@ -29,6 +37,9 @@ Handle find_global(Name name, Where where)
         found = PyDict_GetItemWithError(builtin_names, name.ptr());
     if (found == nullptr && PyErr_Occurred())
         throw Raised{where};
+    // Else the search may have run code that changed the dictionaries.
+    if (!layout::known || !has_text_keys_only(module_names) || !has_text_keys_only(builtin_names))
+        return borrow(found);
     if (NameCaches* caches = name.caches_to_fill())
         caches->global = {layout::version_of_dict(module_names), layout::version_of_dict(builtin_names), found};
     return borrow(found);
@@ -72,11 +83,10 @@ Object genuine_builtin(Name name)
 
 void open_module(Handle module)
 {
-    layout::open();
+    open_quiet_lookups();
     // Kept also when the import fails: a class of that attempt may live on, and reads its names here.
     module_names = Object(borrow(PyModule_GetDict(module.ptr()))).release();
     builtin_names = Object(borrow(PyEval_GetBuiltins())).release(); // those of the importing frame, as for any module
-    kept_builtins = steal(PyDict_New()).release();
     genuine_isinstance = genuine_builtin("isinstance"_s).release();
     genuine_len = genuine_builtin("len"_s).release();
     open_imports();
@@ -92,21 +102,35 @@ Object global(Name name, Where where)
     return Object(found);
 }
 
+Object global_of(Handle names, Name name, Where where)
+{
+    for (PyObject* dict : {names.ptr(), builtin_names}) {
+        if (PyObject* found = PyDict_GetItemWithError(dict, name.ptr()))
+            return Object(borrow(found));
+        if (PyErr_Occurred())
+            throw Raised{where};
+    }
+    raise_name_error(name, where);
+}
+
 void set_global(Name name, Handle value, Where where)
 {
     check(PyDict_SetItem(module_names, name.ptr(), value.ptr()), where);
 }
 
-Handle kept_builtin(Name name) { return borrow(PyDict_GetItemWithError(kept_builtins, name.ptr())); }
+Handle kept_builtin(Name name)
+{
+    for (const KeptBuiltin& kept : kept_builtins)
+        if (kept.name == name.ptr())
+            return borrow(kept.value);
+    return {};
+}
 
 void keep_builtins(std::initializer_list<Name> names)
 {
-    for (Name name : names) {
-        PyObject* found = PyDict_GetItemWithError(builtin_names, name.ptr());
-        if (found == nullptr)
-            raise_name_error(name, Where::here());
-        check(PyDict_SetItem(kept_builtins, name.ptr(), found));
-    }
+    std::size_t place = 0;
+    for (Name name : names)
+        kept_builtins.at(place++) = {name.ptr(), global_of(borrow(builtin_names), name, Where::here()).release()};
 }
 
 bool is_instance(Handle object, Handle type, Where where)

@@ -21,6 +21,9 @@ void open_module(Handle module);
 Object global(Name name, Where where = Where::here());
 void set_global(Name name, Handle value, Where where = Where::here());
 
+// The same for another module: its dictionary, then the built-ins, then NameError.
+Object global_of(Handle module_names, Name name, Where where);
+
 // name(...)
 template <std::size_t Count>
 Object call_global(Name name, const Argument (&arguments)[Count], Where where = Where::here())

@@ -17,6 +17,20 @@ inline bool is_finalising()
 #endif
 }
 
+// True in a thread that the interpreter ends while it winds down: its frames are unwound without the interpreter's lock,
+// and no object may be touched. The thread that winds the interpreter down still runs finalisers: false there.
+inline bool thread_is_ending()
+{
+    if (!is_finalising()) [[likely]]
+        return false;
+#if PY_VERSION_HEX >= 0x030D0000
+    PyThreadState* running = PyThreadState_GetUnchecked();
+#else
+    PyThreadState* running = _PyThreadState_UncheckedGet();
+#endif
+    return running == nullptr || running != PyGILState_GetThisThreadState();
+}
+
 // A frame made for a traceback entry shows `line`: from 3.11 on the line of its code object serves.
 inline void set_frame_line([[maybe_unused]] PyFrameObject* frame, [[maybe_unused]] int line)
 {

@@ -52,7 +52,10 @@ private:
     static PyObject* copy_of(PyObject* dict)
     {
         NoCollection undisturbed;
-        return PyDict_Copy(dict);
+        PyObject* copied = PyDict_Copy(dict);
+        if (copied != nullptr && PyObject_GC_IsTracked(copied) != 0)
+            PyObject_GC_UnTrack(copied); // a program that found it could empty it
+        return copied;
     }
 
     PyObject* witness_ = nullptr; // kept for the life of the process

@@ -4,7 +4,6 @@
 
 #include "interpreter.h"
 
-#include <atomic>
 #include <cstdint>
 
 namespace py::layout {
@@ -71,30 +70,6 @@ private:
     int limit_;
 };
 
-// The beginning of the interpreter's own state.
-struct Runtime {
-    int preinitialising, preinitialised, core_initialised, initialised;
-    std::atomic<void*> finalising;
-
-    // Asked when the module is imported, at which time it is known what has to stand there.
-    bool is_as_declared() const
-    {
-        return preinitialising == 0 && preinitialised == 1 && core_initialised == 1 && initialised == 1 &&
-               finalising == nullptr && !is_finalising();
-    }
-};
-extern "C" Runtime _PyRuntime; // NOLINT(bugprone-reserved-identifier)
-inline bool runtime_is_as_declared = false;
-
-inline bool finalising()
-{
-    if (runtime_is_as_declared) [[likely]]
-        return _PyRuntime.finalising.load(std::memory_order_relaxed) != nullptr;
-    return is_finalising();
-}
-
-inline void open() { runtime_is_as_declared = _PyRuntime.is_as_declared(); }
-
 // The built-in lock. lock.cpp tries on a lock of its own whether it is so.
 struct LockObject {
     PyObject_HEAD
@@ -113,9 +88,6 @@ inline PyObject** shared_values(PyObject*) { return nullptr; }
 inline const void* key_table(PyObject* dict) { return dict; }
 inline const void* search_of(PyObject* dict) { return dict; }
 inline PyObject* wrapped_function(PyObject*) { return nullptr; }
-
-inline bool finalising() { return is_finalising(); }
-inline void open() {}
 
 class Recursion {
 public:

@@ -12,6 +12,21 @@ bool acquire(Handle lock, Where where = Where::here());
 // lock.release()
 void release(Handle lock, Where where = Where::here());
 
+// The end of a locked body: an interrupt that came while native code ran is raised here, also when the body has failed.
+// Else it would wait for the next Python code, which is the release of a lock written in Python.
+template <class Body> Object interruptible(Body body, WhereInFunction here)
+{
+    try {
+        Object result = body();
+        checkpoint(here);
+        return result;
+    } catch (const Raised& raised) {
+        Handling failed(raised, here);
+        checkpoint(here);
+        failed.raise_again();
+    }
+}
+
 // if lock.acquire(timeout=3): try: return body() finally: lock.release()   else: raise TimeoutError()
 // `read` is called once: the lock that was taken is the one that is released.
 template <class Read, class Body>
@@ -20,7 +35,7 @@ Object holding_the(Read read, Body body, WhereInFunction here = WhereInFunction:
     Object lock = read();
     if (!acquire(lock, here))
         raise(call_global("TimeoutError"_s, {}, here), here);
-    return try_finally(body, [&] { release(lock, here); }, here);
+    return try_finally([&] { return interruptible(body, here); }, [&] { release(lock, here); }, here);
 }
 
 // The same for a lock that is an attribute of an object.

@@ -1,10 +1,10 @@
 #include "object.h"
 
-#include "membership.h"
+#include "quiet_lookup.h"
 
+#include <algorithm>
 #include <exception>
 #include <new>
-#include <vector>
 
 namespace py {
 
@@ -20,28 +20,40 @@ NameCaches* NameSlot::own_caches() const
 
 void NameSlot::intern() const { interned_ = steal(PyUnicode_InternFromString(text_)).release(); }
 
-namespace {
-thread_local std::vector<PyObject*> parked;
+thread_local constinit ParkedObjects parked_by_this_thread;
+
+// False where there is no room and no memory for more.
+bool ParkedObjects::add(PyObject* pointer)
+{
+    if (count == size) {
+        auto* larger = static_cast<PyObject**>(PyMem_RawMalloc(2 * size * sizeof(PyObject*)));
+        if (larger == nullptr)
+            return false;
+        std::copy_n(begin(), count, larger);
+        PyMem_RawFree(allocated);
+        allocated = larger;
+        size *= 2;
+    }
+    begin()[count++] = pointer;
+    return true;
 }
 
 void drop_last_reference(PyObject* pointer)
 {
-    if (std::uncaught_exceptions() > 0)
-        parked.push_back(pointer);
-    else
+    // Without memory to keep it, it is dropped here: then only a thread that is ended inside its finaliser is in danger.
+    if (std::uncaught_exceptions() == 0 || !parked_by_this_thread.add(pointer))
         Py_DECREF(pointer);
 }
 
-void drop_parked()
+Parked::Parked() : objects_(std::exchange(parked_by_this_thread, {})) {}
+
+Parked::~Parked() noexcept(false)
 {
-    while (!parked.empty()) {
-        PyObject* pointer = parked.back();
-        parked.pop_back();
-        Py_DECREF(pointer);
-    }
+    for (std::size_t i = 0; i < objects_.count && !thread_is_ending(); ++i)
+        drop_last_reference(objects_.begin()[i]); // parks it again, should another error be on its way
+    PyMem_RawFree(objects_.allocated);
 }
 
-bool Raised::matches(Handle error_class) const { return PyErr_ExceptionMatches(error_class.ptr()) != 0; }
 
 Object Handle::get(Name name, Where where) const
 {
@@ -53,7 +65,7 @@ Object Handle::get(Name name, Where where) const
 PyObject* module_attribute(PyObject* object, PyObject* name)
 {
     if (!PyModule_CheckExact(object) || !has_text_keys_only(PyModule_GetDict(object)) ||
-        _PyType_Lookup(&PyModule_Type, name) != nullptr)
+        _PyType_Lookup(&PyModule_Type, name) != nullptr) // a class that no program can change
         return nullptr;
     return PyDict_GetItemWithError(PyModule_GetDict(object), name);
 }
@@ -77,7 +89,8 @@ PyObject* module_attribute(PyObject* object, PyObject* name)
 void Handle::set(Name name, Handle value, Where where) const
 {
     if (name.caches().attribute.sets_known_value(pointer_)) {
-        check(PyDict_SetItem(*layout::dict_slot(pointer_), name.ptr(), value.ptr()), where);
+        Object attributes(borrow(*layout::dict_slot(pointer_))); // what the old value's finaliser may replace
+        check(PyDict_SetItem(attributes.ptr(), name.ptr(), value.ptr()), where);
     } else {
         if (NameCaches* caches = name.caches_to_fill())
             caches->attribute.consider(pointer_, name.ptr());

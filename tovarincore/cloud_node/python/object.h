@@ -26,7 +26,8 @@ struct Raised {
     Where where;
     bool traced = false;
 
-    bool matches(class Handle error_class) const;
+    // except error_class:        with the interpreter's TypeError where that is no class of errors, nor a tuple of them
+    bool matches(class Handle error_class, WhereInFunction here = WhereInFunction::here()) const;
 };
 
 class Object;
@@ -37,10 +38,34 @@ struct NoArguments {};
 // What a module holds under the name; borrowed. Null: look it up in the general way.
 PyObject* module_attribute(PyObject* object, PyObject* name);
 
-// Drops the last reference to an object, or keeps it for drop_parked() while an error is unwinding the stack: its
-// finaliser must not run there, for a thread that is ended inside a destructor during that would abort the process.
+// Drops the last reference to an object, or parks it while an error is unwinding the stack: its finaliser must not run
+// there, for a thread that is ended inside a destructor during that would abort the process.
 void drop_last_reference(PyObject* pointer);
-void drop_parked(); // called where an error has been caught
+
+struct ParkedObjects {
+    static constexpr std::size_t first_size = 30;
+
+    PyObject** begin() { return allocated == nullptr ? first : allocated; }
+    bool add(PyObject* pointer);
+
+    std::size_t count = 0;
+    std::size_t size = first_size;
+    PyObject** allocated = nullptr; // null: `first` serves
+    PyObject* first[first_size]{};
+};
+
+// Where an error is caught: takes over what its way up the stack has parked, before any code runs there. Drops it at the
+// end of the scope, since locals outlive a handler and a `finally` clause.
+class Parked {
+public:
+    Parked();
+    ~Parked() noexcept(false);
+    Parked(const Parked&) = delete;
+    Parked& operator=(const Parked&) = delete;
+
+private:
+    ParkedObjects objects_;
+};
 
 class Handle {
 public:
@@ -97,7 +122,7 @@ public:
     [[gnu::always_inline]] ~Object() noexcept(false)
     {
         // A daemon thread is ended by unwinding its frames without the GIL: objects must not be touched then.
-        if (pointer_ == nullptr || layout::finalising())
+        if (pointer_ == nullptr || thread_is_ending())
             return;
         if (Py_REFCNT(pointer_) > 1) [[likely]]
             Py_DECREF(pointer_);
@@ -132,6 +157,10 @@ inline void check(int status, Where where = Where::here())
     if (status < 0) [[unlikely]]
         throw Raised{where};
 }
+
+// Looks at signals: to be called after whatever may take long without running Python code, inside the body that holds
+// a lock. Else the next Python code would be interrupted in its stead, which may be the lock's release, or a finaliser.
+inline void checkpoint(Where where = Where::here()) { check(PyErr_CheckSignals(), where); }
 
 bool Handle::truthy(Where where) const
 {

@@ -7,29 +7,51 @@ namespace py {
 
 namespace {
 
-// Reads one attribute of one object after another.
+// Reads one attribute of one object after another. Where it lies is learnt apart from reading it, and between two walks:
+// a walk only compares addresses and bytes.
 class PlainReader {
 public:
     explicit PlainReader(Name name) : name_(name) {}
 
-    // The plainly stored value; null when it takes the interpreter's lookup to find it.
-    PyObject* value(PyObject* element)
+    // The plainly stored value, borrowed; null when it takes the interpreter's look-up, or a lesson, to find it.
+    PyObject* value(PyObject* element) const { return slot_.value(element); }
+
+    // Whether value() finds the attribute of this element from now on.
+    bool learn(Handle element)
     {
-        PyObject* found = slot_.value(element);
-        if (found == nullptr) [[unlikely]] {
-            NameCaches* caches = name_.own_caches();
-            if (caches == nullptr)
-                return nullptr;
-            slot_ = caches->attribute.slot(element, name_.ptr());
-            found = slot_.value(element);
-        }
-        return found;
+        NameCaches* caches = name_.own_caches();
+        if (caches == nullptr)
+            return false;
+        slot_ = caches->attribute.slot(element.ptr(), name_.ptr());
+        return value(element.ptr()) != nullptr;
     }
 
 private:
     Name name_;
     PlainSlot slot_;
 };
+
+// Walks from `start` on as long as `passes(value)` holds for the element's plain value.
+template <class Passes> Py_ssize_t walk(Handle list, Py_ssize_t start, Name name, Passes passes, Where where)
+{
+    if (!layout::known || !PyList_CheckExact(list.ptr()))
+        return start;
+    PlainReader reader(name);
+    Py_ssize_t i = start;
+    for (;;) {
+        PyObject* value = nullptr;
+        for (; i < PyList_GET_SIZE(list.ptr()); ++i) {
+            value = reader.value(PyList_GET_ITEM(list.ptr(), i));
+            if (value == nullptr || !passes(value))
+                break;
+        }
+        if (i >= PyList_GET_SIZE(list.ptr()) || value != nullptr ||
+            !reader.learn(Object(borrow(PyList_GET_ITEM(list.ptr(), i)))))
+            break;
+    }
+    checkpoint(where);
+    return i;
+}
 
 // The text that is looked for.
 class WantedText {
@@ -72,35 +94,24 @@ private:
 
 } // namespace
 
-Py_ssize_t first_candidate(Handle list, Name name, Handle text)
+Py_ssize_t first_candidate(Handle list, Name name, Handle text, Where where)
 {
-    if (!layout::known || !PyList_CheckExact(list.ptr()))
-        return 0;
-    Py_ssize_t size = PyList_GET_SIZE(list.ptr());
-    PlainReader reader(name);
     WantedText wanted(text);
-    Py_ssize_t i = 0;
-    while (i < size && wanted.certainly_differs(reader.value(PyList_GET_ITEM(list.ptr(), i))))
-        ++i;
-    return i;
+    return walk(list, 0, name, [&](PyObject* value) { return wanted.certainly_differs(value); }, where);
 }
 
-Py_ssize_t first_candidate_like(Handle list, Name name, Handle element)
+Py_ssize_t first_candidate_like(Handle list, Name name, Handle element, Where where)
 {
-    PyObject* text = layout::known ? PlainReader(name).value(element.ptr()) : nullptr;
-    return text == nullptr ? 0 : first_candidate(list, name, borrow(text));
-}
-
-Py_ssize_t first_not_false(Handle list, Name name)
-{
-    if (!layout::known || !PyList_CheckExact(list.ptr()))
-        return 0;
-    Py_ssize_t size = PyList_GET_SIZE(list.ptr());
     PlainReader reader(name);
-    Py_ssize_t i = 0;
-    while (i < size && reader.value(PyList_GET_ITEM(list.ptr(), i)) == Py_False)
-        ++i;
-    return i;
+    if (!layout::known || !reader.learn(element))
+        return 0;
+    Object text(borrow(reader.value(element.ptr())));
+    return first_candidate(list, name, text, where);
+}
+
+Py_ssize_t first_not_false(Handle list, Name name, Where where)
+{
+    return walk(list, 0, name, [](PyObject* value) { return value == Py_False; }, where);
 }
 
 Candidates::Candidates(Handle iterable, Name hop, Name name, Handle text, Handle others, Where where)
@@ -114,15 +125,26 @@ Candidates::Candidates(Handle iterable, Name hop, Name name, Handle text, Handle
 
 Py_ssize_t Candidates::next_candidate() const
 {
-    Py_ssize_t size = PyList_GET_SIZE(list_.ptr());
+    PyObject* list = list_.ptr();
     PlainReader hop(hop_), reader(name_);
     WantedText wanted(text_);
     Py_ssize_t i = index_;
-    for (; layout::known && i < size; ++i) {
-        PyObject* between = hop.value(PyList_GET_ITEM(list_.ptr(), i));
-        if (between == nullptr || !wanted.certainly_differs(reader.value(between)))
+    for (;;) {
+        PyObject *between = nullptr, *value = nullptr;
+        for (; layout::known && i < PyList_GET_SIZE(list); ++i) {
+            between = hop.value(PyList_GET_ITEM(list, i));
+            value = between == nullptr ? nullptr : reader.value(between);
+            if (value == nullptr || !wanted.certainly_differs(value))
+                break;
+        }
+        if (!layout::known || i >= PyList_GET_SIZE(list) || value != nullptr)
+            break;
+        bool learnt = between == nullptr ? hop.learn(Object(borrow(PyList_GET_ITEM(list, i))))
+                                         : reader.learn(Object(borrow(between)));
+        if (!learnt)
             break;
     }
+    checkpoint(where_);
     return i;
 }
 

@@ -7,13 +7,13 @@
 namespace py {
 
 // The first position from which `element.name == text` has to be asked; at most len(list). 0 where nothing is known.
-Py_ssize_t first_candidate(Handle list, Name name, Handle text);
+Py_ssize_t first_candidate(Handle list, Name name, Handle text, Where where = Where::here());
 
 // The same with the text that `element` has under the name.
-Py_ssize_t first_candidate_like(Handle list, Name name, Handle element);
+Py_ssize_t first_candidate_like(Handle list, Name name, Handle element, Where where = Where::here());
 
 // The first position from which the truth of `element.name` has to be asked.
-Py_ssize_t first_not_false(Handle list, Name name);
+Py_ssize_t first_not_false(Handle list, Name name, Where where = Where::here());
 
 // for (Object x : Candidates(xs, "node"_s, "uuid"_s, text, others)) ...
 // The elements of xs in order, except that those with another plain text under x.node.uuid go to the list `others`.

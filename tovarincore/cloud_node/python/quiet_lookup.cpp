@@ -1,0 +1,48 @@
+#include "quiet_lookup.h"
+
+#include "builders.h"
+
+namespace py {
+
+namespace {
+
+const void* search_for_texts = nullptr;
+const void* search_after_deletions = nullptr;
+
+} // namespace
+
+// How the interpreter searches dictionaries of texts, seen on one of our own.
+void open_quiet_lookups()
+{
+    if constexpr (!layout::known)
+        return;
+    Object sample = dict({{"sample"_s, none()}, {"other"_s, none()}});
+    search_for_texts = layout::search_of(sample.ptr());
+    check(PyDict_DelItem(sample.ptr(), "other"_s.ptr()));
+    search_after_deletions = layout::search_of(sample.ptr());
+}
+
+bool has_text_keys_only(PyObject* dict)
+{
+    if constexpr (!layout::known)
+        return false;
+    if (layout::shared_values(dict) != nullptr)
+        return true; // a dictionary shares its keys only as long as all of them are texts
+    const void* search = layout::search_of(dict);
+    return search == search_for_texts || search == search_after_deletions;
+}
+
+bool is_quiet_class(PyTypeObject* type)
+{
+    PyObject* bases = type->tp_mro;
+    if (bases == nullptr || !PyTuple_Check(bases))
+        return false;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(bases); ++i) {
+        PyObject* base = PyTuple_GET_ITEM(bases, i);
+        if (!PyType_Check(base) || !has_text_keys_only(reinterpret_cast<PyTypeObject*>(base)->tp_dict))
+            return false;
+    }
+    return true;
+}
+
+} // namespace py
