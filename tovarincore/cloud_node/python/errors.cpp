@@ -52,7 +52,7 @@ bool Raised::matches(Handle error_class, WhereInFunction here) const
 {
     if (can_be_caught(error_class.ptr())) [[likely]]
         return PyErr_ExceptionMatches(error_class.ptr()) != 0;
-    Handling unmatched(*this, here);
+    ExceptBlock unmatched(*this, here);
     PyErr_SetString(PyExc_TypeError, "catching classes that do not inherit from BaseException is not allowed");
     throw Raised{here};
 }

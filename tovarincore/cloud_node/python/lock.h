@@ -21,7 +21,7 @@ template <class Body> Object interruptible(Body body, WhereInFunction here)
         checkpoint(here);
         return result;
     } catch (const Raised& raised) {
-        Handling failed(raised, here);
+        ExceptBlock failed(raised, here);
         checkpoint(here);
         failed.raise_again();
     }
