@@ -199,19 +199,19 @@ def test_ctrl_c_notes_what_is_under_way_and_begins_nothing_more(ec2: Ec2World, h
         if len(told) == 1:
             raise KeyboardInterrupt
 
-    stop = threading.Event()
+    cancel = threading.Event()
     with pytest.raises(KeyboardInterrupt):
-        launched(ec2, 12, hasty, at_once=4, on_outcome=interrupt, stop=stop)
-    assert stop.is_set()
+        launched(ec2, 12, hasty, at_once=4, on_outcome=interrupt, cancel=cancel)
+    assert cancel.is_set()
     assert 1 <= len(ec2.instances()) < 12
     assert_all_noted(ec2, [outcome for outcome in told if isinstance(outcome, CloudNode)])
 
 
 def test_a_stopped_launch_says_what_it_did_not_try(ec2: Ec2World, hasty: Patience) -> None:
     """Whoever sets the sign gets the report of what was done until then."""
-    stop = threading.Event()
-    stop.set()
-    report = launched(ec2, 2, hasty, stop=stop)
+    cancel = threading.Event()
+    cancel.set()
+    report = launched(ec2, 2, hasty, cancel=cancel)
     assert [(missing.uuid, missing.known) for missing in report.not_launched] == [("", True)] * 2
     assert "stopped" in report.not_launched[0].why
     assert ec2.instances() == []

@@ -151,11 +151,11 @@ def test_a_refresh_that_is_told_to_stop_changes_nothing_more() -> None:
     """What had not begun is left out, the registry stays, and the outcome is an error."""
     world = World(silent_seconds=0.1)
     region = region_with(20, world)
-    stop = threading.Event()
+    cancel = threading.Event()
     with placed(world):
         manager = CloudManager()
-        threading.Timer(0.05, stop.set).start()
-        (outcome,) = refresh([region], probes=2, manager=manager, stop=stop)
+        threading.Timer(0.05, cancel.set).start()
+        (outcome,) = refresh([region], probes=2, manager=manager, cancel=cancel)
         assert outcome.result.error
         assert len(world.pinged) <= 4
         assert manager.get_node_list(region) == []

@@ -98,7 +98,7 @@ class Attempts:
     :param patience: how long requests are repeated
     :param ledger: where launches are noted
     :param manager: the facade
-    :param stop: once it is set, no request begins any more
+    :param cancel: once it is set, no request begins any more
     """
 
     def __init__(
@@ -108,14 +108,14 @@ class Attempts:
         patience: Patience,
         ledger: Ledger,
         manager: CloudManager,
-        stop: threading.Event,
+        cancel: threading.Event,
     ) -> None:
         self._sites = sites
         self._config = config
         self._patience = patience
         self._ledger = ledger
         self._manager = manager
-        self._stop = stop
+        self._cancel = cancel
         regions = list(dict.fromkeys(site.region for site in sites))
         self._sights = {region: Sight(manager, region) for region in regions}
         self._alone = {region: threading.Lock() for region in regions}
@@ -138,7 +138,7 @@ class Attempts:
         failure: Failure | None = None
         while True:
             with self._turn(site.region):
-                if site.closed or self._stop.is_set():
+                if site.closed or self._cancel.is_set():
                     return self._give_up(site, config, failure)
                 if failure is None:
                     self._ledger.intend(region, config.uuid, name, site.instance_type.instance_type)
@@ -160,7 +160,7 @@ class Attempts:
                 # It came through and has ended already: the next one is another node.
                 self._noted(found, config.uuid)
                 config, failure = self._config_for(site, name), None
-            self._stop.wait(pause * random.uniform(0.5, 1.0))
+            self._cancel.wait(pause * random.uniform(0.5, 1.0))
             pause = min(2 * pause, self._patience.longest_pause)
 
     def _config_for(self, site: Site, name: str) -> CloudInstanceConfig:
@@ -210,14 +210,14 @@ class Attempts:
         while True:
             try:
                 node = self._sights[region].find(uuid, since)
-                if node is not None or time.monotonic() >= seen_by or self._stop.is_set():
+                if node is not None or time.monotonic() >= seen_by or self._cancel.is_set():
                     return node
             except CannotTell:
                 if failure.is_final and failure.error is None:
                     return None
-                if time.monotonic() >= end or self._stop.is_set():
+                if time.monotonic() >= end or self._cancel.is_set():
                     raise
-            self._stop.wait(pause)
+            self._cancel.wait(pause)
             pause = min(2 * pause, self._patience.longest_pause)
             since = time.monotonic()
 

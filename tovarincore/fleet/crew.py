@@ -2,13 +2,14 @@
 
 import queue
 import threading
-from collections.abc import Callable
-from concurrent.futures import Future
+from collections.abc import Callable, Sequence
+from concurrent.futures import Future, as_completed, wait
 from types import TracebackType
 from typing import Any, TypeVar
 
-__all__ = ["Crew"]
+__all__ = ["Crew", "work_through"]
 
+S = TypeVar("S")
 T = TypeVar("T")
 _Task = tuple["Future[Any]", Callable[..., Any], tuple[Any, ...]]
 
@@ -78,3 +79,41 @@ class Crew:
                     future.set_exception(error)
             # What is waited for next may take long: nothing of this task stays alive meanwhile.
             del task, future, function, arguments
+
+
+def work_through(
+    items: Sequence[S],
+    function: Callable[[S], T],
+    at_once: int,
+    cancel: threading.Event,
+    on_outcome: Callable[[T], None] | None,
+) -> list[T]:
+    """Call a function for each item, some at a time, and return the results in the order of the items.
+
+    When it is interrupted, or a call raises, it begins no more, waits for the calls under way and tells what
+    came of them.
+
+    :param items: what the function is called with
+    :param function: what is called
+    :param at_once: most calls at a time
+    :param cancel: set when it is interrupted, for the function to see
+    :param on_outcome: called in this thread with each result as soon as it is there
+    """
+    tell = on_outcome or (lambda outcome: None)
+    told = set()
+    with Crew(at_once, "tovarin-fleet") as crew:
+        outcomes = [crew.submit(function, item) for item in items]
+        try:
+            for outcome in as_completed(outcomes):
+                told.add(outcome)
+                tell(outcome.result())
+        except BaseException:
+            cancel.set()
+            for outcome in outcomes:
+                outcome.cancel()
+            wait(outcomes)
+            for outcome in outcomes:
+                if outcome not in told and not outcome.cancelled() and outcome.exception() is None:
+                    tell(outcome.result())
+            raise
+        return [outcome.result() for outcome in outcomes]

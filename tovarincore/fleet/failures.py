@@ -73,9 +73,11 @@ _KIND_OF_PROVIDER_CODE = {
             "Throttling",
             "ThrottlingException",
             "TooManyRequestsException",
-            # Another launch was faster with the security group, or the group does not show everywhere yet.
+            # Another launch was faster with the security group, or what was just made does not show
+            # everywhere yet.
             "InvalidGroup.Duplicate",
             "InvalidGroup.NotFound",
+            "InvalidInstanceID.NotFound",
             "InvalidPermission.Duplicate",
         ),
         FailureKind.AGAIN,

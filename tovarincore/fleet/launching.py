@@ -3,7 +3,6 @@
 import threading
 import time
 from collections.abc import Callable, Sequence
-from concurrent.futures import Future, as_completed, wait
 from contextlib import ExitStack
 from dataclasses import dataclass, field
 from typing import Any
@@ -20,7 +19,7 @@ from tovarincore.cloud_def import (
 from tovarincore.cloud_node import AWSNodeManager, CloudManager, cloud_manager_glbl
 from tovarincore.core_def import OPResult
 from tovarincore.fleet.attempts import Attempts, NotLaunched, Patience, Site
-from tovarincore.fleet.crew import Crew
+from tovarincore.fleet.crew import work_through
 from tovarincore.fleet.ledger import Ledger
 from tovarincore.sdk_data import service_descriptions_shared
 
@@ -81,7 +80,7 @@ def launch(
     ledger: Ledger | None = None,
     manager: CloudManager = cloud_manager_glbl,
     on_outcome: Callable[[CloudNode | NotLaunched], None] | None = None,
-    stop: threading.Event | None = None,
+    cancel: threading.Event | None = None,
 ) -> LaunchReport:
     """Launch nodes side by side.
 
@@ -109,7 +108,7 @@ def launch(
     :param ledger: where launches are noted; ``None`` means the user's own
     :param manager: the facade
     :param on_outcome: called in this thread with each node or failure as soon as it is there
-    :param stop: once it is set, no request begins any more; an interrupt sets it too
+    :param cancel: once it is set, no request begins any more; an interrupt sets it too
     :return: what was launched, what was not and why
     :raises ValueError: a number, name or fallback that cannot be used
     :raises ConfigError: the ledger cannot be used; nothing was launched
@@ -139,44 +138,19 @@ def launch(
         sites.append(Site(place.region, place.instance_type, template, {**request, "username": user}))
     present = _present(manager, [site.region for site in sites], wanted) if if_absent else []
     there = {node.name for node in present}
-    stop = stop or threading.Event()
-    attempts = Attempts(sites, config, patience or Patience(), ledger, manager, stop)
+    cancel = cancel or threading.Event()
+    attempts = Attempts(sites, config, patience or Patience(), ledger, manager, cancel)
     with ExitStack() as stack:
         if any(site.region.cloud == "AWS" for site in sites):
             stack.enter_context(service_descriptions_shared())
-        crew = stack.enter_context(Crew(at_once, "tovarin-launch"))
-        outcomes = [crew.submit(attempts.launch, name) for name in wanted if name not in there]
-        _follow(outcomes, stop, on_outcome)
-        results = [outcome.result() for outcome in outcomes]
+        absent = [name for name in wanted if name not in there]
+        results = work_through(absent, attempts.launch, at_once, cancel, on_outcome)
     return LaunchReport(
         [result for result in results if not isinstance(result, NotLaunched)],
         [result for result in results if isinstance(result, NotLaunched)],
         present,
         time.monotonic() - begin,
     )
-
-
-def _follow(
-    outcomes: "list[Future[CloudNode | NotLaunched]]",
-    stop: threading.Event,
-    on_outcome: Callable[[CloudNode | NotLaunched], None] | None,
-) -> None:
-    told = set()
-    tell = on_outcome or (lambda outcome: None)
-    try:
-        for outcome in as_completed(outcomes):
-            told.add(outcome)
-            tell(outcome.result())
-    except BaseException:
-        # The requests under way are let finish, so that what they launch is noted.
-        stop.set()
-        for outcome in outcomes:
-            outcome.cancel()
-        wait(outcomes)
-        for outcome in outcomes:
-            if outcome not in told and not outcome.cancelled() and outcome.exception() is None:
-                tell(outcome.result())
-        raise
 
 
 def _names(config: CloudInstanceConfig, count: int, pattern: str | None) -> list[str]:

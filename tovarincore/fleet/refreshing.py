@@ -3,20 +3,21 @@
 import threading
 import time
 from collections.abc import Callable, Iterable, Sequence
-from concurrent.futures import Future, as_completed
+from concurrent.futures import FIRST_COMPLETED, Future, wait
 from contextlib import ExitStack
 from dataclasses import dataclass, field
 
-from tovarincore import cloud_node
 from tovarincore.cloud_def import CloudNode, CloudRegion, NodeState
 from tovarincore.cloud_node import CloudManager, NodeManager, cloud_manager_glbl
 from tovarincore.core_def import OPResult
 from tovarincore.fleet.crew import Crew
+from tovarincore.fleet.probing import ping
 from tovarincore.sdk_data import service_descriptions_shared
 
 __all__ = ["Refreshed", "refresh"]
 
-_PING_SECONDS = 2
+_LOOK_SECONDS = 0.1
+"""A sign to stop is seen so soon."""
 _FAILED = "Error occurred while refreshing Cloud Worker list"
 
 
@@ -47,7 +48,7 @@ def refresh(
     *,
     manager: CloudManager = cloud_manager_glbl,
     on_refreshed: Callable[[Refreshed], None] | None = None,
-    stop: threading.Event | None = None,
+    cancel: threading.Event | None = None,
 ) -> list[Refreshed]:
     """Bring the registries of regions up to date, as ``refresh_node_list`` does for each, but side by side.
 
@@ -65,7 +66,7 @@ def refresh(
     :param regions_at_once: how many providers are asked for their lists at the same time
     :param manager: the facade whose registries are meant
     :param on_refreshed: called in this thread with each region's outcome as soon as it is there
-    :param stop: once it is set, no ping begins and no registry changes any more; what is left comes back as
+    :param cancel: once it is set, no ping begins and no registry changes any more; what is left comes back as
         error results
     :return: one outcome for each region, in the order given
     :raises ValueError: ``probes`` or ``regions_at_once`` is less than 1
@@ -73,7 +74,7 @@ def refresh(
     if probes < 1 or regions_at_once < 1:
         raise ValueError(f"probes is {probes} and regions_at_once {regions_at_once}; allowed is 1 or more")
     wanted = list(dict.fromkeys(regions))
-    stop = stop or threading.Event()
+    cancel = cancel or threading.Event()
     outcomes: dict[CloudRegion, Refreshed] = {}
     begun: dict[Future[Refreshed], CloudRegion] = {}
     with ExitStack() as stack:
@@ -84,7 +85,7 @@ def refresh(
         # Also when Ctrl-C ends this function: nothing may change behind the back of its caller.
         left = threading.Event()
         stack.callback(left.set)
-        run = _Run(threading.Semaphore(regions_at_once), probers, (stop, left))
+        run = _Run(threading.Semaphore(regions_at_once), probers, (cancel, left))
         for region in wanted:
             try:
                 # One after the other: two threads could make two providers for one region.
@@ -95,11 +96,17 @@ def refresh(
                     on_refreshed(outcomes[region])
             else:
                 begun[listers.submit(run.refresh, region, provider)] = region
-        for future in as_completed(begun):
-            outcomes[begun[future]] = future.result()
-            if on_refreshed is not None:
-                on_refreshed(future.result())
-    return [outcomes[region] for region in wanted]
+        pending = set(begun)
+        while pending:
+            done, pending = wait(pending, _LOOK_SECONDS, FIRST_COMPLETED)
+            for future in done:
+                outcomes[begun[future]] = future.result()
+                if on_refreshed is not None:
+                    on_refreshed(future.result())
+            if cancel.is_set():
+                break
+    stopped = OPResult(error=True, msg="the refresh was stopped")
+    return [outcomes.get(region) or Refreshed(region, stopped) for region in wanted]
 
 
 class _Run:
@@ -129,29 +136,19 @@ class _Run:
         except BaseException:  # what refresh_node_list catches
             provider.logger.debug(_FAILED, exc_info=True)
             result = OPResult(error=True, msg=_FAILED, exc_info=True)
-        silent = {instance_id: ping for instance_id, ping in pings.items() if not ping.success}
+        silent = {instance_id: answer for instance_id, answer in pings.items() if not answer.success}
         return Refreshed(
             region, result, len(nodes or ()), len(pings) - len(silent), silent, time.monotonic() - start
         )
 
     def _ping_all(self, nodes: list[CloudNode]) -> list[OPResult]:
-        pings = [self._probers.submit(self._ping, node) for node in nodes]
+        pings = [self._probers.submit(ping, node, self._go_on) for node in nodes]
         try:
-            return [ping.result() for ping in pings]
+            return [future.result() for future in pings]
         finally:
             # A failure that is not a worker's fails the region: its other pings are of no use then.
-            for ping in pings:
-                ping.cancel()
-
-    def _ping(self, node: CloudNode) -> OPResult:
-        self._go_on()
-        # By way of the module: whoever replaces the client there replaces it for all of the package.
-        client = cloud_node.WebSocketClient(node, client_timeout_sec=_PING_SECONDS)
-        answer = client.api_get_op_result(cloud_node.PingRequest())
-        if answer.success:
-            node.ready = True
-            client.refresh_system_stat()
-        return answer
+            for future in pings:
+                future.cancel()
 
     def _go_on(self) -> None:
         if any(end.is_set() for end in self._ends):

@@ -1,5 +1,6 @@
 """EC2 in memory, as far as the provider asks it."""
 
+import itertools
 from types import SimpleNamespace
 from typing import Any
 
@@ -30,6 +31,7 @@ class FakeEc2Client:
             for number, name in enumerate(IMAGE_NAMES, 1)
         ]
         self.instances: dict[str, dict[str, Any]] = {}
+        self._numbers = itertools.count(1)
         self.key_pairs: set[str] = set()
         self.rules: list[dict[str, Any]] | None = None
         """Inbound rules of the product's security group; ``None`` while there is no group."""
@@ -44,7 +46,7 @@ class FakeEc2Client:
         """Add one instance, or answer a dry run as EC2 does when it would have gone well."""
         if request["DryRun"]:
             raise client_error("DryRunOperation", "Request would have succeeded, but DryRun flag is set.")
-        number = len(self.instances) + 1
+        number = next(self._numbers)
         instance = {
             "InstanceId": f"i-{number}",
             "InstanceType": request["InstanceType"],
@@ -61,12 +63,14 @@ class FakeEc2Client:
     def describe_instances(self, **request: Any) -> dict[str, Any]:
         """Return the instances of the user asked for."""
         (wanted,) = request["Filters"][0]["Values"]
-        for instance in self.instances.values():
+        # Other threads may launch meanwhile.
+        instances = list(self.instances.values())
+        for instance in instances:
             state = instance["State"]
             state["Name"] = _SETTLED.get(state["Name"], state["Name"])
         found = [
             instance
-            for instance in self.instances.values()
+            for instance in instances
             if {"Key": "tovarin_username", "Value": wanted} in instance["Tags"]
         ]
         return {"Reservations": [{"Instances": found}]}

@@ -1,6 +1,7 @@
 """The record of calls that fakes keep, and how a test lays down what a call gives."""
 
 import functools
+import inspect
 from collections.abc import Callable
 from dataclasses import dataclass, field
 from typing import Any, TypeVar, cast
@@ -67,6 +68,6 @@ def recorded(method: Method) -> Method:
         answer = record.answers[name]
         if isinstance(answer, BaseException):
             raise answer
-        return answer
+        return answer(*args, **kwargs) if inspect.isroutine(answer) else answer
 
     return cast(Method, call)

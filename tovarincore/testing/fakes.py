@@ -2,7 +2,8 @@
 
 :func:`patched_cloud_node` puts them in place: the facade and the providers are the real ones, while EC2, the
 container engine, the Kubernetes cluster, the workers and the credential store are replaced by objects in
-memory. Nothing is connected to, read or written. ``docs/testing-your-code.md`` shows their use.
+memory. Nothing is connected to or read; ``tovarincore.fleet`` notes launches in a temporary folder.
+``docs/testing-your-code.md`` shows their use.
 """
 
 import functools
@@ -12,6 +13,7 @@ from contextlib import ExitStack, contextmanager
 from copy import deepcopy
 from dataclasses import dataclass, field
 from datetime import datetime
+from tempfile import TemporaryDirectory
 from unittest.mock import patch
 
 from tovarincore import cloud_node
@@ -276,8 +278,10 @@ def patched_cloud_node() -> Iterator[FakeCloud]:
     cloud = FakeCloud()
     manager = cloud_node.cloud_manager_glbl
     variables = {name: value for name, value in os.environ.items() if not name.startswith("TOVARIN_")}
-    variables |= {"TOVARIN_CONF": os.devnull, "TOVARIN_CLOUD_CONF": os.devnull}
     with ExitStack() as stack:
+        # Where launches of fleets are noted.
+        folder = stack.enter_context(TemporaryDirectory(prefix="tovarin-fakes-"))
+        variables |= {"TOVARIN_CONF": os.devnull, "TOVARIN_CLOUD_CONF": os.path.join(folder, "cloud.toml")}
         stack.callback(core_conf_glbl.reload)
         stack.enter_context(patch.dict(os.environ, variables, clear=True))
         core_conf_glbl.reload()
