@@ -9,6 +9,7 @@ from contextlib import ExitStack, suppress
 
 from demo.report import DemoStopped, Report, Step
 from stage.engine import ContainerEngineServer, EngineNotRunnable
+from stage.engine_docker import DockerServer
 from stage.ports import free_port
 from stage.settings import NOWHERE, surroundings
 from tovarincore.cloud_conf import CloudConf
@@ -182,7 +183,7 @@ def run_local_demo(json_lines: bool, manager: CloudManager = cloud_manager_glbl)
     with ExitStack() as stack, suppress(DemoStopped):
         with report.step("Start a container engine of the demo's own") as step:
             try:
-                engine = stack.enter_context(ContainerEngineServer())
+                engine = stack.enter_context(DockerServer())
             except EngineNotRunnable as reason:
                 step.fail(str(reason))
             else:

@@ -1,4 +1,4 @@
-"""Fixtures for tests on a real container engine: one engine for a process, an empty region for each test."""
+"""Fixtures for tests on real container engines: one of each kind, with an empty region for each test."""
 
 from __future__ import annotations
 
@@ -9,25 +9,33 @@ from pathlib import Path
 import pytest
 
 from stage.engine import ContainerEngineServer, EngineNotRunnable
+from stage.engine_docker import DockerServer
+from stage.engine_podman import PodmanServer
 from stage.local_region import LocalRegion, local_settings
 from stage.ports import free_port
 from stage.settings import settings_of
 from tovarincore.testing.worker_image import import_worker_image
 
-__all__ = ["IMAGE", "VERSIONS", "engine_server", "local"]
+__all__ = ["DOCKER", "IMAGE", "PODMAN", "VERSIONS", "engine_server", "local"]
 
 VERSIONS = ["1.2.0", "1.10.0", "1.9.0"]
 IMAGE = "tovarin-worker"
 
 
-@pytest.fixture(scope="session")
-def engine_server() -> Iterator[ContainerEngineServer]:
-    """An engine with three versions of the worker image; where none can run, the tests are skipped."""
+DOCKER, PODMAN = (
+    pytest.param(kind, id=name, marks=pytest.mark.xdist_group(f"container engine {name}"))
+    for name, kind in (("docker", DockerServer), ("podman", PodmanServer))
+)
+
+
+@pytest.fixture(scope="session", params=[DOCKER, PODMAN])
+def engine_server(request: pytest.FixtureRequest) -> Iterator[ContainerEngineServer]:
+    """Each engine with three versions of the worker image; where one cannot run, its tests are skipped."""
     with ExitStack() as cleanup:
         try:
-            server = cleanup.enter_context(ContainerEngineServer())
+            server = cleanup.enter_context(request.param())
         except EngineNotRunnable as reason:
-            pytest.skip(f"no container engine can run here: {reason}")
+            pytest.skip(f"this container engine cannot run here: {reason}")
         with server.client() as client:
             import_worker_image(client, IMAGE, VERSIONS)
         yield server

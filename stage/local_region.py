@@ -84,7 +84,8 @@ class LocalRegion:
 
     def refreshed_node(self) -> CloudNode:
         """The one node after a refresh that went well."""
-        assert self.refresh().success
+        result = self.refresh()
+        assert result.success, result.traceback_text
         (node,) = self.registry()
         return node
 

@@ -35,6 +35,7 @@ from stage.ec2_endpoint import (
     Ec2Endpoint,
 )
 from stage.engine import ContainerEngineServer, EngineNotRunnable
+from stage.engine_docker import DockerServer
 from stage.fault import FaultEndpoint, unauthorized
 from stage.kube_api import KubeApi
 from stage.kube_world import KubeWorld
@@ -142,7 +143,7 @@ class Stage:
         if not self._engine_wanted:
             return False
         try:
-            self.engine = self._cleanup.enter_context(ContainerEngineServer())
+            self.engine = self._cleanup.enter_context(DockerServer())
         except EngineNotRunnable as reason:
             print(f"left as they are: the blocks that need a container engine ({reason})", file=sys.stderr)
             return False

@@ -9,9 +9,9 @@ from pathlib import Path
 
 import pytest
 
-import stage.engine
 from demo.local import NEWEST_FIRST, run_local_demo
 from stage.engine import EngineNotRunnable
+from stage.engine_docker import DockerServer
 
 ROOT = Path(__file__).resolve().parents[2]
 
@@ -44,10 +44,10 @@ def test_a_machine_without_an_engine_is_told_why(
 ) -> None:
     """The demo ends with status 1 and the reason in its first step."""
 
-    def refuse() -> None:
+    def refuse(server: DockerServer) -> None:
         raise EngineNotRunnable("starting a container engine needs root")
 
-    monkeypatch.setattr(stage.engine, "_check_machine", refuse)
+    monkeypatch.setattr(DockerServer, "_check_machine", refuse)
     assert run_local_demo(json_lines=True) == 1
     _, start, outcome = map(json.loads, capsys.readouterr().out.splitlines())
     assert start["failed_checks"] == ["starting a container engine needs root"]

@@ -29,8 +29,6 @@ from tovarincore.container_helper import ContainerError
 from tovarincore.core_def import OPResultErrorCode
 from tovarincore.webs_client import WebSocketClient
 
-pytestmark = pytest.mark.xdist_group("container engine")
-
 NEWEST_FIRST = ["1.10.0", "1.9.0", "1.2.0"]
 WORKER_COMMAND = [
     "/opt/python/bin/python3", "-m", "tovarincore.testing.reference_worker", "--host", "0.0.0.0"
@@ -43,7 +41,9 @@ SHORT_LIMIT_SECONDS = 0.7
 @pytest.fixture
 def limit_of(local: LocalRegion, tmp_path: Path) -> Callable[[float], AbstractContextManager[None]]:
     """Lets the body of a `with` statement run with a limit of so many seconds per operation."""
-    return lambda seconds: settings_of(tmp_path, local_settings(local.server, local.port, seconds))
+    folder = tmp_path / "limited"
+    folder.mkdir()
+    return lambda seconds: settings_of(folder, local_settings(local.server, local.port, seconds))
 
 
 def _within(seconds: float, call: Callable[[], Any]) -> Any:
@@ -302,8 +302,9 @@ def test_an_engine_that_hangs_in_the_middle_of_a_launch_is_not_fatal(
 
     monkeypatch.setattr(DockerEngine, "start_container", hang_before_start)
     # Enough for what comes before the hang.
+    template = local.templates()[0]
     with limit_of(2):
-        node, result = _within(2, lambda: local.launch("1.10.0"))
+        node, result = _within(2, lambda: local.launch_template(template))
     monkeypatch.undo()
     assert (node, result.error_code) == (None, OPResultErrorCode.TIMEOUT)
     assert "while starting worker version 1.10.0" in str(result.msg)
@@ -317,10 +318,11 @@ def test_an_engine_that_hangs_in_the_middle_of_a_launch_is_not_fatal(
     local.wait_until_ready()
 
 
-@pytest.mark.usefixtures("engine_server")
-def test_an_engine_that_ends_in_the_middle_of_a_call_gives_a_clear_error(tmp_path: Path) -> None:
+def test_an_engine_that_ends_in_the_middle_of_a_call_gives_a_clear_error(
+    engine_server: ContainerEngineServer, tmp_path: Path
+) -> None:
     """The call ends at once with what to look at; the next one says to start the engine."""
-    with ContainerEngineServer() as server, settings_of(tmp_path, local_settings(server, free_port())):
+    with type(engine_server)() as server, settings_of(tmp_path, local_settings(server, free_port())):
         server.hang()
         killer = threading.Timer(0.3, server.kill)
         killer.start()

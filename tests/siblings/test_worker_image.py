@@ -86,7 +86,7 @@ def test_the_command_imports_once_and_tags_the_other_versions(tmp_path: Path) ->
     """All versions are one image, under the configured name, on the configured engine."""
     with EngineApi() as api:
         api.answers["POST", "/images/create"] = (200, {"status": "sha256:0"})
-        api.answers["POST", "/images/acme/worker:1.0/tag"] = (201, None)
+        api.answers["POST", "/images/sha256:0/tag"] = (201, None)
         with settings_of(tmp_path, {"container": {"engine_url": api.url, "image": "acme/worker"}}):
             done = subprocess.run(
                 [sys.executable, "-m", "tovarincore.testing.worker_image", "1.0", "1.1"],
@@ -97,9 +97,12 @@ def test_the_command_imports_once_and_tags_the_other_versions(tmp_path: Path) ->
                 check=False,
             )
         assert (done.returncode, done.stdout) == (0, "acme/worker:1.0\nacme/worker:1.1\n"), done.stderr
-        imported, tagged = api.requests[1:]
-    assert (imported.query["repo"], imported.query["tag"]) == ("acme/worker", "1.0")
-    assert (tagged.query["repo"], tagged.query["tag"]) == ("acme/worker", "1.1")
+        imported, *tagged = api.requests[1:]
+    assert "repo" not in imported.query
+    assert [(tag.query["repo"], tag.query["tag"]) for tag in tagged] == [
+        ("acme/worker", "1.0"),
+        ("acme/worker", "1.1"),
+    ]
 
 
 def test_the_recipe_copies_files_that_exist_and_starts_the_same_worker() -> None:

@@ -9,6 +9,7 @@ websockets package and tovarincore's Python modules; nothing is downloaded. Linu
 from __future__ import annotations
 
 import argparse
+import json
 import os
 import re
 import subprocess
@@ -62,11 +63,11 @@ def import_worker_image(client: docker.APIClient, repository: str, versions: Seq
     with tempfile.NamedTemporaryFile(suffix=".tar") as archive:
         write_root_file_system(archive)
         archive.flush()
-        client.import_image_from_file(
-            archive.name, repository=repository, tag=versions[0], changes=list(_IMAGE_SETTINGS)
-        )
-    for version in versions[1:]:
-        client.tag(f"{repository}:{versions[0]}", repository, version)
+        answer = client.import_image_from_file(archive.name, changes=list(_IMAGE_SETTINGS))
+    # Named by its id: Podman does not heed the tag of an import, and lists names with a registry.
+    image_id = json.loads(answer.splitlines()[-1])["status"]
+    for version in versions:
+        client.tag(image_id, repository, version)
 
 
 def write_root_file_system(archive: IO[bytes]) -> None:

@@ -8,16 +8,18 @@ from typing import Any
 
 import pytest
 
-from stage.engine_fixtures import engine_server, local
+from stage.engine_fixtures import DOCKER, engine_server, local
 from stage.local_region import LocalRegion
 from stage.settings import settings_of
 from tests.command.conftest import Run
 
 __all__ = ["engine_server", "local"]
 
-pytestmark = pytest.mark.xdist_group("container engine")
+# The command does not see which engine it is.
+on_docker = pytest.mark.parametrize("engine_server", [DOCKER], indirect=True)
 
 
+@on_docker
 def test_a_container_lives_from_launch_to_termination(
     run: Run, run_json: Callable[..., Any], local: LocalRegion
 ) -> None:
@@ -37,6 +39,7 @@ def test_a_container_lives_from_launch_to_termination(
     assert run("list", "local").stdout == "No nodes in the region local.\n"
 
 
+@on_docker
 def test_images_are_listed_newest_first(run: Run, run_json: Callable[..., Any], local: LocalRegion) -> None:
     """The templates are the versions of the worker image, and the doctor names them."""
     assert [entry["version"] for entry in run_json("templates", "local")] == ["1.10.0", "1.9.0", "1.2.0"]
@@ -47,6 +50,7 @@ def test_images_are_listed_newest_first(run: Run, run_json: Callable[..., Any], 
     )
 
 
+@on_docker
 def test_another_version_needs_the_first_to_end(run: Run, local: LocalRegion) -> None:
     """There is one local container: the line says to terminate it first."""
     assert run("launch", "local", "--template", "1.9.0").exit_code == 0
