@@ -45,6 +45,8 @@ def settings_of(folder: Path, sections: Mapping[str, Any], **variables: str) -> 
     """
     configuration = folder / "core.toml"
     configuration.write_text(tomli_w.dumps(sections), encoding="utf-8")
+    # As files with secrets have to be.
+    configuration.chmod(0o600)
     values = {
         # Keeps the SDK away from the user's profiles and from the metadata service of a cloud machine.
         "AWS_CONFIG_FILE": str(folder / "aws-config"),

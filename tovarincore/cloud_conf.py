@@ -19,11 +19,11 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any
 
-from tovarincore._cloud_conf.store_entries import Entries, check_entries, check_entry
+from tovarincore._cloud_conf.store_entries import Entries, check_entry, check_name, hide_secrets
+from tovarincore._cloud_conf.store_file import read_entries, read_entries_again
 from tovarincore._config_files.errors import ConfigError
 from tovarincore._config_files.paths import configured_path
-from tovarincore._config_files.private_file import locked, read_private, write_private
-from tovarincore._config_files.toml_file import parse_toml
+from tovarincore._transport.masker import Secret, SecretBytes
 from tovarincore.cloud_def import AWSCloudAuth, CloudAuth, CloudRegion, K8sRegion
 
 __all__ = ["CloudConf", "CloudConfManager", "ConfigError"]
@@ -44,12 +44,16 @@ class CloudConf:
     user_name: str
     worker_token: str | None = field(default=None, repr=False)
 
+    def __post_init__(self) -> None:
+        if self.worker_token is not None:
+            self.worker_token = Secret(self.worker_token)
+
 
 class CloudConfManager:
     """Reads and writes the credential store. Making one reads nothing; a missing file is an empty store.
 
-    Every call reads the file, so what another process wrote is seen at once. Threads and processes may write
-    at the same time: each change is made on top of the others.
+    Every call looks at the file, so what another process wrote is seen at once. Threads and processes may
+    write at the same time: each change is made on top of the others.
     """
 
     @property
@@ -77,8 +81,10 @@ class CloudConfManager:
         """Store a region's configuration in place of what was stored for it.
 
         :raises ConfigError: the record is not allowed, the store cannot be read, written or locked, or it is
-            open to others than its owner; the stored entries are then as they were
+            open to others than its owner; the stored entries are then as they were, or the text says what
+            else is true
         """
+        check_name(region.name, "configuration of a region")
         entry = check_entry(region.cloud, _entry_of(region, conf), f"configuration of region {region.key}")
 
         def put(entries: Entries) -> None:
@@ -111,21 +117,22 @@ class CloudConfManager:
         ]
 
     def _read(self) -> Entries:
-        path = self.path
-        data = read_private(path)
-        return {} if data is None else check_entries(parse_toml(data, path), path)
+        return read_entries(self.path)
 
     def _change(self, change: Callable[[Entries], None]) -> None:
+        # Imported here: few programs write.
         import tomli_w
+
+        from tovarincore._config_files.private_file import locked, write_private
 
         path = self.path
         with locked(path):
-            entries = self._read()
+            entries = read_entries_again(path)
             change(entries)
             tables: dict[str, dict[str, Any]] = {}
             for (cloud, name), entry in sorted(entries.items()):
                 tables.setdefault(cloud, {})[name] = entry
-            write_private(path, tomli_w.dumps(tables).encode("utf-8"))
+            write_private(path, SecretBytes(tomli_w.dumps(tables).encode("utf-8")))
 
 
 def _entry_of(region: CloudRegion, conf: CloudConf) -> dict[str, Any]:
@@ -142,4 +149,6 @@ def _entry_of(region: CloudRegion, conf: CloudConf) -> dict[str, Any]:
             f"configuration of region {region.key}: cloud_auth is an AWSCloudAuth; allowed is None,"
             " since only regions of AWS have Amazon credentials"
         )
-    return {key: value for key, value in entry.items() if value is not None}
+    entry = {key: value for key, value in entry.items() if value is not None}
+    hide_secrets(entry)
+    return entry

@@ -5,19 +5,20 @@ Settings stand in one TOML file: the one that the environment variable ``TOVARIN
 overrides the file. Nothing is read before the first setting is asked for.
 """
 
-import fnmatch
 import logging
 import threading
 from collections.abc import Callable, Iterator
 from pathlib import Path
-from typing import Any, TypeVar
+from typing import TYPE_CHECKING, Any, TypeVar
 
 from tovarincore._config_files.errors import ConfigError
 from tovarincore._config_files.names import did_you_mean
 from tovarincore._config_files.paths import configured_path
 from tovarincore._core_conf.log_levels import LogLevels
-from tovarincore._core_conf.schema import SETTINGS, Setting
-from tovarincore._core_conf.settings import SETTINGS_BY_NAME, Settings, read_settings
+from tovarincore._core_conf.schema import SETTINGS, SETTINGS_BY_NAME, Setting
+
+if TYPE_CHECKING:
+    from tovarincore._core_conf.settings import Settings
 
 __all__ = [
     "ConfigError",
@@ -70,17 +71,8 @@ class CoreConf:
 
         :param node: a record with ``name``, ``uuid`` and ``dns_address``
         """
-        addresses = self._read().worker_addresses
-        if not addresses:
-            return None
         names = [name for name in (node.name, node.uuid, node.dns_address) if isinstance(name, str)]
-        for name in names:
-            if name in addresses:
-                return addresses[name]
-        for pattern, address in addresses.items():
-            if any(fnmatch.fnmatchcase(name, pattern) for name in names):
-                return address
-        return None
+        return self._read().worker_addresses.find(names)
 
     def derive(self, name: str, build: Callable[[], T]) -> T:
         """Return what ``build`` makes of the settings; it is called once for every reading of them.
@@ -104,9 +96,12 @@ class CoreConf:
             self._settings = None
             self.derived = {}
 
-    def _read(self) -> Settings:
+    def _read(self) -> "Settings":
         settings = self._settings
         if settings is None:
+            # Imported here: importing the package reads no settings.
+            from tovarincore._core_conf.settings import read_settings
+
             with self._lock:
                 settings = self._settings
                 if settings is None:

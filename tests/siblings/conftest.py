@@ -15,7 +15,11 @@ __all__ = ["kube", "kube_api", "shared_kube_api"]
 
 @pytest.fixture(autouse=True)
 def conf_file(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Iterator[Path]:
-    """The configuration file of the test, which does not exist yet; no variable of the product is set."""
+    """The configuration file of the test, which does not exist yet; no variable of the product is set.
+
+    Files that the test makes are its user's alone, as those with secrets have to be.
+    """
+    mask = os.umask(0o077)
     for variable in [name for name in os.environ if name.startswith("TOVARIN_")]:
         monkeypatch.delenv(variable)
     path = tmp_path / "core.toml"
@@ -23,4 +27,5 @@ def conf_file(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Iterator[Path]
     monkeypatch.setenv("TOVARIN_CLOUD_CONF", str(tmp_path / "cloud.toml"))
     core_conf_glbl.reload()
     yield path
+    os.umask(mask)
     core_conf_glbl.reload()

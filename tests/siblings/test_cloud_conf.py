@@ -64,7 +64,7 @@ class TestStoring:
         [
             pytest.param(AWS, CloudConf(AWSCloudAuth("work"), "ada"), id="profile"),
             pytest.param(AWS, CloudConf(AWSCloudAuth("", "id", "key", "session"), "ada", "token"), id="keys"),
-            pytest.param(AWS, CloudConf(AWSCloudAuth(), 'Ad\u00e4 "L" \\ \''), id="odd name"),
+            pytest.param(AWS, CloudConf(AWSCloudAuth(), 'Ad\u00e4 "L" [\''), id="odd name"),
             pytest.param(CloudRegion('odd. "name"', "AWS"), CloudConf(AWSCloudAuth(), "a"), id="odd region"),
             pytest.param(LAB, CloudConf(None, "", "token"), id="kubernetes"),
             pytest.param(CloudRegion("local", "local"), CloudConf(None, "ada"), id="local"),
@@ -135,14 +135,16 @@ class TestPrivacy:
         assert (seen, mode_of(store), mode_of(store.with_name("cloud.toml.lock"))) == ([0o600], 0o600, 0o600)
 
     @pytest.mark.parametrize("mode", [0o640, 0o604, 0o644, 0o660, 0o602, 0o700])
-    def test_a_wider_mode_is_refused_with_the_command_that_mends_it(self, tmp_path: Path, mode: int) -> None:
+    def test_a_wider_mode_is_refused_with_the_command_that_corrects_it(
+        self, tmp_path: Path, mode: int
+    ) -> None:
         """For reading and for writing; the command takes a path with blanks."""
         path = tmp_path / "my store.toml"
         write(path, f'[k8s.lab]\nworker_token = "{MARKER}"\n', mode)
         with pytest.MonkeyPatch.context() as patch:
             patch.setenv("TOVARIN_CLOUD_CONF", str(path))
             assert f"has mode {mode:04o}" in refusal(path)
-            assert refusal(path).endswith(f"mend it with: chmod 600 '{path}'")
+            assert refusal(path).endswith(f"correct it with: chmod 600 '{path}'")
             with pytest.raises(ConfigError, match="chmod 600"):
                 CloudConfManager().set_cloud_conf(LAB, CloudConf(None, "", "t"))
         assert MARKER in path.read_text()

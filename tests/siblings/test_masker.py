@@ -76,14 +76,14 @@ def test_a_living_secret_is_masked_in_every_form(form: str) -> None:
 
 def test_a_secret_that_nobody_holds_is_forgotten() -> None:
     """The masker keeps no secret in memory that its owner has dropped."""
-    secret = Secret("abandon")
-    twin = Secret("abandon")
+    secret = Secret("abandon-7")
+    twin = Secret("abandon-7")
     del secret
     gc.collect()
-    assert mask("abandon") == "***"
+    assert mask("abandon-7") == "***"
     del twin
     gc.collect()
-    assert mask("abandon") == "abandon"
+    assert mask("abandon-7") == "abandon-7"
     assert all(reference() is not None for reference in list(masker._living.values()))
 
 
@@ -107,9 +107,9 @@ def test_the_lines_and_the_login_of_a_secret_are_secret_too() -> None:
 
 
 def test_a_very_short_secret_spoils_no_words() -> None:
-    """Three characters are no secret."""
-    secret = Secret("not")
-    assert mask("not a note") == "not a note" and secret
+    """Three characters are no secret, nor is a word such as "token"."""
+    secrets = [Secret("no7"), Secret("token")]
+    assert mask("no7 is the token") == "no7 is the token" and secrets
 
 
 @pytest.mark.parametrize(
@@ -150,7 +150,7 @@ def test_an_exception_is_masked_by_its_text() -> None:
 @given(st.text(), st.text(min_size=4, alphabet=st.characters(min_codepoint=33, max_codepoint=0x2FFF)))
 def test_masking_twice_changes_nothing_more(text: str, value: str) -> None:
     """And whatever stands around a secret, it is gone."""
-    if set(value) <= set("*"):
+    if set(value) <= set("*") or value.isalpha():
         return
     secret = Secret(value)
     masked = mask(f"{text}{secret} {text}")

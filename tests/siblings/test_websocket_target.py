@@ -155,10 +155,12 @@ def test_a_proxy_needs_both_settings(configure: Configure, enabled: bool, use_pr
     assert read_target(node_at("10.0.0.1")).proxy is None
 
 
-@pytest.mark.parametrize("url", ["http://:80", "http://host:99999", "http://[::1"])
+@pytest.mark.parametrize("url", ["http://:80", "http://u:pw@host:99999", "http://[::1", "http://h:0"])
 def test_a_proxy_url_that_names_none_is_an_error_of_the_configuration(configure: Configure, url: str) -> None:
     """The text says what is allowed, without showing the login that may stand in the value."""
     configure(worker={"use_proxy": True}, proxy={"enabled": True, "http": url})
-    with pytest.raises(ConfigError, match=r"\[proxy\] names no proxy") as caught:
+    with pytest.raises(
+        ConfigError, match=r"\[proxy\] http: .* of the form http://host:port, with a port up to 65535"
+    ) as caught:
         read_target(node_at("10.0.0.1"))
     assert url not in str(caught.value)

@@ -2,6 +2,8 @@
 
 from dataclasses import dataclass, field
 
+from tovarincore._transport.masker import Secret
+
 __all__ = ["AWSCloudAuth", "CloudAuth"]
 
 
@@ -14,7 +16,8 @@ class CloudAuth:
 class AWSCloudAuth(CloudAuth):
     """Credentials for Amazon: a named profile of the local Amazon configuration, or keys.
 
-    With neither, the SDK looks for credentials in its own places. The ``repr`` shows the profile alone.
+    With neither, the SDK looks for credentials in its own places. The ``repr`` shows the profile alone, and
+    the keys are texts of a type whose own ``repr`` is masked.
 
     :param aws_profile: name of a profile; wins over the keys when it is not empty
     :param aws_access_key_id: id of an access key
@@ -26,3 +29,9 @@ class AWSCloudAuth(CloudAuth):
     aws_access_key_id: str | None = field(default=None, repr=False)
     aws_secret_access_key: str | None = field(default=None, repr=False)
     aws_session_token: str | None = field(default=None, repr=False)
+
+    def __post_init__(self) -> None:
+        for name in ("aws_access_key_id", "aws_secret_access_key", "aws_session_token"):
+            value = getattr(self, name)
+            if isinstance(value, str):
+                setattr(self, name, Secret(value))

@@ -5,7 +5,7 @@ from pathlib import Path
 from typing import Any, Optional
 
 from tovarincore._config_files.errors import ConfigError
-from tovarincore._config_files.names import did_you_mean
+from tovarincore._config_files.names import did_you_mean, shown_value
 from tovarincore._config_files.toml_file import parse_toml, read_named_toml, require_section
 from tovarincore.core_conf import core_conf_glbl
 
@@ -103,7 +103,7 @@ def _types_of(tables: dict[str, Any], path: Path) -> dict[str, CloudInstanceType
 def _type_of(name: str, entry: object, source: str) -> CloudInstanceTypeDef:
     if not isinstance(entry, dict):
         raise ConfigError(
-            f"{source}: {entry!r} is not allowed;"
+            f"{source}: {shown_value(entry)} is not allowed;"
             " allowed is { cpu_count = 2, memory_mib = 4096 }, after a type name in quotes"
         )
     for key, value in entry.items():
@@ -117,7 +117,7 @@ def _type_of(name: str, entry: object, source: str) -> CloudInstanceTypeDef:
         fits = type(value) is kind and (least is None or value >= least)
         if not fits:
             allowed = "a text" if least is None else f"a whole number of at least {least}"
-            raise ConfigError(f"{source}: {key} {value!r} is not allowed; allowed is {allowed}")
+            raise ConfigError(f"{source}: {key} {shown_value(value)} is not allowed; allowed is {allowed}")
     for key in ("cpu_count", "memory_mib"):
         if key not in entry:
             raise ConfigError(f"{source}: {key} is missing")

@@ -6,7 +6,7 @@ from typing import Any
 
 from tovarincore._cloud_def.regions import CloudRegion, K8sRegion
 from tovarincore._config_files.errors import ConfigError
-from tovarincore._config_files.names import did_you_mean
+from tovarincore._config_files.names import did_you_mean, shown_value
 from tovarincore._config_files.toml_file import read_named_toml, require_section
 
 __all__ = ["is_sdk_installed", "regions_from_file", "regions_from_sdk"]
@@ -83,7 +83,7 @@ def _region(entry: dict[str, Any], source: str, path: Path) -> CloudRegion:
     cloud = entry.get("cloud")
     if not isinstance(cloud, str) or cloud not in _KEYS:
         raise ConfigError(
-            f'{source}: cloud {cloud!r} is not allowed; allowed is "AWS" or "k8s"'
+            f'{source}: cloud {shown_value(cloud)} is not allowed; allowed is "AWS" or "k8s"'
             " (the local region always exists)"
         )
     keys = _KEYS[cloud]
@@ -94,10 +94,18 @@ def _region(entry: dict[str, Any], source: str, path: Path) -> CloudRegion:
             )
         if type(value) is not keys[key]:
             raise ConfigError(
-                f"{source}: {key} {value!r} is not allowed; allowed is {_KIND_NAMES[keys[key]]}"
+                f"{source}: {key} {shown_value(value)} is not allowed; allowed is {_KIND_NAMES[keys[key]]}"
             )
     if not entry.get("name"):
         raise ConfigError(f"{source}: name is missing; allowed is a text that is not empty")
+    # Imported here: only who has a regions file needs it.
+    from tovarincore._transport.gate import RefusedName, check_namespace, check_region_name
+
+    try:
+        check_region_name(entry["name"])
+        check_namespace(entry.get("namespace", "default"))
+    except RefusedName as refusal:
+        raise ConfigError(f"{source}: {refusal}") from None
     if cloud == "AWS":
         return CloudRegion(**entry)
     kubeconfig = entry.get("kubeconfig", "")

@@ -4,54 +4,42 @@ import contextlib
 import errno
 import fcntl
 import os
-import shlex
+import re
 import stat
 import time
 from collections.abc import Iterator
 from pathlib import Path
 
 from tovarincore._config_files.errors import ConfigError
+from tovarincore._config_files.privacy import require_private, require_safe_folder
+from tovarincore._config_files.reading import read_file
+from tovarincore._transport.masker import SecretBytes
 
 __all__ = ["locked", "read_private", "write_private"]
 
 _LOCK_SECONDS = 10.0
 
 
-def read_private(path: Path) -> bytes | None:
+def read_private(path: Path) -> SecretBytes | None:
     """Return the file's bytes, or ``None`` when there is no such file.
 
-    :raises ConfigError: the file may be read or written by others, or cannot be read
+    :raises ConfigError: the file may be read, written or replaced by others, or cannot be read
     """
-    try:
-        # O_NONBLOCK: a pipe in the file's place is refused below rather than waited for.
-        descriptor = os.open(path, os.O_RDONLY | os.O_CLOEXEC | os.O_NONBLOCK)
-    except (FileNotFoundError, NotADirectoryError):
+    read = read_file(path)
+    if read is None:
         return None
-    except OSError as error:
-        raise ConfigError(f"{path}: cannot be read: {error.strerror}") from error
-    try:
-        # The open file is looked at, not the name, which may lead elsewhere by now.
-        _require_private(os.fstat(descriptor).st_mode, path)
-        with open(descriptor, "rb", closefd=False) as file:
-            return file.read()
-    finally:
-        os.close(descriptor)
-
-
-def _require_private(mode: int, path: Path) -> None:
-    if not stat.S_ISREG(mode):
-        raise ConfigError(f"{path}: is not a file; move it away or name another one")
-    if stat.S_IMODE(mode) & ~0o600:
-        raise ConfigError(
-            f"{path}: has mode {stat.S_IMODE(mode):04o}, but it holds credentials and may be open to its"
-            f" owner alone; mend it with: chmod 600 {shlex.quote(str(path))}"
-        )
+    data, status = read
+    require_private(status, path)
+    return data
 
 
 def write_private(path: Path, data: bytes) -> None:
     """Replace the file as a whole: readers see the old bytes or the new, also after a crash.
 
-    :raises ConfigError: the file cannot be written; the old one is then as it was
+    Whoever replaces a file holds its lock (:func:`locked`).
+
+    :raises ConfigError: the file cannot be written, the old one is then as it was; or it is written, but a
+        power failure could bring the old one back, which the text then says
     """
     # Imported here: few programs write.
     import tempfile
@@ -59,10 +47,11 @@ def write_private(path: Path, data: bytes) -> None:
     # A link stays a link: the file that it leads to is replaced.
     target = Path(os.path.realpath(path))
     try:
-        # mkstemp opens with mode 0600: there is no moment at which others could read.
         descriptor, temporary = tempfile.mkstemp(prefix=f".{target.name}.", dir=target.parent)
         try:
             with open(descriptor, "wb") as file:
+                # mkstemp asks for 0600, so others could never read; the process's mask may have taken more.
+                os.fchmod(descriptor, 0o600)
                 file.write(data)
                 file.flush()
                 os.fsync(descriptor)
@@ -71,36 +60,87 @@ def write_private(path: Path, data: bytes) -> None:
             with contextlib.suppress(FileNotFoundError):
                 os.unlink(temporary)
             raise
-        directory = os.open(target.parent, os.O_RDONLY | os.O_DIRECTORY | os.O_CLOEXEC)
-        try:
-            os.fsync(directory)
-        finally:
-            os.close(directory)
     except OSError as error:
         raise ConfigError(f"{path}: cannot be written: {error.strerror}") from error
+    try:
+        _sync_folder(target.parent)
+    except OSError as error:
+        raise ConfigError(
+            f"{path}: is written, but its folder cannot be synchronised ({error.strerror}): after a power"
+            " failure the old content could be back; check the disk"
+        ) from error
+
+
+def _sync_folder(folder: Path) -> None:
+    descriptor = os.open(folder, os.O_RDONLY | os.O_DIRECTORY | os.O_CLOEXEC)
+    try:
+        os.fsync(descriptor)
+    finally:
+        os.close(descriptor)
 
 
 @contextlib.contextmanager
 def locked(path: Path) -> Iterator[None]:
     """Hold the lock of a file for reading, changing and writing it, among threads and processes.
 
-    The directory is made when it is missing. The lock is a file beside the one that it protects, since that
-    one is replaced; it stays there.
+    A missing folder is made, for its owner alone. The lock is a file beside the one that it protects, since
+    that one is replaced; it stays there. What a killed writer left behind is removed.
 
-    :raises ConfigError: the lock cannot be had within ten seconds, or its file cannot be made
+    :raises ConfigError: the lock cannot be acquired within ten seconds, its file cannot be made or is not the
+        user's own, or others could replace the file
     """
-    lock_path = Path(os.path.realpath(path) + ".lock")
+    target = Path(os.path.realpath(path))
+    lock_path = Path(f"{target}.lock")
     try:
-        lock_path.parent.mkdir(mode=0o700, parents=True, exist_ok=True)
-        descriptor = os.open(lock_path, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o600)
+        _make_folder(target.parent)
+        require_safe_folder(path)
+        # O_NOFOLLOW: a link in the lock's place could lead to any file.
+        flags = os.O_RDWR | os.O_CREAT | os.O_CLOEXEC | os.O_NOFOLLOW | os.O_NONBLOCK
+        descriptor = os.open(lock_path, flags, 0o600)
     except OSError as error:
-        raise ConfigError(f"{lock_path}: cannot be made: {error.strerror}") from error
+        why = "it is a symbolic link; remove it" if error.errno == errno.ELOOP else error.strerror
+        raise ConfigError(f"{lock_path}: cannot be made: {why}") from error
     try:
+        _require_own(descriptor, lock_path)
         _wait_for_lock(descriptor, lock_path)
+        _sweep(target)
         yield
     finally:
         # Closing the description gives the lock up.
         os.close(descriptor)
+
+
+def _make_folder(folder: Path) -> None:
+    """Make a folder and those above it, each open to its owner alone whatever the process's mask says."""
+    if folder.is_dir():
+        return
+    if not folder.parent.is_dir():
+        _make_folder(folder.parent)
+    try:
+        os.mkdir(folder, 0o700)
+    except FileExistsError:
+        if not folder.is_dir():
+            raise
+    else:
+        os.chmod(folder, 0o700)
+
+
+def _require_own(descriptor: int, lock_path: Path) -> None:
+    status = os.fstat(descriptor)
+    if not stat.S_ISREG(status.st_mode) or status.st_uid not in (os.geteuid(), 0):
+        raise ConfigError(f"{lock_path}: is not a file of your own; remove it")
+    if status.st_uid == os.geteuid() and stat.S_IMODE(status.st_mode) != 0o600:
+        os.fchmod(descriptor, 0o600)
+
+
+def _sweep(target: Path) -> None:
+    """Remove the temporary files of writers that were killed; with the lock held there are no others."""
+    temporary = re.compile(rf"\.{re.escape(target.name)}\.[a-z0-9_]{{8}}")
+    with contextlib.suppress(OSError):
+        for entry in list(os.scandir(target.parent)):
+            if temporary.fullmatch(entry.name) and entry.is_file(follow_symlinks=False):
+                with contextlib.suppress(OSError):
+                    os.unlink(entry)
 
 
 def _wait_for_lock(descriptor: int, lock_path: Path) -> None:

@@ -7,6 +7,7 @@ from typing import Any
 
 from tovarincore._config_files.errors import ConfigError
 from tovarincore._config_files.names import did_you_mean
+from tovarincore._config_files.reading import read_file
 
 __all__ = ["parse_toml", "read_named_toml", "read_toml", "require_section"]
 
@@ -16,13 +17,8 @@ def read_toml(path: Path) -> dict[str, Any] | None:
 
     :raises ConfigError: the file cannot be read or is not TOML
     """
-    try:
-        data = path.read_bytes()
-    except FileNotFoundError:
-        return None
-    except OSError as error:
-        raise ConfigError(f"{path}: cannot be read: {error.strerror}") from error
-    return parse_toml(data, path)
+    read = read_file(path)
+    return None if read is None else parse_toml(read[0], path)
 
 
 def read_named_toml(path: Path, setting: str) -> dict[str, Any]:
@@ -69,4 +65,9 @@ def parse_toml(data: bytes, path: Path) -> dict[str, Any]:
     except tomllib.TOMLDecodeError as error:
         place = re.search(r"\(at ([^()]*)\)$", str(error))
         problem = "is not valid TOML" + (f" at {place.group(1)}" if place else "")
+    except RecursionError:
+        problem = "is nested too deeply"
+    except ValueError:
+        # The interpreter's own limits: numbers of thousands of digits, dates that no calendar has.
+        problem = "holds a number or date that cannot be read"
     raise ConfigError(f"{path}: {problem}")

@@ -3,7 +3,7 @@
 from dataclasses import dataclass
 from typing import Any
 
-__all__ = ["SETTINGS", "WORKER_ADDRESSES", "Setting"]
+__all__ = ["SETTINGS", "SETTINGS_BY_NAME", "WORKER_ADDRESSES", "Setting"]
 
 WORKER_ADDRESSES = "worker_addresses"
 """The one section whose keys the user chooses."""
@@ -13,10 +13,10 @@ WORKER_ADDRESSES = "worker_addresses"
 class Setting:
     """One setting: a row of the table.
 
-    ``kind`` is ``bool``, ``int``, ``float`` (a whole number will do), ``str`` or, for the section whose keys
-    the user chooses, ``dict``. ``allowed`` lists the only values, ``minimum`` and ``maximum`` are inclusive,
-    ``form`` names a check of ``_core_conf.values`` for texts. The value of a ``secret`` setting is never
-    shown.
+    ``kind`` is ``bool``, ``int``, ``float`` (a whole number becomes one, unless it ``keeps_whole``), ``str``
+    or, for the section whose keys the user chooses, ``dict``. ``allowed`` lists the only values, ``minimum``
+    and ``maximum`` are inclusive, ``form`` names a check of ``_core_conf.values`` for texts. The value of a
+    ``secret`` setting is never shown.
     """
 
     section: str
@@ -30,6 +30,7 @@ class Setting:
     maximum: float | None = None
     form: str = ""
     secret: bool = False
+    keeps_whole: bool = False
 
     @property
     def name(self) -> str:
@@ -57,9 +58,9 @@ SETTINGS: tuple[Setting, ...] = (
     Setting("proxy", "https", str, "", "Proxy for https; empty means the one for http.",
             form="proxy_url", secret=True),
 
-    Setting("development_settings", "profiler_node_second", int, 0,
-            "Let launched nodes run a profiler for this long and then quit; 0 means no profiler.",
-            unit="seconds", minimum=0),
+    Setting("development_settings", "profiler_node_second", float, 0.0,
+            "Let launched nodes run a profiler for this long and then quit; 0 or less means no profiler.",
+            unit="seconds", keeps_whole=True),
 
     Setting("logging", "level", str, "WARNING", "Level of the logger tovarincore.",
             allowed=("DEBUG", "INFO", "WARNING", "ERROR", "CRITICAL")),
@@ -119,3 +120,5 @@ SETTINGS: tuple[Setting, ...] = (
             "TOML file with instance types that extend or replace those shipped with the product."),
 )
 # fmt: on
+
+SETTINGS_BY_NAME: dict[str, Setting] = {row.name: row for row in SETTINGS if row.section != WORKER_ADDRESSES}

@@ -7,19 +7,47 @@ from collections.abc import Callable
 from typing import Any
 
 from tovarincore._config_files.errors import ConfigError
+from tovarincore._config_files.names import shown_value
 from tovarincore._core_conf.schema import Setting
+from tovarincore._transport.masker import Secret
 
 __all__ = ["check_address", "check_value", "from_variable"]
 
 _KIND_NAMES = {bool: "true or false", int: "a whole number", float: "a number", str: "a text"}
+# A secret text has a type of its own.
+_TYPES: dict[tuple[type, bool], tuple[type, ...]] = {
+    (bool, False): (bool,),
+    (int, False): (int,),
+    (float, False): (float,),
+    (float, True): (int, float),
+    (str, False): (str, Secret),
+}
 _TRUE = ("true", "1", "yes", "on")
 _FALSE = ("false", "0", "no", "off")
 
+
+def _is_proxy(text: str) -> bool:
+    if not text:
+        return True
+    from urllib.parse import urlsplit
+
+    if not re.fullmatch(r"https?://[^\s/]+/?", text):
+        return False
+    try:
+        url = urlsplit(text)
+        return bool(url.hostname) and url.port != 0
+    except ValueError:
+        return False
+
+
 _FORMS: dict[str, tuple[Callable[[str], object], str]] = {
     "not_empty": (lambda text: text.strip(), "a text that is not empty"),
-    "url_path": (re.compile(r"/[!-~]*").fullmatch, "a path that begins with / and holds no blanks"),
-    "token": (re.compile(r"[!-~]*").fullmatch, "printable ASCII characters without blanks"),
-    "proxy_url": (re.compile(r"|https?://[^\s/]+/?").fullmatch, "empty or of the form http://host:port"),
+    "url_path": (
+        lambda text: re.fullmatch(r"/[!-~]*", text),
+        "a path that begins with / and holds no blanks",
+    ),
+    "token": (lambda text: re.fullmatch(r"[!-~]*", text), "printable ASCII characters without blanks"),
+    "proxy_url": (_is_proxy, "empty or of the form http://host:port, with a port up to 65535"),
 }
 
 
@@ -31,13 +59,20 @@ def check_value(setting: Setting, value: object, source: str) -> Any:
     :param source: file and key, or variable, for the error's text
     :raises ConfigError: wrong type, out of range or not one of the allowed values
     """
-    if setting.kind is float and type(value) is int:
-        value = float(value)
+    if setting.kind is float and type(value) is int and not setting.keeps_whole:
+        value = _as_float(value)
     # Exact types: a bool is an int to isinstance.
-    if type(value) is not setting.kind or not _fits(setting, value):
-        shown = "the value given (not shown)" if setting.secret else repr(value)
+    if type(value) not in _TYPES[setting.kind, setting.keeps_whole] or not _fits(setting, value):
+        shown = "the value given (not shown)" if setting.secret else shown_value(value)
         raise ConfigError(f"{source}: {shown} is not allowed; allowed is {_allowed_text(setting)}")
     return value
+
+
+def _as_float(value: int) -> float:
+    try:
+        return float(value)
+    except OverflowError:
+        return math.inf
 
 
 def _fits(setting: Setting, value: Any) -> bool:
@@ -73,11 +108,11 @@ def from_variable(setting: Setting, text: str) -> object:
     if setting.kind is bool:
         folded = text.strip().lower()
         return True if folded in _TRUE else False if folded in _FALSE else text
-    if setting.kind in (int, float):
+    for number in () if setting.kind is str else _TYPES[setting.kind, setting.keeps_whole]:
         try:
-            return setting.kind(text)
+            return number(text)
         except ValueError:
-            return text
+            continue
     return text
 
 
@@ -97,8 +132,8 @@ def check_address(value: object, source: str) -> tuple[str, int]:
         or (match.group(1) and not _is_ipv6(match.group(1)))
     ):
         raise ConfigError(
-            f'{source}: {value!r} is not allowed; allowed is "host:port" with a port from 1 to 65535,'
-            f' an IPv6 address in brackets: "[::1]:8855"'
+            f'{source}: {shown_value(value)} is not allowed; allowed is "host:port" with a port from 1 to'
+            f' 65535, an IPv6 address in brackets: "[::1]:8855"'
         )
     return match.group(1) or match.group(2), int(match.group(3))
 

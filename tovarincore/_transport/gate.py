@@ -23,15 +23,23 @@ _SHOWN_CHARACTERS = 80
 # EC2 reads these in the value of a filter: a user named "*" would be every user.
 _PATTERN_CHARACTERS = "*?\\"
 
-_LABEL_VALUE = re.compile(r"[A-Za-z0-9](?:[A-Za-z0-9._-]{0,61}[A-Za-z0-9])?")
-_DNS_LABEL = re.compile(r"[a-z0-9](?:[a-z0-9-]{0,61}[a-z0-9])?")
-_INSTANCE_ID = re.compile(r"[A-Za-z0-9][A-Za-z0-9._-]{0,252}")
-_IMAGE_TAG = re.compile(r"[A-Za-z0-9_][A-Za-z0-9._-]{0,127}")
-_KEY_NAME = re.compile(r"[!-~](?:[ -~]{0,253}[!-~])?")
+_LABEL_VALUE = r"[A-Za-z0-9](?:[A-Za-z0-9._-]{0,61}[A-Za-z0-9])?"
+_DNS_LABEL = r"[a-z0-9](?:[a-z0-9-]{0,61}[a-z0-9])?"
+_INSTANCE_ID = r"[A-Za-z0-9][A-Za-z0-9._-]{0,252}"
+_IMAGE_TAG = r"[A-Za-z0-9_][A-Za-z0-9._-]{0,127}"
+_KEY_NAME = r"[!-~](?:[ -~]{0,253}[!-~])?"
 
 
 class RefusedName(ValueError):
-    """A text cannot be used as the name it was given for; the message says what is allowed."""
+    """A text cannot be used as the name it was given for; the message says what is allowed.
+
+    :param message: the whole message
+    :param allowed: its part behind "allowed are", for messages that must not show the text
+    """
+
+    def __init__(self, message: str, allowed: str = "") -> None:
+        super().__init__(message)
+        self.allowed = allowed
 
 
 def check_user_name(text: str) -> str:
@@ -117,8 +125,9 @@ def check_node_name(text: str) -> str:
     return text
 
 
-def _matches(pattern: re.Pattern[str], text: object) -> bool:
-    return isinstance(text, str) and pattern.fullmatch(text) is not None
+def _matches(pattern: str, text: object) -> bool:
+    # Compiled when it is first used, and kept by the module.
+    return isinstance(text, str) and re.fullmatch(pattern, text) is not None
 
 
 def _is_readable(text: object, most: int, without: str) -> bool:
@@ -128,12 +137,13 @@ def _is_readable(text: object, most: int, without: str) -> bool:
         and 0 < len(text) <= most
         and text.isprintable()
         and text == text.strip()
+        and text not in (".", "..")
         and not any(sign in text for sign in without)
     )
 
 
 def _refuse(text: object, what: str, allowed: str) -> NoReturn:
     if not isinstance(text, str):
-        raise RefusedName(f"a {type(text).__name__} cannot be {what}; allowed is a text: {allowed}")
+        raise RefusedName(f"a {type(text).__name__} cannot be {what}; allowed are {allowed}", allowed)
     shown = text if len(text) <= _SHOWN_CHARACTERS else text[:_SHOWN_CHARACTERS] + "..."
-    raise RefusedName(f"{ascii(shown)} cannot be {what}; allowed are {allowed}")
+    raise RefusedName(f"{ascii(shown)} cannot be {what}; allowed are {allowed}", allowed)

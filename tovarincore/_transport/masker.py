@@ -1,18 +1,15 @@
 """The one masker: no text of a library or a peer is shown or logged before its secrets are taken out."""
 
-import re
 import threading
 import weakref
 from collections import OrderedDict
 from collections.abc import Iterator
 from typing import Any
 
-__all__ = ["Secret", "know_secret", "mask", "mask_start"]
+__all__ = ["Secret", "SecretBytes", "know_secret", "mask", "mask_start"]
 
-_MASK = "***"
-
-# A shorter text would be found inside of ordinary words.
-_LEAST_CHARACTERS = 4
+# A shorter text would be found inside of ordinary words, as would a longer one of letters alone.
+_LEAST_CHARACTERS, _LEAST_LETTERS = 4, 8
 _LEAST_LINE_CHARACTERS = 8
 _REMEMBERED = 256
 _LONGEST_SECRET = 4096
@@ -33,6 +30,8 @@ class Secret(str):
     _forms: tuple[str, ...]
 
     def __new__(cls, value: str = "") -> "Secret":
+        if type(value) is cls:
+            return value
         secret = super().__new__(cls, value)
         key, living = id(secret), _living
         living[key] = weakref.ref(secret, lambda _: living.pop(key, None))
@@ -48,7 +47,7 @@ class Secret(str):
             return self._forms
 
     def __repr__(self) -> str:
-        return f"'{_MASK}'"
+        return "'***'"
 
     def __copy__(self) -> "Secret":
         return self
@@ -60,13 +59,20 @@ class Secret(str):
         return Secret, (str.__str__(self),)
 
 
+class SecretBytes(bytes):
+    """Bytes that hold secrets somewhere, such as a file's: their ``repr`` shows nothing of them."""
+
+    def __repr__(self) -> str:
+        return f"<{len(self)} bytes, not shown>"
+
+
 def know_secret(value: str) -> Secret:
     """Let :func:`mask` know a secret for longer than its holder lives: the last 256 of these are remembered.
 
     :param value: a token, a password, a key
     :return: the same text, of the type whose ``repr`` is masked
     """
-    secret = value if isinstance(value, Secret) else Secret(value)
+    secret = Secret(value)
     with _remembered_lock:
         _remembered[secret] = secret
         _remembered.move_to_end(secret)
@@ -84,12 +90,13 @@ def mask(text: object) -> str:
 
     :param text: any text, or an object whose text is meant, such as an exception
     """
+    # Imported here: its patterns take longer to compile than the rest of the package to import.
+    from tovarincore._transport.secret_patterns import MASK, mask_what_looks_secret
+
     masked = str(text)
     for form in _known_forms(masked):
-        masked = masked.replace(form, _MASK)
-    for pattern, replacement in _LOOKS_SECRET:
-        masked = pattern.sub(replacement, masked)
-    return masked
+        masked = masked.replace(form, MASK)
+    return mask_what_looks_secret(masked)
 
 
 def mask_start(text: object, characters: int) -> str:
@@ -125,7 +132,7 @@ def _forms(value: str) -> Iterator[str]:
     from urllib.parse import quote, quote_plus
 
     for part in _parts(value):
-        if len(part) < _LEAST_CHARACTERS:
+        if len(part) < (_LEAST_LETTERS if part.isalpha() else _LEAST_CHARACTERS):
             continue
         yield part
         yield quote(part, safe="", errors="replace")
@@ -150,49 +157,3 @@ def _parts(value: str) -> Iterator[str]:
         for text in (login, unquote(login)):
             yield text
             yield text.partition(":")[2]
-
-
-def _login_or_text(match: "re.Match[str]") -> str:
-    import base64
-
-    try:
-        login = base64.b64decode(match[2] + "===")
-    except ValueError:
-        return match[0]
-    return f"{match[1]}{_MASK}" if b":" in login else match[0]
-
-
-_LOOKS_SECRET: tuple[tuple["re.Pattern[str]", Any], ...] = (
-    (re.compile(r"-----BEGIN [^-\n]*-----.*?(?:-----END [^-\n]*-----|\Z)", re.DOTALL), _MASK),
-    # Up to the last @ before a blank, a quote or the next URL: a password may hold @ and / as they are.
-    (re.compile(r"://(?:(?!://)[^\s\"<>])*@"), f"://{_MASK}@"),
-    # A header's line, an item of a dictionary, or a pair of a list of headers.
-    (
-        re.compile(r"(authorization(?:\s*[:=]|[\"']\s*[:=,])\s*(?:b?[\"'])?)[^\"'\r\n]+", re.IGNORECASE),
-        rf"\g<1>{_MASK}",
-    ),
-    (
-        re.compile(r"\b(bearer\s+)(?!(?:tokens?|auth\w*)(?:[\s.,;:)]|$))[^\s\"',;*]{4,}", re.IGNORECASE),
-        rf"\g<1>{_MASK}",
-    ),
-    (re.compile(r"\b(basic\s+)([A-Za-z0-9+/_-]{4,})={0,2}", re.IGNORECASE), _login_or_text),
-    (re.compile(r"(?<![A-Za-z0-9_-])eyJ[A-Za-z0-9_-]{5,}\.[A-Za-z0-9_-]{5,}(?:\.[A-Za-z0-9_-]*)?"), _MASK),
-    # Ids of access keys, and secret keys: forty characters that are neither a word nor a hexadecimal digest.
-    (re.compile(r"\b(?:AKIA|ASIA)[A-Z0-9]{12,}\b"), _MASK),
-    (
-        re.compile(
-            r"(?<![A-Za-z0-9+/=_-])(?=[^\s]{0,39}[A-Z])(?=[^\s]{0,39}[a-z])(?=[^\s]{0,39}[0-9])"
-            r"[A-Za-z0-9+/]{40}(?![A-Za-z0-9+/=_-])"
-        ),
-        _MASK,
-    ),
-    (
-        re.compile(
-            r"((?:passw(?:or)?d|secret(?:_?access_?key)?|token|api_?key|private_?key|key_?material|"
-            r"x-amz-(?:credential|signature))"
-            r"[\"']?\s*[=:]\s*(?:b?[\"'])?)(?!\*\*\*)[^\s\"',;&<>]{8,}",
-            re.IGNORECASE,
-        ),
-        rf"\g<1>{_MASK}",
-    ),
-)

@@ -5,7 +5,6 @@ import os
 import socket
 import threading
 from collections import deque
-from dataclasses import dataclass, field
 
 from tovarincore._transport.deadline import Deadline
 from tovarincore._transport.failure import Failure
@@ -20,13 +19,15 @@ SocketAddress = tuple[socket.AddressFamily, str, int]
 """Family, numeric address and port."""
 
 
-@dataclass(eq=False)
 class _Lookup:
-    host: str
-    waiters: int = 0
-    done: threading.Event = field(default_factory=threading.Event)
-    addresses: list[tuple[socket.AddressFamily, str]] = field(default_factory=list)
-    failure: str = ""
+    """One name on its way to its addresses."""
+
+    def __init__(self, host: str) -> None:
+        self.host = host
+        self.waiters = 0
+        self.done = threading.Event()
+        self.addresses: list[tuple[socket.AddressFamily, str]] = []
+        self.failure = ""
 
 
 class _Pool:

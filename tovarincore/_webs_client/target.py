@@ -7,6 +7,7 @@ from dataclasses import dataclass, field
 from urllib.parse import unquote, urlsplit
 
 from tovarincore._transport.failure import Failure
+from tovarincore._transport.masker import Secret
 from tovarincore._webs_client.errors import shown
 from tovarincore.cloud_conf import CloudConfManager
 from tovarincore.cloud_def import CloudNode, CloudRegion
@@ -124,18 +125,11 @@ def _worker_proxy() -> ProxyServer | None:
     if not (core_conf_glbl.proxy_enabled and core_conf_glbl.worker__use_proxy):
         return None
     http, https = core_conf_glbl.get_proxy_conf_tuple()
-    try:
-        url = urlsplit(https if core_conf_glbl.worker__scheme == "wss" else http)
-        host, port = url.hostname, url.port or _DEFAULT_PORTS[url.scheme]
-    except (ValueError, KeyError):
-        host, port = None, 0
-    if not host:
-        raise ConfigError(
-            "[worker] use_proxy is true, but [proxy] names no proxy; set http or https there to http://host:port"
-        )
-    authorization = ""
+    # The settings have checked them: a host, and a port that is one.
+    url = urlsplit(https if core_conf_glbl.worker__scheme == "wss" else http)
+    authorization: str = ""
     if url.username is not None:
         login = f"{unquote(url.username)}:{unquote(url.password or '')}"
-        authorization = "Basic " + base64.b64encode(login.encode()).decode("ascii")
+        authorization = Secret("Basic " + base64.b64encode(login.encode()).decode("ascii"))
     tls = ssl.create_default_context() if url.scheme == "https" else None
-    return ProxyServer(host, port, tls, authorization)
+    return ProxyServer(url.hostname or "", url.port or _DEFAULT_PORTS[url.scheme], tls, authorization)
