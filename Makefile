@@ -17,16 +17,27 @@ help: ## lists these targets
 setup: ## makes .venv with a working CPython and the pinned packages
 	@scripts/setup
 
+# The demo needs neither the tests' packages nor their extension, which is nearly half of what there is to compile;
+# who has built that extension gets it with each build from then on, so that it is never an old one.
+.PHONY: setup-demo
+setup-demo:
+	@scripts/setup --demo
+
 .PHONY: build
 build: setup ## builds the module in place (PRESET=dev turns C++ assertions on)
-	@scripts/build $(PRESET)
+	@scripts/build $(if $(wildcard tests/python/_object_layer.*.so),--tests) $(PRESET)
+
+.PHONY: build-tests
+build-tests: setup
+	@scripts/build --tests $(PRESET)
 
 .PHONY: test
-test: build ## runs the tests
-	@$(python) -X dev -W error -m pytest $(ARGS)
+test: build-tests ## runs the tests, in several processes (ARGS="-n 0" in one, ARGS="-k launch" some of them)
+	@$(python) -X dev -W error -m pytest -n auto --dist loadgroup $(ARGS)
 
 .PHONY: demo
-demo: build ## works through a node's life on an EC2 endpoint of its own (ARGS=--json, ARGS=--local)
+demo: setup-demo ## works through a node's life on an EC2 endpoint of its own (ARGS=--json, ARGS=--local)
+	@scripts/build $(PRESET)
 	@$(python) -m demo $(ARGS)
 
 .PHONY: test-all

@@ -36,6 +36,18 @@ def pytest_configure() -> None:
             raise pytest.UsageError(str(error)) from None
 
 
+def pytest_xdist_auto_num_workers(config: pytest.Config) -> int:
+    """How many processes `-n auto` means: none for single files and for output that is not captured.
+
+    Many tests wait, so that an idle machine serves twice as many processes as it has cores.
+    """
+    single = config.args and all(Path(argument.partition("::")[0]).is_file() for argument in config.args)
+    if single or config.option.capture == "no":
+        return 0
+    cores = len(os.sched_getaffinity(0))
+    return max(2, round(2 * cores - min(os.getloadavg()[0], cores)))
+
+
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
     """Refuse ids with addresses: each process of a parallel run would know the test under another name."""
     for item in items:
