@@ -108,7 +108,9 @@ def test_false_is_passed_over_and_everything_else_is_not() -> None:
 
 
 def turns(clients: Any, name: Any, last: Any = None) -> tuple[list[Any], list[Any]]:
-    had_turns, others = layer.candidates(clients, name, last)
+    had_turns, others, variable = layer.candidates(clients, name, last)
+    if isinstance(clients, list):
+        assert variable is (clients[-1] if clients else None)  # as after Python's loop
     return had_turns, others
 
 

@@ -13,19 +13,23 @@ Object add_to_webs_client_pool(Handle self, Handle webs_client)
     });
 }
 
+// What the two functions below name stands before the lock is taken: it is dropped after the release, as in Python, since
+// the finaliser of a client may use the pool.
+
 Object get_from_webs_client_pool(Handle self, Handle node_uuid)
 {
+    Object webs_client_to_return, temp_pool, webs_client;
     return holding(self, "webs_client_pool_lock"_s, [&] {
-        Object webs_client_to_return = none();
-        Object temp_pool = list({});
+        webs_client_to_return = none();
+        temp_pool = list({});
         Candidates webs_clients(self.get("webs_client_pool"_s), "node"_s, "uuid"_s, node_uuid, temp_pool);
-        for (Object webs_client : webs_clients) {
+        while (webs_clients.next(webs_client)) {
             if (!webs_client.get("node"_s).get("uuid"_s).equals(node_uuid)) {
                 append(temp_pool, webs_client);
                 continue;
             }
             webs_client_to_return = webs_client;
-            webs_clients.put_rest_aside(); // no comparison any more
+            webs_clients.put_rest_aside(webs_client); // no comparison any more
         }
         if (webs_client_to_return.truthy())
             self.set("webs_client_pool"_s, temp_pool);
@@ -37,15 +41,16 @@ Object flush_webs_client_pool(Handle self, Handle node_uuid, Handle flush_all)
 {
     assert_that([&] { return !node_uuid.is_none() || flush_all.truthy(); },
                 "If no node_uuid is provided flush_all=True must be explicitly set"_s);
+    Object flushed_worker_id_list, temp_pool, webs_client;
     return holding(self, "webs_client_pool_lock"_s, [&] {
-        Object flushed_worker_id_list = list({});
+        flushed_worker_id_list = list({});
         if (flush_all.truthy()) {
             self.get("webs_client_pool"_s).call("clear"_s, {});
             return flushed_worker_id_list;
         }
-        Object temp_pool = list({});
+        temp_pool = list({});
         Candidates webs_clients(self.get("webs_client_pool"_s), "node"_s, "uuid"_s, node_uuid, temp_pool);
-        for (Object webs_client : webs_clients) {
+        while (webs_clients.next(webs_client)) {
             if (webs_client.get("node"_s).get("uuid"_s).equals(node_uuid))
                 append(flushed_worker_id_list, webs_client.get("worker_id"_s));
             else

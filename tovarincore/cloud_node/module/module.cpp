@@ -40,9 +40,30 @@ bool is_first_interpreter()
     return first_interpreter.compare_exchange_strong(expected, current) || expected == current;
 }
 
+// A program may end the interpreter and start another one, which has the same id: so the first one carries a mark.
+// False with an error set where the mark cannot be read.
+bool is_marked(bool& marked)
+{
+    static bool first_time = true;
+    constexpr const char* mark = "tovarincore.cloud_node";
+    PyObject* notes = PyInterpreterState_GetDict(PyInterpreterState_Get());
+    if (notes == nullptr || (first_time && PyDict_SetItemString(notes, mark, Py_None) < 0)) {
+        if (!PyErr_Occurred())
+            PyErr_NoMemory();
+        return false;
+    }
+    first_time = false;
+    marked = PyDict_GetItemString(notes, mark) != nullptr;
+    return true;
+}
+
 PyObject* create_module(PyObject* spec, PyModuleDef*)
 {
-    if (!is_first_interpreter()) {
+    bool marked = false;
+    bool is_first = is_first_interpreter();
+    if (is_first && !is_marked(marked))
+        return nullptr;
+    if (!is_first || !marked) {
         PyErr_SetString(
             PyExc_ImportError,
             "Interpreter change detected - this module can only be loaded into one interpreter per process.");

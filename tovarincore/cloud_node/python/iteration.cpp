@@ -2,11 +2,16 @@
 
 namespace py {
 
-void Each::Position::fetch()
+bool Each::next_of_iterator(Object& variable)
 {
-    current_ = adopt(PyIter_Next(source_.ptr()));
-    if (!current_ && PyErr_Occurred())
-        throw Raised{where_};
+    Object element = adopt(PyIter_Next(source_.ptr()));
+    if (!element) {
+        if (PyErr_Occurred())
+            throw Raised{where_};
+        return false;
+    }
+    variable = std::move(element);
+    return true;
 }
 
 Each each(Handle iterable, Where where) { return each_from(0, iterable, where); }

@@ -7,56 +7,56 @@
 
 namespace py {
 
-// for (Object x : each(xs)): iter(xs) is called at once, so xs may be a temporary.
+// for (Object x : each(xs)) ...       iter(xs) is called at once, so xs may be a temporary
+//
+// Where a lock is held, the variable has to outlive the loop, as Python's does: its last value may have a finaliser that
+// takes the lock.
+//
+//     Object x;
+//     for (Each rest = each(xs); rest.next(x);) ...
 class Each {
 public:
-    // `start` is a position in an exact list, which is then walked without an iterator object.
-    Each(Object source, Py_ssize_t start, Where where) : source_(std::move(source)), start_(start), where_(where) {}
+    // `start` is a position in an exact list, which is then walked without an iterator object; else negative.
+    Each(Object source, Py_ssize_t start, Where where) : source_(std::move(source)), index_(start), where_(where) {}
+
+    // Gives the variable the next element; false, and the variable stays as it is, at the end.
+    bool next(Object& variable)
+    {
+        if (index_ < 0)
+            return next_of_iterator(variable);
+        if (index_ >= PyList_GET_SIZE(source_.ptr()))
+            return false;
+        variable = Object(borrow(PyList_GET_ITEM(source_.ptr(), index_++)));
+        return true;
+    }
 
     struct End {};
 
     class Position {
     public:
-        Position(Handle source, Py_ssize_t index, Where where) : source_(source), index_(index), where_(where)
-        {
-            if (index_ < 0)
-                fetch();
-        }
-
-        Object operator*()
-        {
-            return index_ >= 0 ? Object(borrow(PyList_GET_ITEM(source_.ptr(), index_))) : std::move(current_);
-        }
-
+        explicit Position(Each& each) : each_(each) { ++*this; }
+        Object operator*() { return std::move(current_); }
+        bool operator!=(End) const { return going_on_; }
         Position& operator++()
         {
-            if (index_ >= 0)
-                ++index_;
-            else
-                fetch();
+            going_on_ = each_.next(current_);
             return *this;
         }
 
-        bool operator!=(End) const
-        {
-            return index_ >= 0 ? index_ < PyList_GET_SIZE(source_.ptr()) : static_cast<bool>(current_);
-        }
-
     private:
-        void fetch(); // the iterator's next element
-
-        Handle source_; // a list, or an iterator where index_ is negative
-        Py_ssize_t index_;
-        Where where_;
-        Object current_; // of an iterator
+        Each& each_;
+        Object current_;
+        bool going_on_ = false;
     };
 
-    Position begin() const { return {source_, start_, where_}; }
+    Position begin() { return Position(*this); }
     static End end() { return {}; }
 
 private:
-    Object source_;
-    Py_ssize_t start_;
+    bool next_of_iterator(Object& variable);
+
+    Object source_; // a list, or an iterator where index_ is negative
+    Py_ssize_t index_;
     Where where_;
 };
 

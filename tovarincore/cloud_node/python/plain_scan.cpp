@@ -115,12 +115,10 @@ Py_ssize_t first_not_false(Handle list, Name name, Where where)
 }
 
 Candidates::Candidates(Handle iterable, Name hop, Name name, Handle text, Handle others, Where where)
-    : hop_(hop), name_(name), text_(text), others_(others), where_(where)
+    : elements_(each(iterable, where)), hop_(hop), name_(name), text_(text), others_(others), where_(where)
 {
     if (PyList_CheckExact(iterable.ptr()))
         list_ = Object(iterable);
-    else
-        iterator_ = steal(PyObject_GetIter(iterable.ptr()), where);
 }
 
 Py_ssize_t Candidates::next_candidate() const
@@ -148,44 +146,42 @@ Py_ssize_t Candidates::next_candidate() const
     return i;
 }
 
-void Candidates::put_aside(Py_ssize_t end)
+Object Candidates::slice(Py_ssize_t end) const
 {
-    Py_ssize_t count = PyList_GET_SIZE(others_.ptr());
+    NoCollection undisturbed; // a finaliser could shorten the list while its slice is being made
+    return steal(PyList_GetSlice(list_.ptr(), index_, end), where_);
+}
+
+void Candidates::put_aside(Py_ssize_t end, Object& variable)
+{
     if (end > index_) {
-        NoCollection undisturbed; // a finaliser could shorten the list while its slice is being made
-        Object passed = steal(PyList_GetSlice(list_.ptr(), index_, end), where_);
+        Object passed = slice(end);
+        Py_ssize_t count = PyList_GET_SIZE(others_.ptr());
         check(PyList_SetSlice(others_.ptr(), count, count, passed.ptr()), where_);
+        if (Py_ssize_t size = PyList_GET_SIZE(passed.ptr()); size > 0)
+            variable = Object(borrow(PyList_GET_ITEM(passed.ptr(), size - 1)));
     }
     index_ = end;
 }
 
-void Candidates::put_rest_aside()
+void Candidates::put_rest_aside(Object& variable)
 {
     if (list_)
-        put_aside(PyList_GET_SIZE(list_.ptr()));
+        put_aside(PyList_GET_SIZE(list_.ptr()), variable);
     else
-        while (Object element = next())
-            append(others_, element, where_);
+        while (next(variable))
+            append(others_, variable, where_);
 }
 
-Object Candidates::next()
+bool Candidates::next(Object& variable)
 {
-    if (list_) {
-        put_aside(next_candidate());
-        if (index_ >= PyList_GET_SIZE(list_.ptr()))
-            return {};
-        return Object(borrow(PyList_GET_ITEM(list_.ptr(), index_++)));
-    }
-    Object element = adopt(PyIter_Next(iterator_.ptr()));
-    if (!element && PyErr_Occurred())
-        throw Raised{where_};
-    return element;
-}
-
-Candidates::Position& Candidates::Position::operator++()
-{
-    current_ = candidates_->next();
-    return *this;
+    if (!list_)
+        return elements_.next(variable);
+    put_aside(next_candidate(), variable);
+    if (index_ >= PyList_GET_SIZE(list_.ptr()))
+        return false;
+    variable = Object(borrow(PyList_GET_ITEM(list_.ptr(), index_++)));
+    return true;
 }
 
 } // namespace py

@@ -15,37 +15,25 @@ Py_ssize_t first_candidate_like(Handle list, Name name, Handle element, Where wh
 // The first position from which the truth of `element.name` has to be asked.
 Py_ssize_t first_not_false(Handle list, Name name, Where where = Where::here());
 
-// for (Object x : Candidates(xs, "node"_s, "uuid"_s, text, others)) ...
+// for (Candidates rest(xs, "node"_s, "uuid"_s, text, others); rest.next(x);) ...
 // The elements of xs in order, except that those with another plain text under x.node.uuid go to the list `others`.
 class Candidates {
 public:
     Candidates(Handle iterable, Name hop, Name name, Handle text, Handle others, Where where = Where::here());
 
+    // As Each::next(); at the end the variable is the last of all elements, as in the loop that this stands for.
+    bool next(Object& variable);
+
     // The elements that are left go to `others`, and the loop ends.
-    void put_rest_aside();
-
-    class Position {
-    public:
-        explicit Position(Candidates& candidates) : candidates_(&candidates) { ++*this; }
-        Object operator*() { return std::move(current_); }
-        Position& operator++();
-        bool operator!=(Each::End) const { return static_cast<bool>(current_); }
-
-    private:
-        Candidates* candidates_;
-        Object current_;
-    };
-
-    Position begin() { return Position(*this); }
-    static Each::End end() { return {}; }
+    void put_rest_aside(Object& variable);
 
 private:
-    Object next();
-    void put_aside(Py_ssize_t end);
+    void put_aside(Py_ssize_t end, Object& variable);
+    Object slice(Py_ssize_t end) const;
     Py_ssize_t next_candidate() const;
 
-    Object list_;     // empty when the iterable is no exact list
-    Object iterator_; // used then
+    Each elements_; // walked when the iterable is no exact list
+    Object list_;   // empty then
     Py_ssize_t index_ = 0;
     Name hop_, name_;
     Object text_, others_;

@@ -1,5 +1,6 @@
 // The registry of one region: records cross it only as deep copies, in both directions, under one lock.
-// The loops begin at the first record that may be the one: see python/plain_scan.h for the records passed over.
+// The loops begin at the first record that may be the one: see python/plain_scan.h for the records passed over. Their
+// variables stand before the lock is taken and so outlive its release, as in Python: a finaliser may take the lock.
 #include "registry.h"
 
 namespace cloud_node {
@@ -12,9 +13,10 @@ Object nodes_of(Handle self, Where where = Where::here()) { return self.get("_No
 // A deep copy of the first node whose attribute equals the value, else None.
 Object find_node(Handle self, Name attribute, Handle value, WhereInFunction here = WhereInFunction::here())
 {
+    Object node;
     auto search = [&] {
         Object nodes = nodes_of(self, here);
-        for (Object node : each_from(first_candidate(nodes, attribute, value), nodes, here))
+        for (Each rest = each_from(first_candidate(nodes, attribute, value), nodes, here); rest.next(node);)
             if (node.get(attribute, here).equals(value, here))
                 return deep_copy(node, here);
         return none();
@@ -49,8 +51,9 @@ Object set_node_list(Handle self, Handle node_list)
 
 Object set_node(Handle self, Handle node_given)
 {
+    Object node;
     return holding(self, "_NodeManager__node_list_lock"_s, [&] {
-        Object node = deep_copy(node_given);
+        node = deep_copy(node_given);
         Object nodes = nodes_of(self);
         Py_ssize_t count = len(nodes);
         for (Py_ssize_t i = first_candidate_like(nodes, "instance_id"_s, node); i < count; ++i)
@@ -72,9 +75,10 @@ Object find_node_by_uuid(Handle self, Handle uuid) { return find_node(self, "uui
 
 Object get_ready_node_next_in_line(Handle self)
 {
+    Object node;
     return holding(self, "_NodeManager__node_list_lock"_s, [&] {
         Object nodes = nodes_of(self);
-        for (Object node : each_from(first_not_false(nodes, "ready"_s), nodes))
+        for (Each rest = each_from(first_not_false(nodes, "ready"_s), nodes); rest.next(node);)
             if (node.get("ready"_s).truthy())
                 return deep_copy(node);
         return none();
@@ -83,9 +87,10 @@ Object get_ready_node_next_in_line(Handle self)
 
 Object change_node_state(Handle self, Handle instance_id, Handle node_state, Handle ready)
 {
+    Object node;
     return holding(self, "_NodeManager__node_list_lock"_s, [&] {
         Object nodes = nodes_of(self);
-        for (Object node : each_from(first_candidate(nodes, "instance_id"_s, instance_id), nodes))
+        for (Each rest = each_from(first_candidate(nodes, "instance_id"_s, instance_id), nodes); rest.next(node);)
             if (node.get("instance_id"_s).equals(instance_id)) {
                 node.set("state"_s, node_state);
                 node.set("ready"_s, ready);

@@ -43,9 +43,10 @@ Object get_client(Handle self)
     Object retries = dict({{"max_attempts"_s, number(1)}, {"mode"_s, "standard"_s}});
     Object config = call(config_class, {"retries"_k = retries, "proxies"_k = proxies});
     auto client_lock = [] { return global("aws_node_manager_client_lock"_s); };
+    Object session; // outlives the release, as in Python
     return holding_the(client_lock, [&] {
         Object create_session = self.get("_create_session"_s);
-        Object session = call(create_session, {self.get("auth"_s)});
+        session = call(create_session, {self.get("auth"_s)});
         Object make_client = session.get("client"_s);
         return call(make_client, {"ec2"_s, "region_name"_k = self.get("region"_s).get("name"_s), "config"_k = config,
                                   "verify"_k = boolean(verify)});

@@ -1,0 +1,215 @@
+"""Locks are given back: when an interrupt comes during native work, when there is no memory left, and before
+the locals of a locked body are finalised."""
+
+from __future__ import annotations
+
+from types import ModuleType
+
+import pytest
+
+from tests.conftest import Child
+from tests.interpreter.test_crashes import PROLOGUE as MANAGER
+
+PROLOGUE = (
+    MANAGER
+    + """
+import os, signal, time
+
+class WrittenInPython:
+    def __init__(self):
+        self.inner = threading.Lock()
+    def acquire(self, timeout=-1):
+        return self.inner.acquire(timeout=timeout)
+    def release(self):
+        for _ in range(3):
+            pass
+        self.inner.release()
+
+class Interrupted(BaseException): ...
+
+def interrupt(*_):
+    raise Interrupted
+
+signal.signal(signal.SIGALRM, interrupt)
+
+def interrupted(operation, rounds):
+    '''How often an interrupt somewhere in the operation is raised by it, or right behind it.'''
+    began = time.perf_counter()
+    operation()
+    length = time.perf_counter() - began
+    raised = 0
+    for turn in range(rounds):
+        prepare()
+        try:
+            signal.setitimer(signal.ITIMER_REAL, length * (turn + 1) / (rounds + 1))
+            operation()
+            time.sleep(10)
+        except Interrupted:
+            raised += 1
+    return raised
+"""
+)
+
+ROUNDS = 40
+MISSED = 2  # at most, of so many: an interrupt may also come in the very moment of the release
+
+PROGRAMS = {
+    "a copy, under a lock written in Python": """
+manager._NodeManager__node_list = [node(f"i-{number}") for number in range(5000)]
+held = 0
+def prepare():
+    global held
+    lock = manager.__dict__.get("_NodeManager__node_list_lock")
+    held += isinstance(lock, WrittenInPython) and lock.inner.locked()
+    manager._NodeManager__node_list_lock = WrittenInPython()
+prepare()
+assert interrupted(manager.get_node_list, ROUNDS) == ROUNDS
+prepare()
+assert held <= MISSED, held
+""",
+    "a walk, under a lock written in Python": """
+manager._NodeManager__node_list = [node(f"i-{number % 10}") for number in range(40_000)]
+held = 0
+def prepare():
+    global held
+    lock = manager.__dict__.get("_NodeManager__node_list_lock")
+    held += isinstance(lock, WrittenInPython) and lock.inner.locked()
+    manager._NodeManager__node_list_lock = WrittenInPython()
+prepare()
+assert interrupted(lambda: manager.find_node_by_uuid("nobody's"), ROUNDS) == ROUNDS
+prepare()
+assert held <= MISSED, held
+""",
+    "a copy that puts records with finalisers out of the registry": """
+class Record:
+    def __del__(self):
+        [None for _ in range(3)]
+fresh = [node(f"i-{number}") for number in range(5000)]
+def prepare():
+    manager._NodeManager__node_list = [Record()]
+def operation():
+    manager.set_node_list(fresh)
+prepare()
+sys.unraisablehook = lambda unraisable: None
+assert interrupted(operation, ROUNDS) >= ROUNDS - MISSED
+""",
+}
+
+
+def run(run_child: Child, cloud_node: ModuleType, program: str, *options: str) -> None:
+    prologue = PROLOGUE.replace("PACKAGE", cloud_node.__name__.rpartition(".")[0])
+    constants = f"ROUNDS, MISSED = {ROUNDS}, {MISSED}\n"
+    child = run_child(prologue + constants + program + "\nprint('as it should be')", *options)
+    assert (child.returncode, child.stdout) == (0, "as it should be\n"), child.stderr
+
+
+@pytest.mark.parametrize("program", PROGRAMS.values(), ids=PROGRAMS.keys())
+def test_an_interrupt_is_raised_by(cloud_node: ModuleType, run_child: Child, program: str) -> None:
+    """In the body, as in Python: not in the lock's release, nor in a finaliser that swallows it."""
+    run(run_child, cloud_node, program)
+
+
+FINALISERS = {
+    "flushed": "facade.flush_webs_client_pool('u')",
+    "flushed, alone": "del facade.webs_client_pool[0], finalised[:]; facade.flush_webs_client_pool('u')",
+    "taken": "facade.get_from_webs_client_pool('u')",
+    "taken, behind others": "facade.webs_client_pool.reverse(); facade.get_from_webs_client_pool('u')",
+}
+
+
+@pytest.mark.parametrize("operation", FINALISERS.values(), ids=FINALISERS.keys())
+def test_a_client_whose_finaliser_uses_the_pool_may_be(
+    cloud_node: ModuleType, run_child: Child, operation: str
+) -> None:
+    """What a locked body names is dropped after the release; Python's locals live as long."""
+    program = f"""
+class Node:
+    def __init__(self, uuid):
+        self.uuid = uuid
+class Client:
+    worker_id = 1
+    def __init__(self, uuid):
+        self.node = Node(uuid)
+    def __del__(self):
+        assert facade.get_from_webs_client_pool("nobody's") is None
+        finalised.append(self.node.uuid)
+finalised = []
+failures = []
+sys.unraisablehook = lambda unraisable: failures.append(unraisable.exc_type)
+facade.webs_client_pool = [Client("other"), Client("u")]
+began = time.monotonic()
+{operation}
+assert time.monotonic() - began < 2
+assert (finalised, failures) == (["u"], []), (finalised, failures)
+facade.webs_client_pool = []
+"""
+    run(run_child, cloud_node, program)
+
+
+def test_a_failing_body_drops_its_locals_after_the_release(cloud_node: ModuleType, run_child: Child) -> None:
+    """Those of the failed operation as well: their finalisers may take the lock."""
+    program = """
+failures = []
+finalised = []
+sys.unraisablehook = lambda unraisable: failures.append(unraisable.exc_type)
+class Failing:
+    def __eq__(self, other):
+        raise ValueError("no comparison")
+    __hash__ = None
+class Record:
+    instance_id = Failing()
+    def __deepcopy__(self, memo):
+        return Copied()
+class Copied:
+    instance_id = "i"
+    def __del__(self):
+        manager.find_node_by_uuid("u")
+        finalised.append(self)
+manager._NodeManager__node_list = [node("i-1")]
+manager._NodeManager__node_list[0].instance_id = Failing()
+manager._NodeManager__node_list[0].uuid = "other"
+began = time.monotonic()
+try:
+    manager.set_node(Record())
+except ValueError:
+    pass
+gc.collect()
+assert time.monotonic() - began < 2
+assert len(finalised) == 1 and not failures, (finalised, failures)
+del Copied.__del__
+"""
+    run(run_child, cloud_node, program)
+
+
+@pytest.mark.parametrize("kind", ["threading.Lock()", "threading.RLock()"])
+def test_a_lock_is_released_when_there_is_no_memory_left(
+    cloud_node: ModuleType, run_child: Child, kind: str
+) -> None:
+    """Also at the first use of it, whichever allocation is the first to fail."""
+    pytest.importorskip("_testcapi", reason="this CPython has no _testcapi, which makes allocations fail")
+    program = f"""
+import _testcapi
+def is_held(lock):
+    return lock._is_owned() if hasattr(lock, "_is_owned") else getattr(lock, "inner", lock).locked()
+class Refusing:
+    def __deepcopy__(self, memo):
+        _testcapi.set_nomemory(after)
+        return self
+manager._NodeManager__node_list_lock = lock = {kind}
+manager._NodeManager__node_list = [Refusing()]
+held = []
+for after in range(60):
+    child = os.fork()
+    if child == 0:
+        try:
+            manager.get_node_list()
+        except MemoryError:
+            pass
+        finally:
+            _testcapi.remove_mem_hooks()
+        os._exit(is_held(lock))
+    if os.waitpid(child, 0)[1] != 0:
+        held.append(after)
+assert held == [], held
+"""
+    run(run_child, cloud_node, program)
