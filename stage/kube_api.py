@@ -6,8 +6,8 @@ import json
 import socket
 import ssl
 import threading
-from collections.abc import Callable
-from dataclasses import dataclass
+from collections.abc import Callable, Mapping
+from dataclasses import dataclass, field
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from pathlib import Path
 from types import TracebackType
@@ -36,6 +36,7 @@ class Fault:
     :param hang_up: the connection is closed without an answer
     :param before: called when the request has arrived
     :param drip: seconds between the single bytes of the answer, header included
+    :param headers: more headers of the answer
     """
 
     refusal: Refusal | None = None
@@ -45,6 +46,7 @@ class Fault:
     served: bool = False
     hang_up: bool = False
     drip: float = 0.0
+    headers: Mapping[str, str] = field(default_factory=dict)
     before: Callable[[], None] | None = None
 
 
@@ -204,7 +206,9 @@ class _Handler(BaseHTTPRequestHandler):
 
     def _write(self, code: int, answer: bytes, fault: Fault) -> None:
         kind = "text/html" if fault.body is not None else "application/json"
-        head = f"HTTP/1.1 {code} -\r\nContent-Type: {kind}\r\nContent-Length: {len(answer)}\r\n\r\n".encode()
+        headers = {"Content-Type": kind, "Content-Length": str(len(answer)), **fault.headers}
+        lines = [f"HTTP/1.1 {code} -", *(f"{name}: {value}" for name, value in headers.items())]
+        head = ("\r\n".join(lines) + "\r\n\r\n").encode()
         if not fault.drip:
             self.wfile.write(head + answer)
             return
@@ -253,8 +257,9 @@ class _Handler(BaseHTTPRequestHandler):
         if self.command in ("PUT", "PATCH"):
             return store.change(plural, namespace, name, body, part or None)
         if self.command == "DELETE":
-            grace = query.get("gracePeriodSeconds")
-            store.delete(plural, namespace, name, None if grace is None else int(grace))
+            grace = body.get("gracePeriodSeconds", query.get("gracePeriodSeconds"))
+            uid = body.get("preconditions", {}).get("uid")
+            store.delete(plural, namespace, name, None if grace is None else int(grace), uid)
             return success
         if name:
             return store.get(plural, namespace, name)

@@ -84,6 +84,7 @@ class KubeStore:
         """Merge a patch into an object; with a sub-resource (`part`), into that part alone."""
         with self.lock:
             found = self._find(plural, namespace, name)
+            _check_uid(plural, name, found, patch.get("metadata", {}).get("uid"))
             _merge(found, {part: patch.get(part)} if part else patch)
             self._version += 1
             found["metadata"]["resourceVersion"] = str(self._version)
@@ -94,10 +95,13 @@ class KubeStore:
         with self.lock:
             self._find("pods", namespace, name)["spec"]["nodeName"] = machine
 
-    def delete(self, plural: str, namespace: str, name: str, grace_seconds: int | None) -> None:
+    def delete(
+        self, plural: str, namespace: str, name: str, grace_seconds: int | None, uid: str | None = None
+    ) -> None:
         """Remove an object, or mark it when it is a pod that a machine has to end first."""
         with self.lock:
             found = self._find(plural, namespace, name)
+            _check_uid(plural, name, found, uid)
             if plural == "pods" and found["spec"].get("nodeName") and grace_seconds != 0:
                 grace = found["spec"].get("terminationGracePeriodSeconds", 30)
                 found["metadata"].setdefault("deletionTimestamp", "2026-01-01T00:00:00Z")
@@ -180,6 +184,17 @@ class KubeStore:
                     f'{plural} "{name}" is forbidden: exceeded quota: {quota}, requested: {plural}=1, '
                     f"used: {plural}={used}, limited: {plural}={hard}",
                 )
+
+
+def _check_uid(plural: str, name: str, found: Manifest, uid: str | None) -> None:
+    """Refuse what was meant for another object of this name."""
+    if uid is not None and uid != found["metadata"]["uid"]:
+        raise Refusal(
+            409,
+            "Conflict",
+            f'Operation cannot be fulfilled on {plural} "{name}": Precondition failed: UID in precondition: '
+            f"{uid}, UID in object meta: {found['metadata']['uid']}",
+        )
 
 
 def _merge(target: Manifest, patch: Manifest) -> None:

@@ -33,11 +33,13 @@ from stage.settings import settings_of
 from tovarincore.cloud_def import (
     CloudInstanceConfig,
     CloudInstanceTypeDef,
+    CloudNode,
     InstanceTemplate,
     InstanceTemplatePayType,
     K8sRegion,
 )
 from tovarincore.core_conf import core_conf_glbl
+from tovarincore.core_def import OPResult
 from tovarincore.k8s_console_client import K8sConsoleClient
 
 _DOCUMENT = Path(__file__).parents[1] / "docs" / "kubernetes.md"
@@ -91,6 +93,27 @@ class KubeWorld:
             "name": "cold-1",
         }
         return CloudInstanceConfig(**{**fields, **changes})
+
+    def launch(self, **changes: Any) -> tuple[CloudNode | None, OPResult]:
+        """Launch with parameters of the launch, or else of its configuration, changed."""
+        arguments = {
+            key: changes.pop(key)
+            for key in ("instance_type_def", "additional_params", "startup_script")
+            if key in changes
+        }
+        arguments.setdefault("instance_type_def", self.small)
+        return self.client.launch_node(instance_config=self.config(**changes), **arguments)
+
+    def launched(self, **changes: Any) -> CloudNode:
+        """Launch a node that has to be launched."""
+        node, result = self.launch(**changes)
+        assert result == OPResult(success=True)
+        assert node is not None
+        return node
+
+    def add_secret(self, name: str) -> None:
+        """Put a Secret there that belongs to somebody else."""
+        self.admin.create(Secret(metadata=ObjectMeta(name=name), stringData={"password": "p"}))
 
     def reload(self) -> None:
         """Let changed settings take effect."""

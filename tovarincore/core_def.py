@@ -42,6 +42,12 @@ class OPResultErrorCode(Enum):
     """The thing asked for does not exist."""
     RESOURCE_EXHAUSTED = "ResourceExhausted"
     """A quota or the machine's capacity does not allow it."""
+    THROTTLED = "Throttled"
+    """The service is asked too often; wait before the next request."""
+    UNAVAILABLE = "Unavailable"
+    """The service is starting, stopping or overloaded; try again later."""
+    EXPIRED = "Expired"
+    """The listing took so long that the service gave up the state that it showed; list again."""
     ENGINE_UNAVAILABLE = "EngineUnavailable"
     """The container engine does not answer."""
 

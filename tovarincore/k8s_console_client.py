@@ -5,9 +5,7 @@ A node is a pod of its region's namespace with the labels ``app.kubernetes.io/ma
 ``docs/kubernetes.md`` describes the objects, the catalogue and the rights that are needed.
 """
 
-from types import ModuleType
-
-from tovarincore._k8s_console_client.errors import KubernetesError
+from tovarincore._k8s_console_client.errors import result_of
 from tovarincore.cloud_def import (
     CloudInstanceConfig,
     CloudInstanceTypeDef,
@@ -15,6 +13,7 @@ from tovarincore.cloud_def import (
     InstanceTemplate,
     K8sRegion,
 )
+from tovarincore.core_conf import log_manager_glbl
 from tovarincore.core_def import OPResult
 
 __all__ = ["K8sConsoleClient"]
@@ -23,9 +22,11 @@ __all__ = ["K8sConsoleClient"]
 class K8sConsoleClient:
     """The nodes of one Kubernetes region.
 
-    Every method ends within ``[kubernetes] operation_seconds``, whatever the API server does, and reports
-    what went wrong in its :class:`OPResult`, with the API server's own words where it gave any. Any number of
-    threads may use one client.
+    Every method ends within ``[kubernetes] operation_seconds``, whatever the API server does. What goes wrong
+    is told in its :class:`OPResult`, with the API server's own words where it gave any, and never raised.
+    ``docs/kubernetes.md`` lists the error codes. Any number of threads may use one client.
+
+    What works on the cluster is imported by the first call: most programs have no Kubernetes region.
 
     :param region: the cluster's namespace and how to reach it; looked at when a method is called
     """
@@ -33,12 +34,20 @@ class K8sConsoleClient:
     def __init__(self, region: K8sRegion) -> None:
         self._region = region
 
-    def get_cloud_nodes(self) -> tuple[list[CloudNode] | None, OPResult]:
-        """Return all nodes of the region, or ``None`` when not every one could be listed."""
+    def get_cloud_nodes(self, *, own_only: bool = False) -> tuple[list[CloudNode] | None, OPResult]:
+        """Return all nodes of the region, or ``None`` when not every page could be listed.
+
+        A pod that cannot be read is left out; the result's message then names it.
+
+        :param own_only: only the nodes that this user launched, by the owner's label
+        """
         try:
-            return _operations().list_nodes(self._region), OPResult(success=True)
-        except KubernetesError as error:
-            return None, error.as_result()
+            from tovarincore._k8s_console_client import operations
+
+            nodes, notes = operations.list_nodes(self._region, own_only)
+        except Exception as error:
+            return None, result_of(error)
+        return nodes, _success(notes)
 
     def launch_node(
         self,
@@ -55,55 +64,57 @@ class K8sConsoleClient:
         the time limit is kept; its message tells when even that failed.
 
         :param additional_params: JSON object whose keys may be ``node_selector``, ``tolerations``, ``env``,
-            ``service_account``, ``image_pull_secrets`` and ``priority_class``
+            ``service_account``, ``image_pull_secrets``, ``priority_class`` and ``run_as_user``
         :param startup_script: run in the worker's container when it starts, beside the image's entry point,
             by the interpreter of its ``#!`` line or else by ``/bin/sh``
         :return: the node in state ``STARTING``, or ``None`` and what went wrong
         """
         try:
-            node = _operations().launch_node(
+            from tovarincore._k8s_console_client import operations
+
+            node = operations.launch_node(
                 self._region, instance_type_def, instance_config, additional_params, startup_script
             )
-        except KubernetesError as error:
-            return None, error.as_result()
+        except Exception as error:
+            return None, result_of(error)
         return node, OPResult(success=True)
 
     def terminate_node(self, *, instance_id: str, stop_reason: str | None = None) -> OPResult:
-        """Have a node's pod deleted, with ``[kubernetes] termination_grace_seconds`` for its farewell.
+        """Have a node's pod deleted; its worker gets ``[kubernetes] termination_grace_seconds`` to shut down.
 
         :param instance_id: name of the pod; success when it is gone already, an error when it is no node
-        :param stop_reason: kept as the pod's annotation ``tovarincore/stop-reason`` while it is there
+        :param stop_reason: kept as the pod's annotation ``tovarincore/stop-reason`` while it is there, cut
+            after 1,024 characters; a success whose message says so when it could not be kept
         """
         try:
-            _operations().terminate_node(self._region, instance_id, stop_reason)
-        except KubernetesError as error:
-            return error.as_result()
-        return OPResult(success=True)
+            from tovarincore._k8s_console_client import operations
+
+            notes = operations.terminate_node(self._region, instance_id, stop_reason)
+        except Exception as error:
+            return result_of(error)
+        return _success(notes)
 
     def list_instance_templates(self) -> tuple[list[InstanceTemplate], OPResult]:
         """Return the images that ConfigMap ``tovarin-catalogue`` names, or the default; empty on failure."""
         try:
-            return _operations().list_instance_templates(self._region), OPResult(success=True)
-        except KubernetesError as error:
-            return [], error.as_result()
+            from tovarincore._k8s_console_client import operations
+
+            return operations.list_instance_templates(self._region), OPResult(success=True)
+        except Exception as error:
+            return [], result_of(error)
 
     def list_instance_types(self) -> tuple[list[CloudInstanceTypeDef], OPResult]:
         """Return the sizes that ConfigMap ``tovarin-catalogue`` names, or the default; empty on failure."""
         try:
-            return _operations().list_instance_types(self._region), OPResult(success=True)
-        except KubernetesError as error:
-            return [], error.as_result()
+            from tovarincore._k8s_console_client import operations
+
+            return operations.list_instance_types(self._region), OPResult(success=True)
+        except Exception as error:
+            return [], result_of(error)
 
 
-def _operations() -> ModuleType:
-    """Import what works on the cluster: most programs have no Kubernetes region and need not load it."""
-    try:
-        from tovarincore._k8s_console_client import operations
-    except ModuleNotFoundError as error:
-        if error.name is None or error.name.startswith("tovarincore"):
-            raise
-        raise KubernetesError(
-            f"Kubernetes regions need the package {error.name}, which is not installed: "
-            "pip install tovarincore[kubernetes]"
-        ) from error
-    return operations
+def _success(notes: list[str]) -> OPResult:
+    """Return a success; what has to be said about it is logged as well, as few callers look at a success."""
+    for note in notes:
+        log_manager_glbl.get_logger().warning(note)
+    return OPResult(success=True, msg=" ".join(notes) or None)

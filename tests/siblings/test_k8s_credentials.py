@@ -59,8 +59,8 @@ def printing(status: dict[str, str]) -> str:
         ("token: [s3cret", "it is no kubeconfig"),
         ("s3cret", "it is no kubeconfig"),
         ("", "it is no kubeconfig"),
-        ("{clusters: [], contexts: []}", "No current context set"),
-        ("{current-context: a, clusters: [], contexts: []}", "Context 'a' not found"),
+        ("{clusters: [], contexts: []}", "it has no current context"),
+        ("{current-context: a, clusters: [], contexts: []}", "it has no context 'a'"),
     ],
 )
 def test_an_unusable_kubeconfig_is_told(kube: KubeWorld, content: str | None, complaint: str) -> None:
@@ -82,7 +82,7 @@ def test_the_regions_context_is_chosen(kube: KubeWorld) -> None:
     kube.kubeconfig.write_text(yaml.safe_dump(config), encoding="utf-8")
     fields: dict[str, Any] = {"name": "r", "namespace": kube.namespace, "kubeconfig": str(kube.kubeconfig)}
     assert listing(kube, K8sRegion(**fields, context="here")).success
-    assert "'elsewhere' not found" in (listing(kube, K8sRegion(**fields)).msg or "")
+    assert "it has no context 'elsewhere'" in (listing(kube, K8sRegion(**fields)).msg or "")
 
 
 def test_the_usual_places_are_looked_at(

@@ -3,23 +3,21 @@
 from __future__ import annotations
 
 import socket
-import ssl
 import threading
 import time
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 
-import httpcore2
-import httpx2
 import pytest
 
 from tovarincore._k8s_console_client import transport
-from tovarincore._k8s_console_client.deadline import Deadline
+from tovarincore._k8s_console_client.credentials import Access
+from tovarincore._k8s_console_client.deadline import ApiDeadline
 from tovarincore._k8s_console_client.errors import KubernetesError
-from tovarincore._k8s_console_client.transport import DeadlineTransport
+from tovarincore._k8s_console_client.transport import Answer, Connection
+from tovarincore.core_def import OPResultErrorCode
 
 SECONDS = 0.5
-OUT_OF_TIME = (httpcore2.TimeoutException, KubernetesError)
 
 
 @contextmanager
@@ -40,15 +38,16 @@ def peer(behaviour: Callable[[socket.socket], None]) -> Iterator[int]:
         try:
             yield server.getsockname()[1]
         finally:
-            server.close()
+            # Closing alone does not wake a thread that waits for a connection.
+            server.shutdown(socket.SHUT_RDWR)
             thread.join()
 
 
-def request(url: str, content: bytes = b"") -> httpx2.Response:
+def request(server: str, content: bytes = b"", method: str = "POST", seconds: float = SECONDS) -> Answer:
     """Send one request that may take half a second."""
-    tls = ssl.create_default_context()
-    with httpx2.Client(transport=DeadlineTransport(Deadline(SECONDS, "a test"), tls, lambda: None)) as client:
-        return client.post(url, content=content)
+    access = Access(server=server)
+    with Connection(access, ApiDeadline(seconds, "a test"), lambda: access) as connection:
+        return connection.send(method, "/", body=content)
 
 
 def hold(connection: socket.socket) -> None:
@@ -61,8 +60,9 @@ def hold(connection: socket.socket) -> None:
 def in_time() -> Iterator[None]:
     """The body has to fail at the deadline."""
     began = time.monotonic()
-    with pytest.raises(OUT_OF_TIME):
+    with pytest.raises(KubernetesError, match="did not finish a test within 0.5 s") as caught:
         yield
+    assert caught.value.error_code is OPResultErrorCode.TIMEOUT
     assert SECONDS * 0.9 < time.monotonic() - began < SECONDS + 1
 
 
@@ -123,7 +123,7 @@ def test_a_look_up_that_never_ends_costs_the_time_limit(monkeypatch: pytest.Monk
 
     monkeypatch.setattr(socket, "getaddrinfo", hang)
     with in_time():
-        request("http://cluster.example/")
+        request("http://hanging.example/")
 
 
 @pytest.mark.parametrize("host", ["a" * 64 + ".example", "no-such-host.invalid"])
@@ -135,8 +135,10 @@ def test_a_name_without_an_address_is_told(monkeypatch: pytest.MonkeyPatch, host
         raise socket.gaierror(socket.EAI_NONAME, "Name or service not known")
 
     monkeypatch.setattr(socket, "getaddrinfo", fail)
-    with pytest.raises(httpcore2.ConnectError, match=host):
+    with pytest.raises(KubernetesError, match=host) as caught:
         request(f"http://{host}/")
+    assert caught.value.error_code is OPResultErrorCode.CONNECTION_FAILED
+    assert not caught.value.outcome_unknown
 
 
 def test_the_next_address_is_tried(monkeypatch: pytest.MonkeyPatch) -> None:
@@ -151,7 +153,7 @@ def test_the_next_address_is_tried(monkeypatch: pytest.MonkeyPatch) -> None:
             (socket.AF_INET, socket.SOCK_STREAM, 6, "", (host, port)) for host in ("127.0.0.2", "127.0.0.1")
         ]
         monkeypatch.setattr(socket, "getaddrinfo", lambda *_args, **_named: found)
-        assert request(f"http://cluster.example:{port}/").status_code == 204
+        assert request(f"http://cluster.example:{port}/").status == 204
 
 
 def test_an_endless_answer_is_given_up(monkeypatch: pytest.MonkeyPatch) -> None:
@@ -164,7 +166,7 @@ def test_an_endless_answer_is_given_up(monkeypatch: pytest.MonkeyPatch) -> None:
 
 def test_the_reserve_is_only_for_tidying_up() -> None:
     """The reserve does not count as time left until it is released."""
-    deadline = Deadline(10, "a test", reserve=10)
+    deadline = ApiDeadline(10, "a test", reserve=10)
     with pytest.raises(KubernetesError, match="did not finish a test within 0 s"):
         deadline.remaining()
     deadline.release_reserve()

@@ -37,6 +37,10 @@ class _Size(msgspec.Struct, forbid_unknown_fields=True):
     gpu_model: str | None = None
 
 
+# Made under the lock of the import: the library is not safe for threads that decode a type first.
+_IMAGES = msgspec.json.Decoder(list[_Image])
+_SIZES = msgspec.json.Decoder(list[_Size])
+
 _DEFAULT_SIZES = [
     _Size("k8s.small", 1, 2048),
     _Size("k8s.medium", 2, 4096),
@@ -62,7 +66,7 @@ def instance_templates(region: K8sRegion, catalogue: ConfigMap | None) -> list[I
             version=entry.version,
             is_gpu=entry.is_gpu,
         )
-        for entry in _entries(catalogue, "instance_templates.json", list[_Image], [default])
+        for entry in _entries(catalogue, "instance_templates.json", _IMAGES, [default])
     ]
 
 
@@ -72,16 +76,18 @@ def instance_types(catalogue: ConfigMap | None) -> list[CloudInstanceTypeDef]:
     :param catalogue: the ConfigMap, ``None`` when the namespace has none
     :raises KubernetesError: the catalogue cannot be used
     """
-    entries = _entries(catalogue, "instance_types.json", list[_Size], _DEFAULT_SIZES)
+    entries = _entries(catalogue, "instance_types.json", _SIZES, _DEFAULT_SIZES)
     return [CloudInstanceTypeDef(**msgspec.structs.asdict(entry)) for entry in entries]
 
 
-def _entries(catalogue: ConfigMap | None, key: str, kind: type[list[T]], default: list[T]) -> list[T]:
+def _entries(
+    catalogue: ConfigMap | None, key: str, decoder: msgspec.json.Decoder[list[T]], default: list[T]
+) -> list[T]:
     text = (catalogue.data or {}).get(key) if catalogue else None
     if text is None:
         return default
     try:
-        return msgspec.json.decode(text, type=kind)
+        return decoder.decode(text)
     except (msgspec.MsgspecError, UnicodeError, RecursionError) as error:
         raise KubernetesError(f'ConfigMap {CATALOGUE_NAME}: "{key}" cannot be used: {error}') from error
 

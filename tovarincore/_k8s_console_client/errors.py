@@ -1,12 +1,17 @@
-"""The one exception that operations on a cluster raise; its text says what was wrong and what to do."""
+"""What operations on a cluster raise, and how it becomes a result."""
 
+import traceback
+
+from tovarincore._config_files.errors import ConfigError
+from tovarincore._transport.failure import Failure
+from tovarincore._transport.masker import mask
 from tovarincore.core_def import OPResult, OPResultErrorCode
 
-__all__ = ["KubernetesError"]
+__all__ = ["KubernetesError", "result_of"]
 
 
-class KubernetesError(RuntimeError):
-    """An operation on a cluster that failed.
+class KubernetesError(Failure):
+    """An operation on a cluster that failed. Secrets are taken out of the text.
 
     :param message: what was wrong, for people; the API server's own text where it gave one
     :param error_code: the kind of failure, ``None`` when none fits
@@ -22,11 +27,28 @@ class KubernetesError(RuntimeError):
         status: int | None = None,
         outcome_unknown: bool = False,
     ) -> None:
-        super().__init__(message)
-        self.error_code = error_code
+        super().__init__(message, error_code)
         self.status = status
         self.outcome_unknown = outcome_unknown
 
-    def as_result(self) -> OPResult:
-        """Return the failure as callers get it."""
-        return OPResult(error=True, error_code=self.error_code, msg=str(self))
+
+def result_of(error: Exception) -> OPResult:
+    """Return the result that callers get for an error; to be called while it is being handled."""
+    if isinstance(error, Failure):
+        return error.as_result()
+    if isinstance(error, ConfigError):
+        return OPResult(error=True, msg=mask(error))
+    if isinstance(error, ModuleNotFoundError) and not (error.name or "tovarincore").startswith("tovarincore"):
+        return OPResult(
+            error=True,
+            msg=f"Kubernetes regions need the package {error.name}, which is not installed: "
+            "pip install tovarincore[kubernetes]",
+        )
+    # A defect, or an answer that nobody thought of: callers rely on getting a result all the same.
+    return OPResult(
+        error=True,
+        error_code=OPResultErrorCode.PROTOCOL_ERROR,
+        msg=f"The Kubernetes client cannot handle what it met ({type(error).__name__}). Please report it, "
+        "with the traceback of this result.",
+        exc_info=mask(traceback.format_exc()),
+    )

@@ -1,64 +1,157 @@
 """Credential plugins: programs named in a kubeconfig that print a short-lived credential.
 
 https://kubernetes.io/docs/reference/access-authn-authz/authentication/#client-go-credential-plugins describes
-what they are given and what they print. The Kubernetes library runs them without a time limit and does not
-know the interface's final version ``v1``, which today's cloud tools ask for.
+what they are given and what they print.
 """
 
 import base64
 import json
 import os
+import re
+import selectors
+import signal
 import subprocess
+from contextlib import suppress
 from pathlib import Path
 
-from lightkube.config.models import User, UserExec
+import msgspec
 
-from tovarincore._k8s_console_client.deadline import Deadline
 from tovarincore._k8s_console_client.errors import KubernetesError
+from tovarincore._k8s_console_client.kubeconfig import Cluster, ExecPlugin, User
+from tovarincore._transport.deadline import Deadline
+from tovarincore._transport.failure import Failure
+from tovarincore._transport.masker import know_secret
 from tovarincore.core_def import OPResultErrorCode
 
 __all__ = ["run_exec_plugin"]
 
+_LONGEST_OUTPUT_BYTES = 1 << 20
+_SHOWN_CHARACTERS = 500
+_SECRET_NAME = re.compile("token|secret|password|key", re.IGNORECASE)
 
-def run_exec_plugin(plugin: UserExec, folder: Path, deadline: Deadline) -> User:
+
+class _Status(msgspec.Struct, rename="camel"):
+    token: str | None = None
+    client_certificate_data: str | None = None
+    client_key_data: str | None = None
+
+
+class _ExecCredential(msgspec.Struct):
+    status: _Status
+
+
+_EXEC_CREDENTIAL = msgspec.json.Decoder(_ExecCredential)
+
+
+def run_exec_plugin(plugin: ExecPlugin, cluster: Cluster, folder: Path, deadline: Deadline) -> User:
     """Run a plugin and return the user that it stands for, with a token, a client certificate, or both.
 
+    :param cluster: what a plugin is told that wants to know the cluster
     :param folder: where a relative path of the command starts
     :raises KubernetesError: it could not be run, failed, printed no credential or did not end in time
     """
-    info = {"apiVersion": plugin.apiVersion, "kind": "ExecCredential", "spec": {"interactive": False}}
+    if plugin.interactiveMode == "Always":
+        raise _failed(plugin, "asks for a terminal (interactiveMode: Always), which is not there")
+    process = _start(plugin, cluster, folder)
+    try:
+        output, complaint = _read(process, plugin, deadline)
+        process.wait(deadline.remaining())
+    except (Failure, subprocess.TimeoutExpired) as error:
+        if isinstance(error, Failure) and error.error_code is not OPResultErrorCode.TIMEOUT:
+            raise
+        raise _failed(plugin, "did not end in time", OPResultErrorCode.TIMEOUT) from error
+    finally:
+        _end(process)
+    if process.returncode:
+        text = complaint.decode("utf-8", "replace").strip()[:_SHOWN_CHARACTERS]
+        raise _failed(plugin, f"ended with status {process.returncode}: {text}")
+    try:
+        status = _EXEC_CREDENTIAL.decode(output).status
+        user = User(
+            token=status.token,
+            client_certificate_data=_encoded(status.client_certificate_data),
+            client_key_data=_encoded(status.client_key_data),
+        )
+    except (msgspec.MsgspecError, ValueError, RecursionError):
+        # Neither the text nor the error may be shown: both hold what was printed.
+        raise _failed(plugin, "printed no ExecCredential with a status") from None
+    if not user.token and not user.client_certificate_data:
+        raise _failed(plugin, "printed neither a token nor a certificate")
+    if user.token:
+        know_secret(user.token)
+    return user
+
+
+def _start(plugin: ExecPlugin, cluster: Cluster, folder: Path) -> subprocess.Popen[bytes]:
+    spec: dict[str, object] = {"interactive": False}
+    if plugin.provideClusterInfo:
+        spec["cluster"] = _cluster_info(cluster, folder)
+    info = {"apiVersion": plugin.apiVersion, "kind": "ExecCredential", "spec": spec}
     environment = {**os.environ, "KUBERNETES_EXEC_INFO": json.dumps(info)}
-    environment.update((variable.name, variable.value) for variable in plugin.env or [])
+    for variable in plugin.env or []:
+        environment[variable.name] = variable.value
+        if _SECRET_NAME.search(variable.name):
+            know_secret(variable.value)
     command = str(folder / plugin.command) if os.sep in plugin.command else plugin.command
     try:
-        done = subprocess.run(
+        return subprocess.Popen(
             [command, *(plugin.args or [])],
             env=environment,
             stdin=subprocess.DEVNULL,
-            capture_output=True,
-            timeout=deadline.remaining(),
-            check=False,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            # A process group, so that what the plugin starts ends with it.
+            start_new_session=True,
         )
-    except subprocess.TimeoutExpired as error:
-        raise _failed(plugin, "did not end in time", OPResultErrorCode.TIMEOUT) from error
     except OSError as error:
         raise _failed(plugin, f"cannot be run: {error.strerror}. {plugin.installHint or ''}") from error
-    if done.returncode:
-        complaint = done.stderr.decode("utf-8", "replace").strip()[:500]
-        raise _failed(plugin, f"ended with status {done.returncode}: {complaint}")
-    try:
-        status = json.loads(done.stdout)["status"]
-        user = User(
-            token=status.get("token"),
-            client_cert_data=_encoded(status.get("clientCertificateData")),
-            client_key_data=_encoded(status.get("clientKeyData")),
-        )
-    except (ValueError, KeyError, TypeError, AttributeError):
-        # Neither the text nor the error may be shown: both hold what was printed.
-        raise _failed(plugin, "printed no ExecCredential with a status") from None
-    if not user.token and not user.client_cert_data:
-        raise _failed(plugin, "printed neither a token nor a certificate")
-    return user
+    except ValueError as error:
+        # A NUL in the command, in an argument or in a variable.
+        raise _failed(plugin, f"cannot be run: {error}") from error
+
+
+def _cluster_info(cluster: Cluster, folder: Path) -> dict[str, object]:
+    data = cluster.certificate_authority_data
+    if not data and cluster.certificate_authority:
+        with suppress(OSError):
+            data = base64.b64encode((folder / cluster.certificate_authority).read_bytes()).decode()
+    fields = {
+        "server": cluster.server,
+        "tls-server-name": cluster.tls_server_name,
+        "insecure-skip-tls-verify": cluster.insecure_skip_tls_verify or None,
+        "certificate-authority-data": data,
+        "proxy-url": cluster.proxy_url,
+    }
+    return {name: value for name, value in fields.items() if value is not None}
+
+
+def _read(process: subprocess.Popen[bytes], plugin: ExecPlugin, deadline: Deadline) -> tuple[bytes, bytes]:
+    """Return what a plugin prints and what it complains about, each in full."""
+    assert process.stdout is not None
+    assert process.stderr is not None
+    output, complaint = bytearray(), bytearray()
+    with selectors.DefaultSelector() as selector:
+        selector.register(process.stdout, selectors.EVENT_READ, output)
+        selector.register(process.stderr, selectors.EVENT_READ, complaint)
+        while selector.get_map():
+            for key, _ in selector.select(deadline.remaining()):
+                chunk = os.read(key.fd, 65536)
+                key.data.extend(chunk)
+                if not chunk:
+                    selector.unregister(key.fileobj)
+                elif len(key.data) > _LONGEST_OUTPUT_BYTES:
+                    raise _failed(plugin, f"printed more than {_LONGEST_OUTPUT_BYTES} bytes")
+    return bytes(output), bytes(complaint)
+
+
+def _end(process: subprocess.Popen[bytes]) -> None:
+    """End a plugin with everything that it started."""
+    with suppress(ProcessLookupError, PermissionError):
+        os.killpg(process.pid, signal.SIGKILL)
+    for pipe in (process.stdout, process.stderr):
+        if pipe is not None:
+            pipe.close()
+    process.wait()
 
 
 def _encoded(pem: str | None) -> str | None:
@@ -66,6 +159,6 @@ def _encoded(pem: str | None) -> str | None:
 
 
 def _failed(
-    plugin: UserExec, how: str, code: OPResultErrorCode = OPResultErrorCode.UNAUTHENTICATED
+    plugin: ExecPlugin, how: str, code: OPResultErrorCode = OPResultErrorCode.UNAUTHENTICATED
 ) -> KubernetesError:
-    return KubernetesError(f"The credential plugin {plugin.command} of the kubeconfig {how}", code)
+    return KubernetesError(f"The credential plugin {plugin.command!r} of the kubeconfig {how}", code)

@@ -5,6 +5,7 @@ import re
 from dataclasses import asdict, dataclass, field
 
 from lightkube.models.core_v1 import (
+    Capabilities,
     Container,
     ContainerPort,
     EnvVar,
@@ -12,9 +13,12 @@ from lightkube.models.core_v1 import (
     Lifecycle,
     LifecycleHandler,
     LocalObjectReference,
+    PodSecurityContext,
     PodSpec,
     ResourceRequirements,
+    SeccompProfile,
     SecretVolumeSource,
+    SecurityContext,
     Volume,
     VolumeMount,
 )
@@ -23,6 +27,7 @@ from lightkube.resources.core_v1 import Pod, Secret
 
 from tovarincore._k8s_console_client.errors import KubernetesError
 from tovarincore._k8s_console_client.names import check_uuid
+from tovarincore._k8s_console_client.owners import OWNER, owner_label
 from tovarincore._k8s_console_client.parameters import LaunchParameters
 from tovarincore.cloud_def import CloudInstanceConfig, CloudInstanceTypeDef
 from tovarincore.core_conf import core_conf_glbl
@@ -66,6 +71,7 @@ class Launch:
     """One launch, checked as far as it can be without the API server.
 
     :param launch_id: text that no other launch has, by which a pod is known as the work of this one
+    :param owner: user who launches, ``None`` when nobody knows
     """
 
     launch_id: str
@@ -73,6 +79,7 @@ class Launch:
     config: CloudInstanceConfig
     parameters: LaunchParameters
     startup_script: str | None = field(repr=False)
+    owner: str | None = None
 
     @property
     def pod_name(self) -> str:
@@ -108,11 +115,12 @@ def build_pod(launch: Launch) -> Pod:
     return Pod(
         metadata=ObjectMeta(
             name=launch.pod_name,
-            labels={**NODE_LABELS, UUID_LABEL: launch.config.uuid},
+            labels=_labels(launch),
             annotations={
                 NAME_ANNOTATION: launch.config.name or "",
                 INSTANCE_TYPE_ANNOTATION: json.dumps(asdict(launch.instance_type)),
                 LAUNCH_ANNOTATION: launch.launch_id,
+                **({OWNER: launch.owner} if launch.owner else {}),
             },
         ),
         spec=PodSpec(
@@ -122,6 +130,7 @@ def build_pod(launch: Launch) -> Pod:
             tolerations=parameters.tolerations or None,
             serviceAccountName=parameters.service_account,
             automountServiceAccountToken=wants_token,
+            securityContext=_pod_restrictions(parameters.run_as_user),
             imagePullSecrets=[LocalObjectReference(name) for name in parameters.image_pull_secrets] or None,
             priorityClassName=parameters.priority_class,
             terminationGracePeriodSeconds=core_conf_glbl.kubernetes__termination_grace_seconds,
@@ -129,21 +138,16 @@ def build_pod(launch: Launch) -> Pod:
     )
 
 
-def build_secret(launch: Launch, owner: Pod) -> Secret:
+def build_secret(launch: Launch, pod_uid: str) -> Secret:
     """Return the Secret of a launch, owned by its pod: the cluster removes it when the pod is gone."""
-    assert owner.metadata is not None
     data = {_SETTINGS_FILE: _as_json(launch.config.launch_instance_settings)}
     if launch.startup_script:
         data[_SCRIPT_FILE] = launch.startup_script
     return Secret(
         metadata=ObjectMeta(
             name=launch.secret_name,
-            labels={**NODE_LABELS, UUID_LABEL: launch.config.uuid},
-            ownerReferences=[
-                OwnerReference(
-                    apiVersion="v1", kind="Pod", name=owner.metadata.name or "", uid=owner.metadata.uid or ""
-                )
-            ],
+            labels=_labels(launch),
+            ownerReferences=[OwnerReference(apiVersion="v1", kind="Pod", name=launch.pod_name, uid=pod_uid)],
         ),
         stringData=data,
     )
@@ -159,6 +163,11 @@ def check(launch: Launch) -> None:
     build_pod(launch)
 
 
+def _labels(launch: Launch) -> dict[str, str]:
+    owner = {OWNER: owner_label(launch.owner)} if launch.owner else {}
+    return {**NODE_LABELS, UUID_LABEL: launch.config.uuid, **owner}
+
+
 def _container(launch: Launch) -> Container:
     port = core_conf_glbl.kubernetes__worker_port
     variables = {**launch.parameters.env, "TOVARIN_LAUNCH_SETTINGS": f"{_FOLDER}/{_SETTINGS_FILE}"}
@@ -172,7 +181,23 @@ def _container(launch: Launch) -> Container:
         resources=ResourceRequirements(requests=sizes, limits=sizes),
         volumeMounts=[VolumeMount(name=_VOLUME, mountPath=_FOLDER, readOnly=True)],
         lifecycle=_startup(launch.startup_script),
+        securityContext=_container_restrictions(launch.parameters.run_as_user),
     )
+
+
+def _pod_restrictions(user: int | None) -> PodSecurityContext:
+    """Return what namespaces of the level "restricted" ask for; root is what the caller asked for."""
+    if user == 0:
+        return PodSecurityContext(runAsUser=0)
+    return PodSecurityContext(
+        runAsNonRoot=True, runAsUser=user, seccompProfile=SeccompProfile(type="RuntimeDefault")
+    )
+
+
+def _container_restrictions(user: int | None) -> SecurityContext | None:
+    if user == 0:
+        return None
+    return SecurityContext(allowPrivilegeEscalation=False, capabilities=Capabilities(drop=["ALL"]))
 
 
 def _readable_by_all(name: str) -> SecretVolumeSource:

@@ -1,14 +1,14 @@
 """Pods as nodes."""
 
-import json
-
+import msgspec
 from lightkube.models.core_v1 import PodStatus
 from lightkube.resources.core_v1 import Pod
 
 from tovarincore._k8s_console_client.manifests import INSTANCE_TYPE_ANNOTATION, NAME_ANNOTATION, UUID_LABEL
+from tovarincore._k8s_console_client.names import is_object_name
 from tovarincore.cloud_def import CloudInstanceTypeDef, CloudNode, K8sRegion, NodeState
 
-__all__ = ["node_of", "state_of"]
+__all__ = ["UnusablePod", "node_of", "read_node", "state_of"]
 
 _STATE_OF_PHASE = {
     "Pending": NodeState.STARTING,
@@ -17,6 +17,41 @@ _STATE_OF_PHASE = {
     "Succeeded": NodeState.TERMINATED,
     "Failed": NodeState.TERMINATED,
 }
+_UNREADABLE = (msgspec.MsgspecError, UnicodeDecodeError, RecursionError)
+
+
+# Made under the lock of the import: the library is not safe for threads that decode a type first.
+_POD = msgspec.json.Decoder(Pod)
+_INSTANCE_TYPE = msgspec.json.Decoder(CloudInstanceTypeDef)
+
+
+class UnusablePod(ValueError):
+    """A pod of a listing cannot be shown as a node; the text says which and why."""
+
+
+class _Metadata(msgspec.Struct, frozen=True):
+    name: str = ""
+
+
+class _Named(msgspec.Struct, frozen=True):
+    metadata: _Metadata = _Metadata()
+
+
+_NAMED = msgspec.json.Decoder(_Named)
+
+
+def read_node(region: K8sRegion, text: msgspec.Raw) -> CloudNode:
+    """Return the record of a pod given as the JSON text of a listing.
+
+    :raises UnusablePod: it is not a pod
+    """
+    try:
+        pod = _POD.decode(text)
+    except _UNREADABLE as error:
+        raise UnusablePod(f"{_name_in(text)} ({type(error).__name__})") from None
+    if pod.metadata is None or not is_object_name(pod.metadata.name):
+        raise UnusablePod("one without a usable name")
+    return node_of(region, pod)
 
 
 def node_of(region: K8sRegion, pod: Pod) -> CloudNode:
@@ -57,7 +92,15 @@ def state_of(pod: Pod) -> NodeState:
 
 def _instance_type(text: str | None) -> CloudInstanceTypeDef:
     try:
-        return CloudInstanceTypeDef(**json.loads(text or ""))
-    except (ValueError, TypeError):
+        return _INSTANCE_TYPE.decode(text or "")
+    except _UNREADABLE:
         # One pod that somebody made or changed by hand must not hide the others.
         return CloudInstanceTypeDef(instance_type="unknown", cpu_count=0, memory_mib=0)
+
+
+def _name_in(text: msgspec.Raw) -> str:
+    try:
+        name = _NAMED.decode(text).metadata.name
+    except _UNREADABLE:
+        name = ""
+    return name if is_object_name(name) else "one without a usable name"

@@ -1,5 +1,7 @@
 """The additional parameters of a launch: what a caller may ask of a pod beyond the instance type."""
 
+from typing import Annotated
+
 import msgspec
 from lightkube.models.core_v1 import Toleration
 
@@ -17,6 +19,7 @@ class LaunchParameters(msgspec.Struct, frozen=True, forbid_unknown_fields=True):
     :param service_account: service account of the pod; without one it gets no access to the API
     :param image_pull_secrets: names of Secrets for the registry of the image
     :param priority_class: name of a priority class
+    :param run_as_user: number of the user that the worker runs as; 0, root, gives up the restrictions
     """
 
     node_selector: dict[str, str] = {}
@@ -25,6 +28,10 @@ class LaunchParameters(msgspec.Struct, frozen=True, forbid_unknown_fields=True):
     service_account: str | None = None
     image_pull_secrets: list[str] = []
     priority_class: str | None = None
+    run_as_user: Annotated[int, msgspec.Meta(ge=0, lt=1 << 31)] | None = None
+
+
+_LAUNCH_PARAMETERS = msgspec.json.Decoder(LaunchParameters)
 
 
 def parse_launch_parameters(text: str | None) -> LaunchParameters:
@@ -35,7 +42,7 @@ def parse_launch_parameters(text: str | None) -> LaunchParameters:
     if not text:
         return LaunchParameters()
     try:
-        return msgspec.json.decode(text, type=LaunchParameters)
+        return _LAUNCH_PARAMETERS.decode(text)
     except (msgspec.MsgspecError, TypeError, UnicodeError, RecursionError) as error:
         known = ", ".join(LaunchParameters.__struct_fields__)
         raise KubernetesError(

@@ -213,8 +213,8 @@ class FakeK8sConsoleClient:
         self.instance_types = [CloudInstanceTypeDef("k8s.small", cpu_count=1, memory_mib=2048)]
 
     @recorded
-    def get_cloud_nodes(self) -> tuple[list[CloudNode] | None, OPResult]:
-        """Return the nodes, in the order of their launch."""
+    def get_cloud_nodes(self, *, own_only: bool = False) -> tuple[list[CloudNode] | None, OPResult]:
+        """Return the nodes, in the order of their launch; all of them are the user's own."""
         for node in self.nodes.values():
             node.state = NodeState.RUNNING
         return deepcopy(list(self.nodes.values())), OPResult(success=True)
