@@ -23,7 +23,7 @@ PyObject* native_deepcopy(PyObject*, PyObject* arguments, PyObject* keywords)
         if (memo == Py_None)
             return deep_copy(borrow(value));
         if (!PyDict_CheckExact(memo) || !is_genuine_deepcopy(function) || !deepcopy_is_untouched())
-            return call(function, {borrow(value), borrow(memo)});
+            return function({borrow(value), borrow(memo)});
         return GeneralCopy(borrow(memo), Where::here()).copy(borrow(value));
     });
 }

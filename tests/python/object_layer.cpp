@@ -24,21 +24,24 @@ Object set_item_at(Handle a, Handle index, Handle value)
     a.set_item(PyLong_AsSsize_t(index.ptr()), value);
     return none();
 }
-Object call_mixed(Handle f, Handle a, Handle b) { return call(f, {a, "second"_k = b, "third"_k = a}); }
-Object call_method(Handle o, Handle a, Handle b) { return o.call("method"_s, {a, "second"_k = b}); }
-Object in_braces(Handle f) { return list({call(f, {}), call(f, {}), call(f, {})}); }
+Object call_mixed(Handle f, Handle a, Handle b) { return f({a, "second"_k = b, "third"_k = a}); }
+Object call_method(Handle o, Handle a, Handle b) { return o.method("method"_s)({a, "second"_k = b}); }
+Object call_method_of_answers(Handle o, Handle f) { return o.method("method"_s)({f(), "second"_k = f()}); }
+Object call_attribute_of_answers(Handle o, Handle f) { return o.get("method"_s)({f(), "second"_k = f()}); }
+Object call_global_of_answers(Handle f) { return global("a_global_of_the_test"_s)({f(), "second"_k = f()}); }
+Object in_braces(Handle f) { return list({f(), f(), f()}); }
 
 Object call_keywords(Handle f, Handle a, Handle b)
 {
     Object results = list({});
-    append(results, call(f, {"first"_k = a}));
-    append(results, call(f, {"first"_k = a, "second"_k = b}));
-    append(results, call(f, {"first"_k = a, "third"_k = b}));
-    append(results, call(f, {a, "first"_k = b}));
+    append(results, f({"first"_k = a}));
+    append(results, f({"first"_k = a, "second"_k = b}));
+    append(results, f({"first"_k = a, "third"_k = b}));
+    append(results, f({a, "first"_k = b}));
     return results;
 }
 
-Object dict_of(Handle f) { return dict({{"a"_s, call(f, {})}, {"b"_s, call(f, {})}}); }
+Object dict_of(Handle f) { return dict({{"a"_s, f()}, {"b"_s, f()}}); }
 Object import_one(Handle) { return import_from("json"_s, "dumps"_s); }
 Object import_missing(Handle) { return import_from("json"_s, "no_such_name"_s); }
 Object import_nowhere(Handle) { return import_from("no_such_module_here"_s, "name"_s); }
@@ -61,39 +64,39 @@ Object collect(Handle iterable)
 
 Object find(Handle iterable, Handle wanted)
 {
-    return first_match(iterable, [&](Handle element) { return call(wanted, {element}).truthy(); });
+    return first_match(iterable, [&](Handle element) { return wanted({element}).truthy(); });
 }
 
 Object with_finally(Handle body, Handle clause)
 {
-    return try_finally([&] { return call(body, {}); }, [&] { call(clause, {}); });
+    return try_finally([&] { return body(); }, [&] { clause(); });
 }
 
 Object with_lock(Handle owner, Handle body)
 {
-    return holding(owner, "lock"_s, [&] { return call(body, {}); });
+    return holding(owner, "lock"_s, [&] { return body(); });
 }
 
 // try: return body() except error_class as ex: return handler(ex)
 Object handle(Handle body, Handle error_class, Handle handler)
 {
     try {
-        return call(body, {});
+        return body();
     } catch (const Raised& raised) {
         if (!raised.matches(error_class))
             throw;
         ExceptBlock block(raised);
-        return call(handler, {block.error()});
+        return handler({block.error()});
     }
 }
 
 Object handle_and_raise_again(Handle body, Handle handler)
 {
     try {
-        return call(body, {});
+        return body();
     } catch (const Raised& raised) {
         ExceptBlock block(raised);
-        call(handler, {block.error()});
+        handler({block.error()});
         block.raise_again();
     }
 }
@@ -159,6 +162,9 @@ PyMethodDef verbs[] = {
     entry<set_item_at>("set_item_at"),
     entry<call_mixed>("call_mixed"),
     entry<call_method>("call_method"),
+    entry<call_method_of_answers>("call_method_of_answers"),
+    entry<call_attribute_of_answers>("call_attribute_of_answers"),
+    entry<call_global_of_answers>("call_global_of_answers"),
     entry<call_keywords>("call_keywords"),
     entry<in_braces>("in_braces"),
     entry<dict_of>("dict_of"),

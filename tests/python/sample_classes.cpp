@@ -11,14 +11,14 @@ ClassCell own_class;
 
 Object init(Handle self, Handle value)
 {
-    super_of(own_class, self).call("__init__"_s, {});
+    super_of(own_class, self).method("__init__"_s)();
     self.set("value"_s, value);
     return none();
 }
 
 Object echo(Handle, Handle a, Handle b, Handle c) { return tuple({a, b, c}); }
 Object fail(Handle self) { return self.get("no_such_attribute"_s); }
-Object recurse(Handle self) { return self.call("again"_s, {}); }
+Object recurse(Handle self) { return self.method("again"_s)(); }
 Object hidden(Handle a) { return Object(a); }
 Object required(Handle) { return none(); }
 

@@ -14,8 +14,8 @@ Object candidate_like(Handle list, Handle element)
 
 Object not_false(Handle list) { return number(static_cast<long>(first_not_false(list, "ready"_s))); }
 
-// The elements that have a turn, and those that are put aside (after a turn of `last`, the rest is), and the variable at
-// the end.
+// The elements that have a turn, and those that are put aside (after a turn of `last`, the rest is), and the variable
+// at the end.
 Object candidates(Handle iterable, Handle text, Handle last)
 {
     Object turns = list({}), others = list({}), element = none();

@@ -72,7 +72,7 @@ def test_a_traceback_names_function_file_and_line():
     )
     assert entry.filename == "tests/python/object_layer.cpp"
     with open(entry.filename) as source:
-        assert "return call(body, {});" in source.read().splitlines()[entry.lineno - 1]
+        assert "return body();" in source.read().splitlines()[entry.lineno - 1]
 
 
 def test_a_finally_clause_runs_on_both_paths():

@@ -123,6 +123,38 @@ def test_a_call_passes_positions_and_keywords_in_order():
     assert layer.call_method(Owner(), 1, 2) == ((1,), [("second", 2)])
 
 
+@pytest.mark.parametrize("entry", ["call_method_of_answers", "call_attribute_of_answers"])
+def test_what_is_called_is_looked_up_before_its_arguments_are_evaluated(entry):
+    """A method is looked up, then its arguments are evaluated from left to right, then it is called."""
+    events = []
+
+    class Owner:
+        @property
+        def method(self):
+            events.append("looked up")
+            return lambda *given, **named: events.append((given, named))
+
+    numbers = iter(range(2))
+
+    def argument():
+        number = next(numbers)
+        events.append(f"argument {number}")
+        return number
+
+    getattr(layer, entry)(Owner(), argument)
+    assert events == ["looked up", "argument 0", "argument 1", ((0,), {"second": 1})]
+
+
+def test_arguments_are_not_evaluated_for_a_missing_method():
+    """A look-up that fails leaves the arguments alone."""
+    events = []
+    with pytest.raises(AttributeError):
+        layer.call_method_of_answers(object(), lambda: events.append("argument"))
+    with pytest.raises(NameError):
+        layer.call_global_of_answers(lambda: events.append("argument"))
+    assert events == []
+
+
 def test_braces_are_evaluated_left_to_right():
     """The elements of a literal are made in the order in which they are written."""
     numbers = iter(range(10))

@@ -50,11 +50,11 @@ void bind_imports()
     }
 }
 
-Object success(Where where) { return call_global("OPResult"_s, {"success"_k = true_()}, where); }
+Object success(Where where) { return global("OPResult"_s, where)({"success"_k = true_()}, where); }
 
 Object probe_client(Handle node, Where where)
 {
-    return call_global("WebSocketClient"_s, {node, "client_timeout_sec"_k = number(2)}, where);
+    return global("WebSocketClient"_s, where)({node, "client_timeout_sec"_k = number(2)}, where);
 }
 
 } // namespace cloud_node

@@ -8,13 +8,13 @@ namespace cloud_node::facade {
 Object add_to_webs_client_pool(Handle self, Handle webs_client)
 {
     return holding(self, "webs_client_pool_lock"_s, [&] {
-        self.get("webs_client_pool"_s).call("append"_s, {webs_client});
+        self.get("webs_client_pool"_s).method("append"_s)({webs_client});
         return none();
     });
 }
 
-// What the two functions below name stands before the lock is taken: it is dropped after the release, as in Python, since
-// the finaliser of a client may use the pool.
+// What the two functions below name stands before the lock is taken: it is dropped after the release, as in Python,
+// since the finaliser of a client may use the pool.
 
 Object get_from_webs_client_pool(Handle self, Handle node_uuid)
 {
@@ -45,7 +45,7 @@ Object flush_webs_client_pool(Handle self, Handle node_uuid, Handle flush_all)
     return holding(self, "webs_client_pool_lock"_s, [&] {
         flushed_worker_id_list = list({});
         if (flush_all.truthy()) {
-            self.get("webs_client_pool"_s).call("clear"_s, {});
+            self.get("webs_client_pool"_s).method("clear"_s)();
             return flushed_worker_id_list;
         }
         temp_pool = list({});

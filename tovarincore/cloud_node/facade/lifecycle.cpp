@@ -10,7 +10,7 @@ namespace {
 void expect_state(Handle node_manager, Handle instance_id, Name state, Where where = Where::here())
 {
     Object change_node_state = node_manager.get("change_node_state"_s, where);
-    call(change_node_state, {instance_id, global("NodeState"_s, where).get(state, where)}, where);
+    change_node_state({instance_id, global("NodeState"_s, where).get(state, where)}, where);
 }
 
 } // namespace
@@ -19,22 +19,21 @@ Object launch_node(Handle self, Handle region, Handle auth, Handle instance_type
                    Handle username, Handle wait_until_cloud_provider_ready, Handle additional_params,
                    Handle startup_script)
 {
-    Object node_manager = self.call("_get_node_manager"_s, {region});
-    return node_manager.call("launch_node"_s,
-                             {"auth"_k = auth, "instance_type_def"_k = instance_type_def,
-                              "instance_config"_k = instance_config, "username"_k = username,
-                              "wait_until_cloud_provider_ready"_k = wait_until_cloud_provider_ready,
-                              "additional_params"_k = additional_params, "startup_script"_k = startup_script});
+    Object node_manager = self.method("_get_node_manager"_s)({region});
+    return node_manager.method("launch_node"_s)(
+        {"auth"_k = auth, "instance_type_def"_k = instance_type_def, "instance_config"_k = instance_config,
+         "username"_k = username, "wait_until_cloud_provider_ready"_k = wait_until_cloud_provider_ready,
+         "additional_params"_k = additional_params, "startup_script"_k = startup_script});
 }
 
 Object try_launching_node(Handle self, Handle region, Handle auth, Handle instance_type_def, Handle instance_config,
                           Handle wait_until_cloud_provider_ready)
 {
-    Object node_manager = self.call("_get_node_manager"_s, {region});
-    Object launched = node_manager.call(
-        "launch_node"_s, {"auth"_k = auth, "instance_type_def"_k = instance_type_def,
-                          "instance_config"_k = instance_config, "username"_k = "dry_run"_s, "dry_run"_k = true_(),
-                          "wait_until_cloud_provider_ready"_k = wait_until_cloud_provider_ready});
+    Object node_manager = self.method("_get_node_manager"_s)({region});
+    Object launched = node_manager.method("launch_node"_s)(
+        {"auth"_k = auth, "instance_type_def"_k = instance_type_def, "instance_config"_k = instance_config,
+         "username"_k = "dry_run"_s, "dry_run"_k = true_(),
+         "wait_until_cloud_provider_ready"_k = wait_until_cloud_provider_ready});
     auto [node, op_result] = unpack<2>(launched);
     if (op_result.get("error_code"_s).equals(global("OPResultErrorCode"_s).get("DRY_RUN_OPERATION"_s)))
         return success();
@@ -44,27 +43,27 @@ Object try_launching_node(Handle self, Handle region, Handle auth, Handle instan
 Object start_node(Handle self, Handle region, Handle auth, Handle instance_id, Handle wait_until_cloud_provider_ready,
                   Handle reboot)
 {
-    Object node_manager = self.call("_get_node_manager"_s, {region, "auth"_k = auth});
-    node_manager.call("start_node"_s,
-                      {"instance_id"_k = instance_id,
-                       "wait_until_cloud_provider_ready"_k = wait_until_cloud_provider_ready, "reboot"_k = reboot});
+    Object node_manager = self.method("_get_node_manager"_s)({region, "auth"_k = auth});
+    node_manager.method("start_node"_s)({"instance_id"_k = instance_id,
+                                         "wait_until_cloud_provider_ready"_k = wait_until_cloud_provider_ready,
+                                         "reboot"_k = reboot});
     expect_state(node_manager, instance_id, "STARTING"_s);
     return none();
 }
 
 Object stop_node(Handle self, Handle region, Handle auth, Handle instance_id)
 {
-    Object node_manager = self.call("_get_node_manager"_s, {region, "auth"_k = auth});
-    node_manager.call("stop_node"_s, {"instance_id"_k = instance_id});
+    Object node_manager = self.method("_get_node_manager"_s)({region, "auth"_k = auth});
+    node_manager.method("stop_node"_s)({"instance_id"_k = instance_id});
     expect_state(node_manager, instance_id, "STOPPING"_s);
     return none();
 }
 
 Object terminate_node(Handle self, Handle region, Handle auth, Handle instance_id, Handle stop_reason)
 {
-    Object node_manager = self.call("_get_node_manager"_s, {region, "auth"_k = auth});
+    Object node_manager = self.method("_get_node_manager"_s)({region, "auth"_k = auth});
     Object op_result =
-        node_manager.call("terminate_node"_s, {"instance_id"_k = instance_id, "stop_reason"_k = stop_reason});
+        node_manager.method("terminate_node"_s)({"instance_id"_k = instance_id, "stop_reason"_k = stop_reason});
     if (op_result.get("success"_s).truthy())
         expect_state(node_manager, instance_id, "SHUTTING_DOWN"_s);
     return op_result;
@@ -72,18 +71,18 @@ Object terminate_node(Handle self, Handle region, Handle auth, Handle instance_i
 
 Object create_key_pair(Handle self, Handle region, Handle auth, Handle key_pair_name, Handle username)
 {
-    Object node_manager = self.call("_get_node_manager"_s, {region, "auth"_k = auth, "username"_k = username});
+    Object node_manager = self.method("_get_node_manager"_s)({region, "auth"_k = auth, "username"_k = username});
     assert_that([&] { return is_instance(node_manager, global("CloudKeyPairManager"_s)); },
                 "Creating key pair is only supported for Cloud regions"_s);
-    return node_manager.call("create_key_pair"_s, {key_pair_name, username});
+    return node_manager.method("create_key_pair"_s)({key_pair_name, username});
 }
 
 Object delete_key_pair(Handle self, Handle region, Handle auth, Handle key_pair_name)
 {
-    Object node_manager = self.call("_get_node_manager"_s, {region, "auth"_k = auth});
+    Object node_manager = self.method("_get_node_manager"_s)({region, "auth"_k = auth});
     assert_that([&] { return is_instance(node_manager, global("CloudKeyPairManager"_s)); },
                 "Deleting key pair is only supported for Cloud regions"_s);
-    return node_manager.call("delete_key_pair"_s, {key_pair_name});
+    return node_manager.method("delete_key_pair"_s)({key_pair_name});
 }
 
 } // namespace cloud_node::facade

@@ -7,7 +7,7 @@ namespace {
 
 Object provider(Handle self, Handle region, Where where = Where::here())
 {
-    return self.call("_get_node_manager"_s, {region}, where);
+    return self.method("_get_node_manager"_s)({region}, where);
 }
 
 } // namespace
@@ -15,51 +15,51 @@ Object provider(Handle self, Handle region, Where where = Where::here())
 Object get_node_list(Handle self, Handle region)
 {
     Object node_manager = provider(self, region);
-    return node_manager.call("get_node_list"_s, {});
+    return node_manager.method("get_node_list"_s)();
 }
 
 Object set_node(Handle self, Handle node)
 {
     Object get = self.get("_get_node_manager"_s);
-    Object node_manager = call(get, {node.get("region"_s)});
-    return node_manager.call("set_node"_s, {node});
+    Object node_manager = get({node.get("region"_s)});
+    return node_manager.method("set_node"_s)({node});
 }
 
 Object get_ready_node_next_in_line(Handle self, Handle region)
 {
     Object node_manager = provider(self, region);
-    return node_manager.call("get_ready_node_next_in_line"_s, {});
+    return node_manager.method("get_ready_node_next_in_line"_s)();
 }
 
 Object find_node_by_instance_id(Handle self, Handle region, Handle instance_id)
 {
     Object node_manager = provider(self, region);
-    return node_manager.call("find_node_by_instance_id"_s, {instance_id});
+    return node_manager.method("find_node_by_instance_id"_s)({instance_id});
 }
 
 Object find_node_by_uuid(Handle self, Handle region, Handle uuid)
 {
     Object node_manager = provider(self, region);
-    return node_manager.call("find_node_by_uuid"_s, {uuid});
+    return node_manager.method("find_node_by_uuid"_s)({uuid});
 }
 
 Object refresh_node(Handle self, Handle node)
 {
     Object get = self.get("_get_node_manager"_s);
-    Object node_manager = call(get, {node.get("region"_s)});
-    return node_manager.call("refresh_node"_s, {node});
+    Object node_manager = get({node.get("region"_s)});
+    return node_manager.method("refresh_node"_s)({node});
 }
 
 Object refresh_node_list(Handle self, Handle region, Handle auth, Handle username)
 {
-    Object node_manager = self.call("_get_node_manager"_s, {region, auth, username});
-    return node_manager.call("refresh_node_list"_s, {});
+    Object node_manager = self.method("_get_node_manager"_s)({region, auth, username});
+    return node_manager.method("refresh_node_list"_s)();
 }
 
 Object list_instances(Handle self, Handle region, Handle auth, Handle username)
 {
-    Object node_manager = self.call("_get_node_manager"_s, {region, "auth"_k = auth, "username"_k = username});
-    return node_manager.call("list_instances"_s, {});
+    Object node_manager = self.method("_get_node_manager"_s)({region, "auth"_k = auth, "username"_k = username});
+    return node_manager.method("list_instances"_s)();
 }
 
 } // namespace cloud_node::facade

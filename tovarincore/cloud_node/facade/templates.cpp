@@ -5,19 +5,19 @@ namespace cloud_node::facade {
 
 Object list_current_instance_templates(Handle self, Handle region, Handle auth, Handle is_public)
 {
-    Object node_manager = self.call("_get_node_manager"_s, {region, "auth"_k = auth});
-    return node_manager.call("list_instance_templates"_s, {"is_public"_k = is_public});
+    Object node_manager = self.method("_get_node_manager"_s)({region, "auth"_k = auth});
+    return node_manager.method("list_instance_templates"_s)({"is_public"_k = is_public});
 }
 
 Object list_instance_types(Handle self, Handle region)
 {
-    Object node_manager = self.call("_get_node_manager"_s, {region});
-    return node_manager.call("list_instance_types"_s, {});
+    Object node_manager = self.method("_get_node_manager"_s)({region});
+    return node_manager.method("list_instance_types"_s)();
 }
 
 Object get_default_instance_template(Handle self, Handle region, Handle auth, Handle plan)
 {
-    Object listed = self.call("list_current_instance_templates"_s, {region, auth, "is_public"_k = true_()});
+    Object listed = self.method("list_current_instance_templates"_s)({region, auth, "is_public"_k = true_()});
     auto [instance_templates, op_result] = unpack<2>(listed);
     if (!instance_templates.truthy())
         return none();
@@ -36,7 +36,7 @@ Object get_default_instance_template(Handle self, Handle region, Handle auth, Ha
         wants(true_(), "PLAN_B"_s);
     else
         return none();
-    return self.call("_CloudManager__extract_instance_template"_s, {instance_templates, pay_type, is_gpu});
+    return self.method("_CloudManager__extract_instance_template"_s)({instance_templates, pay_type, is_gpu});
 }
 
 Object extract_instance_template(Handle instance_templates, Handle pay_type, Handle is_gpu)

@@ -24,12 +24,12 @@ void run_module_body(Handle module)
     keep_builtins({"staticmethod"_s, "range"_s, "super"_s, "AssertionError"_s, "NotImplementedError"_s});
     build_node_manager();
     build_cloud_key_pair_manager();
-    set_global("aws_node_manager_client_lock"_s, global("threading"_s).call("Lock"_s, {}));
+    set_global("aws_node_manager_client_lock"_s, global("threading"_s).method("Lock"_s)());
     build_aws_node_manager();
     build_local_container_node_manager();
     build_k8s_node_manager();
     build_cloud_manager();
-    set_global("cloud_manager_glbl"_s, call_global("CloudManager"_s, {}));
+    set_global("cloud_manager_glbl"_s, global("CloudManager"_s)());
 }
 
 // The check comes before any object is touched: from 3.12 on another interpreter runs without the first one's lock.

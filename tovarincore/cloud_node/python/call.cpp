@@ -85,34 +85,36 @@ Object call_prepared(Handle function, PyObject** values, std::size_t positional,
         where);
 }
 
-Object call_method_prepared(Handle self, Name method, PyObject** values, std::size_t positional, Handle names,
-                            Where where)
+MethodOfObject Handle::method(Name name, Where where) const
 {
-    values[0] = self.ptr();
-    if (PyObject* found = method.caches().attribute.known_method(self.ptr())) {
-        Object function(borrow(found)); // the class may give it up during the call
-        if (is_own_function(found))
-            return steal(names ? call_own_function(found, values, positional + 1, names.ptr())
-                               : call_own_function_in_place(found, values, positional + 1),
-                         where);
-        return steal(PyObject_Vectorcall(function.ptr(), values, positional + 1, names.ptr()), where);
+    if (PyObject* found = name.caches().attribute.known_method(pointer_))
+        return {Object(borrow(found)), *this};
+    if (PyType_Check(pointer_)) {
+        if (PyObject* found = name.caches().class_attribute.known_method(pointer_))
+            return {Object(borrow(found)), *this};
+        if (NameCaches* caches = name.caches_to_fill())
+            caches->class_attribute.consider(pointer_, name.ptr());
+    } else if (PyObject* found = module_attribute(pointer_, name.ptr())) {
+        return {Object(borrow(found)), Handle()};
+    } else if (NameCaches* caches = name.caches_to_fill()) {
+        caches->attribute.consider(pointer_, name.ptr());
     }
-    if (PyType_Check(self.ptr())) {
-        if (PyObject* found = method.caches().class_attribute.known_method(self.ptr())) {
-            Object function(borrow(found));
-            return steal(PyObject_Vectorcall(function.ptr(), values, positional + 1, names.ptr()), where);
-        }
-        if (NameCaches* caches = method.caches_to_fill())
-            caches->class_attribute.consider(self.ptr(), method.ptr());
-    } else if (PyObject* found = module_attribute(self.ptr(), method.ptr())) {
-        Object function(borrow(found)); // the module may give it up during the call
-        return call_prepared(function, values, positional, names, where);
-    } else if (NameCaches* caches = method.caches_to_fill()) {
-        caches->attribute.consider(self.ptr(), method.ptr());
-    }
-    return steal(
-        PyObject_VectorcallMethod(method.ptr(), values, (positional + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET, names.ptr()),
-        where);
+    PyObject* found = nullptr;
+    bool takes_self = find_method(pointer_, name.ptr(), &found);
+    return {steal(found, where), takes_self ? *this : Handle()};
+}
+
+Object MethodOfObject::call(PyObject** values, std::size_t positional, Handle names, Where where) const
+{
+    if (!self_)
+        return call_prepared(function_, values, positional, names, where);
+    values[0] = self_.ptr();
+    PyObject* function = function_.ptr();
+    if (is_own_function(function))
+        return steal(names ? call_own_function(function, values, positional + 1, names.ptr())
+                           : call_own_function_in_place(function, values, positional + 1),
+                     where);
+    return steal(PyObject_Vectorcall(function, values, positional + 1, names.ptr()), where);
 }
 
 } // namespace py

@@ -24,9 +24,9 @@ Object decorated(const Method& method, const char* class_name, Handle module_nam
     Object function = make_function(method, class_name, module_name);
     switch (method.mark) {
     case Mark::abstract:
-        return call_global("abstractmethod"_s, {function});
+        return global("abstractmethod"_s)({function});
     case Mark::static_:
-        return call(kept_builtin("staticmethod"_s), {function});
+        return kept_builtin("staticmethod"_s)({function});
     case Mark::plain:
         break;
     }
@@ -53,7 +53,7 @@ Object build_class(const ClassTable& table, Arguments bases_given, std::initiali
     Object name = steal(PyUnicode_InternFromString(table.name));
     Object bases = tuple(bases_given);
     Object metaclass = metaclass_of(bases);
-    Object space = metaclass.call("__prepare__"_s, {name, bases});
+    Object space = metaclass.method("__prepare__"_s)({name, bases});
     Object module_name = global("__name__"_s);
     space.set_item("__module__"_s, module_name);
     space.set_item("__qualname__"_s, name);
@@ -65,14 +65,14 @@ Object build_class(const ClassTable& table, Arguments bases_given, std::initiali
         Object key = stored_name(method, table.name);
         space.set_item(key, decorated(method, table.name, module_name));
     }
-    Object built = call(metaclass, {name, bases, space});
+    Object built = metaclass({name, bases, space});
     check(PyDict_SetItem(module_dictionary().ptr(), name.ptr(), built.ptr()));
     return built;
 }
 
 Object super_of(const ClassCell& cell, Handle self, Where where)
 {
-    return call(kept_builtin("super"_s), {cell.get(), self}, where);
+    return kept_builtin("super"_s)({cell.get(), self}, where);
 }
 
 } // namespace py

@@ -26,7 +26,7 @@ Object deep_copy(Handle value, Where where)
 {
     Object function = global("deepcopy"_s, where);
     if (!layout::known || !is_genuine_deepcopy(function) || !deepcopy_is_untouched())
-        return call(function, {value}, where);
+        return function({value}, where);
     Object made = plain_copy(value, where);
     if (!made)
         made = GeneralCopy(dict({}, where), where).copy(value);

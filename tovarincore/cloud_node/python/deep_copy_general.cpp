@@ -27,7 +27,7 @@ void restore_state(Handle made, Handle state_given, Where where)
     check(find_attribute(made.ptr(), "__setstate__"_s.ptr(), &found), where);
     if (found != nullptr) {
         Object set_state = adopt(found);
-        call(set_state, {state}, where);
+        set_state({state}, where);
         return;
     }
     if (PyTuple_Check(state.ptr()) && PyTuple_GET_SIZE(state.ptr()) == 2) {
@@ -36,10 +36,10 @@ void restore_state(Handle made, Handle state_given, Where where)
         slot_state = slots;
     }
     if (!state.is_none())
-        made.get("__dict__"_s, where).call("update"_s, {state}, where);
+        made.get("__dict__"_s, where).method("update"_s, where)({state}, where);
     if (slot_state.is_none())
         return;
-    for (Object pair : each(slot_state.call("items"_s, {}, where), where)) {
+    for (Object pair : each(slot_state.method("items"_s, where)(where), where)) {
         auto [name, value] = unpack<2>(pair, where);
         check(PyObject_SetAttr(made.ptr(), name.ptr(), value.ptr()), where);
     }
@@ -152,7 +152,7 @@ Object GeneralCopy::copy_dict(Handle original)
 {
     Object made = dict({}, where_);
     remember(original, made);
-    for (Object pair : each(original.call("items"_s, {}, where_), where_)) {
+    for (Object pair : each(original.method("items"_s, where_)(where_), where_)) {
         Object value =
             copy(borrow(PyTuple_GET_ITEM(pair.ptr(), 1))); // before the key, as `made[copy(k)] = copy(v)` does
         Object key = copy(borrow(PyTuple_GET_ITEM(pair.ptr(), 0)));

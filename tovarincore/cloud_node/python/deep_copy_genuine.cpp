@@ -192,7 +192,8 @@ bool find_everything()
         return false;
     dispatch.dict = in(copy_names.dict, "_deepcopy_dispatch");
     reducers.dict = in(copyreg_names.dict, "dispatch_table");
-    for (PyObject* dict : {copy_names.dict, copyreg_names.dict, builtin_names.dict, modules.dict, dispatch.dict, reducers.dict}) {
+    for (PyObject* dict :
+         {copy_names.dict, copyreg_names.dict, builtin_names.dict, modules.dict, dispatch.dict, reducers.dict}) {
         if (dict == nullptr || !PyDict_CheckExact(dict))
             return false;
         Py_INCREF(dict);
@@ -274,13 +275,13 @@ bool enumerations_are_untouched() { return are_unchanged(kept_enumeration_functi
 
 Object genuine_deepcopy(Handle value, Handle memo, Where where)
 {
-    return call(borrow(kept_copy_functions[0].function()), {value, memo}, where);
+    return borrow(kept_copy_functions[0].function())({value, memo}, where);
 }
 
 void keep_alive_by_name(Handle value, Handle memo, Where where)
 {
     Object function = global_of(borrow(copy_names.dict), "_keep_alive"_s, where);
-    call(function, {value, memo}, where);
+    function({value, memo}, where);
 }
 
 } // namespace py

@@ -19,8 +19,8 @@ bool deepcopy_is_untouched();
 // copyreg.dispatch_table: the reducers that programs register for their types
 Handle reducer_table();
 
-// Whether this is the metaclass of the module enum; whether members of enumerations are found by these functions of that
-// module: EnumMeta.__call__, Enum.__new__, Enum.__reduce_ex__; and whether nobody has put other code into them.
+// Whether this is the metaclass of the module enum; whether members of enumerations are found by these functions of
+// that module: EnumMeta.__call__, Enum.__new__, Enum.__reduce_ex__; and whether nobody has put other code into them.
 bool is_enumeration_metaclass(PyTypeObject* metatype);
 bool enumerations_are_made_by(PyObject* call, PyObject* make, PyObject* reduce);
 bool enumerations_are_untouched();

@@ -90,8 +90,7 @@ bool is_plain_enumeration(PyTypeObject* type, PyObject*& members)
     if (!is_enumeration_metaclass(metatype))
         return false;
     members = PyDict_GetItemWithError(type->tp_dict, "_value2member_map_"_s.ptr());
-    return has_no_hooks(type) &&
-           lookup(metatype, "__getattribute__"_s) == lookup(&PyType_Type, "__getattribute__"_s) &&
+    return has_no_hooks(type) && lookup(metatype, "__getattribute__"_s) == lookup(&PyType_Type, "__getattribute__"_s) &&
            enumerations_are_made_by(lookup(metatype, "__call__"_s), lookup(type, "__new__"_s),
                                     lookup(type, "__reduce_ex__"_s)) &&
            lookup(type, "_value_"_s) == nullptr && members != nullptr && PyDict_CheckExact(members);
@@ -136,7 +135,8 @@ std::array<KnownMember, 128> known_members;
 
 bool is_found_by_value(PyObject* member, PyObject* own, PyObject* members)
 {
-    if (own == nullptr || !PyDict_CheckExact(own) || !has_text_keys_only(own) || PyDict_GetItemWithError(own, "__deepcopy__"_s.ptr()) != nullptr ||
+    if (own == nullptr || !PyDict_CheckExact(own) || !has_text_keys_only(own) ||
+        PyDict_GetItemWithError(own, "__deepcopy__"_s.ptr()) != nullptr ||
         PyDict_GetItemWithError(own, "__reduce_ex__"_s.ptr()) != nullptr)
         return false;
     PyObject* value = PyDict_GetItemWithError(own, "_value_"_s.ptr());

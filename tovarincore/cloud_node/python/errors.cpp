@@ -9,7 +9,7 @@ bool assertions_enabled = true;
 void raise(Handle error, Where where)
 {
     if (PyExceptionClass_Check(error.ptr())) {
-        Object instance = call(error, {}, where);
+        Object instance = error(where);
         if (!PyExceptionInstance_Check(instance.ptr()))
             raise_type_error("calling %R should have returned an instance of BaseException", error, where);
         PyErr_SetObject(borrow(reinterpret_cast<PyObject*>(Py_TYPE(instance.ptr()))).ptr(), instance.ptr());
@@ -31,7 +31,7 @@ void raise_assertion_error(Handle message, Where where)
 {
     if (!message)
         raise(kept_builtin("AssertionError"_s), where);
-    raise(call(kept_builtin("AssertionError"_s), {message}, where), where);
+    raise(kept_builtin("AssertionError"_s)({message}, where), where);
 }
 
 namespace {

@@ -108,8 +108,8 @@ PyObject* run(FunctionObject* self, PyObject* const* arguments)
 {
     PyObject* bound[most_parameters]; // borrowed, some from the defaults, which the call may replace
     Object defaults;
-    switch (bind(self, arguments, static_cast<std::size_t>(PyVectorcall_NARGS(flagged_count)), keywords, bound,
-                 defaults)) {
+    switch (
+        bind(self, arguments, static_cast<std::size_t>(PyVectorcall_NARGS(flagged_count)), keywords, bound, defaults)) {
     case Binding::done:
         return run(self, bound);
     case Binding::mismatch:

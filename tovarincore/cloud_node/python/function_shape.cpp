@@ -22,9 +22,9 @@ Object make_code(FunctionObject* self)
         throw Raised{Where::here()};
     Object count = number(static_cast<long>(self->method->count));
     Object flags = number(CO_OPTIMIZED | CO_NEWLOCALS);
-    return plain_code().call("replace"_s,
-                             {"co_argcount"_k = count, "co_nlocals"_k = count, "co_varnames"_k = borrow(names),
-                              "co_name"_k = borrow(self->name), "co_flags"_k = flags});
+    return plain_code().method("replace"_s)({"co_argcount"_k = count, "co_nlocals"_k = count,
+                                             "co_varnames"_k = borrow(names), "co_name"_k = borrow(self->name),
+                                             "co_flags"_k = flags});
 }
 
 Object shape_of(FunctionObject* self)

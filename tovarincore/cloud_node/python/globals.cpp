@@ -137,7 +137,7 @@ bool is_instance(Handle object, Handle type, Where where)
 {
     Handle function = find_global("isinstance"_s, where);
     if (function.ptr() != genuine_isinstance) [[unlikely]]
-        return call_global("isinstance"_s, {object, type}, where).truthy(where);
+        return global("isinstance"_s, where)({object, type}, where).truthy(where);
     if (is_plainly_of_its_type(object.ptr()) && PyType_CheckExact(type.ptr()))
         return PyType_IsSubtype(Py_TYPE(object.ptr()), reinterpret_cast<PyTypeObject*>(type.ptr())) != 0;
     int status = PyObject_IsInstance(object.ptr(), type.ptr());
@@ -149,7 +149,7 @@ Py_ssize_t len(Handle object, Where where)
 {
     Handle function = find_global("len"_s, where);
     if (function.ptr() != genuine_len) [[unlikely]] {
-        Object length = call_global("len"_s, {object}, where);
+        Object length = global("len"_s, where)({object}, where);
         Py_ssize_t value = PyNumber_AsSsize_t(length.ptr(), PyExc_OverflowError);
         if (value == -1 && PyErr_Occurred())
             throw Raised{where};
@@ -165,7 +165,7 @@ Object str(Handle object, Where where)
 {
     Handle function = find_global("str"_s, where);
     if (function.ptr() != reinterpret_cast<PyObject*>(&PyUnicode_Type)) [[unlikely]]
-        return call_global("str"_s, {object}, where);
+        return global("str"_s, where)({object}, where);
     return steal(PyObject_Str(object.ptr()), where);
 }
 

@@ -24,20 +24,6 @@ void set_global(Name name, Handle value, Where where = Where::here());
 // The same for another module: its dictionary, then the built-ins, then NameError.
 Object global_of(Handle module_names, Name name, Where where);
 
-// name(...)
-template <std::size_t Count>
-Object call_global(Name name, const Argument (&arguments)[Count], Where where = Where::here())
-{
-    Object function = global(name, where);
-    return call(function, arguments, where);
-}
-
-inline Object call_global(Name name, NoArguments none, Where where = Where::here())
-{
-    Object function = global(name, where);
-    return call(function, none, where);
-}
-
 // A built-in that the module resolved once, when it started. Borrowed.
 Handle kept_builtin(Name name);
 void keep_builtins(std::initializer_list<Name> names); // NameError for a missing one

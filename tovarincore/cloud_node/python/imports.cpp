@@ -21,7 +21,7 @@ Object import_with(Name module, Handle names_wanted, Where where)
     if (importer == genuine_import)
         return steal(PyImport_ImportModuleLevelObject(module.ptr(), names, nullptr, names_wanted.ptr(), 0), where);
     Object replaced(borrow(importer));
-    return call(replaced, {module, borrow(names), none(), names_wanted, number(0, where)}, where);
+    return replaced({module, borrow(names), none(), names_wanted, number(0, where)}, where);
 }
 
 // Whether the module is still running its body: then the missing name is most likely a circular import's.

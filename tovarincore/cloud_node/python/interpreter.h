@@ -5,6 +5,10 @@
 #include <Python.h>
 #include <frameobject.h>
 
+#if PY_VERSION_HEX >= 0x030D0000 && PY_VERSION_HEX < 0x030E0000
+extern "C" int _PyObject_GetMethod(PyObject*, PyObject*, PyObject**); // in 3.13 no public header declares it any more
+#endif
+
 namespace py {
 
 // True once the interpreter winds down.
@@ -17,8 +21,8 @@ inline bool is_finalising()
 #endif
 }
 
-// True in a thread that the interpreter ends while it winds down: its frames are unwound without the interpreter's lock,
-// and no object may be touched. The thread that winds the interpreter down still runs finalisers: false there.
+// True in a thread that the interpreter ends while it winds down: its frames are unwound without the interpreter's
+// lock, and no object may be touched. The thread that winds the interpreter down still runs finalisers: false there.
 inline bool thread_is_ending()
 {
     if (!is_finalising()) [[likely]]
@@ -77,6 +81,19 @@ inline int find_attribute(PyObject* object, PyObject* name, PyObject** found)
     return PyObject_GetOptionalAttr(object, name, found);
 #else
     return _PyObject_LookupAttr(object, name, found);
+#endif
+}
+
+// Looks up what `object.name(...)` calls, as the interpreter does for such a call. True: the found function takes the
+// object as its first argument. False: it is called without, or, if null, there is no such attribute and an error is
+// set.
+inline bool find_method(PyObject* object, PyObject* name, PyObject** found)
+{
+#if PY_VERSION_HEX < 0x030E0000
+    return _PyObject_GetMethod(object, name, found) != 0;
+#else
+    *found = PyObject_GetAttr(object, name);
+    return false;
 #endif
 }
 

@@ -72,7 +72,7 @@ void raise_from_generator(const Raised& raised, WhereInFunction here)
 {
     ExceptBlock stopped(raised, here);
     Object message = steal(PyUnicode_FromString("generator raised StopIteration"));
-    Object error = call(borrow(PyExc_RuntimeError), {message});
+    Object error = borrow(PyExc_RuntimeError)({message});
     PyException_SetCause(error.ptr(), Object(stopped.error()).release());
     raise(error, here);
 }

@@ -9,8 +9,8 @@ namespace py {
 
 // for (Object x : each(xs)) ...       iter(xs) is called at once, so xs may be a temporary
 //
-// Where a lock is held, the variable has to outlive the loop, as Python's does: its last value may have a finaliser that
-// takes the lock.
+// Where a lock is held, the variable has to outlive the loop, as Python's does: its last value may have a finaliser
+// that takes the lock.
 //
 //     Object x;
 //     for (Each rest = each(xs); rest.next(x);) ...

@@ -51,8 +51,8 @@ public:
     void end(bool taken)
     {
         if (taken && was_free_ && state_of(lock_) == 1)
-            lock_type = reinterpret_cast<PyTypeObject*>(
-                Object(borrow(reinterpret_cast<PyObject*>(Py_TYPE(lock_)))).release());
+            lock_type =
+                reinterpret_cast<PyTypeObject*>(Object(borrow(reinterpret_cast<PyObject*>(Py_TYPE(lock_)))).release());
     }
 
 private:
@@ -89,7 +89,7 @@ bool acquire(Handle lock, Where where)
     if (was_free)
         return true;
     Lesson lesson(lock.ptr());
-    bool taken = lock.call("acquire"_s, {"timeout"_k = number(3)}, where).truthy(where);
+    bool taken = lock.method("acquire"_s, where)({"timeout"_k = number(3)}, where).truthy(where);
     lesson.end(taken);
     return taken;
 }
@@ -98,7 +98,7 @@ bool acquire(Handle lock, Where where)
 void release(Handle lock, Where where)
 {
     if (!is_built_in(lock.ptr()) || !give_back_if_taken(lock.ptr()))
-        lock.call("release"_s, {}, where);
+        lock.method("release"_s, where)(where);
 }
 
 } // namespace py

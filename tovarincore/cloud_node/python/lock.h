@@ -34,7 +34,7 @@ Object holding_the(Read read, Body body, WhereInFunction here = WhereInFunction:
 {
     Object lock = read();
     if (!acquire(lock, here))
-        raise(call_global("TimeoutError"_s, {}, here), here);
+        raise(global("TimeoutError"_s, here)(here), here);
     return try_finally([&] { return interruptible(body, here); }, [&] { release(lock, here); }, here);
 }
 

@@ -40,7 +40,8 @@ bool ParkedObjects::add(PyObject* pointer)
 
 void drop_last_reference(PyObject* pointer)
 {
-    // Without memory to keep it, it is dropped here: then only a thread that is ended inside its finaliser is in danger.
+    // Without memory to keep it, it is dropped here: then only a thread that is ended inside its finaliser is in
+    // danger.
     if (std::uncaught_exceptions() == 0 || !parked_by_this_thread.add(pointer))
         Py_DECREF(pointer);
 }
@@ -53,7 +54,6 @@ Parked::~Parked() noexcept(false)
         drop_last_reference(objects_.begin()[i]); // parks it again, should another error be on its way
     PyMem_RawFree(objects_.allocated);
 }
-
 
 Object Handle::get(Name name, Where where) const
 {

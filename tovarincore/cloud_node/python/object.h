@@ -6,8 +6,11 @@
 //      (a Handle that outlives the Object behind it dangles: never `Handle h = o.get(...)`)
 //   3. Raw pointers enter by steal(p) or borrow(p) and leave by release(); there is no implicit way.
 //   4. Every operation either succeeds or throws Raised with the interpreter's error indicator set.
-//   5. Arguments stand in braces, which are evaluated left to right; where evaluating one can fail or has effects,
-//      look the method up first (Object m = o.get("m"_s); call(m, {f(x)});), because Python does.
+//
+// A call reads as in Python, and is evaluated in Python's order: what is called first, then the arguments, which stand
+// in braces, from left to right.
+//      f(a, k=b)          f({a, "k"_k = b})
+//      o.m(f(x), y)       o.method("m"_s)({f({x}), y})
 #pragma once
 
 #include "interpreter.h"
@@ -32,8 +35,8 @@ struct Raised {
 
 class Object;
 class Argument;
+class MethodOfObject;
 using Arguments = std::initializer_list<Argument>;
-struct NoArguments {};
 
 // What a module holds under the name; borrowed. Null: look it up in the general way.
 PyObject* module_attribute(PyObject* object, PyObject* name);
@@ -54,8 +57,8 @@ struct ParkedObjects {
     PyObject* first[first_size]{};
 };
 
-// Where an error is caught: takes over what its way up the stack has parked, before any code runs there. Drops it at the
-// end of the scope, since locals outlive a handler and a `finally` clause.
+// Where an error is caught: takes over what its way up the stack has parked, before any code runs there. Drops it at
+// the end of the scope, since locals outlive a handler and a `finally` clause.
 class Parked {
 public:
     Parked();
@@ -88,9 +91,10 @@ public:
     bool greater(Handle other, Where where = Where::here()) const;       // if self > other:
     bool is(Handle other) const { return pointer_ == other.pointer_; }
     bool is_none() const { return pointer_ == Py_None; }
-    Object call(Name method, NoArguments none, Where where = Where::here()) const; // self.method()
-    template <std::size_t Count>                                                   // self.method(...)
-    Object call(Name method, const Argument (&arguments)[Count], Where where = Where::here()) const;
+    inline Object operator()(Where where = Where::here()) const; // self()
+    template <std::size_t Count>                                 // self(...)
+    Object operator()(const Argument (&arguments)[Count], Where where = Where::here()) const;
+    MethodOfObject method(Name name, Where where = Where::here()) const; // self.name, in self.name(...)
 
 private:
     Object look_up(Name name, Where where) const;
@@ -236,37 +240,46 @@ template <std::size_t Count> struct VectorCall {
     }
 };
 
-// The calls themselves; `values` begins with the free slot, and has room as said above.
+// The call itself; `values` begins with the free slot, and has room as said above.
 Object call_prepared(Handle function, PyObject** values, std::size_t positional, Handle names, Where where);
-Object call_method_prepared(Handle self, Name method, PyObject** values, std::size_t positional, Handle names,
-                            Where where);
-
-template <std::size_t Count> // function(...)
-[[gnu::always_inline]] inline Object call(Handle function, const Argument (&arguments)[Count],
-                                          Where where = Where::here())
-{
-    VectorCall<Count> prepared(arguments, where);
-    return call_prepared(function, prepared.values, prepared.positional, prepared.names, where);
-}
-
-inline Object call(Handle function, NoArguments, Where where = Where::here()) // function()
-{
-    PyObject* values[room_for<0>];
-    return call_prepared(function, values, 0, Handle(), where);
-}
 
 template <std::size_t Count>
-[[gnu::always_inline]] inline Object Handle::call(Name method, const Argument (&arguments)[Count], Where where) const
+[[gnu::always_inline]] inline Object Handle::operator()(const Argument (&arguments)[Count], Where where) const
 {
     VectorCall<Count> prepared(arguments, where);
-    return call_method_prepared(*this, method, prepared.values, prepared.positional, prepared.names, where);
+    return call_prepared(*this, prepared.values, prepared.positional, prepared.names, where);
 }
 
-inline Object Handle::call(Name method, NoArguments, Where where) const
+inline Object Handle::operator()(Where where) const
 {
     PyObject* values[room_for<0>];
-    return call_method_prepared(*this, method, values, 0, Handle(), where);
+    return call_prepared(*this, values, 0, Handle(), where);
 }
+
+// A method looked up on its object, to be called at once: no bound method is made in between.
+class MethodOfObject {
+public:
+    template <std::size_t Count>
+    [[gnu::always_inline]] Object operator()(const Argument (&arguments)[Count], Where where = Where::here()) &&
+    {
+        VectorCall<Count> prepared(arguments, where);
+        return call(prepared.values, prepared.positional, prepared.names, where);
+    }
+
+    Object operator()(Where where = Where::here()) &&
+    {
+        PyObject* values[room_for<0>];
+        return call(values, 0, Handle(), where);
+    }
+
+private:
+    friend class Handle;
+    MethodOfObject(Object function, Handle self) : function_(std::move(function)), self_(self) {}
+    Object call(PyObject** values, std::size_t positional, Handle names, Where where) const;
+
+    Object function_;
+    Handle self_; // the first argument; empty where the function does not take it
+};
 
 inline Object none() { return Object(borrow(Py_None)); }
 inline Handle true_() { return borrow(Py_True); }

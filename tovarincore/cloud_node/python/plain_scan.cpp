@@ -7,8 +7,8 @@ namespace py {
 
 namespace {
 
-// Reads one attribute of one object after another. Where it lies is learnt apart from reading it, and between two walks:
-// a walk only compares addresses and bytes.
+// Reads one attribute of one object after another. Where it lies is learnt apart from reading it, and between two
+// walks: a walk only compares addresses and bytes.
 class PlainReader {
 public:
     explicit PlainReader(Name name) : name_(name) {}

@@ -8,7 +8,10 @@ namespace py {
 // One level for the scope, as a call of a callable written in C takes it.
 class Level {
 public:
-    explicit Level(Where where = Where::here()) { check(Py_EnterRecursiveCall(" while calling a Python object"), where); }
+    explicit Level(Where where = Where::here())
+    {
+        check(Py_EnterRecursiveCall(" while calling a Python object"), where);
+    }
     ~Level() noexcept(false)
     {
         if (!thread_is_ending()) // else it has no state to count in any more

@@ -11,6 +11,8 @@ struct Where {
     const char* file;
     std::int64_t line;
 
+    constexpr Where(const char* file, std::int64_t line) : file(file), line(line) {}
+
     static constexpr Where here(const char* file = __builtin_FILE(), std::int64_t line = __builtin_LINE())
     {
         return {file, line};

@@ -29,10 +29,10 @@ Object find_node(Handle self, Name attribute, Handle value, WhereInFunction here
 Object node_manager_init(Handle self, Handle region)
 {
     self.set("core_conf"_s, global("core_conf_glbl"_s));
-    self.set("logger"_s, global("log_manager_glbl"_s).call("get_logger"_s, {}));
+    self.set("logger"_s, global("log_manager_glbl"_s).method("get_logger"_s)());
     self.set("region"_s, region);
     self.set("_NodeManager__node_list"_s, list({}));
-    self.set("_NodeManager__node_list_lock"_s, global("threading"_s).call("Lock"_s, {}));
+    self.set("_NodeManager__node_list_lock"_s, global("threading"_s).method("Lock"_s)());
     return none();
 }
 
@@ -61,7 +61,7 @@ Object set_node(Handle self, Handle node_given)
                 nodes_of(self).set_item(i, node);
                 return none();
             }
-        nodes_of(self).call("append"_s, {node});
+        nodes_of(self).method("append"_s)({node});
         return none();
     });
 }

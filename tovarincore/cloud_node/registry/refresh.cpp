@@ -8,8 +8,8 @@ namespace {
 // The handler of both operations, which catch everything: a debug line with the traceback, and an error result.
 Object refresh_failed(Handle self, Name message, Where where = Where::here())
 {
-    self.get("logger"_s, where).call("debug"_s, {message, "exc_info"_k = true_()}, where);
-    return call_global("OPResult"_s, {"error"_k = true_(), "msg"_k = message, "exc_info"_k = true_()}, where);
+    self.get("logger"_s, where).method("debug"_s, where)({message, "exc_info"_k = true_()}, where);
+    return global("OPResult"_s, where)({"error"_k = true_(), "msg"_k = message, "exc_info"_k = true_()}, where);
 }
 
 bool is_running(Handle node) { return node.get("state"_s).equals(global("NodeState"_s).get("RUNNING"_s)); }
@@ -21,11 +21,11 @@ void probe_running_nodes(Handle new_node_list, Where where)
             continue;
         Object webs_client = probe_client(new_node, where);
         Object ping = webs_client.get("api_get_op_result"_s, where);
-        Object request = call_global("PingRequest"_s, {}, where);
-        Object ping_op_result = call(ping, {request}, where);
+        Object request = global("PingRequest"_s, where)(where);
+        Object ping_op_result = ping({request}, where);
         if (ping_op_result.get("success"_s, where).truthy(where)) {
             new_node.set("ready"_s, true_(), where);
-            webs_client.call("refresh_system_stat"_s, {}, where);
+            webs_client.method("refresh_system_stat"_s)(where);
         }
     }
 }
@@ -38,7 +38,7 @@ void carry_worker_ids_over(Handle prev_node_list, Handle new_node_list, Where wh
             continue;
         for (Object new_node : each(new_node_list, where))
             if (new_node.get("instance_id"_s, where).equals(old_node.get("instance_id"_s, where), where))
-                new_node.set("worker_id_list"_s, old_node.get("worker_id_list"_s, where).call("copy"_s, {}, where),
+                new_node.set("worker_id_list"_s, old_node.get("worker_id_list"_s, where).method("copy"_s, where)(where),
                              where);
     }
 }
@@ -50,15 +50,15 @@ Object refresh_node(Handle self, Handle node)
     try {
         Object updated_node = deep_copy(node);
         Object webs_client = probe_client(updated_node);
-        Object request = call_global("PingRequest"_s, {});
-        Object ping_op_result = webs_client.call("api_get_op_result"_s, {request});
+        Object request = global("PingRequest"_s)();
+        Object ping_op_result = webs_client.method("api_get_op_result"_s)({request});
         if (ping_op_result.get("success"_s).truthy()) {
             // Deliberate: the caller's record learns that the worker is ready, the stored copy keeps its own value
             // (test_refresh.py holds it).
             node.set("ready"_s, true_());
-            webs_client.call("refresh_system_stat"_s, {});
+            webs_client.method("refresh_system_stat"_s)();
         }
-        self.call("set_node"_s, {updated_node});
+        self.method("set_node"_s)({updated_node});
         return success();
     } catch (const Raised& raised) {
         ExceptBlock block(raised);
@@ -69,13 +69,13 @@ Object refresh_node(Handle self, Handle node)
 Object refresh_node_list(Handle self)
 {
     try {
-        Object prev_node_list = self.call("get_node_list"_s, {});
-        auto [new_node_list, op_result] = unpack<2>(self.call("list_instances"_s, {}));
+        Object prev_node_list = self.method("get_node_list"_s)();
+        auto [new_node_list, op_result] = unpack<2>(self.method("list_instances"_s)());
         if (new_node_list.is_none())
             return op_result;
         probe_running_nodes(new_node_list, Where::here());
         carry_worker_ids_over(prev_node_list, new_node_list, Where::here());
-        self.call("set_node_list"_s, {new_node_list});
+        self.method("set_node_list"_s)({new_node_list});
         return op_result;
     } catch (const Raised& raised) {
         ExceptBlock block(raised);

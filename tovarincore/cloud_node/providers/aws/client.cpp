@@ -11,7 +11,7 @@ void keep_class(Handle built) { own_class.keep(built); }
 
 Object init(Handle self, Handle region, Handle auth, Handle username)
 {
-    super_of(own_class, self).call("__init__"_s, {region});
+    super_of(own_class, self).method("__init__"_s)({region});
     assert_that([&] { return !auth.is_none(); });
     assert_that([&] { return is_instance(auth, global("AWSCloudAuth"_s)); });
     assert_that([&] { return !username.is_none(); });
@@ -24,10 +24,10 @@ Object create_session(Handle auth)
 {
     Object session_class = import_from("boto3"_s, "Session"_s);
     if (auth.get("aws_profile"_s).truthy())
-        return call(session_class, {"profile_name"_k = auth.get("aws_profile"_s)});
-    return call(session_class, {"aws_access_key_id"_k = auth.get("aws_access_key_id"_s),
-                                "aws_secret_access_key"_k = auth.get("aws_secret_access_key"_s),
-                                "aws_session_token"_k = auth.get("aws_session_token"_s)});
+        return session_class({"profile_name"_k = auth.get("aws_profile"_s)});
+    return session_class({"aws_access_key_id"_k = auth.get("aws_access_key_id"_s),
+                          "aws_secret_access_key"_k = auth.get("aws_secret_access_key"_s),
+                          "aws_session_token"_k = auth.get("aws_session_token"_s)});
 }
 
 Object get_client(Handle self)
@@ -36,20 +36,20 @@ Object get_client(Handle self)
     Object proxies = dict({});
     bool verify = !self.get("core_conf"_s).get("network__bypass_ssl_verification"_s).truthy();
     if (self.get("core_conf"_s).get("proxy_enabled"_s).truthy()) {
-        auto [http_proxy, https_proxy] = unpack<2>(self.get("core_conf"_s).call("get_proxy_conf_tuple"_s, {}));
+        auto [http_proxy, https_proxy] = unpack<2>(self.get("core_conf"_s).method("get_proxy_conf_tuple"_s)());
         proxies = dict({{"http"_s, http_proxy}, {"https"_s, https_proxy}});
     }
     // One attempt, deliberately: a failed EC2 call is not for the library to repeat.
     Object retries = dict({{"max_attempts"_s, number(1)}, {"mode"_s, "standard"_s}});
-    Object config = call(config_class, {"retries"_k = retries, "proxies"_k = proxies});
+    Object config = config_class({"retries"_k = retries, "proxies"_k = proxies});
     auto client_lock = [] { return global("aws_node_manager_client_lock"_s); };
     Object session; // outlives the release, as in Python
     return holding_the(client_lock, [&] {
         Object create_session = self.get("_create_session"_s);
-        session = call(create_session, {self.get("auth"_s)});
+        session = create_session({self.get("auth"_s)});
         Object make_client = session.get("client"_s);
-        return call(make_client, {"ec2"_s, "region_name"_k = self.get("region"_s).get("name"_s), "config"_k = config,
-                                  "verify"_k = boolean(verify)});
+        return make_client({"ec2"_s, "region_name"_k = self.get("region"_s).get("name"_s), "config"_k = config,
+                            "verify"_k = boolean(verify)});
     });
 }
 
@@ -64,7 +64,7 @@ Object refused(Handle client_error, Where where)
 {
     Object result_class = global("OPResult"_s, where);
     Object message = error_message(client_error, where);
-    return tuple({none(), call(result_class, {"error"_k = true_(), "msg"_k = message}, where)}, where);
+    return tuple({none(), result_class({"error"_k = true_(), "msg"_k = message}, where)}, where);
 }
 
 Object error_message(Handle client_error, Where where)

@@ -34,13 +34,13 @@ Object node_from(Handle self, Handle instance)
     Object types = global("CloudInstances"_s).get("instance_type_list"_s);
     Object found_instance_type_def =
         first_match(types, [&](Handle x) { return x.get("instance_type"_s).equals(instance_type); });
-    Object state = instance.item("State"_s).item("Name"_s).call("capitalize"_s, {});
+    Object state = instance.item("State"_s).item("Name"_s).method("capitalize"_s)();
     Tags tags = tags_of(instance, Where::here());
     Object dns_address = dns_address_of(instance);
     Object instance_profile_name = none();
     if (instance.contains("IamInstanceProfile"_s)) {
         Object profile_name_from = global("ObjectMetaTextUtil"_s).get("get_profile_name_from_arn"_s);
-        instance_profile_name = call(profile_name_from, {str(instance.item("IamInstanceProfile"_s).item("Arn"_s))});
+        instance_profile_name = profile_name_from({str(instance.item("IamInstanceProfile"_s).item("Arn"_s))});
     }
     Object key_pair_name = none();
     if (instance.contains("KeyName"_s))
@@ -50,11 +50,11 @@ Object node_from(Handle self, Handle instance)
     Object node_class = global("AWSCloudNode"_s);
     Object region = self.get("region"_s);
     Object instance_id = instance.item("InstanceId"_s);
-    Object node_state = global("NodeState"_s).call("from_aws_value"_s, {state});
-    return call(node_class,
-                {"region"_k = region, "instance_id"_k = instance_id, "uuid"_k = tags.uuid, "name"_k = tags.name,
-                 "instance_type_def"_k = found_instance_type_def, "dns_address"_k = dns_address, "state"_k = node_state,
-                 "instance_profile_name"_k = instance_profile_name, "key_pair_name"_k = key_pair_name});
+    Object node_state = global("NodeState"_s).method("from_aws_value"_s)({state});
+    return node_class({"region"_k = region, "instance_id"_k = instance_id, "uuid"_k = tags.uuid, "name"_k = tags.name,
+                       "instance_type_def"_k = found_instance_type_def, "dns_address"_k = dns_address,
+                       "state"_k = node_state, "instance_profile_name"_k = instance_profile_name,
+                       "key_pair_name"_k = key_pair_name});
 }
 
 } // namespace
@@ -69,17 +69,17 @@ Object dns_address_of(Handle instance, Where where)
 
 void wait_until_instance_status_ok(Handle self, Handle ec2, Handle instance_id, Where where)
 {
-    self.get("logger"_s, where).call("debug"_s, {"Waiting until AWS states Cloud Worker is ready"_s}, where);
-    Object waiter = ec2.call("get_waiter"_s, {"instance_status_ok"_s}, where);
-    waiter.call("wait"_s, {"InstanceIds"_k = only(instance_id)}, where);
-    self.get("logger"_s, where).call("debug"_s, {"AWS stated Cloud Worker is ready"_s}, where);
+    self.get("logger"_s, where).method("debug"_s, where)({"Waiting until AWS states Cloud Worker is ready"_s}, where);
+    Object waiter = ec2.method("get_waiter"_s)({"instance_status_ok"_s}, where);
+    waiter.method("wait"_s)({"InstanceIds"_k = only(instance_id)}, where);
+    self.get("logger"_s, where).method("debug"_s, where)({"AWS stated Cloud Worker is ready"_s}, where);
 }
 
 Object list_instances(Handle self)
 {
-    Object ec2 = self.call("_get_client"_s, {});
+    Object ec2 = self.method("_get_client"_s)();
     Object filters = list({filter("tag:tovarin_username"_s, self.get("username"_s))});
-    Object response = ec2.call("describe_instances"_s, {"Filters"_k = filters});
+    Object response = ec2.method("describe_instances"_s)({"Filters"_k = filters});
     Object instances = list({});
     for (Object reservation : each(response.item("Reservations"_s)))
         for (Object instance : each(reservation.item("Instances"_s)))
@@ -89,36 +89,36 @@ Object list_instances(Handle self)
 
 Object start_node(Handle self, Handle instance_id, Handle wait_until_cloud_provider_ready, Handle reboot)
 {
-    Object ec2 = self.call("_get_client"_s, {});
-    Object response = reboot.truthy()
-                          ? ec2.call("reboot_instances"_s, {"InstanceIds"_k = only(instance_id), "DryRun"_k = false_()})
-                          : ec2.call("start_instances"_s, {"InstanceIds"_k = only(instance_id), "DryRun"_k = false_()});
-    self.get("logger"_s).call("debug"_s, {response});
+    Object ec2 = self.method("_get_client"_s)();
+    Object response =
+        reboot.truthy() ? ec2.method("reboot_instances"_s)({"InstanceIds"_k = only(instance_id), "DryRun"_k = false_()})
+                        : ec2.method("start_instances"_s)({"InstanceIds"_k = only(instance_id), "DryRun"_k = false_()});
+    self.get("logger"_s).method("debug"_s)({response});
     if (!wait_until_cloud_provider_ready.truthy())
         return none();
     try {
         wait_until_instance_status_ok(self, ec2, instance_id);
     } catch (const Raised& raised) {
         ExceptBlock block(raised);
-        self.get("logger"_s).call("error"_s, {"AWS wait failed."_s, "exc_info"_k = true_()});
+        self.get("logger"_s).method("error"_s)({"AWS wait failed."_s, "exc_info"_k = true_()});
     }
     return none();
 }
 
 Object stop_node(Handle self, Handle instance_id)
 {
-    Object ec2 = self.call("_get_client"_s, {});
-    Object response = ec2.call("stop_instances"_s, {"InstanceIds"_k = only(instance_id), "Hibernate"_k = false_(),
-                                                    "DryRun"_k = false_(), "Force"_k = true_()});
-    self.get("logger"_s).call("debug"_s, {response});
+    Object ec2 = self.method("_get_client"_s)();
+    Object response = ec2.method("stop_instances"_s)(
+        {"InstanceIds"_k = only(instance_id), "Hibernate"_k = false_(), "DryRun"_k = false_(), "Force"_k = true_()});
+    self.get("logger"_s).method("debug"_s)({response});
     return none();
 }
 
 Object terminate_node(Handle self, Handle instance_id, Handle)
 {
-    Object ec2 = self.call("_get_client"_s, {});
-    Object response = ec2.call("terminate_instances"_s, {"InstanceIds"_k = only(instance_id), "DryRun"_k = false_()});
-    self.get("logger"_s).call("debug"_s, {response});
+    Object ec2 = self.method("_get_client"_s)();
+    Object response = ec2.method("terminate_instances"_s)({"InstanceIds"_k = only(instance_id), "DryRun"_k = false_()});
+    self.get("logger"_s).method("debug"_s)({response});
     return success();
 }
 

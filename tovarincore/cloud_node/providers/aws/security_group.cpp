@@ -14,7 +14,7 @@ bool uses_custom_vpc(Handle self, Where where)
 
 void debug(Handle self, Handle message, Where where = Where::here())
 {
-    self.get("logger"_s, where).call("debug"_s, {message}, where);
+    self.get("logger"_s, where).method("debug"_s, where)({message}, where);
 }
 
 } // namespace
@@ -22,20 +22,20 @@ void debug(Handle self, Handle message, Where where = Where::here())
 Object check_and_get_security_group_id(Handle self)
 {
     Object security_group_name = self.get("tovarin_security_group_name"_s);
-    Object security_group_id = self.call("_get_security_group_id"_s, {security_group_name});
+    Object security_group_id = self.method("_get_security_group_id"_s)({security_group_name});
     if (!security_group_id.truthy()) {
         Object log = self.get("logger"_s).get("debug"_s);
-        call(log, {concat({"Security Group does not exist. Creating : "_s, security_group_name})});
-        security_group_id = self.call("_create_security_group"_s, {security_group_name});
+        log({concat({"Security Group does not exist. Creating : "_s, security_group_name})});
+        security_group_id = self.method("_create_security_group"_s)({security_group_name});
     }
-    self.call("_add_not_existing_inbound_rules"_s, {security_group_id});
+    self.method("_add_not_existing_inbound_rules"_s)({security_group_id});
     return security_group_id;
 }
 
 Object get_default_vpc_id(Handle self)
 {
-    Object describe_vpcs = self.call("_get_client"_s, {}).get("describe_vpcs"_s);
-    Object response = call(describe_vpcs, {"Filters"_k = list({filter("isDefault"_s, "true"_s)})});
+    Object describe_vpcs = self.method("_get_client"_s)().get("describe_vpcs"_s);
+    Object response = describe_vpcs({"Filters"_k = list({filter("isDefault"_s, "true"_s)})});
     return str(response.item("Vpcs"_s).item(Py_ssize_t{0}).item("VpcId"_s));
 }
 
@@ -46,18 +46,18 @@ Object get_security_group_id(Handle self, Handle name)
         Object filters = list({filter("group-name"_s, name)});
         if (uses_custom_vpc(self, Where::here()))
             append(filters, filter("vpc-id"_s, self.get("core_conf"_s).get("network__aws_custom_vpc"_s)));
-        Object response = self.call("_get_client"_s, {}).call("describe_security_groups"_s, {"Filters"_k = filters});
+        Object response = self.method("_get_client"_s)().method("describe_security_groups"_s)({"Filters"_k = filters});
         if (response.contains("SecurityGroups"_s) && response.item("SecurityGroups"_s).truthy())
             return response.item("SecurityGroups"_s).item(Py_ssize_t{0}).item("GroupId"_s);
         Object log = self.get("logger"_s).get("debug"_s);
-        call(log, {concat({"Security Group : "_s, name, " Not Exists"_s})});
+        log({concat({"Security Group : "_s, name, " Not Exists"_s})});
         return none();
     } catch (const Raised& raised) {
         if (!raised.matches(client_error))
             throw;
         ExceptBlock block(raised);
         Object log = self.get("logger"_s).get("debug"_s);
-        call(log, {concat({"Security Group : "_s, name, " Not Exists"_s}), "exc_info"_k = true_()});
+        log({concat({"Security Group : "_s, name, " Not Exists"_s}), "exc_info"_k = true_()});
         return none();
     }
 }
@@ -65,25 +65,24 @@ Object get_security_group_id(Handle self, Handle name)
 Object create_security_group(Handle self, Handle name)
 {
     Object vpc_id = uses_custom_vpc(self, Where::here()) ? self.get("core_conf"_s).get("network__aws_custom_vpc"_s)
-                                                         : self.call("_get_default_vpc_id"_s, {});
-    Object response = self.call("_get_client"_s, {})
-                          .call("create_security_group"_s, {"Description"_k = "Tovarin AI security group"_s,
-                                                            "GroupName"_k = name, "VpcId"_k = vpc_id});
+                                                         : self.method("_get_default_vpc_id"_s)();
+    Object response = self.method("_get_client"_s)().method("create_security_group"_s)(
+        {"Description"_k = "Tovarin AI security group"_s, "GroupName"_k = name, "VpcId"_k = vpc_id});
     Object log = self.get("logger"_s).get("info"_s);
-    call(log, {concat({"Security Group : "_s, name, " created"_s})});
+    log({concat({"Security Group : "_s, name, " created"_s})});
     return response.item("GroupId"_s);
 }
 
 Object list_inbound_security_group_rules(Handle self, Handle security_group_id)
 {
-    Object describe = self.call("_get_client"_s, {}).get("describe_security_group_rules"_s);
-    Object response = call(describe, {"Filters"_k = list({filter("group-id"_s, security_group_id)})});
+    Object describe = self.method("_get_client"_s)().get("describe_security_group_rules"_s);
+    Object response = describe({"Filters"_k = list({filter("group-id"_s, security_group_id)})});
     Object rules = list({});
     for (Object rule : each(response.item("SecurityGroupRules"_s))) {
         if (rule.item("IsEgress"_s).truthy())
             continue;
         Object rule_class = global("SecurityGroupRule"_s);
-        append(rules, call(rule_class, {rule.item("FromPort"_s), rule.item("ToPort"_s), rule.item("IpProtocol"_s)}));
+        append(rules, rule_class({rule.item("FromPort"_s), rule.item("ToPort"_s), rule.item("IpProtocol"_s)}));
     }
     return rules;
 }
@@ -102,29 +101,28 @@ Object add_inbound_security_group_rules(Handle self, Handle security_group_id, H
                                      {"ToPort"_s, to_port},
                                      {"IpRanges"_s, list({range})}}));
     }
-    self.call("_get_client"_s, {})
-        .call("authorize_security_group_ingress"_s,
-              {"GroupId"_k = security_group_id, "IpPermissions"_k = ip_permissions});
+    self.method("_get_client"_s)().method("authorize_security_group_ingress"_s)(
+        {"GroupId"_k = security_group_id, "IpPermissions"_k = ip_permissions});
     return none();
 }
 
 Object add_not_existing_inbound_rules(Handle self, Handle security_group_id)
 {
     Object not_existing_rules = list({});
-    Object existing_rules = self.call("_list_inbound_security_group_rules"_s, {security_group_id});
+    Object existing_rules = self.method("_list_inbound_security_group_rules"_s)({security_group_id});
     for (Object inbound_rule : each(global("SecurityGroupRules"_s).get("inbound_list"_s))) {
         Object found = first_match(existing_rules, [&](Handle rule) { return rule.equals(inbound_rule); });
         if (!found.truthy()) {
             Object log = self.get("logger"_s).get("debug"_s);
-            call(log, {formatted("Inbound Rule Not Found : "_s, inbound_rule)});
+            log({formatted("Inbound Rule Not Found : "_s, inbound_rule)});
             append(not_existing_rules, inbound_rule);
         } else {
             Object log = self.get("logger"_s).get("debug"_s);
-            call(log, {formatted("Inbound Rule Found : "_s, found)});
+            log({formatted("Inbound Rule Found : "_s, found)});
         }
     }
     if (not_existing_rules.truthy()) {
-        self.call("_add_inbound_security_group_rules"_s, {security_group_id, not_existing_rules});
+        self.method("_add_inbound_security_group_rules"_s)({security_group_id, not_existing_rules});
         debug(self, "Added not existing rules"_s);
     } else {
         debug(self, "All rules exists. Nothing to do"_s);

@@ -5,22 +5,21 @@ namespace cloud_node::aws {
 
 Object list_instance_templates(Handle self, Handle is_public)
 {
-    Object ec2 = self.call("_get_client"_s, {});
+    Object ec2 = self.method("_get_client"_s)();
     Object filters = list({filter("name"_s, "TOVARIN_AI_*"_s)});
     if (is_public.truthy())
         append(filters, filter("is-public"_s, "true"_s));
-    Object response = ec2.call("describe_images"_s, {"Filters"_k = filters});
+    Object response = ec2.method("describe_images"_s)({"Filters"_k = filters});
     Object result_list = list({});
     if (response.contains("Images"_s)) {
         Object parse = import_from("dateutil.parser"_s, "parse"_s);
         for (Object image : each(response.item("Images"_s))) {
-            Object parsed = call(parse, {image.item("CreationDate"_s)});
-            Object creation_date = parsed.call("replace"_s, {"tzinfo"_k = none()}); // EC2's wall clock, in UTC
+            Object parsed = parse({image.item("CreationDate"_s)});
+            Object creation_date = parsed.method("replace"_s)({"tzinfo"_k = none()}); // EC2's wall clock, in UTC
             Object create_from = global("InstanceTemplate"_s).get("create_from"_s);
-            Object instance_template =
-                call(create_from,
-                     {"image_template_id"_k = image.item("ImageId"_s), "image_template_name"_k = image.item("Name"_s),
-                      "creation_date"_k = creation_date, "region"_k = self.get("region"_s)});
+            Object instance_template = create_from(
+                {"image_template_id"_k = image.item("ImageId"_s), "image_template_name"_k = image.item("Name"_s),
+                 "creation_date"_k = creation_date, "region"_k = self.get("region"_s)});
             if (!instance_template.is_none())
                 append(result_list, instance_template);
         }

@@ -10,19 +10,19 @@ ClassCell own_class;
 
 Object init(Handle self, Handle region)
 {
-    super_of(own_class, self).call("__init__"_s, {region});
-    self.set("console_client"_s, call_global("K8sConsoleClient"_s, {region}));
+    super_of(own_class, self).method("__init__"_s)({region});
+    self.set("console_client"_s, global("K8sConsoleClient"_s)({region}));
     return none();
 }
 
-Object list_instances(Handle self) { return self.get("console_client"_s).call("get_cloud_nodes"_s, {}); }
+Object list_instances(Handle self) { return self.get("console_client"_s).method("get_cloud_nodes"_s)(); }
 
 Object launch_node(Handle self, Handle instance_type_def, Handle instance_config, Handle, Handle, Handle, Handle,
                    Handle additional_params, Handle startup_script)
 {
     return self.get("console_client"_s)
-        .call("launch_node"_s, {"instance_type_def"_k = instance_type_def, "instance_config"_k = instance_config,
-                                "additional_params"_k = additional_params, "startup_script"_k = startup_script});
+        .method("launch_node"_s)({"instance_type_def"_k = instance_type_def, "instance_config"_k = instance_config,
+                                  "additional_params"_k = additional_params, "startup_script"_k = startup_script});
 }
 
 // A Kubernetes node can be neither started nor stopped; asking for it is no error.
@@ -32,15 +32,15 @@ Object stop_node(Handle, Handle) { return none(); }
 Object terminate_node(Handle self, Handle instance_id, Handle stop_reason)
 {
     return self.get("console_client"_s)
-        .call("terminate_node"_s, {"instance_id"_k = instance_id, "stop_reason"_k = stop_reason});
+        .method("terminate_node"_s)({"instance_id"_k = instance_id, "stop_reason"_k = stop_reason});
 }
 
 Object list_instance_templates(Handle self, Handle)
 {
-    return self.get("console_client"_s).call("list_instance_templates"_s, {});
+    return self.get("console_client"_s).method("list_instance_templates"_s)();
 }
 
-Object list_instance_types(Handle self) { return self.get("console_client"_s).call("list_instance_types"_s, {}); }
+Object list_instance_types(Handle self) { return self.get("console_client"_s).method("list_instance_types"_s)(); }
 
 constexpr Method methods[] = {
     method<init>("__init__"_s, {{"self"}, {"region"}}, "None", docs::node_manager_init),

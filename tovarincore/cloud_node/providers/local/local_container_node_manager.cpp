@@ -10,14 +10,14 @@ ClassCell own_class;
 
 Object init(Handle self, Handle region)
 {
-    super_of(own_class, self).call("__init__"_s, {region});
-    self.set("container_helper"_s, call_global("ContainerHelper"_s, {}));
+    super_of(own_class, self).method("__init__"_s)({region});
+    self.set("container_helper"_s, global("ContainerHelper"_s)());
     return none();
 }
 
 Object list_instances(Handle self)
 {
-    Object node = self.get("container_helper"_s).call("get_existing_node"_s, {});
+    Object node = self.get("container_helper"_s).method("get_existing_node"_s)();
     if (node.is_none())
         return tuple({list({}), success()});
     return tuple({list({node}), success()});
@@ -32,50 +32,49 @@ Object launch_node(Handle self, Handle, Handle instance_config, Handle, Handle, 
         },
         "Version must be provided to start a new local container"_s);
     Object run_image = self.get("container_helper"_s).get("run_tvr_container_image"_s);
-    return call(run_image, {instance_config.get("instance_template"_s).get("version"_s)});
+    return run_image({instance_config.get("instance_template"_s).get("version"_s)});
 }
 
 Object start_node(Handle self, Handle, Handle reboot, Handle)
 {
-    self.get("container_helper"_s).call("start_tovarin_container"_s, {"reboot"_k = reboot});
+    self.get("container_helper"_s).method("start_tovarin_container"_s)({"reboot"_k = reboot});
     return none();
 }
 
 Object stop_node(Handle self, Handle)
 {
-    self.get("container_helper"_s).call("stop_tovarin_container"_s, {});
+    self.get("container_helper"_s).method("stop_tovarin_container"_s)();
     return none();
 }
 
 // Deliberate: only this one passes the helper's result on (test_local.py holds it).
 Object terminate_node(Handle self, Handle, Handle)
 {
-    return self.get("container_helper"_s).call("delete_tovarin_container"_s, {});
+    return self.get("container_helper"_s).method("delete_tovarin_container"_s)();
 }
 
 Object list_instance_templates(Handle self, Handle)
 {
-    Object versions = self.get("container_helper"_s).call("list_tvr_container_image_versions"_s, {});
+    Object versions = self.get("container_helper"_s).method("list_tvr_container_image_versions"_s)();
     if (!versions.truthy())
         return tuple({list({}), success()});
     Object instance_templates = list({});
-    Object region = global("CloudRegions"_s).call("get_local_container_region"_s, {});
+    Object region = global("CloudRegions"_s).method("get_local_container_region"_s)();
     assert_that([&] { return !region.is_none(); });
     for (Object version : each(versions)) {
         Object template_class = global("InstanceTemplate"_s);
         Object pay_type = global("InstanceTemplatePayType"_s).get("DEV"_s);
-        Object created_date = global("datetime"_s).call("now"_s, {});
+        Object created_date = global("datetime"_s).method("now"_s)();
         append(instance_templates,
-               call(template_class,
-                    {"instance_template_id"_k = version, "name"_k = version, "product_pay_type"_k = pay_type,
-                     "created_date"_k = created_date, "region"_k = region, "version"_k = version}));
+               template_class({"instance_template_id"_k = version, "name"_k = version, "product_pay_type"_k = pay_type,
+                               "created_date"_k = created_date, "region"_k = region, "version"_k = version}));
     }
     return tuple({instance_templates, success()});
 }
 
 Object list_instance_types(Handle)
 {
-    Object type = global("CloudInstances"_s).call("get_default_local_instance_type"_s, {});
+    Object type = global("CloudInstances"_s).method("get_default_local_instance_type"_s)();
     return tuple({list({type}), success()});
 }
 
