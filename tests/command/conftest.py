@@ -37,6 +37,13 @@ def fresh_providers() -> Iterator[None]:
 
 
 @pytest.fixture
+def older_sdk(monkeypatch: pytest.MonkeyPatch) -> None:
+    """An SDK that names no types besides those of the files."""
+    monkeypatch.setattr("tovarincore._cloud_def.sdk_types._names_of_sdk", list)
+    core_conf_glbl.reload()
+
+
+@pytest.fixture
 def no_account(tmp_path: Path) -> Iterator[Path]:
     """A machine on which nothing is configured; gives the folder of its configuration."""
     with settings_of(tmp_path, {}):

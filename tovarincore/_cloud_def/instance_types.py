@@ -1,12 +1,13 @@
 """Instance types, and the list of those that are known."""
 
 from dataclasses import dataclass
+from datetime import date
 from pathlib import Path
 from typing import Any, Optional
 
 from tovarincore._config_files.errors import ConfigError
 from tovarincore._config_files.names import did_you_mean, shown_value
-from tovarincore._config_files.toml_file import parse_toml, read_named_toml, require_section
+from tovarincore._config_files.toml_file import parse_toml, read_named_toml, read_toml, require_section
 from tovarincore.core_conf import core_conf_glbl
 
 __all__ = ["CloudInstanceTypeDef", "CloudInstances"]
@@ -19,8 +20,8 @@ class CloudInstanceTypeDef:
     """One instance type.
 
     :param instance_type: the provider's name of the type, for Amazon for example ``"g4dn.xlarge"``
-    :param cpu_count: processors (Amazon: vCPUs)
-    :param memory_mib: memory in MiB
+    :param cpu_count: processors (Amazon: vCPUs); 0 when it is not known
+    :param memory_mib: memory in MiB; 0 when it is not known
     :param gpu_count: graphics processors
     :param gpu_model: maker and model of them
     """
@@ -47,12 +48,34 @@ class _InstanceTypeList:
 
 
 class CloudInstances:
-    """The instance types that are known: those shipped with the product and the user's own."""
+    """The instance types that are known: those shipped with the product, the user's own, and the SDK's."""
 
     instance_type_list = _InstanceTypeList()
-    """List of :class:`CloudInstanceTypeDef`, read at first use. The file of the setting
-    ``[cloud] instance_types_file`` adds to the shipped types; a type in both is as the user's file says.
-    Reading raises ``ConfigError`` when a file cannot be used."""
+    """List of :class:`CloudInstanceTypeDef`, read at first use. The user's file adds to the shipped types; a
+    type in both is as the user's file says. The types that only the installed Amazon SDK knows follow,
+    without sizes; they are read when a search comes to them, and the list grows by them then. Reading raises
+    ``ConfigError`` when a file cannot be used."""
+
+    @staticmethod
+    def get_user_file() -> Path:
+        """Return the path of the user's file of types, whether it exists or not.
+
+        It is the file of the setting ``[cloud] instance_types_file``, else ``instance_types.toml`` beside the
+        settings file.
+
+        :raises ConfigError: the configuration cannot be used
+        """
+        named = core_conf_glbl.cloud__instance_types_file
+        return Path(named).expanduser() if named else core_conf_glbl.path.with_name("instance_types.toml")
+
+    @staticmethod
+    def get_data_date() -> date | None:
+        """Return the date of the sizes: the newest ``updated`` of the shipped and the user's file.
+
+        :raises ConfigError: the configuration or a file cannot be used
+        """
+        dates = [read.updated for read in _files() if read.updated is not None]
+        return max(dates, default=None)
 
     @staticmethod
     def find(instance_type: str) -> CloudInstanceTypeDef:
@@ -81,23 +104,53 @@ class CloudInstances:
         )
 
 
+class _TypesFile:
+    """What one file of types holds.
+
+    :param tables: its tables
+    :param path: the file, for the error's text
+    """
+
+    def __init__(self, tables: dict[str, Any], path: Path) -> None:
+        updated = tables.pop("updated", None)
+        if updated is not None and type(updated) is not date:
+            raise ConfigError(
+                f"{path}: updated {shown_value(updated)} is not allowed; allowed is a date such as 2026-01-31"
+            )
+        require_section(tables, "instance_types", path)
+        entries = tables.get("instance_types", {})
+        if not isinstance(entries, dict):
+            raise ConfigError(
+                f"{path}: instance_types is not allowed here; allowed is a section [instance_types]"
+            )
+        self.updated = updated
+        self.types = {name: _type_of(name, entry, f'{path}: "{name}"') for name, entry in entries.items()}
+
+
+def _files() -> list[_TypesFile]:
+    return core_conf_glbl.derive("files of instance types", _read_files)
+
+
+def _read_files() -> list[_TypesFile]:
+    files = [_TypesFile(parse_toml(_SHIPPED_FILE.read_bytes(), _SHIPPED_FILE), _SHIPPED_FILE)]
+    path = CloudInstances.get_user_file()
+    if core_conf_glbl.cloud__instance_types_file:
+        files.append(_TypesFile(read_named_toml(path, "[cloud] instance_types_file"), path))
+    elif (tables := read_toml(path)) is not None:
+        files.append(_TypesFile(tables, path))
+    return files
+
+
 def _read_instance_types() -> list[CloudInstanceTypeDef]:
-    types = _types_of(parse_toml(_SHIPPED_FILE.read_bytes(), _SHIPPED_FILE), _SHIPPED_FILE)
-    file_name = core_conf_glbl.cloud__instance_types_file
-    if file_name:
-        path = Path(file_name).expanduser()
-        types.update(_types_of(read_named_toml(path, "[cloud] instance_types_file"), path))
-    return list(types.values())
+    # Imported here: importing the package reads no types.
+    from tovarincore._cloud_def.sdk_types import add_types_of_sdk
 
-
-def _types_of(tables: dict[str, Any], path: Path) -> dict[str, CloudInstanceTypeDef]:
-    require_section(tables, "instance_types", path)
-    entries = tables.get("instance_types", {})
-    if not isinstance(entries, dict):
-        raise ConfigError(
-            f"{path}: instance_types is not allowed here; allowed is a section [instance_types]"
-        )
-    return {name: _type_of(name, entry, f'{path}: "{name}"') for name, entry in entries.items()}
+    types: dict[str, CloudInstanceTypeDef] = {}
+    for read in _files():
+        types.update(read.types)
+    listed = list(types.values())
+    add_types_of_sdk(listed)
+    return listed
 
 
 def _type_of(name: str, entry: object, source: str) -> CloudInstanceTypeDef:

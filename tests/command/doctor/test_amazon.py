@@ -22,6 +22,7 @@ def found(ec2: Ec2World, subject: str) -> list[Verdict]:
     return [verdict for verdict in check_amazon(ec2.region) if verdict.subject == f"AWS:us-east-1 {subject}"]
 
 
+@pytest.mark.usefixtures("older_sdk")
 def test_a_type_that_the_list_lacks_comes_with_the_line_to_add(ec2: Ec2World) -> None:
     """The line has the type's own figures, as EC2 describes them."""
     ec2.run_instance("cold-1", InstanceType="mac1.metal")
@@ -31,6 +32,7 @@ def test_a_type_that_the_list_lacks_comes_with_the_line_to_add(ec2: Ec2World) ->
     assert verdict.remedy.endswith(': "mac1.metal" = { cpu_count = 12, memory_mib = 32768 }')
 
 
+@pytest.mark.usefixtures("older_sdk")
 def test_without_the_right_to_describe_types_the_figures_are_left_to_fill_in(ec2: Ec2World) -> None:
     """The line still names the type."""
     ec2.run_instance("cold-1", InstanceType="mac1.metal")

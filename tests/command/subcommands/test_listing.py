@@ -2,9 +2,12 @@
 
 from __future__ import annotations
 
+import re
 import time
 from collections.abc import Callable
 from typing import Any
+
+import pytest
 
 from stage.ec2 import Ec2World
 from tests.command.conftest import Run, send_to_worker
@@ -95,6 +98,14 @@ def test_a_name_of_two_nodes_is_not_guessed(run: Run, ec2: Ec2World) -> None:
     assert second in run("show", "us-east-1", "cold-1").stdout
 
 
+def test_a_type_that_only_the_sdk_knows_is_listed(run: Run, ec2: Ec2World) -> None:
+    """Without its size, which no file has."""
+    ec2.run_instance("cold-1", InstanceType="mac1.metal")
+    assert "mac1.metal" in run("list", "us-east-1").stdout
+    assert re.search("^mac1.metal +- +- +0", run("types", "us-east-1").stdout, re.MULTILINE)
+
+
+@pytest.mark.usefixtures("older_sdk")
 def test_an_unknown_type_leads_to_the_doctor(run: Run, ec2: Ec2World) -> None:
     """An instance that stops the listing is explained by what to do about it."""
     ec2.run_instance("cold-1", InstanceType="mac1.metal")

@@ -79,8 +79,8 @@ def types(invocation: Invocation, region: CloudRegion) -> None:
             [
                 (
                     type_def.instance_type,
-                    f"{type_def.cpu_count:g}",
-                    type_def.memory_mib,
+                    f"{type_def.cpu_count:g}" if type_def.cpu_count else None,
+                    type_def.memory_mib or None,
                     type_def.gpu_count,
                     type_def.gpu_model,
                 )
