@@ -35,13 +35,16 @@ class _Server(ThreadingUnixStreamServer):
 class EngineApi:
     """Context manager that answers each request with what `answers` holds for its method and path.
 
-    An answer is a status with a JSON value, or a function that writes to the connection by itself.
+    An answer is a status with a JSON value, or a function that writes to the connection by itself. Every
+    answer carries `api_version`, unless that is None, as an engine's do.
     """
 
     def __init__(self) -> None:
         self.answers: dict[tuple[str, str], Answer | Callable[[Any], object]] = {
-            ("GET", "/version"): (200, {"ApiVersion": "1.41"})
+            ("GET", "/_ping"): (200, "OK"),
+            ("GET", "/version"): (200, {"ApiVersion": "1.41"}),
         }
+        self.api_version: str | None = "1.41"
         self.requests: list[EngineRequest] = []
         self.url = ""
 
@@ -105,6 +108,8 @@ class _Handler(BaseHTTPRequestHandler):
         status, value = answer
         body = b"" if value is None else json.dumps(value).encode()
         self.send_response(status)
+        if api.api_version is not None:
+            self.send_header("Api-Version", api.api_version)
         self.send_header("Content-Length", str(len(body)))
         self.end_headers()
         self.wfile.write(body)

@@ -7,7 +7,7 @@ from contextlib import closing
 from typing import TypeVar
 
 from tovarincore._container_helper import operations
-from tovarincore._container_helper.docker_engine import open_docker_engine
+from tovarincore._container_helper.docker_engine import client_settings, open_docker_engine
 from tovarincore._container_helper.engine import ContainerEngine
 from tovarincore._container_helper.errors import ContainerError, unreadable_answer
 from tovarincore._container_helper.limit import TimeLimit
@@ -21,7 +21,7 @@ from tovarincore.cloud_def import CloudNode
 from tovarincore.core_conf import core_conf_glbl
 from tovarincore.core_def import OPResult
 
-__all__ = ["UUID_LABEL", "VERSION_LABEL", "ContainerError", "ContainerHelper"]
+__all__ = ["UUID_LABEL", "VERSION_LABEL", "ContainerError", "ContainerHelper", "client_settings"]
 
 T = TypeVar("T")
 

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import dataclasses
 import threading
 import time
 from collections.abc import Callable, Iterator
@@ -298,6 +299,50 @@ def test_the_slower_of_two_starts_succeeds_if_the_worker_runs(
         engine.before["start_container"] = engine.put_container
     node, result = helper.run_tvr_container_image("1.10")
     assert (node is not None, result.msg) == (running, None if running else "container state improper")
+
+
+@pytest.mark.parametrize("status", ["created", "running"])
+def test_a_launch_keeps_its_container_when_another_started_it_first(
+    engine: MemoryEngine, helper: ContainerHelper, status: str
+) -> None:
+    """Its own start is refused then; only a container that does not run is in the way."""
+    engine.failures["start_container"] = ContainerError("container state improper")
+
+    def start() -> None:
+        assert engine.container is not None
+        engine.container = dataclasses.replace(engine.container, status=status)
+
+    engine.before["start_container"] = start
+    node, result = helper.run_tvr_container_image("1.10")
+    assert (node is not None) == result.success == (engine.container is not None) == (status == "running")
+
+
+@pytest.mark.parametrize("ends", [False, True], ids=["stays", "ends"])
+def test_a_container_that_is_listed_before_it_can_be_started_is_waited_for(
+    engine: MemoryEngine, helper: ContainerHelper, ends: bool
+) -> None:
+    """An engine may list another launch's container a moment before it knows the id, or after its end."""
+    engine.put_container(status="created")
+    engine.failures["start_container"] = ContainerError("no such container", OPResultErrorCode.NOT_FOUND)
+
+    def pass_by() -> None:
+        engine.failures.clear()
+        if ends:
+            engine.container = None
+
+    engine.before["find_container"] = _after(5, pass_by)
+    node, result = helper.run_tvr_container_image("1.10")
+    assert result.success, result.msg
+    assert node is not None
+    assert (node.uuid == "uuid-1") != ends
+
+
+def test_a_stop_that_is_underway_is_waited_for(engine: MemoryEngine, helper: ContainerHelper) -> None:
+    """A launch then starts the container again."""
+    engine.put_container(status="stopping")
+    engine.before["find_container"] = _after(3, lambda: engine.put_container(status="exited"))
+    assert helper.run_tvr_container_image("1.10")[1].success
+    assert engine.changes() == [("start_container", "id-1")]
 
 
 def test_a_removal_that_is_refused_in_passing_is_tried_again(

@@ -304,7 +304,7 @@ def _trickle(connection: IO[bytes]) -> None:
             time.sleep(0.05)
 
 
-@pytest.mark.parametrize("path", ["/version", "/containers/json"])
+@pytest.mark.parametrize("path", ["/_ping", "/containers/json"])
 def test_an_answer_that_trickles_in_ends_at_the_limit(api: EngineApi, tmp_path: Path, path: str) -> None:
     """Every byte comes soon after the last one, yet the whole call is bounded."""
     api.answers["GET", path] = _trickle
@@ -341,7 +341,8 @@ def test_no_request_is_sent_after_the_limit(api: EngineApi) -> None:
 )
 def test_something_else_than_an_engine_is_reported(api: EngineApi, answer: Any) -> None:
     """The text names the address and the setting, whatever answers there."""
-    api.answers["GET", "/version"] = answer
+    api.answers["GET", "/_ping"] = answer
+    api.api_version = None
     with pytest.raises(ContainerError, match=r"No container engine answers at unix://.*engine_url") as caught:
         open_docker_engine(TimeLimit(5, "testing"))
     assert caught.value.error_code is OPResultErrorCode.ENGINE_UNAVAILABLE
@@ -399,7 +400,7 @@ def test_the_environment_names_the_engine_unless_the_setting_does(
         monkeypatch.setenv("DOCKER_HOST", api.url)
         api.answers["GET", "/containers/json"] = (200, [])
         assert ContainerHelper().get_existing_node() is None
-        assert [request.path for request in api.requests] == ["/version", "/containers/json"]
+        assert [request.path for request in api.requests] == ["/_ping", "/containers/json"]
 
 
 def test_a_missing_package_is_one_line_that_names_the_extra(

@@ -55,7 +55,7 @@ def open_docker_engine(limit: TimeLimit) -> ContainerEngine:
 
 
 def client_settings() -> dict[str, Any]:
-    """The arguments of docker.APIClient that say which engine is meant and how to reach it."""
+    """Return the arguments of docker.APIClient that reach the engine of the settings or the environment."""
     import docker.utils
 
     settings: dict[str, Any] = {"base_url": _DEFAULT_URL, **docker.utils.kwargs_from_env()}

@@ -21,6 +21,8 @@ _PORT_IN_USE = re.compile(
     r"127\.0\.0\.1:(?P<number>\d+)\b.*(?:port is already allocated|address already in use)", re.DOTALL
 )
 _NAME_IN_USE = re.compile(r"\bname\b.*\bis already in use\b", re.DOTALL)
+# Podman says this with status 500 as well.
+_NO_CONTAINER = "no such container"
 # An engine's own words, of which the first say the most.
 _SHOWN_CHARACTERS = 500
 
@@ -69,7 +71,7 @@ def _refusal(error: docker.errors.APIError) -> ContainerError:
             "set another published_port in [container], terminate and launch again.",
             OPResultErrorCode.RESOURCE_EXHAUSTED,
         )
-    if error.status_code == HTTPStatus.NOT_FOUND:
+    if error.status_code == HTTPStatus.NOT_FOUND or _NO_CONTAINER in text.lower():
         return ContainerError(
             f"The container engine no longer has what was asked for: {text}. Refresh and try again.",
             OPResultErrorCode.NOT_FOUND,

@@ -21,6 +21,7 @@ from tovarincore.cloud_conf import ConfigError
 from tovarincore.core_conf import core_conf_glbl
 from tovarincore.core_def import CoreDef, OPResultErrorCode
 
+_ON_THE_WAY_OUT = ("stopping", "removing")
 _MEBIBYTE = 1024 * 1024
 # Long enough for a worker to say goodbye; a short operation limit leaves it less.
 _LONGEST_GRACE_SECONDS = 5
@@ -49,12 +50,25 @@ def launch(engine: ContainerEngine, version: str, limit: TimeLimit) -> Container
                 return _create_and_start(engine, version)
         elif UUID_LABEL not in container.labels:
             raise name_taken(container.name)
-        elif container.status != "removing":
-            return _start_existing(engine, container, version)
+        elif container.status not in _ON_THE_WAY_OUT:
+            try:
+                return _start_existing(engine, container, version)
+            except ContainerError as error:
+                if not _is_passing(engine, container, error):
+                    raise
         if limit.remaining() < pause:
             raise _name_is_kept()
         time.sleep(pause)
         pause = min(2 * pause, _LONGEST_PAUSE_SECONDS)
+
+
+def _is_passing(engine: ContainerEngine, container: ContainerSummary, error: ContainerError) -> bool:
+    """Whether a container could not be started because it is on its way in or out."""
+    # Docker lists a new container a moment before it knows the id.
+    if error.error_code is OPResultErrorCode.NOT_FOUND:
+        return True
+    now = find(engine)
+    return now is None or now.container_id != container.container_id or now.status in _ON_THE_WAY_OUT
 
 
 def start(engine: ContainerEngine, reboot: bool) -> None:
@@ -105,7 +119,7 @@ def _create_and_start(engine: ContainerEngine, version: str) -> ContainerSummary
     )
     try:
         token.keep()
-        engine.start_container(container_id)
+        _start_stopped(engine, container_id)
         return _find_reachable(engine)
     except (ContainerError, ConfigError):
         # A container that never ran, or that nothing can reach, would stand in the way of the next launch.
@@ -157,14 +171,17 @@ def _find_reachable(engine: ContainerEngine) -> ContainerSummary:
 
 def _start(engine: ContainerEngine, container: ContainerSummary) -> None:
     # Engines refuse to start a paused container.
-    if _wake(engine, container):
-        return
+    if not _wake(engine, container):
+        _start_stopped(engine, container.container_id)
+
+
+def _start_stopped(engine: ContainerEngine, container_id: str) -> None:
     try:
-        engine.start_container(container.container_id)
+        engine.start_container(container_id)
     except ContainerError:
         # Podman refuses the slower of two starts at the same time.
-        running = find(engine)
-        if running is None or running.status != "running":
+        now = find(engine)
+        if now is None or (now.container_id, now.status) != (container_id, "running"):
             raise
 
 

@@ -24,7 +24,7 @@ from typing import IO
 
 import docker
 
-from tovarincore._container_helper.docker_engine import client_settings
+from tovarincore.container_helper import client_settings
 from tovarincore.core_conf import core_conf_glbl
 
 _PYTHON_HOME = "opt/python"
