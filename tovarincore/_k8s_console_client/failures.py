@@ -68,6 +68,8 @@ def _told(error: Exception) -> tuple[str, OPResultErrorCode | None]:
     if isinstance(error, Failure):
         if error.error_code is OPResultErrorCode.PROTOCOL_ERROR:
             return f"The Kubernetes API server's answer cannot be used: {error}.", error.error_code
+        if error.error_code is OPResultErrorCode.CONNECTION_FAILED:
+            return f"The Kubernetes API server cannot be reached: {error}.", error.error_code
         return str(error), error.error_code
     if isinstance(error, ssl.SSLError):
         return (

@@ -48,6 +48,18 @@ def test_a_pod_is_launched_listed_and_terminated(
     assert run("list", "lab").stdout == "No nodes in the region lab.\n"
 
 
+def test_orphans_are_the_user_s_own(
+    run_json: Callable[..., Any], lab: KubeWorld, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """Other people's pods of the namespace are listed, but are no orphans of this user."""
+    own = lab.launched(name="cold-1")
+    monkeypatch.setenv("LOGNAME", "somebody-else")
+    lab.launched(name="cold-2")
+    monkeypatch.delenv("LOGNAME")
+    assert len(run_json("list", "lab")) == 2
+    assert [orphan["instance_id"] for orphan in run_json("orphans", "lab")] == [own.instance_id]
+
+
 def test_the_cluster_s_catalogue_is_shown(run_json: Callable[..., Any], lab: KubeWorld) -> None:
     """Images and types are those of the namespace."""
     assert [entry["instance_type"] for entry in run_json("types", "lab")][0] == "k8s.small"

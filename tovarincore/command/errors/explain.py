@@ -21,12 +21,18 @@ _CODES = {
     OPResultErrorCode.CONNECTION_FAILED: ExitCode.UNREACHABLE,
     OPResultErrorCode.ENGINE_UNAVAILABLE: ExitCode.UNREACHABLE,
     OPResultErrorCode.PROTOCOL_ERROR: ExitCode.UNREACHABLE,
+    OPResultErrorCode.THROTTLED: ExitCode.UNREACHABLE,
+    OPResultErrorCode.UNAVAILABLE: ExitCode.UNREACHABLE,
+    OPResultErrorCode.EXPIRED: ExitCode.UNREACHABLE,
     OPResultErrorCode.NOT_FOUND: ExitCode.NOT_FOUND,
 }
 _REMEDIES = {
     OPResultErrorCode.UNAUTHORIZED_OPERATION: "ask the cluster's administrator for the rights that"
     " docs/kubernetes.md lists",
     OPResultErrorCode.RESOURCE_EXHAUSTED: "end nodes that are not needed, or have the quota raised",
+    OPResultErrorCode.THROTTLED: "wait a minute, then try again; other programs ask the same service",
+    OPResultErrorCode.UNAVAILABLE: "wait until the service has started, then try again",
+    OPResultErrorCode.EXPIRED: "try again; for a large namespace raise page_size in [kubernetes]",
 }
 
 _NETWORK = "see that this machine has a network and that [proxy] is right: tovarin-nodes doctor REGION"

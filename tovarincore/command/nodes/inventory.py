@@ -6,7 +6,7 @@ from dataclasses import dataclass
 
 from tovarincore.api_def import PingRequest
 from tovarincore.cloud_def import CloudNode, NodeState
-from tovarincore.cloud_node import cloud_manager_glbl
+from tovarincore.cloud_node import K8sNodeManager, cloud_manager_glbl
 from tovarincore.command.context.access import Access
 from tovarincore.command.errors.explain import failure_of
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
@@ -15,7 +15,7 @@ from tovarincore.core_conf import ConfigError
 from tovarincore.core_def import OPResultErrorCode
 from tovarincore.webs_client import WebSocketClient
 
-__all__ = ["GONE", "Probe", "find_node", "list_nodes", "matching_nodes", "probe_nodes"]
+__all__ = ["GONE", "Probe", "find_node", "list_nodes", "list_own_nodes", "matching_nodes", "probe_nodes"]
 
 GONE = (NodeState.SHUTTING_DOWN, NodeState.TERMINATED)
 """States of nodes that come to nothing any more."""
@@ -62,6 +62,23 @@ def list_nodes(access: Access) -> list[CloudNode]:
             "tovarin-nodes doctor REGION names the type and the lines to add",
             ExitCode.NOT_CONFIGURED,
         ) from error
+    if nodes is None:
+        raise failure_of(result, access.region)
+    return nodes
+
+
+def list_own_nodes(access: Access) -> list[CloudNode]:
+    """Return the nodes that the user launched, where a listing shows those of other people too.
+
+    Several people share the namespace of a cluster. Amazon's listings show the user's own alone, and the
+    container engine has one node.
+
+    :raises CommandFailure: as :func:`list_nodes`
+    """
+    provider = cloud_manager_glbl.get_node_manager(access.region) if access.region.cloud == "k8s" else None
+    if not isinstance(provider, K8sNodeManager):
+        return list_nodes(access)
+    nodes, result = provider.console_client.get_cloud_nodes(own_only=True)
     if nodes is None:
         raise failure_of(result, access.region)
     return nodes

@@ -20,7 +20,7 @@ from tovarincore.command.nodes.inventory import (
     GONE,
     Probe,
     find_node,
-    list_nodes,
+    list_own_nodes,
     matching_nodes,
     probe_nodes,
 )
@@ -50,7 +50,7 @@ def orphans(invocation: Invocation, region: CloudRegion, ended: tuple[str, ...],
     launched = {(entry.region, entry.instance_id) for entry in Ledger().entries()}
     found = [
         node
-        for node in list_nodes(access)
+        for node in list_own_nodes(access)
         if node.state not in GONE and (region.key, node.instance_id) not in launched
     ]
     if ended:
