@@ -61,6 +61,8 @@ class KubeApi:
         self.certificate = make_server_certificate(folder)
         self.requests: list[str] = []
         """What was asked for, in order: "POST pods", with the sub-resource where there is one."""
+        self.headers: list[tuple[str, str]] = []
+        """The headers of the last request."""
         self.tokens = {ADMIN_TOKEN: "admin", MANAGER_TOKEN: "manager", POWERLESS_TOKEN: "powerless"}
         self._faults: dict[str, list[Fault | None]] = {}
         self._port = 0
@@ -175,6 +177,7 @@ class _Handler(BaseHTTPRequestHandler):
         """Write nothing."""
 
     def _answer(self) -> None:
+        self.server.api.headers = list(self.headers.items())
         url = urlsplit(self.path)
         query = {key: values[0] for key, values in parse_qs(url.query).items()}
         length = int(self.headers.get("Content-Length") or 0)

@@ -2,10 +2,7 @@
 
 from __future__ import annotations
 
-import json
 import os
-import sys
-import time
 from pathlib import Path
 from typing import Any
 
@@ -36,20 +33,6 @@ def listing(kube: KubeWorld, region: K8sRegion | None = None) -> OPResult:
     nodes, result = K8sConsoleClient(region or kube.region).get_cloud_nodes()
     assert (nodes is None) == result.error
     return result
-
-
-def plugin(folder: Path, body: str) -> dict[str, Any]:
-    """A user who runs a credential plugin made of this Python code."""
-    file = folder / "plugin.py"
-    file.write_text(f"#!{sys.executable}\n{body}", encoding="utf-8")
-    file.chmod(0o755)
-    # Relative, as cloud tools write it: to the kubeconfig.
-    return {"exec": {"apiVersion": "client.authentication.k8s.io/v1", "command": "./plugin.py"}}
-
-
-def printing(status: dict[str, str]) -> str:
-    """Code of a plugin that prints a credential."""
-    return f"print({json.dumps(json.dumps({'status': status}))})"
 
 
 @pytest.mark.parametrize(
@@ -192,55 +175,6 @@ def test_a_pod_uses_its_service_account(
     ):
         (tmp_path / name).write_text(content, encoding="utf-8")
     assert listing(kube, region).success
-
-
-def test_a_plugin_gives_the_token(kube: KubeWorld) -> None:
-    """The plugin is told the interface's version and that nobody is there to ask; its token is sent."""
-    body = (
-        "import json, os\n"
-        "info = json.loads(os.environ['KUBERNETES_EXEC_INFO'])\n"
-        "assert info['apiVersion'] == 'client.authentication.k8s.io/v1' and not info['spec']['interactive']\n"
-        + printing({"token": MANAGER_TOKEN})
-    )
-    write_user(kube, plugin(kube.kubeconfig.parent, body))
-    assert listing(kube).success
-
-
-@pytest.mark.parametrize(
-    ("body", "complaint"),
-    [
-        ("import sys; sys.exit('log in first')", "ended with status 1: log in first"),
-        ("print('s3cret')", "printed no ExecCredential"),
-        ("print('[]')", "printed no ExecCredential"),
-        (printing({}), "printed neither a token nor a certificate"),
-    ],
-)
-def test_a_failing_plugin_is_told(kube: KubeWorld, body: str, complaint: str) -> None:
-    """What a plugin complains about is passed on, what it prints as a credential is not."""
-    write_user(kube, plugin(kube.kubeconfig.parent, body))
-    result = listing(kube)
-    assert result.error_code is OPResultErrorCode.UNAUTHENTICATED
-    assert complaint in (result.msg or "")
-    assert "s3cret" not in repr(result)
-
-
-def test_a_missing_plugin_is_named_with_its_hint(kube: KubeWorld) -> None:
-    """A plugin that is not installed is named, with the kubeconfig's own hint."""
-    user = plugin(kube.kubeconfig.parent, "")
-    user["exec"] |= {"command": "tovarin-no-such-plugin", "installHint": "Install it."}
-    write_user(kube, user)
-    message = listing(kube).msg or ""
-    assert "tovarin-no-such-plugin" in message
-    assert message.endswith("Install it.")
-
-
-def test_a_hanging_plugin_costs_the_time_limit(kube: KubeWorld) -> None:
-    """A plugin that waits for somebody is ended with the operation's time."""
-    write_user(kube, plugin(kube.kubeconfig.parent, "import time; time.sleep(60)"))
-    began = time.monotonic()
-    result = listing(kube)
-    assert time.monotonic() - began < 3
-    assert result.error_code is OPResultErrorCode.TIMEOUT
 
 
 def test_an_auth_provider_is_refused(kube: KubeWorld) -> None:

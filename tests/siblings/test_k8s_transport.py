@@ -60,7 +60,7 @@ def hold(connection: socket.socket) -> None:
 def in_time() -> Iterator[None]:
     """The body has to fail at the deadline."""
     began = time.monotonic()
-    with pytest.raises(KubernetesError, match="did not finish a test within 0.5 s") as caught:
+    with pytest.raises(KubernetesError, match="A test did not finish within 0.5 s") as caught:
         yield
     assert caught.value.error_code is OPResultErrorCode.TIMEOUT
     assert SECONDS * 0.9 < time.monotonic() - began < SECONDS + 1
@@ -167,7 +167,7 @@ def test_an_endless_answer_is_given_up(monkeypatch: pytest.MonkeyPatch) -> None:
 def test_the_reserve_is_only_for_tidying_up() -> None:
     """The reserve does not count as time left until it is released."""
     deadline = ApiDeadline(10, "a test", reserve=10)
-    with pytest.raises(KubernetesError, match="did not finish a test within 0 s"):
+    with pytest.raises(KubernetesError, match="A test did not finish within 0 s"):
         deadline.remaining()
     deadline.release_reserve()
     assert 9 < deadline.remaining() <= 10

@@ -61,6 +61,7 @@ def read_access(region: K8sRegion, deadline: Deadline) -> Access:
     :param deadline: when a credential plugin named in the kubeconfig has to be done
     :raises KubernetesError: they cannot be read or hold something that is not supported
     """
+    deadline.enter("reading the kubeconfig", "check that the file is one and not damaged")
     try:
         if region.in_cluster:
             cluster, user, folder = _in_cluster()

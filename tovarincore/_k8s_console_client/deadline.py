@@ -22,12 +22,12 @@ class ApiDeadline(Deadline):
 
     def await_answer(self) -> None:
         """Note that the connection stands."""
-        self.enter("waiting for its answer", "check that it is healthy and reachable")
+        self.enter("waiting for the API server's answer", "check that it is healthy and reachable")
 
     def expired(self) -> KubernetesError:
         """Return the error that tells the caller that the time is up."""
         return KubernetesError(
-            f"The Kubernetes API server did not finish {self._operation} within "
+            f"{self._operation[0].upper()}{self._operation[1:]} did not finish within "
             f"{self.seconds - self.reserve:g} s, stopped while {self.doing}: {self.advice}; for a server "
             "that is merely slow raise operation_seconds in [kubernetes].",
             OPResultErrorCode.TIMEOUT,
