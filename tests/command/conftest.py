@@ -11,6 +11,7 @@ from pathlib import Path
 from typing import Any
 
 import click.testing
+import jsonschema
 import pytest
 import tomli_w
 
@@ -25,6 +26,7 @@ from tovarincore.core_conf import core_conf_glbl
 # Named here, pytest finds them in this folder too.
 __all__ = ["ec2", "ec2_endpoint", "healthy_worker", "sdk_data_read_once"]
 
+SCHEMA = json.loads((ROOT / "docs" / "command.schema.json").read_bytes())
 Run = Callable[..., click.testing.Result]
 
 
@@ -62,14 +64,21 @@ def run() -> Run:
 
 @pytest.fixture
 def run_json(run: Run) -> Callable[..., Any]:
-    """Runs one command with --json and returns what it wrote, after seeing that it went well."""
+    """Runs one command with --json and returns its item or items, after seeing that it went well."""
 
     def run_it(*arguments: str, answer: str = "") -> Any:
         result = run(*arguments, "--json", answer=answer)
         assert (result.exit_code, result.stderr) == (0, ""), result.output
-        return json.loads(result.stdout)
+        document = json.loads(result.stdout)
+        check_document(document)
+        return document["items"] if "items" in document else document["item"]
 
     return run_it
+
+
+def check_document(document: Any) -> None:
+    """Fail unless a document is as the published schema says."""
+    jsonschema.Draft202012Validator(SCHEMA).validate(document)
 
 
 def send_to_worker(pattern: str, port: int) -> None:

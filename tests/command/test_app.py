@@ -9,7 +9,7 @@ from pathlib import Path
 import pytest
 
 from tests.command.conftest import Run, finish, start_command
-from tovarincore.command.app import cli, run
+from tovarincore.command.app import SUBCOMMANDS, run
 from tovarincore.command.errors.failures import EXIT_CODES, ExitCode
 from tovarincore.command.subcommands import listing
 
@@ -23,7 +23,7 @@ def test_help_lists_every_sub_command_and_exit_code(run: Run) -> None:
     """A newcomer sees all that there is, in the order of a node's life, and what the codes mean."""
     result = run("--help")
     assert result.exit_code == 0
-    assert list(cli.commands) == COMMANDS.split()
+    assert list(SUBCOMMANDS) == COMMANDS.split()
     assert set(EXIT_CODES) == set(ExitCode)
     for code, text in EXIT_CODES.items():
         assert f"{int(code):>5}  {text}" in result.stdout
@@ -54,11 +54,14 @@ def test_errors_are_json_too(run: Run, no_account: Path, arguments: list[str]) -
     result = run(*arguments)
     assert (result.exit_code, result.stdout) == (2, "")
     assert json.loads(result.stderr) == {
+        "version": 1,
+        "kind": "error",
         "error": {
             "what": 'there is no region "nowhere"',
             "remedy": "list the regions with: tovarin-nodes regions",
             "exit_code": 2,
-        }
+        },
+        "notes": [],
     }
 
 

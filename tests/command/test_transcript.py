@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 from tests.command.transcript import DOCUMENT, rewritten
-from tovarincore.command.app import cli
+from tovarincore.command.app import SUBCOMMANDS
 from tovarincore.command.errors.failures import EXIT_CODES
 
 
@@ -16,7 +16,7 @@ def test_the_document_shows_what_the_commands_write(sdk_data_read_once: None) ->
 def test_the_document_has_every_sub_command_and_exit_code() -> None:
     """Nothing is left out."""
     text = DOCUMENT.read_text(encoding="utf-8")
-    for name in cli.commands:
+    for name in SUBCOMMANDS:
         assert f"$ tovarin-nodes {name} " in text
     for code, meaning in EXIT_CODES.items():
         said = meaning.replace("doctor", "`doctor`").replace("--debug", "`--debug`")

@@ -53,7 +53,10 @@ DOCUMENT = Path(__file__).parents[2] / "docs" / "command.md"
 _BLOCK = re.compile(
     r"(?P<before>(?:<!-- before: (?P<step>\w+) -->\n\n)?```console\n)(?P<body>.*?)(?=```)", re.DOTALL
 )
-_ANSWERS = {"tovarin-nodes terminate us-east-1 trainer-2": "y\n"}
+_ANSWERS = {
+    "tovarin-nodes terminate us-east-1 trainer-2": "y\n",
+    "tovarin-nodes configure local --worker-token": "a-token-for-the-local-worker\n",
+}
 _USER = "ada"
 _IMAGES = ["TOVARIN_AI_CPU_PLAN_A_1.4.0", "TOVARIN_AI_GPU_PLAN_A_1.4.0"]
 

@@ -118,6 +118,13 @@ SETTINGS: tuple[Setting, ...] = (
     Setting("cloud", "regions_file", str, "", "TOML file with the regions; empty means Amazon's own list."),
     Setting("cloud", "instance_types_file", str, "",
             "TOML file with instance types that extend or replace those shipped with the product."),
+    Setting("cloud", "image_owners", str, "",
+            "Accounts whose images the command uses, ids or words such as self, separated by commas; empty "
+            "means everybody's."),
+
+    Setting("command", "region", str, "", "Region that tovarin-nodes works in when none is given."),
+    Setting("command", "profile", str, "",
+            "Profile of the AWS configuration that tovarin-nodes uses in place of the stored credentials."),
 )
 # fmt: on
 

@@ -1,52 +1,63 @@
 """The command's list of sub-commands, and the one place where errors become lines and exit codes."""
 
-import logging
+from __future__ import annotations
+
 import os
 import sys
-import traceback
 from collections.abc import Iterator, Sequence
 from contextlib import contextmanager
 from typing import Any, NoReturn
 
 import click
 
-from tovarincore.command.context.invocation import Invocation, output_options
-from tovarincore.command.errors.explain import explain
-from tovarincore.command.errors.failures import EXIT_CODES, CommandFailure, ExitCode
-from tovarincore.command.subcommands import (
-    catalogue,
-    configure,
-    doctor,
-    key_pairs,
-    launches,
-    lifecycle,
-    listing,
-    orphans,
-    waiting,
-)
+from tovarincore.command.context.groups import NodesGroup
+from tovarincore.command.context.invocation import Invocation
+from tovarincore.command.errors.failures import EXIT_CODES, CommandFailure, ExitCode, TimeIsUp
 
-__all__ = ["cli", "run"]
+__all__ = ["SUBCOMMANDS", "cli", "run"]
+
+_HOME = "tovarincore.command.subcommands."
+
+SUBCOMMANDS: dict[str, tuple[str, str]] = {
+    "configure": (_HOME + "configure:configure", "Store a region's credentials, or show what is stored."),
+    "regions": (_HOME + "catalogue:regions", "List the regions, and what those lack that cannot be used."),
+    "templates": (_HOME + "catalogue:templates", "List the images that nodes can be launched from."),
+    "types": (_HOME + "types:types", "List the instance types that nodes can have."),
+    "list": (_HOME + "listing:list_command", "List your nodes in one, several or all regions."),
+    "show": (_HOME + "listing:show", "Show one node, its load, and why its worker is not ready."),
+    "launch": (_HOME + "launches:launch", "Launch a node under your user name."),
+    "try": (_HOME + "launches:try_command", "Ask EC2 whether a launch would succeed, by a dry run."),
+    "wait": (_HOME + "waiting:wait", "Wait until a node's worker answers."),
+    "watch": (_HOME + "waiting:watch", "List the nodes again and again until Ctrl-C."),
+    "start": (_HOME + "lifecycle:start", "Start a stopped node."),
+    "stop": (_HOME + "lifecycle:stop", "Stop a node by force; its disk stays."),
+    "reboot": (_HOME + "lifecycle:reboot", "Reboot a node."),
+    "terminate": (_HOME + "lifecycle:terminate", "End nodes for good, disks included, after asking."),
+    "keypair": (_HOME + "key_pairs:keypair", "Create and delete EC2 key pairs."),
+    "orphans": (_HOME + "orphans:orphans", "List nodes that this command has not launched."),
+    "doctor": (_HOME + "doctor:doctor", "Look at everything that a launch needs."),
+}
+"""Each sub-command: where it is, as ``module:attribute``, and its line in the list.
+
+They stand in the order of a node's life. A module is imported when its sub-command is run: the list must not
+wait for any of them.
+"""
 
 _EPILOG = "\b\nExit codes:\n" + "\n".join(f"{int(code):>5}  {text}" for code, text in EXIT_CODES.items())
 
 
-class NodesGroup(click.Group):
-    """The command: keeps its sub-commands in order and ends with one of :class:`ExitCode`."""
-
-    def __init__(self, *arguments: Any, **attributes: Any) -> None:
-        super().__init__(*arguments, **attributes)
-        self.params += output_options()
-
-    def list_commands(self, ctx: click.Context) -> list[str]:
-        """Return the sub-commands in the order of a node's life."""
-        return list(self.commands)
+class _Command(NodesGroup):
+    """The whole command: ends with one of :class:`ExitCode`."""
 
     def invoke(self, ctx: click.Context) -> Any:
-        """Run the sub-command; Ctrl-C is a failure like others."""
+        """Run the sub-command; Ctrl-C and the end of the time are failures like others."""
+        invocation = ctx.ensure_object(Invocation)
         try:
             return super().invoke(ctx)
         except KeyboardInterrupt:
-            raise CommandFailure("interrupted", code=ExitCode.INTERRUPTED) from None
+            raise invocation.cut_short("interrupted", ExitCode.INTERRUPTED) from None
+        except TimeIsUp as up:
+            raise invocation.cut_short(str(up), ExitCode.TIMED_OUT) from None
 
     def main(self, args: Sequence[str] | None = None, *arguments: Any, **extra: Any) -> NoReturn:
         """Run the command and exit."""
@@ -54,9 +65,9 @@ class NodesGroup(click.Group):
         invocation = Invocation(given)
         extra |= {"prog_name": "tovarin-nodes", "obj": invocation, "standalone_mode": False}
         try:
-            with _log_shown(invocation.debug):
+            with _log_shown(invocation):
                 # For --help and the like click returns the code, for commands what they return: None.
-                sys.exit(super().main(given, **extra) or ExitCode.DONE)
+                sys.exit(super().main(given, *arguments, **extra) or ExitCode.DONE)
         except BrokenPipeError:
             # The reader has seen enough. What is left unwritten must not fail at the interpreter's exit.
             os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
@@ -65,37 +76,17 @@ class NodesGroup(click.Group):
             sys.exit(_report(error, invocation))
 
 
-@click.group(cls=NodesGroup, epilog=_EPILOG, context_settings={"help_option_names": ["-h", "--help"]})
+@click.group(
+    cls=_Command, lazy=SUBCOMMANDS, epilog=_EPILOG, context_settings={"help_option_names": ["-h", "--help"]}
+)
 @click.version_option(package_name="tovarincore", message="tovarin-nodes %(version)s")
 def cli() -> None:
     """Works with the nodes of EC2 regions, of this machine's container engine and of Kubernetes clusters.
 
-    REGION is a region's name (us-east-1, local) or its kind and name (AWS:us-east-1, k8s:lab). NODE is a
-    node's name, instance id or uuid. Every sub-command takes --json (results on standard output, an error as
-    one JSON object on standard error) and --debug.
+    REGION is a region's name (us-east-1, local) or its kind and name (AWS:us-east-1, k8s:lab). It may be left
+    out where the setting [command] region names one. NODE is a node's name, instance id or uuid. Results go
+    to standard output, notes and errors to standard error.
     """
-
-
-for _command in (
-    configure.configure,
-    catalogue.regions,
-    catalogue.templates,
-    catalogue.types,
-    listing.list_command,
-    listing.show,
-    launches.launch,
-    launches.try_command,
-    waiting.wait,
-    waiting.watch,
-    lifecycle.start,
-    lifecycle.stop,
-    lifecycle.reboot,
-    lifecycle.terminate,
-    key_pairs.keypair,
-    orphans.orphans,
-    doctor.doctor,
-):
-    cli.add_command(_command)
 
 
 def run(arguments: Sequence[str] | None = None) -> int:
@@ -110,17 +101,25 @@ def run(arguments: Sequence[str] | None = None) -> int:
 
 
 def _report(error: Exception, invocation: Invocation) -> ExitCode:
-    if isinstance(error, click.ClickException):
+    if isinstance(error, CommandFailure):
+        failure = error
+    elif isinstance(error, click.ClickException):
         failure = _wrong_usage(error)
     elif isinstance(error, click.Abort):
         # click makes it of Ctrl-C outside of commands and of an end of input at a prompt.
-        failure = CommandFailure("interrupted", code=ExitCode.INTERRUPTED)
+        failure = invocation.cut_short("interrupted", ExitCode.INTERRUPTED)
     else:
-        failure = explain(error)
+        from tovarincore.command.errors.explain import explain
+
+        failure = explain(error, invocation.region)
     if invocation.debug:
-        traceback.print_exception(error)
+        import traceback
+
+        from tovarincore.command.output.writer import write
+
+        write("".join(traceback.format_exception(error)).rstrip(), err=True)
         if failure.details:
-            click.echo(failure.details, err=True)
+            write(failure.details, err=True)
     invocation.report(failure)
     return failure.code
 
@@ -132,19 +131,12 @@ def _wrong_usage(error: click.ClickException) -> CommandFailure:
 
 
 @contextmanager
-def _log_shown(wanted: bool) -> Iterator[None]:
-    """Write the package's log to standard error during the body, if that is wanted."""
-    if not wanted:
+def _log_shown(invocation: Invocation) -> Iterator[None]:
+    """Write the package's log and the requests to EC2 to standard error, if that is wanted."""
+    if not (invocation.debug or invocation.verbose):
         yield
         return
-    logger = logging.getLogger("tovarincore")
-    before = logger.level
-    handler = logging.StreamHandler()
-    handler.setFormatter(logging.Formatter("%(levelname)s %(name)s: %(message)s"))
-    logger.setLevel(logging.DEBUG)
-    logger.addHandler(handler)
-    try:
+    from tovarincore.command.output.log import log_shown
+
+    with log_shown(invocation.debug):
         yield
-    finally:
-        logger.removeHandler(handler)
-        logger.setLevel(before)

@@ -19,11 +19,11 @@ def main(arguments: Sequence[str] | None = None) -> int:
         try:
             from tovarincore.command.app import run
         except ModuleNotFoundError as error:
-            if error.name not in ("click", "rich"):
+            if error.name != "click":
                 raise
             print(
                 f"error: tovarin-nodes needs the package {error.name}, which is not installed:"
-                " pip install tovarincore[cli]",
+                " pip install 'tovarincore[cli]'",
                 file=sys.stderr,
             )
             return _NOT_CONFIGURED

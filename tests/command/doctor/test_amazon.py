@@ -11,9 +11,9 @@ import pytest
 
 from stage.ec2 import SECURITY_GROUP_NAME, Ec2World
 from stage.fault import document, unauthorized
-from tovarincore.cloud_node import AWSNodeManager, cloud_manager_glbl
 from tovarincore.command.doctor import amazon
 from tovarincore.command.doctor.amazon import check_amazon
+from tovarincore.command.doctor.security_group import check_security_group
 from tovarincore.command.doctor.verdicts import Level, Verdict
 
 
@@ -42,35 +42,36 @@ def test_without_the_right_to_describe_types_the_figures_are_left_to_fill_in(ec2
     assert verdict.remedy.endswith(': "mac1.metal" = { cpu_count = 1, memory_mib = 1024 }')
 
 
-def test_a_listing_of_exactly_one_page_may_lack_nodes(ec2: Ec2World, monkeypatch: pytest.MonkeyPatch) -> None:
-    """The provider reads one page: a full one is a failure, a short one is not."""
+def test_a_listing_that_goes_on_says_how_many_nodes_are_missing(ec2: Ec2World) -> None:
+    """Listings read the first page alone: what stands on the others is counted."""
     ec2.run_instance("cold-1")
-    ec2.run_instance("cold-2")
     assert [verdict.level for verdict in found(ec2, "instances")] == [Level.OK]
-    monkeypatch.setattr(amazon, "PAGE_SIZE", 2)
-    (verdict,) = found(ec2, "instances")
-    assert verdict.level is Level.FAIL
-    assert "exactly one page of 2 instances: nodes may be missing" in verdict.text
-
-
-def test_a_listing_that_goes_on_lacks_nodes(ec2: Ec2World) -> None:
-    """EC2's own mark of a further page makes it certain."""
+    page = (
+        "<reservationSet><item><instancesSet><item><instanceId>i-1</instanceId>"
+        "<instanceType>t3.small</instanceType></item></instancesSet></item></reservationSet>"
+    )
     with ec2.faults() as endpoint:
         endpoint.script(
             "DescribeInstances",
-            document("DescribeInstances", "<reservationSet/><nextToken>more</nextToken>"),
+            document("DescribeInstances", page + "<nextToken>more</nextToken>"),
+            document("DescribeInstances", page),
         )
         (verdict,) = found(ec2, "instances")
-    assert "nodes are missing" in verdict.text
+        assert [
+            request.parameters.get("NextToken")
+            for request in endpoint.requests
+            if request.action == "DescribeInstances"
+        ] == [None, "more"]
+    assert verdict.level is Level.FAIL
+    assert "there are 2 instances, and only the first page of 1 is listed: 1 are missing" in verdict.text
 
 
 def test_the_group_and_its_rules_are_looked_at_and_not_made(ec2: Ec2World) -> None:
     """No group, a group without rules, a whole group and two groups are told apart."""
-    provider = cloud_manager_glbl.get_node_manager(ec2.region)
-    assert isinstance(provider, AWSNodeManager)
+    ec2.set_setting("WORKER__SCHEME", "wss")
 
     def look() -> list[Verdict]:
-        return list(amazon._security_group(ec2.raw, provider))
+        return list(check_security_group(ec2.raw))
 
     (missing,) = look()
     assert (missing.level, ec2.security_groups()) == (Level.WARN, [])
@@ -89,6 +90,48 @@ def test_the_group_and_its_rules_are_looked_at_and_not_made(ec2: Ec2World) -> No
     assert "2 networks have a group" in look()[0].text
 
 
+@pytest.mark.parametrize(
+    "addresses, scheme, warned",
+    [("0.0.0.0/0", "ws", True), ("198.51.100.0/24", "ws", False), ("0.0.0.0/0", "wss", False)],
+    ids=["open and plain", "narrow and plain", "open and encrypted"],
+)
+def test_an_open_port_where_workers_speak_plainly_is_warned_of(
+    ec2: Ec2World, addresses: str, scheme: str, warned: bool
+) -> None:
+    """Each alone is what somebody may want; both together let strangers read and change what is said."""
+    ec2.set_setting("WORKER__SCHEME", scheme)
+    (vpc,) = ec2.raw.describe_vpcs()["Vpcs"]
+    group = ec2.raw.create_security_group(GroupName=SECURITY_GROUP_NAME, Description="d", VpcId=vpc["VpcId"])[
+        "GroupId"
+    ]
+    ec2.raw.authorize_security_group_ingress(
+        GroupId=group, IpProtocol="tcp", FromPort=8855, ToPort=8855, CidrIp=addresses
+    )
+    texts = [verdict.text for verdict in check_security_group(ec2.raw)]
+    assert any("workers speak plain ws" in text for text in texts) == warned
+
+
+def test_images_of_strangers_are_named_until_owners_are_pinned(ec2: Ec2World) -> None:
+    """Anybody can publish an image of the product's names; the settings say whose are used."""
+    image = (
+        f"<item><imageId>{ec2.image_id}</imageId><name>TOVARIN_AI_CPU_PLAN_A_1.0.0</name>"
+        "<creationDate>2024-01-01T00:00:00.000Z</creationDate><imageOwnerId>999988887777</imageOwnerId></item>"
+    )
+    every = document("DescribeImages", f"<imagesSet>{image}</imagesSet>")
+    nobody = document("DescribeImages", "<imagesSet/>")
+    with ec2.faults() as endpoint:
+        endpoint.script("DescribeImages", every, nobody, every)
+        fine, stranger = found(ec2, "images")
+    assert (fine.level, stranger.level) == (Level.OK, Level.WARN)
+    assert "accounts that are not named in the settings: 999988887777" in stranger.text
+    assert stranger.remedy.endswith("tovarin-nodes config set cloud.image_owners 999988887777")
+    ec2.set_setting("CLOUD__IMAGE_OWNERS", "999988887777")
+    with ec2.faults() as endpoint:
+        endpoint.script("DescribeImages", every, every)
+        (pinned,) = found(ec2, "images")
+    assert pinned.level is Level.OK
+
+
 def test_settings_of_the_network_are_checked_against_the_account(ec2: Ec2World) -> None:
     """Half a setting, a short id and a subnet of another network are told apart from a right pair."""
     default = ec2.raw.describe_vpcs(Filters=[{"Name": "isDefault", "Values": ["true"]}])["Vpcs"]
@@ -102,8 +145,8 @@ def test_settings_of_the_network_are_checked_against_the_account(ec2: Ec2World) 
     assert look("", "") == [(Level.OK, f"default network {default[0]['VpcId']}")]
     assert "is ignored without aws_custom_subnet" in look(vpc, "")[0][1]
     assert look(vpc, subnet) == [(Level.OK, f"network {vpc}, subnet {subnet}")]
-    assert f"lies in {vpc}" in look("vpc-0000000000000000", subnet)[0][1]
-    assert "is not of the default network" in look("", subnet)[0][1]
+    assert f"is in {vpc}" in look("vpc-0000000000000000", subnet)[0][1]
+    assert "is not in the default network" in look("", subnet)[0][1]
     assert "counts as unset" in look("", "subnet-1")[0][1]
     default.clear()
     assert look("", "")[0][0] is Level.FAIL

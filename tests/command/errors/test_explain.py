@@ -7,6 +7,7 @@ from typing import Any
 import botocore.exceptions
 import pytest
 
+from tovarincore._transport.gate import RefusedName
 from tovarincore.cloud_conf import ConfigError
 from tovarincore.cloud_def import CloudRegion, K8sRegion
 from tovarincore.command.errors.explain import explain, failure_of
@@ -68,14 +69,14 @@ CASES = {
     "no EC2": (
         botocore.parsers.ResponseParserError("not XML"),
         ExitCode.UNREACHABLE,
-        "does not speak its language",
+        "the answer is not one of EC2",
     ),
     "other of the SDK": (
         botocore.exceptions.UnknownServiceError(service_name="ec3", known_service_names="ec2"),
         ExitCode.FAILED,
         "the Amazon SDK failed",
     ),
-    "lock": (TimeoutError(), ExitCode.FAILED, "not free within 3 seconds"),
+    "lock": (TimeoutError(), ExitCode.FAILED, "could not be acquired within 3 seconds"),
     "precondition": (AssertionError("No disk size provided"), ExitCode.USAGE, "No disk size provided"),
     "kind": (
         NotImplementedError("Cloud Region azure is not supported"),
@@ -91,8 +92,11 @@ CASES = {
     "rich missing": (
         ModuleNotFoundError("No module named 'rich'", name="rich"),
         ExitCode.NOT_CONFIGURED,
-        "pip install tovarincore[cli]",
+        "pip install 'tovarincore[cli]'",
     ),
+    "sign-in page": (KeyError("Reservations"), ExitCode.UNREACHABLE, "the answer is not one of EC2"),
+    "full disk": (OSError(28, "No space left on device", "/x"), ExitCode.FAILED, "/x: No space left"),
+    "name": (RefusedName("'*' cannot be a user name"), ExitCode.USAGE, "cannot be a user name"),
     "not known": (KeyError("PublicDnsName"), ExitCode.DEFECT, "KeyError: 'PublicDnsName'"),
 }
 

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import pytest
 
+from tovarincore.cloud_def import CloudRegion
 from tovarincore.command.errors.failures import ExitCode
 from tovarincore.command.errors.refusals import refusal
 
@@ -22,23 +23,39 @@ def test_an_encoded_refusal_shows_the_words_and_keeps_the_code_for_debug() -> No
 
 
 @pytest.mark.parametrize(
-    "message, code, words",
+    "error_code, code, words",
     [
-        (ENCODED, ExitCode.REFUSED, "ask the account's owner"),
-        ("The key pair 'k' does not exist", ExitCode.NOT_FOUND, "keypair create"),
-        ("The keypair 'k' already exists.", ExitCode.FAILED, "another name"),
-        ("The image id '[ami-1]' does not exist", ExitCode.NOT_FOUND, "templates REGION"),
-        ("Value (p) for parameter iamInstanceProfile.name is invalid.", ExitCode.NOT_FOUND, "profile"),
-        ("You have requested more vCPU capacity than your limit", ExitCode.FAILED, "quota"),
-        ("The subnet ID 'subnet-1' does not exist", ExitCode.NOT_CONFIGURED, "aws_custom_subnet"),
-        ("Something new", ExitCode.FAILED, "doctor REGION"),
+        ("UnauthorizedOperation", ExitCode.REFUSED, "ask the account's owner"),
+        ("InvalidKeyPair.NotFound", ExitCode.NOT_FOUND, "keypair create us-east-1"),
+        ("InvalidKeyPair.Duplicate", ExitCode.FAILED, "another name"),
+        ("InvalidAMIID.NotFound", ExitCode.NOT_FOUND, "templates us-east-1"),
+        ("VcpuLimitExceeded", ExitCode.FAILED, "quota"),
+        ("InsufficientInstanceCapacity", ExitCode.FAILED, "another type or region"),
+        ("InvalidSubnetID.NotFound", ExitCode.NOT_CONFIGURED, "aws_custom_subnet"),
+        ("RequestLimitExceeded", ExitCode.BUSY, "fewer requests"),
+        ("Throttling", ExitCode.BUSY, "fewer requests"),
+        ("503", ExitCode.BUSY, "fewer requests"),
+        ("InternalError", ExitCode.BUSY, "EC2's own"),
+        ("SomethingNew", ExitCode.FAILED, "doctor us-east-1"),
     ],
 )
-def test_a_launch_s_message_alone_leads_to_a_remedy(message: str, code: ExitCode, words: str) -> None:
-    """Where the code is lost the words decide what is to be done."""
-    failure = refusal(message)
+def test_the_code_leads_to_a_remedy(error_code: str, code: ExitCode, words: str) -> None:
+    """The code decides what is to be done, and the remedy names the region."""
+    failure = refusal("no", error_code, region=CloudRegion("us-east-1", "AWS"))
     assert failure.code is code
     assert words in failure.remedy
+
+
+def test_the_status_of_the_answer_tells_a_busy_service() -> None:
+    """A code that nobody knows is no riddle when the answer's status is 429."""
+    assert refusal("slow down", "NewKindOfThrottling", status=429).code is ExitCode.BUSY
+
+
+def test_a_profile_is_told_from_other_invalid_values() -> None:
+    """One code of EC2 stands for many things; the message names the parameter."""
+    profile = refusal("Value (p) for parameter iamInstanceProfile.name is invalid.", "InvalidParameterValue")
+    assert (profile.code, "--instance-profile" in profile.remedy) == (ExitCode.NOT_FOUND, True)
+    assert refusal("Value (x) for parameter y is invalid.", "InvalidParameterValue").code is ExitCode.FAILED
 
 
 def test_credentials_that_ec2_does_not_know_are_to_be_stored_anew() -> None:

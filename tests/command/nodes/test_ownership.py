@@ -74,7 +74,7 @@ def test_a_node_in_a_listing_that_bears_another_name_is_left_alone(
     assert result.exit_code == 6
     assert result.stderr.splitlines() == [
         f"error: {theirs}: not launched under the user name {USER_NAME}; nothing was changed",
-        "  try: see your own nodes: tovarin-nodes list us-east-1",
+        "  try: list your nodes: tovarin-nodes list us-east-1",
     ]
     assert (state(ec2, theirs), state(ec2, mine)) == ("running", "running")
 

@@ -133,4 +133,4 @@ def test_ctrl_c_ends_the_wait_with_one_line(ec2: Ec2World) -> None:
     code, stdout, stderr = finish(process)
     assert (code, stdout) == (130, "")
     (line,) = stderr.splitlines()
-    assert line == "error: interrupted: stopped waiting for cold-1, which goes on by itself"
+    assert line == "error: interrupted: stopped waiting for cold-1; the node itself goes on"

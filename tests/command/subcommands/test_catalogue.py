@@ -6,17 +6,29 @@ from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
+import pytest
+
 from stage.ec2 import IMAGE_NAME, Ec2World
 from tests.command.conftest import Run
+from tovarincore.command.context import access
 
 
 def test_regions_say_which_can_be_used(run_json: Callable[..., Any], ec2: Ec2World) -> None:
-    """A region with stored credentials and the local one are usable, Amazon's others are not."""
-    regions = {entry["key"]: entry["configured"] for entry in run_json("regions")}
-    assert regions["local:local"] is True
-    assert regions["AWS:us-east-1"] is True
-    assert regions["AWS:eu-central-1"] is False
-    assert len(run_json("regions", "--configured")) == 2
+    """A region with stored credentials and the local one are usable, Amazon's others say what they lack."""
+    regions = {entry["key"]: (entry["usable"], entry["why_not"]) for entry in run_json("regions")}
+    assert regions["local:local"] == (True, None)
+    assert regions["AWS:us-east-1"] == (True, None)
+    assert regions["AWS:eu-central-1"] == (False, "no credentials stored")
+    assert len(run_json("regions", "--usable")) == 2
+
+
+def test_a_region_whose_package_is_missing_is_not_usable(
+    run_json: Callable[..., Any], no_account: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """The reason is told in the listing already, not by the first command that fails."""
+    monkeypatch.setattr(access, "_is_installed", lambda package: package != "docker")
+    regions = {entry["key"]: entry["why_not"] for entry in run_json("regions")}
+    assert regions["local:local"] == "the package docker is not installed"
 
 
 def test_templates_are_the_images_of_the_region(

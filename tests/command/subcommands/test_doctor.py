@@ -15,7 +15,8 @@ Verdicts = dict[str, tuple[str, str, str]]
 def verdicts(text: str) -> Verdicts:
     """Level, text and remedy by subject; the last line of a subject."""
     return {
-        entry["subject"]: (entry["verdict"], entry["text"], entry["remedy"]) for entry in json.loads(text)
+        entry["subject"]: (entry["verdict"], entry["text"], entry["remedy"])
+        for entry in json.loads(text)["items"]
     }
 
 
@@ -35,6 +36,7 @@ def test_a_healthy_account_has_nothing_that_fails(run: Run, ec2: Ec2World) -> No
         "AWS:us-east-1 images": "ok",
         "AWS:us-east-1 key pair": "ok",
         "AWS:us-east-1 instances": "ok",
+        "AWS:us-east-1 worker token": "warn",
     }
     assert ec2.security_groups() == []
 
@@ -84,6 +86,6 @@ def test_a_broken_configuration_is_the_only_line(run: Run, no_account: Path) -> 
     (no_account / "core.toml").write_text("[cloud]\nregions_file = 1\n")
     result = run("doctor", "--json")
     assert result.exit_code == 1
-    (entry,) = json.loads(result.stdout)
+    (entry,) = json.loads(result.stdout)["items"]
     assert (entry["subject"], entry["verdict"]) == ("configuration", "fail")
     assert "[cloud] regions_file" in entry["text"]

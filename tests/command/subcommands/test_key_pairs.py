@@ -38,7 +38,7 @@ def test_an_existing_file_is_refused_before_ec2_is_asked(run: Run, ec2: Ec2World
         result = run("keypair", "create", "us-east-1", "k1", "--file", str(path))
         assert endpoint.actions() == []
     assert result.exit_code == 2
-    assert "exists, and a key is not written over another; EC2 was not asked" in result.stderr
+    assert "exists, and a key is not written over another; no key pair was created" in result.stderr
     assert path.read_text() == "precious"
 
 
@@ -52,6 +52,7 @@ def test_a_refusal_leaves_no_file(run: Run, ec2: Ec2World, tmp_path: Path) -> No
         endpoint.script("CreateKeyPair", unauthorized(), HANG_UP)
         assert run(*create, "k1", "--file", str(path)).exit_code == 6
         assert run(*create, "k1", "--file", str(path)).exit_code == 5
+        assert names(ec2) == ["tovarin-key"]
     assert not path.exists()
 
 
@@ -69,15 +70,22 @@ def test_other_regions_have_no_key_pairs(run: Run, no_account: Path) -> None:
     """The local region is refused before a file is made."""
     result = run("keypair", "create", "local", "k1")
     assert result.exit_code == 2
-    assert "key pairs are a thing of Amazon's regions" in result.stderr
+    assert "key pairs belong to Amazon's regions" in result.stderr
     assert not Path("k1.pem").exists()
 
 
 def test_a_name_that_is_no_file_name_needs_a_file(run: Run, ec2: Ec2World) -> None:
     """A key pair's name may hold what no file should be called."""
-    result = run("keypair", "create", "us-east-1", "../k1")
+    result = run("keypair", "create", "us-east-1", "my key")
     assert result.exit_code == 2
     assert "say with --file where" in result.stderr
+
+
+def test_a_name_that_is_a_path_is_refused(run: Run, ec2: Ec2World) -> None:
+    """A key pair's name that leads elsewhere is none, whatever the file is called."""
+    result = run("keypair", "create", "us-east-1", "../k1", "--file", "k.pem")
+    assert result.exit_code == 2
+    assert "cannot be the name of a key pair" in result.stderr
 
 
 def test_a_key_that_cannot_be_written_leaves_a_useless_pair_to_delete(
@@ -93,7 +101,7 @@ def test_a_key_that_cannot_be_written_leaves_a_useless_pair_to_delete(
     result = run("keypair", "create", "us-east-1", "k1", "--file", str(path))
     assert result.exit_code == 1
     assert result.stderr.splitlines() == [
-        f"error: the key pair k1 was made, but {path} cannot be written: No space left on device",
+        f"error: the key pair k1 was created, but {path} cannot be written: No space left on device",
         "  try: delete the pair, which is of no use now: tovarin-nodes keypair delete us-east-1 k1",
     ]
     assert not path.exists()

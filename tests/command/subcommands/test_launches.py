@@ -28,7 +28,11 @@ def test_a_launch_carries_the_stored_user_name_and_is_noted(run: Run, ec2: Ec2Wo
     (entry,) = Ledger().entries()
     assert (entry.instance_id, entry.uuid) == (instance["InstanceId"], tags["tovarin_uuid"])
     assert result.stdout == f"cold-1 ({entry.instance_id}) is starting\n"
-    assert result.stderr == f"wait for it with: tovarin-nodes wait us-east-1 {entry.instance_id}\n"
+    assert result.stderr.splitlines() == [
+        "note: a launch completes the security group tovarin-security-group, whose rule opens port 8855 to"
+        " every address; it stays",
+        f"wait for it with: tovarin-nodes wait us-east-1 {entry.instance_id}",
+    ]
 
 
 def test_a_launch_can_wait_for_its_worker(run: Run, ec2: Ec2World) -> None:
@@ -108,7 +112,8 @@ def test_a_dry_run_says_first_what_it_creates(run: Run, ec2: Ec2World) -> None:
     result = run("try", "us-east-1", "--type", "t3.small")
     assert result.exit_code == 0
     assert result.stderr == (
-        "note: a dry run creates the security group tovarin-security-group and its missing rules; they stay\n"
+        "note: a dry run completes the security group tovarin-security-group, whose rule opens port 8855 to"
+        " every address; it stays\n"
     )
     assert result.stdout == "EC2 would launch a t3.small from TOVARIN_AI_CPU_PLAN_A_1.0.0\n"
     assert ec2.instances() == []
@@ -132,5 +137,5 @@ def test_where_trying_would_launch_it_is_refused(run: Run, no_account: Path) -> 
     result = run("try", "local")
     assert result.exit_code == 2
     assert result.stderr.startswith(
-        "error: the local container engine knows no dry run: trying would really launch a node\n"
+        "error: the local container engine has no dry run: trying would really launch a node\n"
     )

@@ -5,12 +5,17 @@ from __future__ import annotations
 import json
 import signal
 import subprocess
+import time
 from collections.abc import Callable
+from types import SimpleNamespace
 from typing import Any
 
+import pytest
+
 from stage.ec2 import Ec2World
-from stage.fault import ec2_error
+from stage.fault import Answer, ec2_error
 from tests.command.conftest import Run, finish, start_command
+from tovarincore.command.subcommands import lifecycle
 
 
 def state(ec2: Ec2World, instance_id: str) -> str:
@@ -43,7 +48,7 @@ def test_terminate_asks_first(run: Run, ec2: Ec2World) -> None:
     assert state(ec2, instance_id) == "running"
     agreed = run("terminate", "us-east-1", "cold-1", answer="y\n")
     assert agreed.exit_code == 0
-    assert agreed.stderr.endswith(f"cold-1 ({instance_id}) is shutting down\n")
+    assert agreed.stdout == f"cold-1 ({instance_id}) is shutting down\n"
     assert state(ec2, instance_id) == "terminated"
 
 
@@ -82,7 +87,7 @@ def test_a_node_that_cannot_be_ended_does_not_keep_the_others(run: Run, ec2: Ec2
     ec2.raw.modify_instance_attribute(InstanceId=protected, DisableApiTermination={"Value": True})
     result = run("terminate", "us-east-1", "cold-1", "cold-2", "--yes", "--json")
     assert result.exit_code == 1
-    assert [entry["terminated"] for entry in json.loads(result.stdout)] == [False, True]
+    assert [entry["terminated"] for entry in json.loads(result.stdout)["items"]] == [False, True]
     assert (state(ec2, protected), state(ec2, other)) == ("running", "terminated")
 
 
@@ -95,5 +100,47 @@ def test_a_state_that_does_not_allow_it_is_explained(run: Run, ec2: Ec2World) ->
     assert result.exit_code == 1
     assert result.stderr.splitlines() == [
         "error: EC2 refused StartInstances: it is stopping (IncorrectInstanceState)",
-        "  try: see its state: tovarin-nodes show us-east-1 NODE",
+        "  try: look at its state: tovarin-nodes show us-east-1 NODE",
     ]
+
+
+def test_a_question_never_precedes_json(run: Run, ec2: Ec2World) -> None:
+    """A program that reads documents is told to answer in advance, and nothing is ended."""
+    instance_id = ec2.run_instance("cold-1")
+    result = run("terminate", "us-east-1", "cold-1", "--json", answer="y\n")
+    assert (result.exit_code, result.stdout) == (2, "")
+    error = json.loads(result.stderr)["error"]
+    assert error["remedy"] == "answer it in advance with --yes"
+    assert state(ec2, instance_id) == "running"
+
+
+@pytest.mark.parametrize(
+    "number, why, code",
+    [(signal.SIGINT, "interrupted", 130), (signal.SIGALRM, "the 60 s of --timeout are over", 7)],
+    ids=["ctrl-c", "timeout"],
+)
+def test_what_is_cut_short_says_what_may_have_happened(
+    run: Run, ec2: Ec2World, monkeypatch: pytest.MonkeyPatch, number: signal.Signals, why: str, code: int
+) -> None:
+    """The request was on its way: its end is not known, and how to find out is said."""
+    instance_id = ec2.run_instance("cold-1")
+    facade = SimpleNamespace(stop_node=lambda *arguments: signal.raise_signal(number))
+    monkeypatch.setattr(lifecycle, "cloud_manager_glbl", facade)
+    result = run("stop", "us-east-1", "cold-1", "--timeout", "60")
+    assert (result.exit_code, result.stdout) == (code, "")
+    assert result.stderr.splitlines() == [
+        f"error: {why}: cold-1 ({instance_id}) may be stopping all the same",
+        f"  try: look at its state: tovarin-nodes show us-east-1 {instance_id}",
+    ]
+
+
+def test_a_request_that_takes_too_long_is_given_up(run: Run, ec2: Ec2World) -> None:
+    """The time of --timeout ends the wait for an answer, whatever the libraries underneath catch."""
+    ec2.run_instance("cold-1")
+    with ec2.faults() as endpoint:
+        endpoint.script("DescribeInstances", Answer(delay=30.0, hang_up=True))
+        start = time.monotonic()
+        result = run("list", "us-east-1", "--timeout", "1")
+        elapsed = time.monotonic() - start
+    assert (result.exit_code, result.stderr) == (7, "error: the 1 s of --timeout are over\n")
+    assert elapsed < 25

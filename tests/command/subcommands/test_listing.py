@@ -71,7 +71,6 @@ def test_a_node_is_shown_with_its_load(run: Run, run_json: Callable[..., Any], e
     assert document["instance_id"] == instance_id
     assert document["ready"] is True
     assert document["memory_total_bytes"] > 0
-    assert document["launched_with_this_command"] is None
     for wanted in (instance_id, "uuid-of-ready-1"):
         lines = run("show", "us-east-1", wanted).stdout.splitlines()
         assert lines[0].split() == ["Name", "ready-1"]
@@ -84,7 +83,7 @@ def test_a_node_that_is_not_there_is_not_found(run: Run, ec2: Ec2World) -> None:
     assert result.exit_code == 3
     assert result.stderr.splitlines() == [
         'error: there is no node "nobody" in this region',
-        "  try: see what is there: tovarin-nodes list us-east-1 --all",
+        "  try: list your nodes: tovarin-nodes list us-east-1 --all",
     ]
 
 

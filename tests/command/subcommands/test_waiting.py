@@ -36,7 +36,9 @@ def test_each_refresh_is_one_line_of_json(run: Run, ec2: Ec2World, pauses: list[
     """A program reads a list of nodes per line."""
     ec2.run_instance("ready-1")
     lines = run("watch", "us-east-1", "--count", "2", "--json").stdout.splitlines()
-    assert [[node["ready"] for node in json.loads(line)] for line in lines] == [[True], [True]]
+    documents = [json.loads(line) for line in lines]
+    assert [[node["ready"] for node in document["items"]] for document in documents] == [[True], [True]]
+    assert {(document["version"], document["kind"]) for document in documents} == {(1, "nodes")}
     assert pauses == [10.0]
 
 

@@ -1,13 +1,27 @@
 """A region with what is stored for it."""
 
-from dataclasses import dataclass
+import importlib.util
+from dataclasses import dataclass, replace
+from pathlib import Path
+
+import click
 
 from tovarincore._transport.gate import RefusedName, check_user_name
-from tovarincore.cloud_conf import CloudConfManager
-from tovarincore.cloud_def import CloudAuth, CloudRegion
+from tovarincore.cloud_conf import CloudConf, CloudConfManager
+from tovarincore.cloud_def import AWSCloudAuth, CloudAuth, CloudRegion, CloudRegions, K8sRegion
+from tovarincore.command.context.invocation import Invocation
+from tovarincore.command.errors.advice import command_for
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
+from tovarincore.core_conf import core_conf_glbl
 
-__all__ = ["Access", "open_region", "require_amazon", "require_user_name"]
+__all__ = [
+    "Access",
+    "open_region",
+    "require_amazon",
+    "require_user_name",
+    "usable_regions",
+    "why_not_usable",
+]
 
 
 @dataclass(frozen=True)
@@ -24,27 +38,45 @@ class Access:
     user_name: str | None
 
 
+class _Store(CloudConfManager):
+    """The credential store as this run of the command sees it: with another profile, if one is asked for."""
+
+    def get_cloud_conf(self, region: CloudRegion) -> CloudConf | None:
+        """Return what is stored for a region, on it the profile of this run."""
+        conf = super().get_cloud_conf(region)
+        profile = _profile()
+        if conf is None or region.cloud != "AWS" or not profile:
+            return conf
+        return replace(conf, cloud_auth=AWSCloudAuth(aws_profile=profile))
+
+
 def open_region(region: CloudRegion) -> Access:
-    """Return the region with its stored credentials.
+    """Return the region with its credentials, and let the facade use the same.
 
     :raises CommandFailure: an Amazon region without any, or with a user name that EC2 would read as a pattern
     :raises ConfigError: the credential store cannot be used
     """
-    conf = CloudConfManager().get_cloud_conf(region)
+    from tovarincore.cloud_node import cloud_manager_glbl
+
+    store = _Store()
+    conf = store.get_cloud_conf(region)
+    configure = command_for(region, "configure", "--user-name", "NAME", "--profile", "PROFILE")
     if conf is not None:
         if region.cloud == "AWS":
-            require_user_name(conf.user_name)
+            require_user_name(conf.user_name, region)
+            # Some of its methods take no credentials, and look here for them.
+            cloud_manager_glbl.cloud_conf_manager = store
         return Access(region, conf.cloud_auth, conf.user_name)
     if region.cloud == "AWS":
         raise CommandFailure(
             f"no credentials are stored for the region {region.name}",
-            "store them with: tovarin-nodes configure REGION --user-name NAME --profile PROFILE",
+            f"store them with: {configure}",
             ExitCode.NOT_CONFIGURED,
         )
     return Access(region, None, None)
 
 
-def require_user_name(user_name: str) -> None:
+def require_user_name(user_name: str, region: CloudRegion) -> None:
     """Refuse a user name that would list the nodes of other users.
 
     EC2 reads the values of a filter as patterns: under the name ``*`` every user's nodes are listed.
@@ -56,7 +88,7 @@ def require_user_name(user_name: str) -> None:
     except RefusedName as error:
         raise CommandFailure(
             str(error),
-            "store another one: tovarin-nodes configure REGION --user-name NAME",
+            f"store another one: {command_for(region, 'configure', '--user-name', 'NAME')}",
             ExitCode.NOT_CONFIGURED,
         ) from error
 
@@ -73,3 +105,38 @@ def require_amazon(region: CloudRegion, what: str) -> None:
             "choose one of: tovarin-nodes regions",
             ExitCode.USAGE,
         )
+
+
+def usable_regions() -> list[CloudRegion]:
+    """Return the regions that have what they need on this machine; no service is asked."""
+    return [region for region in CloudRegions.get_all() if not why_not_usable(region)]
+
+
+def why_not_usable(region: CloudRegion) -> str:
+    """Return what a region lacks on this machine; empty when it lacks nothing. No service is asked."""
+    if region.cloud == "AWS":
+        if not _is_installed("boto3"):
+            return "the package boto3 is not installed"
+        conf = CloudConfManager().get_cloud_conf(region)
+        if conf is None:
+            return "no credentials stored"
+        return "" if conf.user_name else "no user name stored"
+    if isinstance(region, K8sRegion):
+        if not _is_installed("lightkube"):
+            return "the package lightkube is not installed"
+        missing = region.kubeconfig and not Path(region.kubeconfig).expanduser().is_file()
+        return "the kubeconfig file is missing" if missing else ""
+    if not _is_installed("docker"):
+        return "the package docker is not installed"
+    return ""
+
+
+def _is_installed(package: str) -> bool:
+    return importlib.util.find_spec(package) is not None
+
+
+def _profile() -> str:
+    context = click.get_current_context(silent=True)
+    invocation = context.find_object(Invocation) if context is not None else None
+    given = invocation.profile if invocation is not None else None
+    return given or str(core_conf_glbl.command__profile)

@@ -1,26 +1,24 @@
-"""One run of the command: how it shows things, and the options and arguments that its sub-commands share."""
+"""One run of the command: what it works on, and how it shows results, notes and failures."""
 
-import json
-from collections.abc import Callable, Sequence
-from typing import Any
+from __future__ import annotations
+
+from collections.abc import Callable, Iterator, Mapping, Sequence
+from contextlib import contextmanager
+from typing import TYPE_CHECKING, Any
 
 import click
 
-from tovarincore._config_files.names import did_you_mean
-from tovarincore.cloud_def import CloudRegion, CloudRegions
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
-from tovarincore.command.output.text import one_line, printable
 
-__all__ = [
-    "Invocation",
-    "NodesCommand",
-    "confirm",
-    "output_options",
-    "pass_invocation",
-    "region_argument",
-    "short_name",
-    "yes_option",
-]
+if TYPE_CHECKING:
+    from tovarincore.cloud_def import CloudRegion
+    from tovarincore.command.output.listings import Listing, View
+
+__all__ = ["DOCUMENT_VERSION", "FORMS", "Invocation", "confirm", "pass_invocation"]
+
+DOCUMENT_VERSION = 1
+"""Version of all documents for programs; it rises when a key changes its meaning or goes."""
+FORMS = ("table", "wide", "name", "json", "yaml", "csv")
 
 
 class Invocation:
@@ -31,101 +29,127 @@ class Invocation:
 
     def __init__(self, arguments: Sequence[str] = ()) -> None:
         # Looked for here too: an argument that cannot be parsed is reported before the options are known.
-        self.json = "--json" in arguments
+        self.form = _early_form(arguments)
         self.debug = "--debug" in arguments
+        self.verbose = "--verbose" in arguments or "-v" in arguments
         self.region: CloudRegion | None = None
+        self.profile: str | None = None
+        self._notes: list[str] = []
+        self._document: dict[str, Any] | None = None
+        self._pending: CommandFailure | None = None
 
-    def emit(self, document: object, draw: Callable[[], None]) -> None:
-        """Show a result: the document as JSON, or what ``draw`` writes for people."""
-        if self.json:
-            click.echo(json.dumps(document, indent=2))
+    @property
+    def structured(self) -> bool:
+        """Whether a program reads documents: notes and errors are parts of documents then."""
+        return self.form in ("json", "yaml")
+
+    def emit(self, kind: str, item: Mapping[str, Any], draw: Callable[[], None]) -> None:
+        """Show one result: as a document, or as ``draw`` writes it for people."""
+        if self.structured:
+            self._document = {"kind": kind, "item": dict(item)}
         else:
             draw()
 
+    def emit_list(self, listing: Listing, items: Sequence[Mapping[str, Any]], view: View) -> int:
+        """Show a listing in the form that was asked for; columns that did not fit are told.
+
+        :return: how many items the filters let through
+        """
+        from tovarincore.command.output.listings import choose, draw
+        from tovarincore.command.output.writer import terminal_width, write
+
+        shown = choose(view, listing, [dict(item) for item in items])
+        if self.structured:
+            self._document = {"kind": listing.kind, "items": shown}
+            return len(shown)
+        lines, left_out = draw(view, listing, shown, terminal_width())
+        if lines:
+            write("\n".join(lines))
+        if left_out:
+            self.note(f"columns that do not fit: {', '.join(left_out)} (-o wide shows all)")
+        return len(shown)
+
+    def emit_items(self, kind: str, items: Sequence[Mapping[str, Any]]) -> None:
+        """Give a program the results of which people were told one by one."""
+        if self.structured:
+            self._document = {"kind": kind, "items": [dict(item) for item in items]}
+
+    def emit_now(self, document: Mapping[str, Any]) -> None:
+        """Write a document at once, on one line: one of a series that goes on."""
+        from tovarincore.command.output.writer import to_json, to_yaml, write
+
+        whole = {"version": DOCUMENT_VERSION, **document, "notes": self._take_notes()}
+        write("---\n" + to_yaml(whole) if self.form == "yaml" else to_json(whole, indent=None))
+
     def say(self, text: str) -> None:
         """Tell a person the result, on standard output."""
-        click.echo(printable(text))
+        self._line(text)
 
     def note(self, text: str) -> None:
-        """Tell a person something that is not the result, on standard error."""
-        if not self.json:
-            click.echo(printable(self._named(text)), err=True)
+        """Tell something that is not the result: on standard error, or in the document."""
+        if self.structured:
+            self._notes.append(text)
+        else:
+            self._line(text, err=True)
+
+    def finish(self) -> None:
+        """Write the document, with its notes, when the command has done what it could."""
+        if self._document is not None:
+            from tovarincore.command.output.writer import to_json, to_yaml, write
+
+            whole = {"version": DOCUMENT_VERSION, **self._document, "notes": self._take_notes()}
+            self._document = None
+            write(to_yaml(whole) if self.form == "yaml" else to_json(whole))
 
     def report(self, failure: CommandFailure) -> None:
         """Show what ended the command, on standard error."""
-        what, remedy = self._named(failure.what), self._named(failure.remedy)
-        if self.json:
-            error = {"what": what, "remedy": remedy, "exit_code": int(failure.code)}
-            click.echo(json.dumps({"error": error}), err=True)
-            return
-        click.echo(f"error: {printable(what)}", err=True)
-        if remedy:
-            click.echo(f"  try: {printable(remedy)}", err=True)
+        if self.structured:
+            from tovarincore.command.output.writer import to_json, write
 
-    def _named(self, text: str) -> str:
-        return text if self.region is None else text.replace("REGION", short_name(self.region))
+            error = {"what": failure.what, "remedy": failure.remedy, "exit_code": int(failure.code)}
+            document = {"version": DOCUMENT_VERSION, "kind": "error", "error": error}
+            write(to_json({**document, "notes": self._take_notes()}, indent=None), err=True)
+            return
+        self._line(f"error: {failure.what}", err=True)
+        if failure.remedy:
+            self._line(f"  try: {failure.remedy}", err=True)
+
+    @contextmanager
+    def changing(self, what: str, remedy: str) -> Iterator[None]:
+        """Say what Ctrl-C or the end of the time leaves open while the body changes something.
+
+        :param what: what may have happened
+        :param remedy: how to find out
+        """
+        self._pending = CommandFailure(what, remedy)
+        yield
+        # Not in a finally clause: what ends the command looks at it.
+        self._pending = None
+
+    def cut_short(self, why: str, code: ExitCode) -> CommandFailure:
+        """Return the failure of a command that did not come to its end.
+
+        :param why: what cut it short, in one or two words
+        """
+        if self._pending is None:
+            return CommandFailure(why, code=code)
+        return CommandFailure(f"{why}: {self._pending.what}", self._pending.remedy, code)
+
+    def _line(self, text: str, err: bool = False) -> None:
+        from tovarincore.command.output.text import printable
+        from tovarincore.command.output.writer import write
+
+        write(printable(text), err=err)
+
+    def _take_notes(self) -> list[str]:
+        notes, self._notes = self._notes, []
+        return notes
 
 
 pass_invocation = click.make_pass_decorator(Invocation)
 
 
-def short_name(region: CloudRegion) -> str:
-    """Return what a person types for a region: its name, or kind and name where the name means another."""
-    return region.name if CloudRegions.find(region.name) == region else region.key
-
-
-def output_options() -> list[click.Parameter]:
-    """Return ``--json`` and ``--debug``, which the command and every sub-command have."""
-    texts = {
-        "json": "Write JSON instead of text, errors included.",
-        "debug": "Show the log and, after an error, the traceback.",
-    }
-    return [
-        click.Option([f"--{name}"], is_flag=True, expose_value=False, callback=_set(name), help=text)
-        for name, text in texts.items()
-    ]
-
-
-def _set(name: str) -> Callable[[click.Context, click.Parameter, bool], None]:
-    def set_it(context: click.Context, parameter: click.Parameter, value: bool) -> None:
-        if value:
-            setattr(context.ensure_object(Invocation), name, True)
-
-    return set_it
-
-
-class NodesCommand(click.Command):
-    """A sub-command: every one has ``--json`` and ``--debug``."""
-
-    def __init__(self, *arguments: Any, **attributes: Any) -> None:
-        super().__init__(*arguments, **attributes)
-        self.params += output_options()
-
-
-def _find_region(context: click.Context, parameter: click.Parameter, value: str | None) -> CloudRegion | None:
-    if value is None:
-        return None
-    region = CloudRegions.find(value)
-    if region is None:
-        hint = did_you_mean(value, [known.name for known in CloudRegions.get_all()])
-        raise CommandFailure(
-            f'there is no region "{one_line(value)}"' + (f"; {hint}" if hint.startswith("did") else ""),
-            "list the regions with: tovarin-nodes regions",
-            ExitCode.USAGE,
-        )
-    context.ensure_object(Invocation).region = region
-    return region
-
-
-def region_argument(required: bool = True) -> Callable[[Callable[..., Any]], Callable[..., Any]]:
-    """Return the decorator for a command's region, given by name (``us-east-1``) or key (``k8s:lab``)."""
-    return click.argument("region", callback=_find_region, required=required)
-
-
-yes_option = click.option("--yes", is_flag=True, help="Do not ask.")
-
-
-def confirm(question: str, yes: bool) -> None:
+def confirm(invocation: Invocation, question: str, yes: bool) -> None:
     """Ask before something is ended.
 
     :param question: what would be done
@@ -134,8 +158,19 @@ def confirm(question: str, yes: bool) -> None:
     """
     if yes:
         return
+    if invocation.structured:
+        raise CommandFailure(
+            f"with -o {invocation.form} no question is asked; nothing was changed",
+            "answer it in advance with --yes",
+            ExitCode.USAGE,
+        )
+    from tovarincore._transport.masker import mask
+    from tovarincore.command.output import progress
+    from tovarincore.command.output.text import printable
+
+    progress.clear()
     try:
-        agreed = click.confirm(printable(question), err=True)
+        agreed = click.confirm(printable(mask(question)), err=True)
     except click.Abort as ended:
         click.echo(err=True)
         if isinstance(ended.__context__, KeyboardInterrupt):
@@ -145,3 +180,12 @@ def confirm(question: str, yes: bool) -> None:
         ) from None
     if not agreed:
         raise CommandFailure("nothing was changed")
+
+
+def _early_form(arguments: Sequence[str]) -> str:
+    for index, word in enumerate(arguments):
+        if word in ("--json", "-ojson", "--output=json"):
+            return "json"
+        if word in ("-o", "--output") and arguments[index + 1 : index + 2] == ["json"]:
+            return "json"
+    return "table"

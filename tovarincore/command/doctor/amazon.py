@@ -5,17 +5,18 @@ from datetime import datetime, timezone
 from email.utils import parsedate_to_datetime
 from typing import Any
 
-from tovarincore.cloud_def import AWSCloudAuth, CloudInstances, CloudRegion, SecurityGroupRules
-from tovarincore.cloud_node import AWSNodeManager, cloud_manager_glbl
+from tovarincore.cloud_def import AWSCloudAuth, CloudInstances, CloudRegion
 from tovarincore.command.context.access import Access, open_region
+from tovarincore.command.context.ec2_client import TAG_USER_NAME, open_client
+from tovarincore.command.doctor.images import check_images
 from tovarincore.command.doctor.sdk_settings import check_sdk_settings
+from tovarincore.command.doctor.security_group import check_security_group
 from tovarincore.command.doctor.verdicts import Verdict, failed, ok, skipped, warn
+from tovarincore.command.errors.advice import command_for
 from tovarincore.core_conf import core_conf_glbl
 
 __all__ = ["check_amazon"]
 
-PAGE_SIZE = 1000
-"""EC2 gives at most this many instances in the one answer that the provider reads."""
 _CLOCK_WARN_SECONDS = 60
 # EC2 refuses requests whose signature is older or newer than this.
 _CLOCK_FAIL_SECONDS = 300
@@ -27,24 +28,22 @@ def check_amazon(region: CloudRegion) -> Iterator[Verdict]:
     key = region.key
     try:
         access = open_region(region)
-        provider = cloud_manager_glbl.get_node_manager(region)
-        assert isinstance(provider, AWSNodeManager)
         assert isinstance(access.auth, AWSCloudAuth)
         yield from check_sdk_settings(key, access.auth)
-        client: Any = provider._get_client()
+        client = open_client(access)
         # Every identity that may launch may describe networks: what fails here fails everywhere.
         response = client.describe_vpcs(Filters=[{"Name": "isDefault", "Values": ["true"]}])
     except Exception as error:
-        yield failed(f"{key} credentials", error)
+        yield failed(f"{key} credentials", error, region=region)
         yield skipped(f"{key} account", "not looked at, since EC2 cannot be asked")
         return
     yield ok(f"{key} credentials", f"EC2 accepts them; user name {access.user_name}")
     checks: tuple[tuple[str, Callable[[], Iterator[Verdict]]], ...] = (
         ("clock", lambda: _clock(response)),
         ("network", lambda: _network(client, response["Vpcs"])),
-        ("security group", lambda: _security_group(client, provider)),
-        ("images", lambda: _images(access)),
-        ("key pair", lambda: _key_pair(client)),
+        ("security group", lambda: check_security_group(client)),
+        ("images", lambda: check_images(client, access)),
+        ("key pair", lambda: _key_pair(client, region)),
         ("instances", lambda: _instances(client, access)),
     )
     for name, check in checks:
@@ -53,7 +52,7 @@ def check_amazon(region: CloudRegion) -> Iterator[Verdict]:
             for verdict in check():
                 yield Verdict(subject, verdict.level, verdict.text, verdict.remedy)
         except Exception as error:
-            yield failed(subject, error)
+            yield failed(subject, error, region=region)
 
 
 def _clock(response: Any) -> Iterator[Verdict]:
@@ -85,14 +84,14 @@ def _network(client: Any, default_vpcs: Any) -> Iterator[Verdict]:
         if vpc and found["VpcId"] != vpc:
             yield failed(
                 "",
-                f"[network] the subnet {subnet} lies in {found['VpcId']}, not in {vpc}",
+                f"[network] the subnet {subnet} is in {found['VpcId']}, not in {vpc}",
                 "let aws_custom_vpc name the subnet's network",
             )
             return
         if not vpc and found["VpcId"] not in [known["VpcId"] for known in default_vpcs]:
             yield failed(
                 "",
-                f"[network] the subnet {subnet} is not of the default network, the security group would be",
+                f"[network] the subnet {subnet} is not in the default network, where the security group goes",
                 f'set [network] aws_custom_vpc = "{found["VpcId"]}" too',
             )
             return
@@ -110,49 +109,11 @@ def _network(client: Any, default_vpcs: Any) -> Iterator[Verdict]:
         yield failed(
             "",
             "the account has no default network (VPC) in this region",
-            "make one (aws ec2 create-default-vpc), or set [network] aws_custom_vpc and aws_custom_subnet",
+            "create one (aws ec2 create-default-vpc), or set [network] aws_custom_vpc and aws_custom_subnet",
         )
 
 
-def _security_group(client: Any, provider: AWSNodeManager) -> Iterator[Verdict]:
-    name = provider.tovarin_security_group_name
-    groups = client.describe_security_groups(Filters=[{"Name": "group-name", "Values": [name]}])[
-        "SecurityGroups"
-    ]
-    group_id = provider._get_security_group_id(name)
-    if group_id is None:
-        yield warn("", f"there is no {name} yet", "nothing: a launch or a dry run makes it")
-        return
-    if len(groups) > 1:
-        yield warn(
-            "",
-            f"{len(groups)} networks have a group {name}; launches use {group_id}",
-            "if that is the wrong one, set [network] aws_custom_vpc and aws_custom_subnet",
-        )
-    existing = provider._list_inbound_security_group_rules(group_id)
-    missing = [rule for rule in SecurityGroupRules.inbound_list if rule not in existing]
-    if missing:
-        ports = ", ".join(f"{rule.from_port}-{rule.to_port}/{rule.ip_protocol}" for rule in missing)
-        yield warn(
-            "",
-            f"{group_id} lacks the rules {ports}",
-            "nothing: a launch or a dry run adds them, for every address",
-        )
-    else:
-        yield ok("", f"{group_id} has all rules")
-
-
-def _images(access: Access) -> Iterator[Verdict]:
-    templates, _ = cloud_manager_glbl.list_current_instance_templates(access.region, access.auth)
-    if templates:
-        yield ok("", f"{len(templates)} public images")
-    else:
-        yield warn(
-            "", "no public image", "choose one with --template: tovarin-nodes templates REGION --private"
-        )
-
-
-def _key_pair(client: Any) -> Iterator[Verdict]:
+def _key_pair(client: Any, region: CloudRegion) -> Iterator[Verdict]:
     name = "tovarin-key"
     names = [pair["KeyName"] for pair in client.describe_key_pairs()["KeyPairs"]]
     if name in names:
@@ -161,32 +122,44 @@ def _key_pair(client: Any) -> Iterator[Verdict]:
         yield warn(
             "",
             f"there is no {name}, which launches name unless told otherwise",
-            f"tovarin-nodes keypair create REGION {name}, or launch with --key-pair",
+            f"{command_for(region, 'keypair create', name)}, or launch with --key-pair",
         )
 
 
 def _instances(client: Any, access: Access) -> Iterator[Verdict]:
-    response = client.describe_instances(
-        Filters=[{"Name": "tag:tovarin_username", "Values": [access.user_name]}]
-    )
-    instances = [instance for group in response["Reservations"] for instance in group["Instances"]]
+    pages = list(_pages(client, access))
+    instances = [instance for page in pages for instance in page]
     known = {type_def.instance_type for type_def in CloudInstances.instance_type_list}
     unknown = sorted({instance["InstanceType"] for instance in instances} - known)
     for name, line in _lines_to_add(client, unknown).items():
         yield failed(
             "",
             f"the list of instance types lacks {name}, which stops every listing",
-            f"add to the file of [cloud] instance_types_file, under [instance_types]: {line}",
+            f"refresh the list: {command_for(access.region, 'types', '--update')}; or add to the file of"
+            f" [cloud] instance_types_file, under [instance_types]: {line}",
         )
-    if response.get("NextToken") or (instances and len(instances) % PAGE_SIZE == 0):
-        certain = "nodes are" if response.get("NextToken") else "nodes may be"
+    if len(pages) > 1:
         yield failed(
             "",
-            f"the listing holds exactly one page of {len(instances)} instances: {certain} missing from it",
+            f"there are {len(instances)} instances, and only the first page of {len(pages[0])} is listed:"
+            f" {len(instances) - len(pages[0])} are missing from every listing",
             "end nodes that are not needed, or spread them over user names",
         )
     elif not unknown:
         yield ok("", f"{len(instances)} under the user name {access.user_name}, terminated ones included")
+
+
+def _pages(client: Any, access: Access) -> Iterator[list[Any]]:
+    """The user's instances, page by page as EC2 gives them out; listings read the first one alone."""
+    more: dict[str, str] = {}
+    while True:
+        response = client.describe_instances(
+            Filters=[{"Name": f"tag:{TAG_USER_NAME}", "Values": [access.user_name]}], **more
+        )
+        yield [instance for group in response["Reservations"] for instance in group["Instances"]]
+        if not response.get("NextToken"):
+            return
+        more = {"NextToken": response["NextToken"]}
 
 
 def _lines_to_add(client: Any, names: list[str]) -> dict[str, str]:

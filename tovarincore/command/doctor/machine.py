@@ -1,8 +1,5 @@
 """What ``doctor`` looks at on this machine: settings, credential store, container engine, clusters."""
 
-import ssl
-from collections.abc import Iterator
-
 from tovarincore.cloud_def import CloudInstances, K8sRegion
 from tovarincore.command.doctor.verdicts import Verdict, failed, ok, warn
 from tovarincore.command.errors.explain import failure_of
@@ -11,7 +8,7 @@ from tovarincore.core_conf import core_conf_glbl
 from tovarincore.fleet.ledger import Ledger
 from tovarincore.k8s_console_client import K8sConsoleClient
 
-__all__ = ["check_cluster", "check_engine", "check_settings", "check_worker_settings"]
+__all__ = ["check_cluster", "check_engine", "check_settings"]
 
 
 def check_settings() -> Verdict:
@@ -25,39 +22,6 @@ def check_settings() -> Verdict:
         return failed("configuration", error)
     read = str(path) if path.exists() else f"defaults ({path} does not exist)"
     return ok("configuration", f"{read}; {known} types, {launches} launches in {ledger.path.name}")
-
-
-def check_worker_settings() -> Iterator[Verdict]:
-    """Look at how workers are reached."""
-    subject = "worker connection"
-    conf = core_conf_glbl
-    found = False
-    if conf.worker__scheme == "ws" and conf.worker__token:
-        found = True
-        yield warn(
-            subject,
-            "the token is sent unencrypted",
-            'set [worker] scheme = "wss", or reach workers through a tunnel only',
-        )
-    if conf.worker__scheme == "wss" and not conf.worker__verify_certificates:
-        found = True
-        yield warn(
-            subject,
-            "certificates of workers are not verified",
-            "set [worker] verify_certificates = true and ca_file",
-        )
-    if conf.worker__ca_file:
-        try:
-            ssl.create_default_context(cafile=conf.worker__ca_file)
-        except OSError as error:
-            found = True
-            yield failed(
-                subject,
-                f"[worker] ca_file cannot be used: {error}",
-                "name a readable file of PEM certificates",
-            )
-    if not found:
-        yield ok(subject, f"{conf.worker__scheme}, port {conf.worker__port}")
 
 
 def check_engine() -> Verdict:

@@ -3,6 +3,7 @@
 from dataclasses import dataclass
 from enum import Enum
 
+from tovarincore.cloud_def import CloudRegion
 from tovarincore.command.errors.explain import explain
 
 __all__ = ["Level", "Verdict", "failed", "ok", "skipped", "warn"]
@@ -43,11 +44,16 @@ def warn(subject: str, text: str, remedy: str) -> Verdict:
     return Verdict(subject, Level.WARN, text, remedy)
 
 
-def failed(subject: str, error: Exception | str, remedy: str = "") -> Verdict:
-    """Return the verdict that something will not work, from an exception or in words."""
+def failed(
+    subject: str, error: Exception | str, remedy: str = "", region: CloudRegion | None = None
+) -> Verdict:
+    """Return the verdict that something will not work, from an exception or in words.
+
+    :param region: where the exception comes from
+    """
     if isinstance(error, str):
         return Verdict(subject, Level.FAIL, error, remedy)
-    failure = explain(error)
+    failure = explain(error, region)
     return Verdict(subject, Level.FAIL, failure.what, remedy or failure.remedy)
 
 

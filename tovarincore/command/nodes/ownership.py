@@ -5,6 +5,7 @@ from collections.abc import Sequence
 from tovarincore.cloud_def import CloudNode
 from tovarincore.command.context.access import Access
 from tovarincore.command.context.ec2_client import TAG_USER_NAME, open_client, tags_of
+from tovarincore.command.errors.advice import command_for
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
 
 __all__ = ["require_own"]
@@ -30,6 +31,6 @@ def require_own(access: Access, nodes: Sequence[CloudNode]) -> None:
     if foreign:
         raise CommandFailure(
             f"{', '.join(foreign)}: not launched under the user name {access.user_name}; nothing was changed",
-            "see your own nodes: tovarin-nodes list REGION",
+            f"list your nodes: {command_for(access.region, 'list')}",
             ExitCode.REFUSED,
         )

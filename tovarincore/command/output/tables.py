@@ -1,85 +1,113 @@
-"""Draws tables for people; ``rich`` is imported when the first one is drawn."""
+"""Draws tables for people: cells stay whole; the least important columns give way on a narrow terminal."""
 
-from collections.abc import Sequence
-from typing import TYPE_CHECKING
+import unicodedata
+from collections.abc import Callable, Sequence
+from dataclasses import dataclass
+from typing import Any
 
 import click
 
-from tovarincore.command.output.text import one_line
+from tovarincore.command.output.text import printable
+from tovarincore.command.output.writer import write
 
-if TYPE_CHECKING:
-    from rich.console import Console, RenderableType
-    from rich.table import Table
+__all__ = ["Column", "cell_text", "draw_pairs", "table_lines"]
 
-__all__ = ["build_table", "console", "draw", "draw_pairs", "draw_table"]
-
-# Into a file or pipe every cell goes whole: a program or a person will search for it.
-_WIDTH_WITHOUT_TERMINAL = 1000
+_GAP = "  "
 # Colours help to find the odd one; everything is told in words too.
-_STYLES = {
-    "ready": "green",
-    "ok": "green",
-    "Running": "green",
-    "fail": "bold red",
-    "warn": "yellow",
-    "Starting": "yellow",
-    "Terminated": "dim",
+_STYLES: dict[str, dict[str, Any]] = {
+    "ready": {"fg": "green"},
+    "Running": {"fg": "green"},
+    "Starting": {"fg": "yellow"},
+    "Terminated": {"dim": True},
 }
 
 
-def console() -> "Console":
-    """Return where tables are drawn: standard output."""
-    from rich.console import Console
+@dataclass(frozen=True)
+class Column:
+    """One column of a listing.
 
-    found = Console(highlight=False, markup=False, emoji=False)
-    return found if found.is_terminal else Console(width=_WIDTH_WITHOUT_TERMINAL, color_system=None)
-
-
-def draw(content: "RenderableType") -> None:
-    """Draw on standard output; into a file or pipe without the blanks that fill the last column."""
-    shown = console()
-    if shown.is_terminal:
-        shown.print(content)
-        return
-    with shown.capture() as captured:
-        shown.print(content)
-    click.echo("\n".join(line.rstrip() for line in captured.get().splitlines()))
-
-
-def build_table(columns: Sequence[str], rows: Sequence[Sequence[object]]) -> "Table":
-    """Return a table of the rows, each with one value per column; ``None`` is shown as a dash."""
-    from rich.table import Table
-    from rich.text import Text
-
-    table = Table(box=None, pad_edge=False, header_style="bold")
-    for index, column in enumerate(columns):
-        # Folded rather than cut: half an address is of no use.
-        table.add_column(column.upper(), no_wrap=index == 0, overflow="fold")
-    for row in rows:
-        cells = ["-" if value is None or value == "" else one_line(value) for value in row]
-        table.add_row(*(Text(cell, style=_STYLES.get(cell, "")) for cell in cells))
-    return table
-
-
-def draw_table(columns: Sequence[str], rows: Sequence[Sequence[object]], when_empty: str) -> None:
-    """Draw rows, or write a line when there are none.
-
-    :param columns: their headings
-    :param rows: one value per column
-    :param when_empty: the line
+    :param key: key of the value in a document
+    :param title: heading
+    :param weight: the heaviest are left out first where the terminal is narrow; 0 stays
+    :param show: makes a text of the value; ``None`` shows it as it is
+    :param wide: shown in the wide form only
     """
-    draw(build_table(columns, rows) if rows else when_empty)
+
+    key: str
+    title: str
+    weight: int = 0
+    show: Callable[[Any], object] | None = None
+    wide: bool = False
+
+
+def table_lines(
+    columns: Sequence[Column],
+    items: Sequence[dict[str, Any]],
+    headings: bool = True,
+    width: int | None = None,
+) -> tuple[list[str], list[str]]:
+    """Lay a table out.
+
+    :param columns: what to show of each item
+    :param items: the rows, as documents
+    :param headings: begin with a line of headings
+    :param width: columns of the terminal; ``None`` where nothing limits a line
+    :return: the lines, and the titles of columns that did not fit
+    """
+    cells = [[cell_text(column, item) for item in items] for column in columns]
+    titles = [column.title.upper() if headings else "" for column in columns]
+    widths = [max(map(_width, [title, *texts])) for title, texts in zip(titles, cells, strict=True)]
+    shown = _fitting(columns, widths, width)
+    lines = []
+    if headings:
+        lines.append(_line([(titles[index], widths[index], {"bold": True}) for index in shown]))
+    for row in range(len(items)):
+        texts = [(cells[index][row], widths[index]) for index in shown]
+        lines.append(_line([(text, wide, _STYLES.get(text, {})) for text, wide in texts]))
+    return lines, [column.title for index, column in enumerate(columns) if index not in shown]
+
+
+def cell_text(column: Column, item: dict[str, Any]) -> str:
+    """Return what stands in a column for an item; a dash where there is nothing."""
+    value = item.get(column.key)
+    if column.show is not None:
+        value = column.show(value)
+    return "-" if value is None or value == "" else printable(" ".join(str(value).split()))
 
 
 def draw_pairs(pairs: Sequence[tuple[str, object]]) -> None:
-    """Draw names and values, one pair per line."""
-    from rich.table import Table
-    from rich.text import Text
-
-    table = Table(box=None, pad_edge=False, show_header=False)
-    table.add_column(style="bold", no_wrap=True)
-    table.add_column(overflow="fold")
+    """Write names and values, one pair per line."""
+    longest = max(len(name) for name, _ in pairs)
     for name, value in pairs:
-        cell = "-" if value is None or value == "" else one_line(value)
-        table.add_row(name, Text(cell, style=_STYLES.get(cell, "")))
-    draw(table)
+        text = cell_text(Column("value", name), {"value": value})
+        styled = click.style(text, **_STYLES[text]) if text in _STYLES else text
+        write(f"{click.style(name.ljust(longest), bold=True)}{_GAP}{styled}")
+
+
+def _fitting(columns: Sequence[Column], widths: Sequence[int], width: int | None) -> list[int]:
+    shown = list(range(len(columns)))
+    while width is not None and sum(widths[i] for i in shown) + len(_GAP) * (len(shown) - 1) > width:
+        heaviest = max(shown, key=lambda index: columns[index].weight)
+        if not columns[heaviest].weight:
+            # What is left is needed; the terminal breaks the line where it must, and it can be copied whole.
+            break
+        shown.remove(heaviest)
+    return shown
+
+
+def _line(cells: Sequence[tuple[str, int, dict[str, Any]]]) -> str:
+    parts = []
+    for position, (text, width, style) in enumerate(cells):
+        last = position == len(cells) - 1
+        blanks = "" if last else " " * (width - _width(text))
+        parts.append((click.style(text, **style) if style else text) + blanks)
+    return _GAP.join(parts).rstrip()
+
+
+def _width(text: str) -> int:
+    if text.isascii():
+        return len(text)
+    return sum(
+        0 if unicodedata.combining(sign) else 2 if unicodedata.east_asian_width(sign) in "WF" else 1
+        for sign in text
+    )

@@ -4,24 +4,21 @@ import sys
 
 import click
 
+from tovarincore._transport.masker import know_secret
 from tovarincore.cloud_conf import CloudConf, CloudConfManager
 from tovarincore.cloud_def import AWSCloudAuth, CloudRegion
 from tovarincore.command.context.access import require_user_name
-from tovarincore.command.context.invocation import (
-    Invocation,
-    NodesCommand,
-    confirm,
-    pass_invocation,
-    region_argument,
-    yes_option,
-)
+from tovarincore.command.context.invocation import Invocation, confirm, pass_invocation
+from tovarincore.command.context.options import NodesCommand, yes_option
+from tovarincore.command.context.regions import region_and
+from tovarincore.command.errors.advice import command_for
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
 
 __all__ = ["configure"]
 
 
 @click.command(cls=NodesCommand)
-@region_argument()
+@region_and(profile=False)
 @click.option(
     "--user-name", help="Your name in the product; Amazon's nodes are launched and listed under it."
 )
@@ -55,25 +52,26 @@ def configure(
     store = CloudConfManager()
     stored = store.get_cloud_conf(region)
     if remove:
-        confirm(f"Forget what is stored for {region.key}?", yes)
+        confirm(invocation, f"Forget what is stored for {region.key}?", yes)
         removed = store.delete_cloud_conf(region)
         text = "nothing is stored any more" if removed else "nothing was stored"
-        invocation.emit({"region": region.key, "deleted": removed}, lambda: invocation.say(text))
+        document = {"region": region.key, "configured": False, "deleted": removed}
+        invocation.emit("credentials", document, lambda: invocation.say(text))
         return
     if user_name is not None and region.cloud == "AWS":
-        require_user_name(user_name)
-    auth = _read_auth(region, stored, profile, key_id, session_token, sdk)
+        require_user_name(user_name, region)
+    auth = _read_auth(invocation, region, profile, key_id, session_token, sdk)
     if user_name is not None or auth is not None or worker_token:
         conf = stored or CloudConf(AWSCloudAuth() if region.cloud == "AWS" else None, "")
         if region.cloud == "AWS" and stored is None and (auth is None or not user_name):
             raise CommandFailure(
                 "an Amazon region needs a user name and one of --profile, --key-id and --sdk",
-                "tovarin-nodes configure REGION --user-name NAME --profile PROFILE",
+                command_for(region, "configure", "--user-name", "NAME", "--profile", "PROFILE"),
                 ExitCode.USAGE,
             )
         conf.cloud_auth = auth or conf.cloud_auth
         conf.user_name = conf.user_name if user_name is None else user_name
-        conf.worker_token = _ask("Worker token") if worker_token else conf.worker_token
+        conf.worker_token = _ask(invocation, "Worker token") if worker_token else conf.worker_token
         store.set_cloud_conf(region, conf)
         invocation.note(f"stored in {store.path}")
         stored = conf
@@ -81,8 +79,8 @@ def configure(
 
 
 def _read_auth(
+    invocation: Invocation,
     region: CloudRegion,
-    stored: CloudConf | None,
     profile: str | None,
     key_id: str | None,
     session_token: bool,
@@ -105,21 +103,27 @@ def _read_auth(
     if key_id:
         return AWSCloudAuth(
             aws_access_key_id=key_id,
-            aws_secret_access_key=_ask("Secret access key"),
-            aws_session_token=_ask("Session token") if session_token else None,
+            aws_secret_access_key=_ask(invocation, "Secret access key"),
+            aws_session_token=_ask(invocation, "Session token") if session_token else None,
         )
     return AWSCloudAuth() if sdk else None
 
 
-def _ask(what: str) -> str:
+def _ask(invocation: Invocation, what: str) -> str:
     """Return a secret that is typed unseen, or the next line of standard input when nobody types."""
     if sys.stdin.isatty():
+        if invocation.structured:
+            raise CommandFailure(
+                f"with -o {invocation.form} no question is asked; nothing was stored",
+                f"give the {what.lower()} on standard input",
+                ExitCode.USAGE,
+            )
         secret = str(click.prompt(what, hide_input=True, err=True))
     else:
         secret = sys.stdin.readline().rstrip("\r\n")
     if not secret:
         raise CommandFailure(f"no {what.lower()} was given; nothing was stored", code=ExitCode.USAGE)
-    return secret
+    return know_secret(secret)
 
 
 def _show(invocation: Invocation, region: CloudRegion, conf: CloudConf | None) -> None:
@@ -138,7 +142,7 @@ def _show(invocation: Invocation, region: CloudRegion, conf: CloudConf | None) -
         token = "worker token stored" if conf.worker_token else "no worker token of its own"
         invocation.say(f"{region.key}: user name {conf.user_name or '-'}; {_credentials_text(conf)}; {token}")
 
-    invocation.emit(document, draw)
+    invocation.emit("credentials", document, draw)
 
 
 def _credentials_text(conf: CloudConf) -> str:

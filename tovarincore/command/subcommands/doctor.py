@@ -6,25 +6,17 @@ from typing import Any
 
 import click
 
-from tovarincore.cloud_conf import CloudConfManager
-from tovarincore.cloud_def import CloudRegion, CloudRegions, K8sRegion
-from tovarincore.command.context.access import open_region
-from tovarincore.command.context.invocation import (
-    Invocation,
-    NodesCommand,
-    pass_invocation,
-    region_argument,
-    short_name,
-)
-from tovarincore.command.doctor.amazon import check_amazon
-from tovarincore.command.doctor.machine import (
-    check_cluster,
-    check_engine,
-    check_settings,
-    check_worker_settings,
-)
+from tovarincore.cloud_def import CloudRegion, K8sRegion
+from tovarincore.command.context.access import open_region, usable_regions
+from tovarincore.command.context.invocation import Invocation, pass_invocation
+from tovarincore.command.context.options import NodesCommand
+from tovarincore.command.context.regions import region_and
+from tovarincore.command.doctor.machine import check_cluster, check_engine, check_settings
 from tovarincore.command.doctor.verdicts import Level, Verdict, failed, ok, skipped
+from tovarincore.command.doctor.workers import check_token, check_worker_settings
 from tovarincore.command.errors.failures import CommandFailure
+from tovarincore.command.output.text import printable
+from tovarincore.command.output.writer import write
 from tovarincore.command.subcommands.launch_options import build_request, launch_options
 from tovarincore.command.subcommands.launches import try_launch
 
@@ -35,7 +27,7 @@ _COLOURS = {Level.OK: "green", Level.WARN: "yellow", Level.FAIL: "red", Level.SK
 
 
 @click.command(cls=NodesCommand)
-@region_argument(required=False)
+@region_and(optional=True)
 @click.option(
     "--launch",
     "dry_run",
@@ -50,19 +42,23 @@ def doctor(invocation: Invocation, /, region: CloudRegion | None, dry_run: bool,
     Only reads, unless --launch is given. Without a region it looks at all that can be used: this machine's
     container engine, the Kubernetes regions, and Amazon's with stored credentials.
     """
-    verdicts = list(_examine(region, dry_run, options))
+    verdicts = []
+    for verdict in _examine(region, dry_run, options):
+        verdicts.append(verdict)
+        if not invocation.structured:
+            write(_line(verdict))
     problems = sum(verdict.level is Level.FAIL for verdict in verdicts)
-    invocation.emit(
+    invocation.emit_items(
+        "verdicts",
         [
             {
                 "subject": verdict.subject,
                 "verdict": verdict.level.value,
                 "text": verdict.text,
-                "remedy": verdict.remedy,
+                "remedy": verdict.remedy or None,
             }
             for verdict in verdicts
         ],
-        lambda: _draw(verdicts),
     )
     if problems:
         things = "one thing does" if problems == 1 else f"{problems} things do"
@@ -77,13 +73,12 @@ def _examine(region: CloudRegion | None, dry_run: bool, options: dict[str, Any])
         return
     yield from check_worker_settings()
     try:
-        regions = [region] if region is not None else _usable_regions()
+        regions = [region] if region is not None else usable_regions()
     except Exception as error:
         yield failed("credential store", error)
         return
     for examined in regions:
-        for verdict in _examine_region(examined, needed=region is not None):
-            yield replace(verdict, remedy=verdict.remedy.replace("REGION", short_name(examined)))
+        yield from _examine_region(examined, needed=region is not None)
         if dry_run:
             yield _dry_run(examined, options)
 
@@ -91,8 +86,14 @@ def _examine(region: CloudRegion | None, dry_run: bool, options: dict[str, Any])
 def _examine_region(region: CloudRegion, needed: bool) -> Iterator[Verdict]:
     if isinstance(region, K8sRegion):
         yield check_cluster(region)
+        yield from check_token(region)
     elif region.cloud == "AWS":
-        yield from check_amazon(region)
+        from tovarincore.command.doctor.amazon import check_amazon
+
+        verdicts = list(check_amazon(region))
+        yield from verdicts
+        if verdicts[-1].level is not Level.SKIPPED:
+            yield from check_token(region)
     else:
         verdict = check_engine()
         # Many machines have none, and nobody asked for it.
@@ -100,27 +101,21 @@ def _examine_region(region: CloudRegion, needed: bool) -> Iterator[Verdict]:
         yield replace(verdict, level=Level.WARN) if optional else verdict
 
 
-def _draw(verdicts: list[Verdict]) -> None:
-    for verdict in verdicts:
-        level = click.style(f"{verdict.level.value:<7}", fg=_COLOURS[verdict.level])
-        remedy = f" -> {verdict.remedy}" if verdict.remedy else ""
-        click.echo(f"{level} {verdict.subject}: {verdict.text}{remedy}")
-
-
-def _usable_regions() -> list[CloudRegion]:
-    stored = CloudConfManager().list_regions()
-    return [region for region in CloudRegions.get_all() if region.cloud != "AWS" or region in stored]
+def _line(verdict: Verdict) -> str:
+    level = click.style(f"{verdict.level.value:<7}", fg=_COLOURS[verdict.level])
+    remedy = f" -> {verdict.remedy}" if verdict.remedy else ""
+    return f"{level} {printable(f'{verdict.subject}: {verdict.text}{remedy}')}"
 
 
 def _dry_run(region: CloudRegion, options: dict[str, Any]) -> Verdict:
     subject = f"{region.key} dry run"
     if region.cloud != "AWS":
-        return skipped(subject, "this provider knows no dry run: it would really launch")
+        return skipped(subject, "this provider has no dry run: it would really launch")
     options = {**options, "type_name": options["type_name"] or _DRY_RUN_TYPE}
     try:
         access = open_region(region)
         request = build_request(access, **options)
         try_launch(access, request)
     except Exception as error:
-        return failed(subject, error)
+        return failed(subject, error, region=region)
     return ok(subject, f"EC2 would launch a {request.type_def.instance_type}")

@@ -8,26 +8,32 @@ from typing import Any
 
 import click
 
+from tovarincore._config_files.names import nearest
 from tovarincore.cloud_def import (
     CloudInstanceConfig,
     CloudInstances,
     CloudInstanceTypeDef,
-    CpuPlanA,
-    CpuPlanB,
-    GpuPlanA,
-    GpuPlanB,
+    CloudRegion,
     InstanceTemplate,
+    InstanceTemplatePayType,
 )
-from tovarincore.cloud_node import cloud_manager_glbl
 from tovarincore.command.context.access import Access
-from tovarincore.command.errors.explain import failure_of
+from tovarincore.command.errors.advice import command_for
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
+from tovarincore.command.nodes.images import list_templates
+from tovarincore.command.nodes.types import types_of
+from tovarincore.command.nodes.user_data import require_fitting_user_data
 from tovarincore.command.output.text import one_line
-from tovarincore.command.subcommands.catalogue import types_of
 
 __all__ = ["LaunchRequest", "build_request", "launch_options", "network_missing"]
 
-_PLANS = {"cpu-a": CpuPlanA, "gpu-a": GpuPlanA, "cpu-b": CpuPlanB, "gpu-b": GpuPlanB}
+# Whether the image is for machines with graphics processors, and how its use is paid for.
+_PLANS = {
+    "cpu-a": (False, InstanceTemplatePayType.PLAN_A),
+    "gpu-a": (True, InstanceTemplatePayType.PLAN_A),
+    "cpu-b": (False, InstanceTemplatePayType.PLAN_B),
+    "gpu-b": (True, InstanceTemplatePayType.PLAN_B),
+}
 _OPTIONS = (
     click.option("--type", "type_name", metavar="TYPE", help="Instance type, see the sub-command types."),
     click.option("--template", metavar="IMAGE", help="Image by id, name or version, see templates."),
@@ -36,7 +42,6 @@ _OPTIONS = (
         type=click.Choice(list(_PLANS)),
         help="Amazon: the default image of this plan, when no --template is given.  [default: cpu-a]",
     ),
-    click.option("--name", default="tovarin-node", show_default=True, help="Name of the node."),
     click.option(
         "--disk", type=click.IntRange(1, 16384), default=20, show_default=True, help="Root volume in GiB."
     ),
@@ -83,9 +88,12 @@ def build_request(
     :raises CommandFailure: no such type or template, or a file that is not JSON
     """
     type_def = _find_type(access, type_name)
+    launch_settings = _read_settings(settings)
+    if access.region.cloud == "AWS":
+        require_fitting_user_data(launch_settings)
     config = CloudInstanceConfig(
         disk_size=disk,
-        launch_instance_settings=_read_settings(settings),
+        launch_instance_settings=launch_settings,
         instance_template=_find_template(access, template, plan),
         key_pair_name=key_pair,
         name=name,
@@ -94,30 +102,38 @@ def build_request(
     return LaunchRequest(type_def, config)
 
 
-def network_missing() -> CommandFailure:
+def network_missing(region: CloudRegion) -> CommandFailure:
     """Return the failure for an account without a default network: a launch says only ``IndexError``."""
     return CommandFailure(
-        "the account has no default network (VPC) in the region REGION to put the security group into",
-        "make one (aws ec2 create-default-vpc), or set [network] aws_custom_vpc and aws_custom_subnet",
+        f"the account has no default network (VPC) in the region {region.name} for the security group",
+        "create one (aws ec2 create-default-vpc), or set [network] aws_custom_vpc and aws_custom_subnet",
         ExitCode.NOT_CONFIGURED,
     )
 
 
 def _find_type(access: Access, name: str | None) -> CloudInstanceTypeDef:
-    if access.region.cloud == "local":
+    region = access.region
+    if region.cloud == "local":
         return CloudInstances.get_default_local_instance_type()
     if name is None:
         raise CommandFailure(
             "a launch in this region needs a type",
-            "give one with --type: tovarin-nodes types REGION",
+            f"give one with --type: {command_for(region, 'types')}",
             ExitCode.USAGE,
         )
-    for known in types_of(access):
-        if known.instance_type == name:
-            return known
+    known = {type_def.instance_type: type_def for type_def in types_of(access)}
+    if name in known:
+        return known[name]
+    near = nearest(name, known)
     raise CommandFailure(
-        f'the type "{one_line(name)}" is not in the list of instance types',
-        "choose one of: tovarin-nodes types REGION; or add it to the file of [cloud] instance_types_file",
+        f'the type "{one_line(name)}" is not in the list of instance types'
+        + (f'; did you mean "{near}"?' if near else ""),
+        f"choose one of: {command_for(region, 'types')}"
+        + (
+            f"; or refresh the list: {command_for(region, 'types', '--update')}"
+            if region.cloud == "AWS"
+            else ""
+        ),
         ExitCode.NOT_FOUND,
     )
 
@@ -126,26 +142,23 @@ def _find_template(access: Access, wanted: str | None, plan: str | None) -> Inst
     region = access.region
     if wanted is None and region.cloud == "AWS":
         plan = plan or "cpu-a"
-        found = cloud_manager_glbl.get_default_instance_template(region, access.auth, _PLANS[plan]())
-        if found is None:
-            raise _no_template(f"no public image for the plan {plan}")
-        return found
-    templates, result = cloud_manager_glbl.list_current_instance_templates(
-        region, access.auth, is_public=False
-    )
-    if not result.success:
-        raise failure_of(result, region)
+        for template in list_templates(access, is_public=True)[0]:
+            if (template.is_gpu, template.product_pay_type) == _PLANS[plan]:
+                return template
+        raise _no_template(f"no public image for the plan {plan}", region)
+    templates, left_out = list_templates(access, is_public=False)
     for template in templates:
         # Local images and those of a catalogue come with the one to be preferred first.
         if wanted in (None, template.instance_template_id, template.name, template.version):
             return template
-    raise _no_template("no image" if wanted is None else f'no image "{one_line(wanted)}"')
+    what = "no image" if wanted is None else f'no image "{one_line(wanted)}"'
+    raise _no_template(what + (" of the accounts of [cloud] image_owners" if left_out else ""), region)
 
 
-def _no_template(what: str) -> CommandFailure:
+def _no_template(what: str, region: CloudRegion) -> CommandFailure:
     return CommandFailure(
-        f"the region REGION offers {what}",
-        "choose with --template one of: tovarin-nodes templates REGION --private",
+        f"the region {region.name} offers {what}",
+        f"choose with --template one of: {command_for(region, 'templates', '--private')}",
         ExitCode.NOT_FOUND,
     )
 
@@ -158,5 +171,5 @@ def _read_settings(path: Path | None) -> Any:
     except (OSError, ValueError) as error:
         # The file may hold secrets, so the parser's text, which quotes nothing of it, is all that is shown.
         raise CommandFailure(
-            f"{path}: is not JSON: {one_line(error)}", "mend the file of --settings", ExitCode.USAGE
+            f"{path}: is not JSON: {one_line(error)}", "correct the file of --settings", ExitCode.USAGE
         ) from error

@@ -1,5 +1,6 @@
 """``start``, ``stop``, ``reboot`` and ``terminate``."""
 
+import logging
 from collections.abc import Callable
 
 import click
@@ -7,14 +8,10 @@ import click
 from tovarincore.cloud_def import CloudNode, CloudRegion
 from tovarincore.cloud_node import cloud_manager_glbl
 from tovarincore.command.context.access import Access, open_region
-from tovarincore.command.context.invocation import (
-    Invocation,
-    NodesCommand,
-    confirm,
-    pass_invocation,
-    region_argument,
-    yes_option,
-)
+from tovarincore.command.context.invocation import Invocation, confirm, pass_invocation
+from tovarincore.command.context.options import NodesCommand, yes_option
+from tovarincore.command.context.regions import region_and
+from tovarincore.command.errors.advice import command_for
 from tovarincore.command.errors.explain import explain, failure_of
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
 from tovarincore.command.nodes.inventory import find_node, list_nodes
@@ -22,10 +19,11 @@ from tovarincore.command.nodes.ownership import require_own
 
 __all__ = ["end_nodes", "reboot", "start", "stop", "terminate"]
 
+_logger = logging.getLogger("tovarincore.command")
+
 
 @click.command(cls=NodesCommand)
-@region_argument()
-@click.argument("node")
+@region_and("node")
 @pass_invocation
 def start(invocation: Invocation, region: CloudRegion, node: str) -> None:
     """Start a stopped node."""
@@ -37,8 +35,7 @@ def start(invocation: Invocation, region: CloudRegion, node: str) -> None:
 
 
 @click.command(cls=NodesCommand)
-@region_argument()
-@click.argument("node")
+@region_and("node")
 @pass_invocation
 def stop(invocation: Invocation, region: CloudRegion, node: str) -> None:
     """Stop a node by force; its disk stays."""
@@ -50,8 +47,7 @@ def stop(invocation: Invocation, region: CloudRegion, node: str) -> None:
 
 
 @click.command(cls=NodesCommand)
-@region_argument()
-@click.argument("node")
+@region_and("node")
 @pass_invocation
 def reboot(invocation: Invocation, region: CloudRegion, node: str) -> None:
     """Reboot a node."""
@@ -77,18 +73,23 @@ def _change(
             ExitCode.USAGE,
         )
     access = open_region(region)
-    node = find_node(list_nodes(access), wanted)
+    node = find_node(list_nodes(access), wanted, region)
     require_own(access, [node])
-    change(access, node)
+    with invocation.changing(
+        f"{node.name} ({node.instance_id}) may be {doing} all the same",
+        f"look at its state: {command_for(region, 'show', node.instance_id)}",
+    ):
+        change(access, node)
+    _logger.info("%s %s (%s) in %s", doing, node.name, node.instance_id, region.key)
     invocation.emit(
-        {"instance_id": node.instance_id, "name": node.name, "requested": doing},
+        "change",
+        {"region": region.key, "instance_id": node.instance_id, "name": node.name, "requested": doing},
         lambda: invocation.say(f"{node.name} ({node.instance_id}) is {doing}"),
     )
 
 
 @click.command(cls=NodesCommand)
-@region_argument()
-@click.argument("nodes", nargs=-1, required=True)
+@region_and("nodes", many=True)
 @click.option("--reason", metavar="TEXT", help="Kubernetes: kept on the pod while it ends.")
 @yes_option
 @pass_invocation
@@ -98,7 +99,7 @@ def terminate(
     """End nodes for good, disks included, after asking."""
     access = open_region(region)
     listed = list_nodes(access)
-    found = {node.instance_id: node for node in (find_node(listed, wanted) for wanted in nodes)}
+    found = {node.instance_id: node for node in (find_node(listed, wanted, region) for wanted in nodes)}
     end_nodes(invocation, access, list(found.values()), reason, yes)
 
 
@@ -111,22 +112,46 @@ def end_nodes(
     """
     require_own(access, nodes)
     names = ", ".join(f"{node.name} ({node.instance_id}, {node.state.value.lower()})" for node in nodes)
-    confirm(f"Terminate {names} in {access.region.key}?", yes)
-    documents, failures = [], []
-    for node in nodes:
-        document: dict[str, object] = {"instance_id": node.instance_id, "name": node.name, "terminated": True}
-        try:
-            result = cloud_manager_glbl.terminate_node(access.region, access.auth, node.instance_id, reason)
-            if not result.success:
-                raise failure_of(result, access.region)
-            invocation.note(f"{node.name} ({node.instance_id}) is shutting down")
-        except Exception as error:
-            failure = explain(error)
-            failures.append(failure)
-            document |= {"terminated": False, "error": failure.what}
-            if len(nodes) > 1:
-                invocation.note(f"{node.name} ({node.instance_id}) was not terminated: {failure.what}")
-        documents.append(document)
-    invocation.emit(documents, lambda: None)
+    confirm(invocation, f"Terminate {names} in {access.region.key}?", yes)
+    documents: list[dict[str, object]] = []
+    failures = []
+    with invocation.changing(
+        "nodes may have been terminated all the same",
+        f"list your nodes: {command_for(access.region, 'list', '--all')}",
+    ):
+        for node in nodes:
+            failure = _end(access, node, reason)
+            document = {"region": access.region.key, "instance_id": node.instance_id, "name": node.name}
+            documents.append(
+                {
+                    **document,
+                    "terminated": failure is None,
+                    "error": None if failure is None else failure.what,
+                }
+            )
+            if failure is None:
+                _tell(invocation, f"{node.name} ({node.instance_id}) is shutting down")
+            else:
+                failures.append(failure)
+                if len(nodes) > 1:
+                    invocation.note(f"{node.name} ({node.instance_id}) was not terminated: {failure.what}")
+    invocation.emit_items("terminations", documents)
     if failures:
         raise failures[0]
+
+
+def _end(access: Access, node: CloudNode, reason: str | None) -> CommandFailure | None:
+    try:
+        result = cloud_manager_glbl.terminate_node(access.region, access.auth, node.instance_id, reason)
+        if not result.success:
+            return failure_of(result, access.region)
+    except Exception as error:
+        return explain(error, access.region)
+    _logger.info("terminated %s (%s) in %s", node.name, node.instance_id, access.region.key)
+    return None
+
+
+def _tell(invocation: Invocation, text: str) -> None:
+    # At once and not at the end: Ctrl-C may come between two nodes.
+    if not invocation.structured:
+        invocation.say(text)

@@ -1,40 +1,32 @@
 """``orphans``: nodes that are listed under the user's name, but that this command has not launched."""
 
-from datetime import datetime, timezone
-from typing import Any
+from datetime import datetime
 
 import click
 
 from tovarincore.cloud_def import CloudNode, CloudRegion
-from tovarincore.cloud_node import AWSNodeManager, cloud_manager_glbl
 from tovarincore.command.context.access import Access, open_region
-from tovarincore.command.context.invocation import (
-    Invocation,
-    NodesCommand,
-    pass_invocation,
-    region_argument,
-    yes_option,
-)
+from tovarincore.command.context.ec2_client import TAG_USER_NAME, open_client
+from tovarincore.command.context.invocation import Invocation, pass_invocation
+from tovarincore.command.context.options import ListCommand, view_of, yes_option
+from tovarincore.command.context.regions import region_and
+from tovarincore.command.errors.advice import command_for
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
-from tovarincore.command.nodes.inventory import (
-    GONE,
-    Probe,
-    find_node,
-    list_own_nodes,
-    matching_nodes,
-    probe_nodes,
-)
-from tovarincore.command.output.records import NODE_COLUMNS, node_document, node_row
-from tovarincore.command.output.tables import draw_table
+from tovarincore.command.nodes.inventory import GONE, find_node, list_own_nodes, matching_nodes
+from tovarincore.command.nodes.probes import probe_nodes
+from tovarincore.command.output.documents import AGE_COLUMN, NODE_COLUMNS, node_document
+from tovarincore.command.output.listings import Listing
 from tovarincore.command.output.text import one_line
 from tovarincore.command.subcommands.lifecycle import end_nodes
 from tovarincore.fleet.ledger import Ledger
 
 __all__ = ["orphans"]
 
+_COLUMNS = (*NODE_COLUMNS[:5], AGE_COLUMN, *NODE_COLUMNS[5:])
 
-@click.command(cls=NodesCommand)
-@region_argument()
+
+@click.command(cls=ListCommand)
+@region_and()
 @click.option(
     "--end", "ended", metavar="NODE", multiple=True, help="Terminate this one of them, after asking."
 )
@@ -54,43 +46,38 @@ def orphans(invocation: Invocation, region: CloudRegion, ended: tuple[str, ...],
         if node.state not in GONE and (region.key, node.instance_id) not in launched
     ]
     if ended:
-        end_nodes(invocation, access, [_orphan(found, wanted) for wanted in ended], "orphan", yes)
+        end_nodes(invocation, access, [_orphan(found, wanted, region) for wanted in ended], "orphan", yes)
         return
-    ages = _launch_times(access, found)
+    times = _launch_times(access, found)
     probes = probe_nodes(found)
-    invocation.emit(
+    count = invocation.emit_list(
+        Listing("orphans", _COLUMNS, f"No orphans in the region {region.name}."),
         [
-            {**node_document(node, probes[node.instance_id]), "launched": _iso(ages.get(node.instance_id))}
+            {**node_document(node, probes[node.instance_id]), "launched": _iso(times.get(node.instance_id))}
             for node in found
         ],
-        lambda: draw_table(
-            (*NODE_COLUMNS[:-1], "age", NODE_COLUMNS[-1]),
-            [_row(node, probes[node.instance_id], ages.get(node.instance_id)) for node in found],
-            f"No orphans in the region {region.name}.",
-        ),
+        view_of(invocation),
     )
-    if found:
-        invocation.note("end one with: tovarin-nodes orphans REGION --end NODE")
+    if count and not invocation.structured:
+        invocation.note(f"end one with: {command_for(region, 'orphans', '--end', 'NODE')}")
 
 
-def _orphan(found: list[CloudNode], wanted: str) -> CloudNode:
+def _orphan(found: list[CloudNode], wanted: str, region: CloudRegion) -> CloudNode:
     if not matching_nodes(found, wanted):
         raise CommandFailure(
             f"{one_line(wanted)} is not among the orphans",
-            "see: tovarin-nodes orphans REGION",
+            f"list them: {command_for(region, 'orphans')}",
             ExitCode.NOT_FOUND,
         )
-    return find_node(found, wanted)
+    return find_node(found, wanted, region)
 
 
 def _launch_times(access: Access, nodes: list[CloudNode]) -> dict[str, datetime]:
     """Return when Amazon launched the nodes, which their records do not tell; other providers do not say."""
-    provider = cloud_manager_glbl.get_node_manager(access.region)
-    if not nodes or not isinstance(provider, AWSNodeManager):
+    if not nodes or access.region.cloud != "AWS":
         return {}
-    client: Any = provider._get_client()
-    filters = [{"Name": "tag:tovarin_username", "Values": [provider.username]}]
-    response = client.describe_instances(Filters=filters)
+    filters = [{"Name": f"tag:{TAG_USER_NAME}", "Values": [access.user_name]}]
+    response = open_client(access).describe_instances(Filters=filters)
     return {
         instance["InstanceId"]: instance["LaunchTime"]
         for reservation in response["Reservations"]
@@ -98,21 +85,5 @@ def _launch_times(access: Access, nodes: list[CloudNode]) -> dict[str, datetime]
     }
 
 
-def _row(node: CloudNode, probe: Probe, launched: datetime | None) -> list[object]:
-    *cells, address = node_row(node, probe)
-    return [*cells, _age(launched), address]
-
-
 def _iso(moment: datetime | None) -> str | None:
     return None if moment is None else moment.isoformat(timespec="seconds")
-
-
-def _age(moment: datetime | None) -> str:
-    if moment is None:
-        return "not known"
-    minutes = max(0, int((datetime.now(timezone.utc) - moment).total_seconds() // 60))
-    if minutes < 60:
-        return f"{minutes} min"
-    if minutes < 48 * 60:
-        return f"{minutes // 60} h"
-    return f"{minutes // (24 * 60)} days"

@@ -2,32 +2,41 @@
 
 import time
 from datetime import datetime
-from typing import TYPE_CHECKING
+from typing import TYPE_CHECKING, Any
 
 import click
 
-from tovarincore.cloud_def import CloudRegion
-from tovarincore.command.context.access import Access, open_region
-from tovarincore.command.context.invocation import Invocation, NodesCommand, pass_invocation, region_argument
+from tovarincore._transport.masker import mask
+from tovarincore.cloud_def import CloudNode, CloudRegion
+from tovarincore.command.context.access import open_region
+from tovarincore.command.context.invocation import Invocation, pass_invocation
+from tovarincore.command.context.options import ListCommand, NodesCommand, view_of
+from tovarincore.command.context.regions import region_and, regions_argument
 from tovarincore.command.errors.explain import explain
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
-from tovarincore.command.nodes.inventory import GONE, list_nodes, probe_nodes
+from tovarincore.command.nodes.backoff import Backoff
+from tovarincore.command.nodes.inventory import GONE, list_nodes
+from tovarincore.command.nodes.probes import probe_nodes
 from tovarincore.command.nodes.readiness import DEFAULT_WAIT_SECONDS, wait_until_ready
-from tovarincore.command.output.records import NODE_COLUMNS, node_document, node_row
-from tovarincore.command.output.tables import build_table, console, draw
+from tovarincore.command.nodes.regions import in_every_region
+from tovarincore.command.output import progress
+from tovarincore.command.output.documents import node_document
+from tovarincore.command.output.listings import choose, draw
+from tovarincore.command.output.writer import terminal_width, write
+from tovarincore.command.subcommands.listing import node_listing
 
 if TYPE_CHECKING:
-    from rich.console import RenderableType
+    from rich.live import Live
 
 __all__ = ["wait", "watch"]
 
 FLOOR_SECONDS = 5.0
 """Every refresh is a request to the provider and one to each worker."""
+_MAY_PASS = (ExitCode.UNREACHABLE, ExitCode.BUSY)
 
 
-@click.command(cls=NodesCommand)
-@region_argument()
-@click.argument("node")
+@click.command(cls=NodesCommand, own_timeout=True)
+@region_and("node")
 @click.option(
     "--timeout",
     type=click.FloatRange(0, 86400),
@@ -39,11 +48,11 @@ FLOOR_SECONDS = 5.0
 def wait(invocation: Invocation, region: CloudRegion, node: str, timeout: float) -> None:
     """Wait until a node's worker answers, and tell meanwhile why it does not yet."""
     found, probe = wait_until_ready(invocation, open_region(region), node, timeout)
-    invocation.emit(node_document(found, probe), lambda: invocation.say(f"{found.name} is ready"))
+    invocation.emit("node", node_document(found, probe), lambda: invocation.say(f"{found.name} is ready"))
 
 
-@click.command(cls=NodesCommand)
-@region_argument()
+@click.command(cls=ListCommand)
+@regions_argument
 @click.option(
     "--every",
     type=click.FloatRange(0, 86400),
@@ -55,27 +64,20 @@ def wait(invocation: Invocation, region: CloudRegion, node: str, timeout: float)
 @click.option("--all", "everything", is_flag=True, help="Also nodes that are terminated or shutting down.")
 @pass_invocation
 def watch(
-    invocation: Invocation, region: CloudRegion, every: float, count: int | None, everything: bool
+    invocation: Invocation, regions: list[CloudRegion], every: float, count: int | None, everything: bool
 ) -> None:
     """List the nodes again and again until Ctrl-C. With --json each refresh is one line."""
-    access = open_region(region)
     if every < FLOOR_SECONDS:
         invocation.note(f"note: refreshing every {FLOOR_SECONDS:g} seconds, which is the least")
-    pause = max(every, FLOOR_SECONDS)
-    view = _View(invocation, access, everything)
+    view = _Display(invocation, regions, everything)
+    backoff = Backoff(max(every, FLOOR_SECONDS))
     try:
-        # The first one fails as any command would; a later lost answer is shown and watching goes on.
-        view.show(view.refresh())
+        # The first one fails as any command would, unless EC2 is only busy; later ones may be lost.
+        pause = _refresh(view, backoff, (ExitCode.BUSY,))
         shown = 1
         while shown != count:
             time.sleep(pause)
-            try:
-                view.show(view.refresh())
-            except Exception as error:
-                failure = explain(error)
-                if failure.code is not ExitCode.UNREACHABLE:
-                    raise
-                view.complain(failure)
+            pause = _refresh(view, backoff, _MAY_PASS)
             shown += 1
     except KeyboardInterrupt:
         raise CommandFailure("interrupted: stopped watching", code=ExitCode.INTERRUPTED) from None
@@ -83,39 +85,70 @@ def watch(
         view.close()
 
 
-class _View:
+def _refresh(view: "_Display", backoff: Backoff, may_pass: tuple[ExitCode, ...]) -> float:
+    """Show one refresh, or why there is none; return the pause until the next one."""
+    try:
+        view.show(view.refresh())
+    except Exception as error:
+        failure = explain(error, view.only_region)
+        if failure.code not in may_pass:
+            raise
+        view.complain(failure)
+        return backoff.pause_after(failure)
+    backoff.answered()
+    return backoff.usual
+
+
+class _Display:
     """Where the refreshes are shown: one table in place on a terminal, else one after the other."""
 
-    def __init__(self, invocation: Invocation, access: Access, everything: bool) -> None:
+    def __init__(self, invocation: Invocation, regions: list[CloudRegion], everything: bool) -> None:
         self._invocation = invocation
-        self._access = access
+        self._regions = regions
         self._everything = everything
-        self._live = None
-        if not invocation.json and console().is_terminal:
-            from rich.live import Live
+        self._view = view_of(invocation)
+        self._listing = node_listing(regions)
+        self.only_region = regions[0] if len(regions) == 1 else None
+        self._live: Live | None = None
+        if invocation.form in ("table", "wide") and terminal_width() is not None:
+            from rich import live
+            from rich.console import Console
 
-            self._live = Live(console=console(), auto_refresh=False)
+            progress.clear()
+            self._live = live.Live(
+                console=Console(highlight=False, markup=False, emoji=False), auto_refresh=False
+            )
             self._live.start()
 
-    def refresh(self) -> list[tuple[dict[str, object], list[object]]]:
-        """Return each node as a document and as a row."""
-        nodes = [node for node in list_nodes(self._access) if self._everything or node.state not in GONE]
+    def refresh(self) -> list[dict[str, Any]]:
+        """Return the nodes as documents."""
+
+        def look(region: CloudRegion) -> list[CloudNode]:
+            return list_nodes(open_region(region))
+
+        nodes, failure = in_every_region(self._invocation, self._regions, look)
+        if failure is not None and not nodes:
+            raise failure
+        nodes = [node for node in nodes if self._everything or node.state not in GONE]
         probes = probe_nodes(nodes)
-        return [
-            (node_document(node, probes[node.instance_id]), node_row(node, probes[node.instance_id]))
-            for node in nodes
-        ]
+        documents = [node_document(node, probes[node.instance_id]) for node in nodes]
+        return choose(self._view, self._listing, documents)
 
-    def show(self, nodes: list[tuple[dict[str, object], list[object]]]) -> None:
+    def show(self, documents: list[dict[str, Any]]) -> None:
         """Show one refresh."""
-        if self._invocation.json:
-            import json
-
-            click.echo(json.dumps([document for document, _ in nodes]))
+        if self._invocation.structured:
+            self._invocation.emit_now({"kind": self._listing.kind, "items": documents})
             return
-        moment = f"{self._access.region.key} at {datetime.now():%H:%M:%S}"
-        rows = [row for _, row in nodes]
-        self._draw(moment, build_table(NODE_COLUMNS, rows) if rows else "No nodes.")
+        lines, _ = draw(self._view, self._listing, documents, terminal_width())
+        if self._invocation.form in ("table", "wide"):
+            regions = ", ".join(region.key for region in self._regions)
+            lines.insert(0, f"{regions} at {datetime.now():%H:%M:%S}")
+        if self._live is None:
+            write("\n".join(lines))
+        else:
+            from rich.text import Text
+
+            self._live.update(Text.from_ansi(mask("\n".join(lines))), refresh=True)
 
     def complain(self, failure: CommandFailure) -> None:
         """Tell that a refresh did not work; the last one stays on the terminal."""
@@ -125,13 +158,3 @@ class _View:
         """Leave the terminal as it was."""
         if self._live is not None:
             self._live.stop()
-
-    def _draw(self, moment: str, table: "RenderableType") -> None:
-        from rich.console import Group
-        from rich.text import Text
-
-        content = Group(Text(moment), table)
-        if self._live is None:
-            draw(content)
-        else:
-            self._live.update(content, refresh=True)

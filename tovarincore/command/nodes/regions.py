@@ -1,0 +1,47 @@
+"""Work in several regions at once, where one that fails does not keep the others."""
+
+from collections.abc import Callable, Sequence
+from concurrent.futures import ThreadPoolExecutor
+from typing import TypeVar
+
+from tovarincore.cloud_def import CloudRegion
+from tovarincore.command.context.invocation import Invocation
+from tovarincore.command.errors.explain import explain
+from tovarincore.command.errors.failures import CommandFailure
+
+__all__ = ["in_every_region"]
+
+T = TypeVar("T")
+
+# Each makes a client of the SDK, one after the other, and waits three seconds at most for its turn.
+_REGIONS_AT_ONCE = 4
+
+
+def in_every_region(
+    invocation: Invocation, regions: Sequence[CloudRegion], look: Callable[[CloudRegion], list[T]]
+) -> tuple[list[T], CommandFailure | None]:
+    """Collect what is found in each region, in the order of the regions.
+
+    :param look: what is done in a region
+    :return: all that was found, and the first failure; each failure of several regions is told as a note
+    :raises CommandFailure: there is one region alone, and it fails
+    """
+    if len(regions) == 1:
+        return look(regions[0]), None
+
+    def guarded(region: CloudRegion) -> list[T] | CommandFailure:
+        try:
+            return look(region)
+        except Exception as error:
+            return explain(error, region)
+
+    found: list[T] = []
+    first: CommandFailure | None = None
+    with ThreadPoolExecutor(min(len(regions), _REGIONS_AT_ONCE)) as executor:
+        for region, outcome in zip(regions, executor.map(guarded, regions), strict=True):
+            if isinstance(outcome, CommandFailure):
+                first = first or outcome
+                invocation.note(f"{region.key}: {outcome.what}")
+            else:
+                found += outcome
+    return found, first
