@@ -282,3 +282,19 @@ def test_recursion_without_end_is_caught_as_any_failure_and_leaves_the_lock_free
     child = run_child(f"from {package} import cloud_node\n" + RECURSION.format(listing=listing))
     # What the import system says of its own callbacks at the limit is not ours: standard error may hold it.
     assert child.returncode == 0, child.stderr
+
+
+def test_a_mock_of_the_facade_refuses_what_the_facade_refuses(cloud_node: ModuleType) -> None:
+    """By name, by number, and on the mocks of instances: autospec reads the methods' signatures."""
+    facade = mock.create_autospec(cloud_node.CloudManager)()
+    facade.get_node_list(LOCAL)
+    facade.flush_webs_client_pool("u", flush_all=True)
+    for refused in (
+        lambda: facade.get_node_list(),
+        lambda: facade.get_node_list(LOCAL, 1),
+        lambda: facade.get_node_list(place=LOCAL),
+        lambda: facade.flush_webs_client_pool(flush=True),
+        lambda: cloud_node.CloudManager.get_node_list(),
+    ):
+        with pytest.raises(TypeError):
+            refused()

@@ -7,6 +7,7 @@ import pickle
 import pydoc
 import typing
 import weakref
+from unittest import mock
 
 import pytest
 
@@ -192,23 +193,155 @@ def test_names_of_a_function_are_texts_and_stay(attribute):
     setattr(Sample.echo, attribute, original)
 
 
-def test_defaults_replaced_during_a_call_live_until_its_end():
-    """The call goes on with the values that it began with."""
-    original = Sample.echo.__defaults__
+class ChangesItsMind(str):
+    """A name that is equal to nothing when it is first compared, and to everything later."""
 
-    class Trap(str):
-        def __hash__(self):
-            return hash("a")
+    asked = 0
+    __hash__ = str.__hash__
 
-        def __eq__(self, other):
-            Sample.echo.__defaults__ = original
-            return str(self) == other
+    def __eq__(self, other):
+        self.asked += 1
+        return self.asked > 4
+
+
+class SetsDefaults(str):
+    """A name that gives the function other defaults when it is compared."""
+
+    function = None
+    __hash__ = str.__hash__
+
+    def __eq__(self, other):
+        self.function.__defaults__ = (["new b"], ["new c"])
+        return str(self) == other
+
+
+def each_side(monkeypatch, tried):
+    """What `tried(class, instance, function)` gives for our function, and for Python's."""
+    results = []
+    for owner in (Sample, Twin):
+        with monkeypatch.context() as patched:
+            for attribute in (
+                "__defaults__", "__kwdefaults__", "__annotations__", "__doc__", "__name__", "__qualname__",
+                "__module__",
+            ):  # fmt: skip
+                patched.setattr(owner.echo, attribute, getattr(owner.echo, attribute))
+            try:
+                result = tried(owner, owner(1), owner.echo)
+            except Exception as error:
+                result = f"{type(error).__name__}: {error}"
+            results.append(repr(result).replace("Twin", "Sample"))
+    return results
+
+
+def code_replaced(owner, instance, function):
+    original = function.__code__
+
+    def other(self, a, b, c):
+        return "other", a, b, c
 
     try:
-        Sample.echo.__defaults__ = (["a"], ["b"], ["c"])
-        assert Sample(1).echo(**{Trap("a"): 1}) in ((1, ["b"], ["c"]), (1, None, True))
+        function.__code__ = other.__code__
+        return instance.echo(1), instance.echo(1, 2, 3), function.__code__ is other.__code__
     finally:
-        Sample.echo.__defaults__ = original
+        function.__code__ = original
+
+
+def called_with(name, *arguments):
+    def call(owner, instance, function):
+        name.function = function
+        return instance.echo(*arguments, **{name: "named"})
+
+    return call
+
+
+def assigned(attribute, value):
+    def assign(owner, instance, function):
+        setattr(function, attribute, value)
+        return (
+            getattr(function, attribute),
+            outcome(instance.echo, (1,), {}),
+            outcome(instance.echo, (), {"d": 1}),
+        )
+
+    return assign
+
+
+def deleted(attribute):
+    def delete(owner, instance, function):
+        delattr(function, attribute)
+        return getattr(function, attribute), outcome(instance.echo, (1,), {})
+
+    return delete
+
+
+TRIED = {
+    "a name that is found late": lambda *which: called_with(ChangesItsMind("x"))(*which),
+    "a name that is found late, after others": lambda *which: called_with(ChangesItsMind("x"), 1)(*which),
+    "defaults set by a name that fits": lambda *which: called_with(SetsDefaults("a"))(*which),
+    "defaults set by a name that does not": lambda *which: called_with(SetsDefaults("x"), 1)(*which),
+    "defaults set by a name that comes twice": lambda *which: called_with(SetsDefaults("a"), 1)(*which),
+    "other code": code_replaced,
+    **{
+        f"{attribute} = {value!r}": assigned(attribute, value)
+        for attribute, values in {
+            "__defaults__": [None, (), (5,), (5, 6), (5, 6, 7, 8, 9), [1], 3],
+            "__kwdefaults__": [None, {}, {"c": 9}, 3],
+            "__annotations__": [{}, {"a": int}, None, 3],
+            "__closure__": [None, ()],
+            "__builtins__": [{}],
+            "__globals__": [{}],
+            "__code__": [None, 3],
+            "__name__": ["other", 3],
+            "__qualname__": ["Other.other", 3],
+            "__module__": ["elsewhere", None, 3],
+            "__class__": [object],
+        }.items()
+        for value in values
+    },
+    **{
+        f"del {attribute}": deleted(attribute)
+        for attribute in (
+            "__defaults__", "__kwdefaults__", "__annotations__", "__closure__", "__builtins__", "__globals__",
+            "__code__", "__name__", "__qualname__", "__doc__", "__class__",
+        )
+    },
+}  # fmt: skip
+
+
+@pytest.mark.parametrize("tried", TRIED.values(), ids=TRIED.keys())
+def test_it_takes_what_a_function_takes(monkeypatch, tried):
+    """And gives the same results, and the same errors, down to their texts."""
+    ours, plain = each_side(monkeypatch, tried)
+    assert ours == plain
+
+
+def test_it_has_every_attribute_that_a_function_has():
+    """On this version of the interpreter; `__call__`, `__get__` and the like are the type's own business."""
+    assert set(vars(type(Twin.echo))) - set(vars(type(Sample.echo))) <= {"__call__", "__get__", "__new__"}
+    assert isinstance(Sample.echo, type(Twin.echo))
+    assert Sample.echo.__closure__ is None
+    assert Sample.echo.__globals__ is vars(layer)
+
+
+def test_a_mock_with_its_specification_refuses_wrong_arguments():
+    """As for a class written in Python: autospec knows signatures, and which argument is `self`."""
+    for owner in (Sample, Twin):
+        stand_in = mock.create_autospec(owner)
+        stand_in(5).echo(1, c=2)
+        with pytest.raises(TypeError):
+            stand_in(5).echo(1, d=2)
+        with pytest.raises(TypeError):
+            stand_in(5).fail(1)
+        with pytest.raises(TypeError):
+            stand_in()
+        with mock.patch.object(owner, "echo", autospec=True) as patched:
+            instance = owner(1)
+            instance.echo(1)
+            patched.assert_called_once_with(instance, 1)
+            with pytest.raises(TypeError):
+                instance.echo(1, d=2)
+        with pytest.raises(TypeError):
+            mock.create_autospec(owner.echo)(1, 2, 3, 4, 5)
 
 
 def test_a_docstring_can_be_replaced_and_deleted():

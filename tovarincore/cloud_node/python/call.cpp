@@ -111,9 +111,7 @@ Object MethodOfObject::call(PyObject** values, std::size_t positional, Handle na
     values[0] = self_.ptr();
     PyObject* function = function_.ptr();
     if (is_own_function(function))
-        return steal(names ? call_own_function(function, values, positional + 1, names.ptr())
-                           : call_own_function_in_place(function, values, positional + 1),
-                     where);
+        return steal(call_own_function(function, values, positional + 1, names.ptr()), where);
     return steal(PyObject_Vectorcall(function, values, positional + 1, names.ptr()), where);
 }
 

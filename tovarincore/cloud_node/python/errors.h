@@ -94,14 +94,14 @@ void add_traceback_entry(const char* function, const Where& where);
 
 // The edge between C++ and the interpreter: runs body() and turns what it throws into a set error and a null result.
 // Deliberately without a catch-all: a daemon thread that ends inside the body unwinds through here and must not be
-// stopped.
+// stopped. Without a function's name the traceback gets no entry.
 template <class Body> PyObject* at_the_edge(const char* function, Body body)
 {
     try {
         return with_python_errors(body, Where::here()).release();
     } catch (const Raised& raised) {
         Parked parked;
-        if (!raised.traced)
+        if (!raised.traced && function != nullptr)
             add_traceback_entry(function, raised.where);
     }
     return nullptr;

@@ -5,7 +5,6 @@
 #include "recursion.h"
 
 #include <algorithm>
-#include <structmember.h>
 
 namespace py {
 
@@ -19,76 +18,39 @@ PyObject* default_in_row(const Parameter& parameter)
     return values[static_cast<std::size_t>(parameter.default_value)];
 }
 
-// The same, or what a program has put in its place.
-PyObject* default_value(const Method& method, PyObject* defaults, std::size_t index)
-{
-    if (defaults == nullptr)
-        return default_in_row(method.parameters[index]);
-    if (defaults == Py_None)
-        return nullptr;
-    Py_ssize_t place =
-        static_cast<Py_ssize_t>(index) - static_cast<Py_ssize_t>(method.count) + PyTuple_GET_SIZE(defaults);
-    return place < 0 ? nullptr : PyTuple_GET_ITEM(defaults, place);
-}
-
-enum class Binding { done, mismatch, failed };
-
-// Finds the parameter that a keyword names: by identity, since names are interned, then by comparison.
-Py_ssize_t find_parameter(FunctionObject* self, PyObject* keyword)
-{
-    PyObject* names = parameter_names(self);
-    if (names == nullptr)
-        return -2;
-    Object in_use(borrow(names)); // while they are compared
-    Py_ssize_t count = PyTuple_GET_SIZE(names);
-    for (Py_ssize_t i = 0; i < count; ++i)
-        if (PyTuple_GET_ITEM(names, i) == keyword)
-            return i;
-    for (Py_ssize_t i = 0; i < count; ++i) {
-        int equal = PyObject_RichCompareBool(PyTuple_GET_ITEM(names, i), keyword, Py_EQ);
-        if (equal != 0)
-            return equal < 0 ? -2 : i;
-    }
-    return -1;
-}
-
-// Puts the arguments passed by keyword into their places.
-Binding bind_keywords(FunctionObject* self, PyObject* const* arguments, PyObject* keywords, PyObject** bound)
+// Puts the arguments passed by keyword into their places. Names are interned, so that their addresses are compared;
+// false where they are not, or do not fit.
+bool place_keywords(PyObject* names, PyObject* const* arguments, PyObject* keywords, PyObject** bound)
 {
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(keywords); ++i) {
-        Py_ssize_t index = find_parameter(self, PyTuple_GET_ITEM(keywords, i));
-        if (index == -2)
-            return Binding::failed;
-        if (index == -1 || bound[index] != nullptr)
-            return Binding::mismatch;
-        bound[index] = arguments[i];
+        Py_ssize_t place = 0;
+        while (place < PyTuple_GET_SIZE(names) && PyTuple_GET_ITEM(names, place) != PyTuple_GET_ITEM(keywords, i))
+            ++place;
+        if (place == PyTuple_GET_SIZE(names) || bound[place] != nullptr)
+            return false;
+        bound[place] = arguments[i];
     }
-    return Binding::done;
+    return true;
 }
 
-// Fills `bound` with borrowed references: positional arguments, keywords, defaults. Comparing the keywords may run code
-// that gives the function other defaults: those count then, and `defaults` owns them.
-Binding bind(FunctionObject* self, PyObject* const* arguments, std::size_t given, PyObject* keywords, PyObject** bound,
-             Object& defaults)
+// Fills `bound` with borrowed references: positional arguments, keywords, defaults. Runs no code; false where that is
+// not enough, or where the arguments do not fit.
+bool bind(const Method& method, PyObject* names, PyObject* const* arguments, std::size_t given, PyObject* keywords,
+          PyObject** bound)
 {
-    std::size_t count = self->method->count;
-    if (given > count)
-        return Binding::mismatch;
+    if (given > method.count)
+        return false;
     std::copy_n(arguments, given, bound);
-    if (keywords != nullptr) {
-        std::fill(bound + given, bound + count, nullptr);
-        Binding binding = bind_keywords(self, arguments + given, keywords, bound);
-        if (binding != Binding::done)
-            return binding;
-    }
-    defaults = Object(borrow(self->defaults));
-    for (std::size_t i = given; i < count; ++i) {
-        if (keywords == nullptr || bound[i] == nullptr)
-            bound[i] = default_value(*self->method, defaults.ptr(), i);
+    std::fill(bound + given, bound + method.count, nullptr);
+    if (keywords != nullptr && !place_keywords(names, arguments + given, keywords, bound))
+        return false;
+    for (std::size_t i = given; i < method.count; ++i) {
         if (bound[i] == nullptr)
-            return Binding::mismatch;
+            bound[i] = default_in_row(method.parameters[i]);
+        if (bound[i] == nullptr)
+            return false;
     }
-    return Binding::done;
+    return true;
 }
 
 PyObject* run(FunctionObject* self, PyObject* const* arguments)
@@ -102,22 +64,34 @@ PyObject* run(FunctionObject* self, PyObject* const* arguments)
     return result;
 }
 
+std::size_t len_of_tuple(Handle tuple) { return static_cast<std::size_t>(PyTuple_GET_SIZE(tuple.ptr())); }
+
+// The interpreter binds the arguments: the shape, called with them, gives them back in order, or raises the error of a
+// call that does not fit.
+PyObject* run_as_bound_by_shape(FunctionObject* self, PyObject* const* arguments, std::size_t flagged_count,
+                                PyObject* keywords)
+{
+    return at_the_edge(nullptr, [&] {
+        Object shape = shape_of(self);
+        bool replaced = self->replaced;
+        Object bound = steal(PyObject_Vectorcall(shape.ptr(), arguments, flagged_count, keywords));
+        if (replaced || !PyTuple_CheckExact(bound.ptr()) || len_of_tuple(bound) != self->method->count)
+            return bound; // the result of what a program has put in the place of our code
+        return steal(run(self, &PyTuple_GET_ITEM(bound.ptr(), 0)));
+    });
+}
+
 // Apart from call_own_function(), whose shortest way so needs no room for arguments.
 [[gnu::noinline]] PyObject* bind_and_run(FunctionObject* self, PyObject* const* arguments, std::size_t flagged_count,
                                          PyObject* keywords)
 {
-    PyObject* bound[most_parameters]; // borrowed, some from the defaults, which the call may replace
-    Object defaults;
-    switch (
-        bind(self, arguments, static_cast<std::size_t>(PyVectorcall_NARGS(flagged_count)), keywords, bound, defaults)) {
-    case Binding::done:
+    PyObject* bound[most_parameters];
+    auto given = static_cast<std::size_t>(PyVectorcall_NARGS(flagged_count));
+    if (keywords != nullptr && !has_parameter_names(self))
+        return nullptr;
+    if (!self->rebound && !self->replaced && bind(*self->method, self->names, arguments, given, keywords, bound))
         return run(self, bound);
-    case Binding::mismatch:
-        return call_shape(self, arguments, flagged_count, keywords);
-    case Binding::failed:
-        break;
-    }
-    return nullptr;
+    return run_as_bound_by_shape(self, arguments, flagged_count, keywords);
 }
 
 PyObject* bind_to(PyObject* self, PyObject* instance, PyObject*)
@@ -129,132 +103,24 @@ PyObject* bind_to(PyObject* self, PyObject* instance, PyObject*)
     return PyMethod_New(self, instance);
 }
 
+PyObject* qualified_name(PyObject* self)
+{
+    return get_from_shape(self, const_cast<char*>("__qualname__"));
+}
+
 PyObject* represent(PyObject* self)
 {
-    PyObject* name = qualified_name(reinterpret_cast<FunctionObject*>(self));
-    return name == nullptr ? nullptr : PyUnicode_FromFormat("<function %U at %p>", name, self);
+    PyObject* name = qualified_name(self);
+    PyObject* shown = name == nullptr ? nullptr : PyUnicode_FromFormat("<function %U at %p>", name, self);
+    Py_XDECREF(name);
+    return shown;
 }
 
-PyObject* new_reference(PyObject* object)
-{
-    Py_XINCREF(object);
-    return object;
-}
-
-// Takes texts only, as a function's names do: repr and pickle read them.
-int set_text(PyObject** member, PyObject* value, const char* attribute)
-{
-    if (value == nullptr || !PyUnicode_Check(value)) {
-        PyErr_Format(PyExc_TypeError, "%s must be set to a string object", attribute);
-        return -1;
-    }
-    Py_INCREF(value);
-    Py_XSETREF(*member, value);
-    return 0;
-}
-
-PyObject* get_name(PyObject* self, void*) { return new_reference(reinterpret_cast<FunctionObject*>(self)->name); }
-
-int set_name(PyObject* self, PyObject* value, void*)
-{
-    return set_text(&reinterpret_cast<FunctionObject*>(self)->name, value, "__name__");
-}
-
-PyObject* get_qualname(PyObject* self, void*)
-{
-    return new_reference(qualified_name(reinterpret_cast<FunctionObject*>(self)));
-}
-
-int set_qualname(PyObject* self, PyObject* value, void*)
-{
-    return set_text(&reinterpret_cast<FunctionObject*>(self)->qualname, value, "__qualname__");
-}
-
-PyObject* get_doc(PyObject* self, void*)
-{
-    auto* function = reinterpret_cast<FunctionObject*>(self);
-    if (function->doc == nullptr)
-        function->doc =
-            function->method->doc == nullptr ? new_reference(Py_None) : PyUnicode_FromString(function->method->doc);
-    return new_reference(function->doc);
-}
-
-int set_doc(PyObject* self, PyObject* value, void*)
-{
-    value = new_reference(value == nullptr ? Py_None : value); // deleted: none from then on
-    Py_XSETREF(reinterpret_cast<FunctionObject*>(self)->doc, value);
-    return 0;
-}
-
-PyObject* get_defaults(PyObject* self, void*)
-{
-    auto* function = reinterpret_cast<FunctionObject*>(self);
-    if (function->defaults == nullptr) {
-        const Method& method = *function->method;
-        std::size_t first = 0;
-        while (first < method.count && default_in_row(method.parameters[first]) == nullptr)
-            ++first;
-        if (first == method.count)
-            Py_RETURN_NONE;
-        PyObject* made = PyTuple_New(static_cast<Py_ssize_t>(method.count - first));
-        if (made == nullptr)
-            return nullptr;
-        for (std::size_t i = first; i < method.count; ++i)
-            PyTuple_SET_ITEM(made, static_cast<Py_ssize_t>(i - first),
-                             Object(borrow(default_in_row(method.parameters[i]))).release());
-        return made;
-    }
-    Py_INCREF(function->defaults);
-    return function->defaults;
-}
-
-int set_defaults(PyObject* self, PyObject* value, void*)
-{
-    auto* function = reinterpret_cast<FunctionObject*>(self);
-    if (value == nullptr)
-        value = Py_None;
-    if (value != Py_None && !PyTuple_Check(value)) {
-        PyErr_SetString(PyExc_TypeError, "__defaults__ must be set to a tuple object");
-        return -1;
-    }
-    Py_INCREF(value);
-    Py_XSETREF(function->defaults, value);
-    Py_CLEAR(function->shape);
-    return 0;
-}
-
-PyObject* get_annotations(PyObject* self, void*)
-{
-    auto* function = reinterpret_cast<FunctionObject*>(self);
-    if (function->annotations == nullptr)
-        function->annotations = make_annotations(*function->method);
-    Py_XINCREF(function->annotations);
-    return function->annotations;
-}
-
-int set_annotations(PyObject* self, PyObject* value, void*)
-{
-    if (value == nullptr || !PyDict_Check(value)) {
-        PyErr_SetString(PyExc_TypeError, "__annotations__ must be set to a dict object");
-        return -1;
-    }
-    Py_INCREF(value);
-    Py_XSETREF(reinterpret_cast<FunctionObject*>(self)->annotations, value);
-    return 0;
-}
-
-PyObject* get_keyword_defaults(PyObject*, void*) { Py_RETURN_NONE; }
-
-PyObject* get_code(PyObject* self, void*) { return function_code(reinterpret_cast<FunctionObject*>(self)); }
-
-PyObject* get_globals(PyObject*, void*) { return Object(module_dictionary()).release(); }
-
-PyObject* reduce(PyObject* self, PyObject*) { return get_qualname(self, nullptr); }
+PyObject* reduce(PyObject* self, PyObject*) { return qualified_name(self); } // pickled by name
 
 template <class Visit> int each_reference(FunctionObject* self, Visit visit)
 {
-    for (PyObject** member : {&self->name, &self->qualname, &self->module, &self->doc, &self->defaults,
-                              &self->annotations, &self->names, &self->shape, &self->attributes})
+    for (PyObject** member : {&self->module, &self->names, &self->shape, &self->code, &self->attributes})
         if (int stop = visit(member))
             return stop;
     return 0;
@@ -283,20 +149,30 @@ void deallocate(PyObject* self)
     PyObject_GC_Del(self);
 }
 
-PyMemberDef members[] = {
-    {"__module__", T_OBJECT, offsetof(FunctionObject, module), 0, nullptr},
-    {nullptr, 0, 0, 0, nullptr},
-};
+PyGetSetDef of_shape(const char* name)
+{
+    return {name, get_from_shape, set_in_shape, nullptr, const_cast<char*>(name)};
+}
 
 PyGetSetDef properties[] = {
-    {"__name__", get_name, set_name, nullptr, nullptr},
-    {"__qualname__", get_qualname, set_qualname, nullptr, nullptr},
-    {"__doc__", get_doc, set_doc, nullptr, nullptr},
-    {"__defaults__", get_defaults, set_defaults, nullptr, nullptr},
-    {"__kwdefaults__", get_keyword_defaults, nullptr, nullptr, nullptr},
-    {"__annotations__", get_annotations, set_annotations, nullptr, nullptr},
-    {"__code__", get_code, nullptr, nullptr, nullptr},
-    {"__globals__", get_globals, nullptr, nullptr, nullptr},
+    of_shape("__class__"), // isinstance(f, types.FunctionType) holds, which inspect and unittest.mock ask
+    of_shape("__name__"),
+    of_shape("__qualname__"),
+    of_shape("__module__"),
+    of_shape("__doc__"),
+    of_shape("__defaults__"),
+    of_shape("__kwdefaults__"),
+    of_shape("__annotations__"),
+    of_shape("__code__"),
+    of_shape("__globals__"),
+    of_shape("__closure__"),
+    of_shape("__builtins__"),
+#if PY_VERSION_HEX >= 0x030C0000
+    of_shape("__type_params__"),
+#endif
+#if PY_VERSION_HEX >= 0x030E0000
+    of_shape("__annotate__"),
+#endif
     {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };
@@ -320,7 +196,6 @@ PyTypeObject function_type = [] {
     type.tp_clear = clear;
     type.tp_weaklistoffset = offsetof(FunctionObject, weak_references);
     type.tp_methods = methods;
-    type.tp_members = members;
     type.tp_getset = properties;
     type.tp_descr_get = bind_to;
     type.tp_dictoffset = offsetof(FunctionObject, attributes);
@@ -336,40 +211,23 @@ PyObject* call_own_function(PyObject* callable, PyObject* const* arguments, std:
 {
     auto* self = reinterpret_cast<FunctionObject*>(callable);
     auto given = static_cast<std::size_t>(PyVectorcall_NARGS(flagged_count));
-    if (keywords == nullptr && given == self->method->count)
+    if (keywords == nullptr && given == self->method->count && !self->replaced)
         return run(self, arguments);
     return bind_and_run(self, arguments, flagged_count, keywords);
-}
-
-PyObject* call_own_function_in_place(PyObject* callable, PyObject** arguments, std::size_t given)
-{
-    auto* self = reinterpret_cast<FunctionObject*>(callable);
-    std::size_t next = given;
-    while (next < self->method->count && self->defaults == nullptr) {
-        arguments[next] = default_in_row(self->method->parameters[next]);
-        if (arguments[next] == nullptr)
-            break;
-        ++next;
-    }
-    if (next == self->method->count)
-        return run(self, arguments);
-    return bind_and_run(self, arguments, given, nullptr);
 }
 
 void ready_function_type() { check(PyType_Ready(&function_type)); }
 
 Object make_function(const Method& method, const char* class_name, Handle module_name)
 {
-    Object name(method.name);
     auto* made = PyObject_GC_New(FunctionObject, &function_type);
     Object function = steal(reinterpret_cast<PyObject*>(made));
     made->vectorcall = call_own_function;
     made->method = &method;
     made->class_name = class_name;
-    made->name = name.release();
     made->module = Object(module_name).release();
-    made->qualname = made->doc = made->defaults = made->annotations = nullptr;
-    made->names = made->shape = made->attributes = made->weak_references = nullptr;
+    made->names = made->shape = made->code = made->attributes = made->weak_references = nullptr;
+    made->rebound = made->replaced = false;
     PyObject_GC_Track(function.ptr());
     return function;
 }

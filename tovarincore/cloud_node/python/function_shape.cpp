@@ -3,103 +3,143 @@
 #include "builders.h"
 #include "globals.h"
 
+#include <string>
+#include <string_view>
+
 namespace py {
 
 namespace {
 
-// Code of `lambda: None`, from which the code object of each function is derived.
-Object plain_code()
+Object default_in_row(const Parameter& parameter)
 {
-    Object code = steal(Py_CompileString("lambda: None", "tovarincore/cloud_node", Py_eval_input));
-    Object constants = code.get("co_consts"_s);
-    return constants.item(Py_ssize_t{0});
+    switch (parameter.default_value) {
+    case Default::none:
+        return none();
+    case Default::false_:
+        return Object(false_());
+    case Default::true_:
+        return Object(true_());
+    case Default::required:
+        break;
+    }
+    return {};
 }
 
-Object make_code(FunctionObject* self)
+Object text(const char* characters) { return steal(PyUnicode_FromString(characters)); }
+
+// lambda a, b: (a, b,)
+Object code_for(const Method& method)
 {
-    PyObject* names = parameter_names(self);
-    if (names == nullptr)
-        throw Raised{Where::here()};
-    Object count = number(static_cast<long>(self->method->count));
-    Object flags = number(CO_OPTIMIZED | CO_NEWLOCALS);
-    return plain_code().method("replace"_s)({"co_argcount"_k = count, "co_nlocals"_k = count,
-                                             "co_varnames"_k = borrow(names), "co_name"_k = borrow(self->name),
-                                             "co_flags"_k = flags});
+    std::string names;
+    for (std::size_t i = 0; i < method.count; ++i)
+        names.append(method.parameters[i].name).append(",");
+    std::string source = "lambda " + names + ": (" + names + ")";
+    Object module_code = steal(Py_CompileString(source.c_str(), "tovarincore/cloud_node", Py_eval_input));
+    Object code = module_code.get("co_consts"_s).item(Py_ssize_t{0});
+    return code.method("replace"_s)({"co_name"_k = method.name});
+}
+
+Object defaults_for(const Method& method)
+{
+    Object defaults = list({});
+    for (std::size_t i = 0; i < method.count; ++i)
+        if (Object value = default_in_row(method.parameters[i]))
+            append(defaults, value);
+    return len(defaults) == 0 ? none() : steal(PyList_AsTuple(defaults.ptr()));
+}
+
+Object annotations_for(const Method& method)
+{
+    Object annotations = dict({});
+    for (std::size_t i = 0; i < method.count; ++i)
+        if (const Parameter& parameter = method.parameters[i]; parameter.annotation != nullptr)
+            annotations.set_item(text(parameter.name), text(parameter.annotation));
+    if (method.result != nullptr)
+        annotations.set_item("return"_s, text(method.result));
+    return annotations;
+}
+
+Object qualified_name(FunctionObject* self)
+{
+    return steal(PyUnicode_FromFormat("%s.%s", self->class_name, self->method->name.text()));
+}
+
+// What needs no shape, which most programs never ask for: the class statement asks functions for these.
+PyObject* get_from_row(FunctionObject* self, std::string_view name)
+{
+    if (name == "__name__")
+        return Object(self->method->name).release();
+    if (name == "__qualname__")
+        return qualified_name(self).release();
+    if (name == "__module__")
+        return Object(borrow(self->module)).release();
+    if (name == "__class__")
+        return Object(borrow(reinterpret_cast<PyObject*>(&PyFunction_Type))).release();
+    return nullptr;
+}
+
+} // namespace
+
+bool has_parameter_names(FunctionObject* self)
+{
+    if (self->names != nullptr)
+        return true;
+    PyObject* names = PyTuple_New(static_cast<Py_ssize_t>(self->method->count));
+    for (std::size_t i = 0; names != nullptr && i < self->method->count; ++i) {
+        PyObject* name = PyUnicode_InternFromString(self->method->parameters[i].name);
+        PyTuple_SET_ITEM(names, static_cast<Py_ssize_t>(i), name);
+        if (name == nullptr)
+            Py_CLEAR(names);
+    }
+    Py_XDECREF(std::exchange(self->names, names)); // a collection may have run code that made them
+    return names != nullptr;
 }
 
 Object shape_of(FunctionObject* self)
 {
     if (self->shape == nullptr) {
-        Object code = make_code(self);
-        PyObject* name = qualified_name(self);
-        check(name == nullptr ? -1 : 0);
-        Object shape = steal(PyFunction_NewWithQualName(code.ptr(), module_dictionary().ptr(), name));
-        Object defaults = steal(PyObject_GetAttr(reinterpret_cast<PyObject*>(self), "__defaults__"_s.ptr()));
-        check(PyFunction_SetDefaults(shape.ptr(), defaults.ptr()));
-        Object replaced = adopt(std::exchange(self->shape, shape.release()));
+        const Method& method = *self->method;
+        Object name = qualified_name(self);
+        Object code = code_for(method);
+        Object shape = steal(PyFunction_NewWithQualName(code.ptr(), module_dictionary().ptr(), name.ptr()));
+        shape.set("__name__"_s, method.name);
+        shape.set("__module__"_s, borrow(self->module));
+        shape.set("__doc__"_s, method.doc == nullptr ? none() : text(method.doc));
+        shape.set("__defaults__"_s, defaults_for(method));
+        shape.set("__annotations__"_s, annotations_for(method));
+        if (self->shape == nullptr) { // else code that a collection ran has made one
+            self->shape = shape.release();
+            self->code = code.release();
+        }
     }
     return Object(borrow(self->shape));
 }
 
-} // namespace
-
-PyObject* parameter_names(FunctionObject* self)
+PyObject* get_from_shape(PyObject* object, void* closure)
 {
-    if (self->names != nullptr)
-        return self->names;
-    PyObject* names = PyTuple_New(static_cast<Py_ssize_t>(self->method->count));
-    if (names == nullptr)
-        return nullptr;
-    for (std::size_t i = 0; i < self->method->count; ++i) {
-        PyObject* name = PyUnicode_InternFromString(self->method->parameters[i].name);
-        if (name == nullptr) {
-            Py_DECREF(names);
-            return nullptr;
-        }
-        PyTuple_SET_ITEM(names, static_cast<Py_ssize_t>(i), name);
-    }
-    return self->names = names;
-}
-
-PyObject* qualified_name(FunctionObject* self)
-{
-    if (self->qualname == nullptr)
-        self->qualname = PyUnicode_FromFormat("%s.%s", self->class_name, self->method->name.text());
-    return self->qualname;
-}
-
-PyObject* make_annotations(const Method& method)
-{
-    return at_the_edge("__annotations__", [&] {
-        Object annotations = dict({});
-        for (std::size_t i = 0; i < method.count; ++i)
-            if (method.parameters[i].annotation != nullptr) {
-                Object text = steal(PyUnicode_FromString(method.parameters[i].annotation));
-                check(PyDict_SetItemString(annotations.ptr(), method.parameters[i].name, text.ptr()));
-            }
-        if (method.result != nullptr) {
-            Object text = steal(PyUnicode_FromString(method.result));
-            check(PyDict_SetItemString(annotations.ptr(), "return", text.ptr()));
-        }
-        return annotations;
+    auto* self = reinterpret_cast<FunctionObject*>(object);
+    const auto* name = static_cast<const char*>(closure);
+    return at_the_edge(nullptr, [&] {
+        if (self->shape == nullptr)
+            if (PyObject* known = get_from_row(self, name))
+                return adopt(known);
+        return steal(PyObject_GetAttrString(shape_of(self).ptr(), name));
     });
 }
 
-PyObject* function_code(FunctionObject* self)
+int set_in_shape(PyObject* object, PyObject* value, void* closure)
 {
-    return at_the_edge("__code__", [&] { return steal(PyObject_GetAttr(shape_of(self).ptr(), "__code__"_s.ptr())); });
-}
-
-PyObject* call_shape(FunctionObject* self, PyObject* const* arguments, std::size_t flagged_count, PyObject* keywords)
-{
-    try {
-        Object shape = shape_of(self); // comparing names may give the function other defaults, and so another shape
-        steal(PyObject_Vectorcall(shape.ptr(), arguments, flagged_count, keywords));
-        PyErr_SetString(PyExc_SystemError, "arguments that fit were taken for a mismatch");
-    } catch (const Raised&) {
-        Parked parked;
-    }
-    return nullptr;
+    auto* self = reinterpret_cast<FunctionObject*>(object);
+    std::string_view name = static_cast<const char*>(closure);
+    PyObject* done = at_the_edge(nullptr, [&] {
+        Object shape = shape_of(self);
+        check(PyObject_SetAttrString(shape.ptr(), name.data(), value)); // null deletes
+        self->rebound = self->rebound || name == "__defaults__" || name == "__kwdefaults__";
+        self->replaced = PyFunction_GET_CODE(shape.ptr()) != self->code;
+        return none();
+    });
+    Py_XDECREF(done);
+    return done == nullptr ? -1 : 0;
 }
 
 } // namespace py

@@ -1,4 +1,5 @@
-// What a native function shows of a Python function: its layout, its names, its code object and its annotations.
+// What a native function shows of a Python function. Most of it is a real Python function's: the shape, which has the
+// same parameters and returns its arguments as a tuple. It is made when it is first needed.
 #pragma once
 
 #include "method.h"
@@ -10,25 +11,21 @@ struct FunctionObject {
     vectorcallfunc vectorcall;
     const Method* method;
     const char* class_name; // the first half of __qualname__
-    PyObject* name;
-    PyObject* qualname; // null: not asked for yet
-    PyObject* module;
-    PyObject* doc;         // null: not asked for yet
-    PyObject* defaults;    // null: those of the row
-    PyObject* annotations; // null: not asked for yet
-    PyObject* names;       // tuple of the parameters' names; null: not needed yet
-    PyObject* shape;       // a Python function with the same parameters; null: not needed yet
-    PyObject* attributes;  // __dict__
+    PyObject* module;       // __module__, as long as there is no shape
+    PyObject* names;        // tuple of the parameters' names; null: not needed yet
+    PyObject* shape;        // null: not needed yet
+    PyObject* code;         // what the shape was made with
+    PyObject* attributes;   // __dict__
     PyObject* weak_references;
+    bool rebound;  // a program has changed the defaults: the shape binds the arguments
+    bool replaced; // or the code: the shape is what is called
 };
 
-// Each returns null with an error set when it fails.
-PyObject* parameter_names(FunctionObject* self);  // borrowed
-PyObject* qualified_name(FunctionObject* self);   // borrowed
-PyObject* make_annotations(const Method& method); // new
-PyObject* function_code(FunctionObject* self);    // new: a code object that inspect reads the signature from
+bool has_parameter_names(FunctionObject* self); // makes `names`, if need be; false with an error set
+Object shape_of(FunctionObject* self);
 
-// Calls a Python function of the same shape with arguments that do not fit: the TypeError is the interpreter's own.
-PyObject* call_shape(FunctionObject* self, PyObject* const* arguments, std::size_t flagged_count, PyObject* keywords);
+// Reads and writes of the attributes that the shape has for the function: those whose closure is their name.
+PyObject* get_from_shape(PyObject* self, void* name);
+int set_in_shape(PyObject* self, PyObject* value, void* name);
 
 } // namespace py

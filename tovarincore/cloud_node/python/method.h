@@ -11,6 +11,8 @@
 
 namespace py {
 
+inline constexpr std::size_t most_parameters = 9; // launch_node has as many
+
 enum class Default : std::uint8_t { required, none, false_, true_ };
 
 struct Parameter {

@@ -17,7 +17,6 @@
 #include "name.h"
 #include "where.h"
 
-#include <algorithm>
 #include <concepts>
 #include <initializer_list>
 #include <utility>
@@ -217,15 +216,10 @@ private:
 
 Object keyword_names(const Argument* keywords, std::size_t count, Where where);
 
-inline constexpr std::size_t most_parameters = 9; // of a function of our own: launch_node
-
-// Room for the values of a call: a free slot in front, and behind them for the defaults of our own functions.
-template <std::size_t Count> inline constexpr std::size_t room_for = std::max(Count, most_parameters) + 1;
-
 // The arguments of one call as the vector call protocol wants them: a free slot in front, the values, those passed by
 // keyword last, and a tuple of their names.
 template <std::size_t Count> struct VectorCall {
-    PyObject* values[room_for<Count>];
+    PyObject* values[Count + 1];
     std::size_t positional = 0;
     Object names;
 
@@ -240,7 +234,7 @@ template <std::size_t Count> struct VectorCall {
     }
 };
 
-// The call itself; `values` begins with the free slot, and has room as said above.
+// The call itself; `values` begins with the free slot.
 Object call_prepared(Handle function, PyObject** values, std::size_t positional, Handle names, Where where);
 
 template <std::size_t Count>
@@ -252,7 +246,7 @@ template <std::size_t Count>
 
 inline Object Handle::operator()(Where where) const
 {
-    PyObject* values[room_for<0>];
+    PyObject* values[1];
     return call_prepared(*this, values, 0, Handle(), where);
 }
 
@@ -268,7 +262,7 @@ public:
 
     Object operator()(Where where = Where::here()) &&
     {
-        PyObject* values[room_for<0>];
+        PyObject* values[1];
         return call(values, 0, Handle(), where);
     }
 
