@@ -4,6 +4,7 @@ import os
 import secrets
 import threading
 import time
+from collections.abc import Callable
 from types import TracebackType
 from typing import Any
 
@@ -15,7 +16,8 @@ from tovarincore._webs_client.messages import read_reply, read_system_stat, writ
 from tovarincore._webs_client.target import Target, read_target
 from tovarincore.api_def import PingRequest, SystemStatRequest
 from tovarincore.cloud_def import CloudNode
-from tovarincore.core_def import OPResult
+from tovarincore.core_conf import ConfigError
+from tovarincore.core_def import OPResult, OPResultErrorCode
 
 __all__ = ["WebSocketClient"]
 
@@ -55,10 +57,10 @@ class WebSocketClient:
 
         :return: ``success``, or an error with a message and one of the codes ``TIMEOUT``,
             ``CONNECTION_FAILED``, ``UNAUTHENTICATED``, ``CERTIFICATE_INVALID`` and ``PROTOCOL_ERROR``;
-            no failure of network or peer raises
+            nothing that network or peer do raises
         :raises ConfigError: configuration or credential store cannot be used
         """
-        return self._ask(request)[0]
+        return self._result_of(lambda: self._ask(request))
 
     def refresh_system_stat(self) -> OPResult:
         """Ask for the load of the worker's machine and write it into the node's record.
@@ -68,18 +70,15 @@ class WebSocketClient:
         :return: as :meth:`api_get_op_result`
         :raises ConfigError: configuration or credential store cannot be used
         """
-        result, reply = self._ask(SystemStatRequest())
-        if not result.success:
-            return result
-        try:
-            cpu_percent, used, total = read_system_stat(reply)
-        except Failure as failure:
-            return self._failed(failure)
-        self.node.cpu_percent = cpu_percent
-        self.node.memory_used_bytes = used
-        self.node.memory_total_bytes = total
-        self.node.system_stat_time = time.time()
-        return result
+
+        def refresh() -> None:
+            cpu_percent, used, total = read_system_stat(self._ask(SystemStatRequest()))
+            self.node.cpu_percent = cpu_percent
+            self.node.memory_used_bytes = used
+            self.node.memory_total_bytes = total
+            self.node.system_stat_time = time.time()
+
+        return self._result_of(refresh)
 
     def close(self) -> None:
         """Close the connection; a request under way in another thread is waited for. The next request opens
@@ -98,23 +97,42 @@ class WebSocketClient:
     def __repr__(self) -> str:
         return f"<WebSocketClient of node {self.node.name!r}, worker {self.worker_id!r}>"
 
-    def _ask(self, request: PingRequest | SystemStatRequest) -> tuple[OPResult, dict[str, Any]]:
-        deadline = Deadline(self.client_timeout_sec)
+    def _result_of(self, body: Callable[[], object]) -> OPResult:
+        """The boundary: what a body raises leaves as a result, except for errors of the configuration."""
         try:
-            target = read_target(self.node)
-            deadline.enter("waiting for another thread's request", "use a client for each thread")
-            lock = self._own_lock()
-            if not lock.acquire(timeout=deadline.remaining()):
-                raise deadline.expired()
-            try:
-                reply = self._exchange(request.kind, target, deadline)
-            finally:
-                lock.release()
+            body()
         except Failure as failure:
-            return self._failed(failure), {}
+            return failure.as_result(self._prefix())
+        except ConfigError:
+            raise
+        except Exception as error:
+            # Whatever a peer found to make us or a library stumble, callers are promised a result.
+            return Failure(
+                f"what answers there made the client stumble ({type(error).__name__}: {error}); see whether "
+                "it is a worker of this product",
+                OPResultErrorCode.PROTOCOL_ERROR,
+            ).as_result(self._prefix())
+        return OPResult(success=True)
+
+    def _prefix(self) -> str:
+        # The name comes from a tag, which may hold anything.
+        name = str(self.node.name)
+        return f"Worker of node {name if name.isprintable() else ascii(name)}: "
+
+    def _ask(self, request: PingRequest | SystemStatRequest) -> dict[str, Any]:
+        deadline = Deadline(self.client_timeout_sec)
+        target = read_target(self.node)
+        deadline.enter("waiting for another thread's request", "use a client for each thread")
+        lock = self._own_lock()
+        if not lock.acquire(timeout=deadline.remaining()):
+            raise deadline.expired()
+        try:
+            reply = self._exchange(request.kind, target, deadline)
+        finally:
+            lock.release()
         if self.worker_id is None:
             self.worker_id = reply.get("worker_id")
-        return OPResult(success=True), reply
+        return reply
 
     def _own_lock(self) -> threading.Lock:
         if self._process_id != os.getpid():
@@ -152,6 +170,3 @@ class WebSocketClient:
         if self._connection is not None:
             self._connection.close()
             self._connection = None
-
-    def _failed(self, failure: Failure) -> OPResult:
-        return failure.as_result(f"Worker of node {self.node.name}: ")

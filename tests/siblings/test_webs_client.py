@@ -8,12 +8,13 @@ import threading
 import time
 from collections.abc import Callable
 from pathlib import Path
-from typing import Any
+from typing import Any, NoReturn
 
 import pytest
 import tomli_w
 
 from stage import worker_peers as peers
+from stage.ports import refusing_port
 from stage.worker_timeouts import node_at
 from tovarincore.api_def import PingRequest, SystemStatRequest
 from tovarincore.cloud_conf import CloudConf, CloudConfManager
@@ -192,11 +193,11 @@ def test_an_answer_that_comes_too_late_meets_no_later_request(configure: Configu
         conversation.reply(message)
         conversation.hold()
 
-    with peers.Peer(answers_late) as peer, client_of(0.1) as client:
+    with peers.Peer(answers_late) as peer, client_of(1) as client:
         configure(port=peer.port)
         assert ping(client).error_code is OPResultErrorCode.TIMEOUT
         late.set()
-        client.client_timeout_sec = 2
+        client.client_timeout_sec = 30
         assert ping(client).success
         assert peer.accepted == 2
 
@@ -344,3 +345,30 @@ def test_the_token_is_never_shown(configure: Configure, caplog: pytest.LogCaptur
         connection = client._connection
         shown += f"{client!r} {connection!r} {connection and connection.target!r} {worker!r} {caplog.text}"
     assert secret not in shown
+
+
+@pytest.mark.parametrize(
+    "error", [RecursionError("deep"), ValueError("odd"), MemoryError(), KeyError("x")], ids=repr
+)
+def test_whatever_makes_the_client_stumble_becomes_a_result(
+    configure: Configure, monkeypatch: pytest.MonkeyPatch, error: Exception
+) -> None:
+    """The library or ourselves: a refresh of a hundred nodes is not to end with one of them."""
+
+    def stumble(*arguments: object) -> NoReturn:
+        raise error
+
+    monkeypatch.setattr("tovarincore.webs_client.read_reply", stumble)
+    with ReferenceWorker(token="canary-4711") as worker, client_of() as client:
+        configure(port=worker.port, token="canary-4711")
+        for result in (ping(client), client.refresh_system_stat()):
+            assert result.error_code is OPResultErrorCode.PROTOCOL_ERROR
+            assert f"made the client stumble ({type(error).__name__}" in (result.msg or "")
+
+
+def test_a_name_that_would_move_the_cursor_is_escaped(configure: Configure) -> None:
+    """It comes from a tag, and ends on a terminal."""
+    with refusing_port() as port, client_of() as client:
+        configure(port=port)
+        client.node.name = "a\x1b[2Jb\n"
+        assert (ping(client).msg or "").startswith(r"Worker of node 'a\x1b[2Jb\n': ")
