@@ -19,12 +19,14 @@ from hypothesis.strategies import SearchStrategy
 T = TypeVar("T")
 
 _ROUND_EXAMPLES = 500
+# Read now: the settings of a test take such variables out of the environment.
+_SECONDS = float(os.environ.get("TOVARIN_FUZZ_SECONDS", "0"))
 
 
 def search(values: SearchStrategy[T], check: Callable[[T], object], examples: int) -> None:
     """Check `examples` values, always the same ones; then others until the time is up."""
     _round(values, check, examples, derandomize=True)
-    end = time.monotonic() + float(os.environ.get("TOVARIN_FUZZ_SECONDS", "0"))
+    end = time.monotonic() + _SECONDS
     while time.monotonic() < end:
         _round(values, check, _ROUND_EXAMPLES, derandomize=False, end=end)
 
