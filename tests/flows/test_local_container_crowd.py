@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 from threading import Barrier
@@ -36,7 +36,7 @@ def at_once(call: Callable[[], T]) -> list[T]:
 
 
 @pytest.fixture
-def patient(local: LocalRegion, tmp_path: Path) -> LocalRegion:
+def patient(local: LocalRegion, tmp_path: Path) -> Iterator[LocalRegion]:
     """The region with more time for an operation."""
     folder = tmp_path / "patient"
     folder.mkdir()

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import logging
 from collections.abc import Iterator
+from contextlib import contextmanager
 from typing import Any
 
 from tovarincore._container_helper.engine import ContainerSummary, PortBinding
@@ -12,36 +13,39 @@ from tovarincore._transport.gate import check_instance_id
 from tovarincore._transport.masker import mask_start
 
 _SHOWN_CHARACTERS = 60
+_NAMED_SKIPPED = 5
 
 _logger = logging.getLogger("tovarincore.container_helper")
 
 
 def find_container_in(answer: object, name: str) -> ContainerSummary | None:
-    """The container of that name in a list of containers. One that cannot be read is logged and skipped.
+    """The container of that name in a list of containers. What cannot be read is skipped and logged.
 
     Raises ContainerError (PROTOCOL_ERROR) when the one looked for may be among the skipped.
     """
-    unreadable: list[str] = []
+    skipped = _Skipped("container")
+    found = None
     for item in _list_of(answer, "the list of containers"):
-        try:
-            if name in _names(item):
-                return _container(item, name)
-        except _Unreadable as reason:
-            unreadable.append(_skip(item, "container", reason))
-    if unreadable:
-        raise unreadable_answer(", ".join(unreadable))
-    return None
+        with skipped.unless_readable(item):
+            if found is None and name in _names(item):
+                found = _container(item, name)
+    text = skipped.report()
+    if found is None and text:
+        raise unreadable_answer(text)
+    return found
 
 
-def image_references_in(answer: object) -> Iterator[str]:
-    """The names with tags in a list of images. An image that cannot be read is logged and skipped."""
+def image_references_in(answer: object) -> list[str]:
+    """The names with tags in a list of images. What cannot be read is skipped and logged."""
+    skipped = _Skipped("image")
+    references: list[str] = []
     for item in _list_of(answer, "the list of images"):
-        try:
+        with skipped.unless_readable(item):
             # Null for an image without a name.
-            references = _get(item, "RepoTags", list, type(None)) or []
-            yield from (_check(reference, "a name in RepoTags", str) for reference in references)
-        except _Unreadable as reason:
-            _skip(item, "image", reason)
+            names = _get(item, "RepoTags", list, type(None)) or []
+            references += [_check(reference, "a name in RepoTags", str) for reference in names]
+    skipped.report()
+    return references
 
 
 def container_id_in(answer: object) -> str:
@@ -54,6 +58,37 @@ def container_id_in(answer: object) -> str:
 
 class _Unreadable(Exception):
     """A part of an answer is not of the form that engines give it; the text says which."""
+
+
+class _Skipped:
+    """What is left out of a list: the first few by name, the others by number."""
+
+    def __init__(self, kind: str) -> None:
+        self._kind = kind
+        self._named: list[str] = []
+        self._count = 0
+
+    @contextmanager
+    def unless_readable(self, item: object) -> Iterator[None]:
+        try:
+            yield
+        except _Unreadable as reason:
+            self._count += 1
+            if len(self._named) < _NAMED_SKIPPED:
+                self._named.append(f"{self._kind} {_name_of(item)}: {reason}")
+
+    def report(self) -> str:
+        """Log what was skipped, if anything, and return the text."""
+        others = self._count - len(self._named)
+        text = ", ".join([*self._named, *([f"and {others} others"] if others else [])])
+        if text:
+            _logger.warning("skipped in the container engine's list: %s", text)
+        return text
+
+
+def _name_of(item: object) -> str:
+    name = item.get("Id") if isinstance(item, dict) else None
+    return ascii(mask_start(name, _SHOWN_CHARACTERS)) if isinstance(name, str) else "without an id"
 
 
 def _container(item: object, name: str) -> ContainerSummary:
@@ -105,12 +140,3 @@ def _check(value: object, what: str, *types: type) -> Any:
     if not isinstance(value, types):
         raise _Unreadable(f"{what} is a {type(value).__name__}")
     return value
-
-
-def _skip(item: object, kind: str, reason: _Unreadable) -> str:
-    """Log what is left out of a list; the text names it where it has a name."""
-    name = item.get("Id") if isinstance(item, dict) else None
-    shown = ascii(mask_start(name, _SHOWN_CHARACTERS)) if isinstance(name, str) else "without an id"
-    text = f"{kind} {shown}: {reason}"
-    _logger.warning("skipped in the container engine's list: %s", text)
-    return text

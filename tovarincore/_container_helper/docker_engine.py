@@ -20,6 +20,7 @@ from tovarincore._container_helper.errors import ContainerError, name_taken
 from tovarincore._container_helper.failures import explained, is_name_conflict, missing_image
 from tovarincore._container_helper.image_names import spellings, tags_of
 from tovarincore._container_helper.limit import TimeLimit
+from tovarincore._transport.masker import know_secret
 from tovarincore.core_conf import core_conf_glbl
 
 if TYPE_CHECKING:
@@ -45,6 +46,7 @@ def open_docker_engine(limit: TimeLimit) -> ContainerEngine:
 
     settings = {"timeout": limit.remaining(), **client_settings()}
     address = settings["base_url"]
+    _know_password(address)
     with explained(limit, address):
         if address.startswith("unix://"):
             # The package leaves its socket open when it cannot connect, and hides why.
@@ -52,6 +54,14 @@ def open_docker_engine(limit: TimeLimit) -> ContainerEngine:
                 probe.settimeout(limit.remaining())
                 probe.connect(address.removeprefix("unix://"))
         return DockerEngine(BoundedClient(limit, **settings), limit, address)
+
+
+def _know_password(address: str) -> None:
+    """Let no text show the password of an address, whatever else is wrong with that."""
+    login = address.rpartition("@")[0].rpartition("://")[2]
+    password = login.partition(":")[2]
+    if password:
+        know_secret(password)
 
 
 def client_settings() -> dict[str, Any]:
@@ -135,7 +145,7 @@ class DockerEngine:
         # Unfiltered: engines disagree about which names a filter means.
         with self._request():
             images = self._client.images()
-        return list(image_references_in(images))
+        return image_references_in(images)
 
     def _create(self, request: ContainerRequest, image: str) -> str:
         import docker
