@@ -61,8 +61,9 @@ class OPResult:
     :param error_code: the kind of failure, where the caller can act on it
     :param msg: what went wrong, for people
     :param exc_info: ``True`` inside an ``except`` block keeps the traceback of the exception being handled as
-        text in :attr:`traceback_text`; a text is kept there as it is. Only text is kept: a traceback object
-        would keep alive the local variables of every frame it passes through, credentials included.
+        text in :attr:`traceback_text`, without secrets; a text is kept there as it is. Only text is kept: a
+        traceback object would keep alive the local variables of every frame it passes through, credentials
+        included.
     """
 
     success: bool = False
@@ -86,4 +87,7 @@ class OPResult:
         if isinstance(self.exc_info, str):
             self.traceback_text = self.exc_info
         elif self.exc_info and sys.exc_info()[1] is not None:
-            self.traceback_text = traceback.format_exc()
+            # Imported here: only failures need it.
+            from tovarincore._transport.masker import mask
+
+            self.traceback_text = mask(traceback.format_exc())

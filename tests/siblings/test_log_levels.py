@@ -7,10 +7,21 @@ from pathlib import Path
 
 import pytest
 
+from tovarincore._transport.masker import Secret
 from tovarincore.core_conf import ConfigError, LogManager, core_conf_glbl
 
 MARKER = "s3cr3t-m4rk3r"
-HELD = ["boto3", "botocore", "urllib3", "websockets", "httpcore"]
+HELD = [
+    "boto3",
+    "botocore",
+    "docker",
+    "httpcore",
+    "httpcore2",
+    "httpx2",
+    "lightkube",
+    "urllib3",
+    "websockets",
+]
 
 
 @pytest.fixture
@@ -143,3 +154,33 @@ def test_holding_makes_no_library_more_talkative(log_manager: LogManager) -> Non
         assert logging.getLogger("urllib3").level == logging.ERROR
     finally:
         logging.root.setLevel(level)
+
+
+def test_secrets_are_taken_out_of_the_packages_own_lines(
+    log_manager: LogManager, root_at_debug: io.StringIO
+) -> None:
+    """In the message, its arguments and the traceback, whoever wrote the text of the exception."""
+    secret = Secret(MARKER)
+    logger = log_manager.get_logger()
+    logger.setLevel(logging.DEBUG)
+    for each in (logger, logging.getLogger("CloudManager")):
+        try:
+            raise ValueError(f"the peer said {secret}")
+        except ValueError:
+            each.error("tried %s", str(secret), exc_info=True)
+    text = root_at_debug.getvalue()
+    assert MARKER not in text
+    assert text.count("tried ***\nTraceback") == 2
+    assert text.count("ValueError: the peer said ***\n") == 2
+
+
+def test_a_line_without_secrets_keeps_its_parts(
+    log_manager: LogManager, caplog: pytest.LogCaptureFixture
+) -> None:
+    """Handlers of the application may look at arguments and exception."""
+    try:
+        raise KeyError("x")
+    except KeyError as error:
+        log_manager.get_logger().error("tried %s", "it", exc_info=True)
+        assert caplog.records[-1].args == ("it",)
+        assert caplog.records[-1].exc_info is not None and caplog.records[-1].exc_info[1] is error

@@ -6,8 +6,21 @@ from typing import NamedTuple
 
 __all__ = ["LogLevels"]
 
-_HELD = ("boto3", "botocore", "urllib3", "websockets", "httpcore", "httpcore2", "httpx2")
-"""Libraries whose DEBUG lines show response bodies or request headers."""
+_HELD = (
+    "boto3",
+    "botocore",
+    "docker",
+    "httpcore",
+    "httpcore2",
+    "httpx",
+    "httpx2",
+    "lightkube",
+    "requests",
+    "s3transfer",
+    "urllib3",
+    "websockets",
+)
+"""The libraries underneath, and those that they are made of: their DEBUG lines show bodies and headers."""
 _HELD_CHILDREN = tuple(f"{name}." for name in _HELD)
 
 
@@ -16,6 +29,30 @@ class _HeldLevel(NamedTuple):
 
     before: int
     given: int
+
+
+class _Masking(logging.Filter):
+    """Takes secrets out of what the package logs: texts and tracebacks may be a library's or a peer's."""
+
+    def filter(self, record: logging.LogRecord) -> bool:
+        # Imported here: few programs log.
+        from tovarincore._transport.masker import mask
+
+        message = record.getMessage()
+        masked = mask(message)
+        if masked != message:
+            record.msg, record.args = masked, None
+        if record.exc_info and record.exc_info[1] is not None:
+            text = _formatter.formatException(record.exc_info)
+            masked = mask(text)
+            if masked != text:
+                # Handlers write this text; without the exception they cannot make another one.
+                record.exc_text, record.exc_info = masked, None
+        return True
+
+
+_formatter = logging.Formatter()
+_masking = _Masking()
 
 
 class LogLevels:
@@ -35,6 +72,9 @@ class LogLevels:
         :param show_secrets: let the libraries underneath log at DEBUG
         """
         logger = logging.getLogger("tovarincore")
+        for masked in (logger, logging.getLogger("CloudManager")):
+            # Adding it twice does nothing.
+            masked.addFilter(_masking)
         with self._lock:
             if logger.level in (logging.NOTSET, self._own_level):
                 logger.setLevel(level)
