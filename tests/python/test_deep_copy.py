@@ -25,6 +25,9 @@ def test_the_interpreters_own_tests_pass_with_the_native_copy(monkeypatch: pytes
     """CPython's test_copy holds with our function in the place of copy.deepcopy."""
     module = pytest.importorskip("test.test_copy", reason="this interpreter comes without its own tests")
     monkeypatch.setattr(copy, "deepcopy", layer.native_deepcopy)
+    if hasattr(module, "MiscTestCase"):
+        # It looks for the functions that the module copy itself defines, and ours comes from elsewhere.
+        monkeypatch.delattr(module.MiscTestCase, "test__all__")
     suite = unittest.defaultTestLoader.loadTestsFromModule(module)
     result = unittest.TestResult()
     suite.run(result)

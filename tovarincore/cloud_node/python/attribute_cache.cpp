@@ -18,14 +18,18 @@ PyTypeObject* changeable_type_of(PyObject* object)
     return object != nullptr && PyType_HasFeature(Py_TYPE(object), Py_TPFLAGS_HEAPTYPE) ? Py_TYPE(object) : nullptr;
 }
 
-Py_ssize_t index_of(PyObject* dict, PyObject* name)
+// -1: not there. -2: there as another object, which takes the interpreter's look-up to find.
+Py_ssize_t index_of(const layout::SharedValues& shared, PyObject* name)
 {
-    PyObject *key, *value;
-    Py_ssize_t index = 0;
-    for (Py_ssize_t position = 0; PyDict_Next(dict, &position, &key, &value) != 0; ++index)
-        if (key == name)
-            return index;
-    return -1;
+    Py_ssize_t index = -1;
+    for (Py_ssize_t i = 0; i < shared.count(); ++i) {
+        PyObject* other = shared.name(i);
+        if (other == name)
+            return i;
+        if (!are_plain_texts(name, other) || is_same_text(name, other))
+            index = -2;
+    }
+    return index;
 }
 
 } // namespace
@@ -55,7 +59,9 @@ void AttributeCache::learn(PyObject* instance, PyObject* name)
     if constexpr (!layout::known)
         return;
     PyTypeObject* type = Py_TYPE(instance);
-    if (type->tp_getattro != PyObject_GenericGetAttr || type->tp_dictoffset < 0 || !is_quiet_class(type))
+    bool has_dict = layout::has_managed_dict(type);
+    if (type->tp_getattro != PyObject_GenericGetAttr || !(has_dict || layout::has_no_dict(type)) ||
+        !is_quiet_class(type))
         return;
     PyObject* on_class = _PyType_Lookup(type, name);
     unsigned version = layout::version_of_type(type);
@@ -71,22 +77,21 @@ void AttributeCache::learn(PyObject* instance, PyObject* name)
         if (layout::version_of_type(guard) == 0)
             return;
     }
-    PyObject* dict = type->tp_dictoffset == 0 ? nullptr : *layout::dict_slot(instance);
-    if (dict != nullptr && (!PyDict_CheckExact(dict) || layout::shared_values(dict) == nullptr)) {
+    layout::SharedValues shared = has_dict ? layout::shared_values_of(instance) : layout::SharedValues{};
+    if (has_dict && !shared && layout::dict_of(instance) != nullptr) {
         passed_over_ = unlike_the_last;
         return;
     }
     Py_ssize_t index = -1;
-    if (dict == nullptr) {
+    if (!shared) {
         keys_.forget();
     } else {
-        index = index_of(dict, name);
-        // A name that is no interned text could still be found by comparing.
-        if (index < 0 && PyDict_GetItemWithError(dict, name) != nullptr)
+        index = index_of(shared, name);
+        if (index == -2)
             return;
-        if (!keys_.are_those_of(dict))
-            keys_.remember(dict);
-        if (!keys_.are_those_of(dict)) {
+        if (!keys_.are_those_of(shared))
+            keys_.remember(shared);
+        if (!keys_.are_those_of(shared)) {
             type_ = nullptr;
             return;
         }

@@ -20,10 +20,8 @@ struct PlainSlot {
     {
         if (Py_TYPE(instance) != type) [[unlikely]]
             return nullptr;
-        PyObject* dict = *layout::dict_slot(instance);
-        if (dict == nullptr || layout::key_table(dict) != table || index >= PyDict_GET_SIZE(dict)) [[unlikely]]
-            return nullptr;
-        return layout::shared_values(dict)[index];
+        layout::SharedValues shared = layout::shared_values_of(instance);
+        return shared && shared.table() == table ? shared.at(index) : nullptr;
     }
 };
 
@@ -36,10 +34,8 @@ public:
             return nullptr;
         if (!knows(Py_TYPE(instance)) || place_ == 0) [[unlikely]]
             return nullptr;
-        PyObject* dict = *layout::dict_slot(instance);
-        if (dict == nullptr || !keys_.use_same_table(dict) || place_ > PyDict_GET_SIZE(dict)) [[unlikely]]
-            return nullptr;
-        return layout::shared_values(dict)[place_ - 1];
+        layout::SharedValues shared = layout::shared_values_of(instance);
+        return shared && keys_.is_table_of(shared) ? shared.at(place_ - 1) : nullptr;
     }
 
     // The function of the class, to be called with the instance as its first argument; borrowed. Null: as above.
@@ -49,12 +45,21 @@ public:
             return nullptr;
         if (!knows(Py_TYPE(instance)) || method_ == nullptr) [[unlikely]]
             return nullptr;
-        PyObject* dict = Py_TYPE(instance)->tp_dictoffset == 0 ? nullptr : *layout::dict_slot(instance);
-        return dict == nullptr || (place_ == 0 && keys_.cover(dict)) ? method_ : nullptr;
+        if (layout::has_no_dict(type_))
+            return method_;
+        if (layout::SharedValues shared = layout::shared_values_of(instance)) [[likely]]
+            return place_ == 0 && keys_.cover(shared) ? method_ : nullptr;
+        return layout::dict_of(instance) == nullptr ? method_ : nullptr;
     }
 
-    // Whether `instance.name = value` puts the value into the instance's __dict__, where the name already stands.
+    // Whether `instance.name = value` puts the value into the place of one that the instance itself has.
     bool sets_known_value(PyObject* instance) const { return known_value(instance) != nullptr && settable_; }
+
+    // Does so, where that is known. False: it failed, with an error set.
+    bool set_known_value(PyObject* instance, PyObject* name, PyObject* value) const
+    {
+        return layout::replace_value(instance, name, layout::shared_values_of(instance), place_ - 1, value);
+    }
 
     // The slot that the value of this instance lies in; without a type when the lookup has to be the interpreter's.
     PlainSlot slot(PyObject* instance, PyObject* name)

@@ -39,7 +39,7 @@ PyObject* python_initialiser(PyObject* callable)
 PyObject* allocate(PyTypeObject* type)
 {
     NoCollection undisturbed;
-    return type->tp_alloc(type, 0);
+    return layout::new_instance(type);
 }
 
 // class(...)

@@ -1,6 +1,7 @@
 #include "deep_copy_general.h"
 
 #include "builders.h"
+#include "deep_copy_enumerations.h"
 #include "deep_copy_genuine.h"
 #include "deep_copy_types.h"
 #include "iteration.h"
@@ -15,8 +16,10 @@ Object identity_of(Handle object, Where where) { return steal(PyLong_FromVoidPtr
 // An instance whose own names hide no hook; Python's function looks at the rest.
 bool is_plain_instance(Handle object, CopyVerdict& verdict)
 {
-    PyObject* dict = *layout::dict_slot(object.ptr());
-    return dict == nullptr || (PyDict_CheckExact(dict) && has_plain_names(dict, verdict));
+    if (layout::SharedValues shared = layout::shared_values_of(object.ptr()))
+        return has_plain_names(shared, verdict);
+    PyObject* dict = layout::dict_of(object.ptr());
+    return dict == nullptr || (PyDict_CheckExact(dict) && has_plain_names(dict));
 }
 
 void restore_state(Handle made, Handle state_given, Where where)
@@ -115,9 +118,13 @@ Object GeneralCopy::copy_unknown(Handle value)
             return {};
         return copy_object(value);
     case CopyKind::enumeration:
-        if (!is_own_copy(value.ptr(), verdict) || remembered(borrow(value_of_member(value.ptr()))))
+        if (!is_own_copy(value.ptr(), verdict))
             return {};
-        remember(value, value);
+        if constexpr (members_are_made_from_values) {
+            if (remembered(borrow(value_of_member(value.ptr()))))
+                return {};
+            remember(value, value);
+        }
         return Object(value);
     case CopyKind::unusual:
         break;
@@ -165,11 +172,11 @@ Object GeneralCopy::copy_object(Handle original)
 {
     PyTypeObject* type = Py_TYPE(original.ptr());
     Object type_in_use(borrow(reinterpret_cast<PyObject*>(type))); // a finaliser may give the original another class
-    PyObject* dict = *layout::dict_slot(original.ptr());
-    Object state = dict == nullptr || PyDict_GET_SIZE(dict) == 0 ? Object() : Object(borrow(dict));
-    Object made = steal(type->tp_alloc(type, 0), where_);
+    Object state = steal(PyObject_GenericGetDict(original.ptr(), nullptr), where_);
+    bool has_state = PyDict_GET_SIZE(state.ptr()) > 0; // before code can run that fills it
+    Object made = steal(layout::new_instance(type), where_);
     remember(original, made);
-    if (state) // an instance without attributes has none
+    if (has_state)
         restore_state(made, copy(state), where_);
     return made;
 }

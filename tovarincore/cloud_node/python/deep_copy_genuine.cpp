@@ -72,7 +72,14 @@ std::array<WatchedFunction, copyreg_functions.size()> kept_copyreg_functions;
 constexpr std::array called_builtins{"id", "issubclass", "getattr", "hasattr", "isinstance"};
 std::array<PyObject*, called_builtins.size()> kept_called_builtins{};
 
-std::array<WatchedFunction, 3> kept_enumeration_functions; // EnumMeta.__call__, Enum.__new__, Enum.__reduce_ex__
+std::array<WatchedFunction, enumeration_functions> kept_enumeration_functions;
+constexpr const char* enumeration_function_names[] = {
+#if PY_VERSION_HEX < 0x030B0000
+    "__call__", "__new__", "__reduce_ex__"
+#else
+    "__deepcopy__"
+#endif
+};
 
 PyObject* in(PyObject* dict, const char* name) { return PyDict_GetItemString(dict, name); } // borrowed or null
 
@@ -256,19 +263,22 @@ bool is_enumeration_metaclass(PyTypeObject* metatype)
     return names != nullptr && in(names, "EnumMeta") == reinterpret_cast<PyObject*>(metatype);
 }
 
-bool enumerations_are_made_by(PyObject* call, PyObject* make, PyObject* reduce)
+bool enumerations_are_made_by(const std::array<PyObject*, enumeration_functions>& functions)
 {
     if (kept_enumeration_functions[0].function() == nullptr) {
         PyObject* names = names_of_enum_module();
-        if (names == nullptr || !is_own_function(names, call, "__call__") || !is_own_function(names, make, "__new__") ||
-            !is_own_function(names, reduce, "__reduce_ex__"))
+        if (names == nullptr)
             return false;
-        kept_enumeration_functions[1].keep(make);
-        kept_enumeration_functions[2].keep(reduce);
-        kept_enumeration_functions[0].keep(call);
+        for (std::size_t i = 0; i < functions.size(); ++i)
+            if (!is_own_function(names, functions[i], enumeration_function_names[i]))
+                return false;
+        for (std::size_t i = 0; i < functions.size(); ++i)
+            kept_enumeration_functions[i].keep(functions[i]);
     }
-    return call == kept_enumeration_functions[0].function() && make == kept_enumeration_functions[1].function() &&
-           reduce == kept_enumeration_functions[2].function();
+    for (std::size_t i = 0; i < functions.size(); ++i)
+        if (kept_enumeration_functions[i].function() != functions[i])
+            return false;
+    return true;
 }
 
 bool enumerations_are_untouched() { return are_unchanged(kept_enumeration_functions); }

@@ -4,6 +4,8 @@
 
 #include "object.h"
 
+#include <array>
+
 namespace py {
 
 // To be called once `deepcopy` is bound in the module.
@@ -19,10 +21,12 @@ bool deepcopy_is_untouched();
 // copyreg.dispatch_table: the reducers that programs register for their types
 Handle reducer_table();
 
-// Whether this is the metaclass of the module enum; whether members of enumerations are found by these functions of
-// that module: EnumMeta.__call__, Enum.__new__, Enum.__reduce_ex__; and whether nobody has put other code into them.
+// Whether this is the metaclass of the module enum; whether members of enumerations are copied by these functions of
+// that module; and whether nobody has put other code into them. On 3.10 they are EnumMeta.__call__, Enum.__new__ and
+// Enum.__reduce_ex__, which find a member by its value, later Enum.__deepcopy__.
+inline constexpr std::size_t enumeration_functions = PY_VERSION_HEX < 0x030B0000 ? 3 : 1;
 bool is_enumeration_metaclass(PyTypeObject* metatype);
-bool enumerations_are_made_by(PyObject* call, PyObject* make, PyObject* reduce);
+bool enumerations_are_made_by(const std::array<PyObject*, enumeration_functions>& functions);
 bool enumerations_are_untouched();
 
 // deepcopy(value, memo)

@@ -1,5 +1,7 @@
 #include "deep_copy_plain.h"
 
+#include "deep_copy_enumerations.h"
+
 #include <cstring>
 
 namespace py {
@@ -65,10 +67,10 @@ PyObject* PlainCopy::copy(PyObject* original) noexcept
         Py_INCREF(original);
         return original;
     }
-    if (!recursion_.enter())
+    if (!level_.enter())
         return nullptr;
     PyObject* made = copy_container(original);
-    recursion_.leave();
+    level_.leave();
     return made;
 }
 
@@ -162,56 +164,51 @@ PyObject* PlainCopy::copy_dict(PyObject* original, PointerMemo::Entry* entry)
 
 PyObject* PlainCopy::copy_object(PyObject* original, PointerMemo::Entry* entry, CopyVerdict& verdict)
 {
-    PyTypeObject* type = Py_TYPE(original);
-    PyObject* dict = *layout::dict_slot(original);
-    PyObject* made = type->tp_alloc(type, 0);
-    bool done = made != nullptr && memo_.add(entry, original, made);
-    if (done && dict != nullptr) {
-        PyObject* attributes = PyDict_CheckExact(dict) ? copy_attributes(dict, verdict) : nullptr;
-        *layout::dict_slot(made) = attributes;
-        done = attributes != nullptr;
-    }
+    PyObject* made = layout::new_instance(Py_TYPE(original));
+    bool done = made != nullptr && memo_.add(entry, original, made) && copy_attributes(original, made, verdict);
     if (!done)
         Py_CLEAR(made);
     return made;
 }
 
-// A dictionary that only its object refers to is met nowhere else, so it needs no entry in the memo and is copied
-// whole, which keeps the key table shared; then the values that have copies of their own are replaced.
-PyObject* PlainCopy::copy_attributes(PyObject* dict, CopyVerdict& verdict)
+// A dictionary that only its object refers to is met nowhere else, so it needs no entry in the memo.
+bool PlainCopy::copy_attributes(PyObject* original, PyObject* made, CopyVerdict& verdict)
 {
-    if (!has_plain_names(dict, verdict))
-        return nullptr;
-    if (Py_REFCNT(dict) > 1) {
-        // Somebody else refers to it: it may be met again, and its copy is not the one that the copied object gets.
-        PyObject* state = copy(dict);
-        PyObject* attributes = state == nullptr ? nullptr : PyDict_Copy(state);
-        Py_XDECREF(state);
-        return attributes;
-    }
-    PyObject* attributes = PyDict_Copy(dict);
+    PyObject* dict = layout::dict_of(original);
+    bool is_met_elsewhere = dict != nullptr && (!PyDict_CheckExact(dict) || Py_REFCNT(dict) > 1);
+    if (layout::SharedValues shared = layout::shared_values_of(original); shared && !is_met_elsewhere)
+        return has_plain_names(shared, verdict) && copy_shared_values(shared, made);
+    if (dict == nullptr)
+        return true;
+    if (!PyDict_CheckExact(dict) || !has_plain_names(dict))
+        return false;
+    PyObject* attributes = is_met_elsewhere ? copy_met_dict(dict) : PyDict_Copy(dict);
     if (attributes == nullptr)
-        return nullptr;
-    bool done = layout::shared_values(attributes) != nullptr ? copy_shared_values(attributes) : copy_values(attributes);
-    if (!done)
-        Py_CLEAR(attributes);
+        return false;
+    if (!is_met_elsewhere && !copy_values(attributes)) {
+        Py_DECREF(attributes);
+        return false;
+    }
+    return layout::give_dict(made, attributes);
+}
+
+// Somebody else refers to it: it may be met again, and its copy is not the one that the copied object gets.
+PyObject* PlainCopy::copy_met_dict(PyObject* dict)
+{
+    PyObject* state = copy(dict);
+    PyObject* attributes = state == nullptr ? nullptr : PyDict_Copy(state);
+    Py_XDECREF(state);
     return attributes;
 }
 
-bool PlainCopy::copy_shared_values(PyObject* attributes)
+bool PlainCopy::copy_shared_values(const layout::SharedValues& shared, PyObject* made)
 {
-    PyObject** values = layout::shared_values(attributes);
-    for (Py_ssize_t i = 0, size = PyDict_GET_SIZE(attributes); i < size; ++i) {
-        PyObject* value = values[i];
-        if (is_plain_value(Py_TYPE(value)))
-            continue;
-        PyObject* copied = copy(value);
-        if (copied == nullptr)
-            return false;
-        values[i] = copied;
-        Py_DECREF(value);
-    }
-    return true;
+    return layout::fill(made, shared, [this](PyObject* value) {
+        if (!is_plain_value(Py_TYPE(value)))
+            return copy(value);
+        Py_INCREF(value);
+        return value;
+    });
 }
 
 bool PlainCopy::copy_values(PyObject* attributes)

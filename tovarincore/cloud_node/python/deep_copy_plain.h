@@ -4,6 +4,7 @@
 #pragma once
 
 #include "deep_copy_types.h"
+#include "recursion.h"
 
 namespace py {
 
@@ -56,14 +57,16 @@ private:
     PyObject* copy_tuple(PyObject* original);
     PyObject* copy_dict(PyObject* original, PointerMemo::Entry* entry);
     PyObject* copy_object(PyObject* original, PointerMemo::Entry* entry, CopyVerdict& verdict);
-    PyObject* copy_attributes(PyObject* dict, CopyVerdict& verdict);
 
+    // Null or false as copy() says it.
+    bool copy_attributes(PyObject* original, PyObject* made, CopyVerdict& verdict);
+    bool copy_shared_values(const layout::SharedValues& shared, PyObject* made);
     bool copy_values(PyObject* attributes);
-    bool copy_shared_values(PyObject* attributes);
+    PyObject* copy_met_dict(PyObject* dict);
 
     NoCollection undisturbed_; // first, so that it ends last
     PointerMemo memo_;
-    layout::Recursion recursion_;
+    NativeCall level_;
 };
 
 } // namespace py

@@ -1,5 +1,6 @@
 #include "deep_copy_types.h"
 
+#include "deep_copy_enumerations.h"
 #include "deep_copy_genuine.h"
 #include "quiet_lookup.h"
 
@@ -14,17 +15,9 @@ std::array<CopyVerdict, 64> verdicts;
 constexpr std::size_t neighbours = 4;
 std::uint64_t reducers_seen = 0;
 
-std::size_t place_of(const void* address)
-{
-    auto number = reinterpret_cast<std::uintptr_t>(address);
-    return (number >> 4) ^ (number >> 10);
-}
-
-PyObject* lookup(PyTypeObject* type, Name name) { return _PyType_Lookup(type, name.ptr()); } // borrowed or null
-
 bool inherits(PyTypeObject* type, Name name) // from object, unchanged
 {
-    return lookup(type, name) == lookup(&PyBaseObject_Type, name);
+    return class_attribute(type, name) == class_attribute(&PyBaseObject_Type, name);
 }
 
 // Dictionaries find the class by its address, as they do unless its metaclass says otherwise.
@@ -44,56 +37,45 @@ bool has_registered_reducer(PyTypeObject* type)
     return false;
 }
 
-// What is common to every type that deepcopy treats without calling code of the type.
+} // namespace
+
 bool has_no_hooks(PyTypeObject* type)
 {
-    return type->tp_getattro == PyObject_GenericGetAttr && lookup(type, "__deepcopy__"_s) == nullptr &&
+    return type->tp_getattro == PyObject_GenericGetAttr && class_attribute(type, "__deepcopy__"_s) == nullptr &&
            inherits(type, "__class__"_s) && !has_registered_reducer(type);
 }
+
+namespace {
 
 // `__dict__` is the accessor that the class statement made for the class in which it is found.
 bool has_ordinary_dict(PyTypeObject* type)
 {
-    PyObject* accessor = lookup(type, "__dict__"_s);
+    PyObject* accessor = class_attribute(type, "__dict__"_s);
     if (accessor == nullptr || !Py_IS_TYPE(accessor, &PyGetSetDescr_Type))
         return false;
     PyTypeObject* owner = PyDescr_TYPE(accessor);
-    return PyDict_GetItemWithError(owner->tp_dict, "__dict__"_s.ptr()) == accessor && PyType_IsSubtype(type, owner) &&
-           PyType_HasFeature(owner, Py_TPFLAGS_HEAPTYPE);
+    return PyDict_GetItemWithError(layout::names_of_class(owner), "__dict__"_s.ptr()) == accessor &&
+           PyType_IsSubtype(type, owner) && PyType_HasFeature(owner, Py_TPFLAGS_HEAPTYPE);
 }
 
 // copyreg leaves the names of the slots on the class at the first copy; that first copy is left to Python's function.
 bool is_known_to_have_no_slots(PyTypeObject* type)
 {
-    PyObject* names = PyDict_GetItemWithError(type->tp_dict, "__slotnames__"_s.ptr());
+    PyObject* names = PyDict_GetItemWithError(layout::names_of_class(type), "__slotnames__"_s.ptr());
     return names != nullptr && PyList_CheckExact(names) && PyList_GET_SIZE(names) == 0;
 }
 
 bool is_plain_object(PyTypeObject* type)
 {
-    Py_ssize_t own_size = PyBaseObject_Type.tp_basicsize + static_cast<Py_ssize_t>(sizeof(PyObject*)) +
-                          (type->tp_weaklistoffset > 0 ? static_cast<Py_ssize_t>(sizeof(PyObject*)) : 0);
     return Py_IS_TYPE(type, &PyType_Type) && PyType_HasFeature(type, Py_TPFLAGS_HEAPTYPE) &&
-           !PyType_HasFeature(type, Py_TPFLAGS_IS_ABSTRACT) && type->tp_dictoffset > 0 && type->tp_itemsize == 0 &&
-           type->tp_basicsize == own_size && type->tp_alloc == PyType_GenericAlloc && type->tp_finalize == nullptr &&
-           type->tp_del == nullptr && type->tp_new == PyBaseObject_Type.tp_new && has_no_hooks(type) &&
-           inherits(type, "__new__"_s) && inherits(type, "__reduce_ex__"_s) && inherits(type, "__reduce__"_s) &&
-           lookup(type, "__getstate__"_s) == nullptr && lookup(type, "__setstate__"_s) == nullptr &&
-           lookup(type, "__getnewargs__"_s) == nullptr && lookup(type, "__getnewargs_ex__"_s) == nullptr &&
-           has_ordinary_dict(type) && is_known_to_have_no_slots(type);
-}
-
-// A class of the enum module, and its members found by value in the way that the enum module does it.
-bool is_plain_enumeration(PyTypeObject* type, PyObject*& members)
-{
-    PyTypeObject* metatype = Py_TYPE(type);
-    if (!is_enumeration_metaclass(metatype))
-        return false;
-    members = PyDict_GetItemWithError(type->tp_dict, "_value2member_map_"_s.ptr());
-    return has_no_hooks(type) && lookup(metatype, "__getattribute__"_s) == lookup(&PyType_Type, "__getattribute__"_s) &&
-           enumerations_are_made_by(lookup(metatype, "__call__"_s), lookup(type, "__new__"_s),
-                                    lookup(type, "__reduce_ex__"_s)) &&
-           lookup(type, "_value_"_s) == nullptr && members != nullptr && PyDict_CheckExact(members);
+           !PyType_HasFeature(type, Py_TPFLAGS_IS_ABSTRACT) && layout::has_managed_dict(type) &&
+           type->tp_itemsize == 0 && type->tp_basicsize == layout::plain_size(type) &&
+           type->tp_alloc == PyType_GenericAlloc && type->tp_finalize == nullptr && type->tp_del == nullptr &&
+           type->tp_new == PyBaseObject_Type.tp_new && has_no_hooks(type) && inherits(type, "__new__"_s) &&
+           inherits(type, "__reduce_ex__"_s) && inherits(type, "__reduce__"_s) && inherits(type, "__getstate__"_s) &&
+           class_attribute(type, "__setstate__"_s) == nullptr && class_attribute(type, "__getnewargs__"_s) == nullptr &&
+           class_attribute(type, "__getnewargs_ex__"_s) == nullptr && has_ordinary_dict(type) &&
+           is_known_to_have_no_slots(type);
 }
 
 bool is_atomic_type(PyTypeObject* type)
@@ -123,32 +105,6 @@ CopyKind find_out(PyTypeObject* type, PyObject*& members)
     return is_plain_enumeration(type, members) ? CopyKind::enumeration : CopyKind::unusual;
 }
 
-// Members of enumerations that have passed, with what the answer depends on.
-struct KnownMember {
-    PyObject* member = nullptr;
-    unsigned type_version = 0;
-    std::uint64_t own_version = 0;
-    std::uint64_t members_version = 0;
-};
-
-std::array<KnownMember, 128> known_members;
-
-bool is_found_by_value(PyObject* member, PyObject* own, PyObject* members)
-{
-    if (own == nullptr || !PyDict_CheckExact(own) || !has_text_keys_only(own) ||
-        PyDict_GetItemWithError(own, "__deepcopy__"_s.ptr()) != nullptr ||
-        PyDict_GetItemWithError(own, "__reduce_ex__"_s.ptr()) != nullptr)
-        return false;
-    PyObject* value = PyDict_GetItemWithError(own, "_value_"_s.ptr());
-    if (value == nullptr || !is_plain_value(Py_TYPE(value)))
-        return false;
-    PyObject *key, *found;
-    for (Py_ssize_t position = 0; PyDict_Next(members, &position, &key, &found) != 0;)
-        if (!is_plain_value(Py_TYPE(key)))
-            return false; // finding the value could call a comparison written in Python
-    return PyDict_GetItemWithError(members, value) == member;
-}
-
 // Where the verdict on the type is, or the place that it takes.
 CopyVerdict& verdict_place(PyTypeObject* type)
 {
@@ -163,10 +119,11 @@ CopyVerdict& verdict_place(PyTypeObject* type)
     return verdicts[(first + turn++ % neighbours) % verdicts.size()];
 }
 
-PyObject* dict_of(PyObject* instance) // borrowed or null; also where the __dict__ lies behind a variable part
+bool is_plain_name(PyObject* name)
 {
-    PyObject** slot = _PyObject_GetDictPtr(instance);
-    return slot == nullptr ? nullptr : *slot;
+    return PyUnicode_CheckExact(name) && PyUnicode_READY(name) >= 0 &&
+           !(PyUnicode_GET_LENGTH(name) >= 2 && PyUnicode_READ_CHAR(name, 0) == '_' &&
+             PyUnicode_READ_CHAR(name, 1) == '_');
 }
 
 } // namespace
@@ -206,38 +163,23 @@ CopyVerdict& copy_verdict(PyTypeObject* type)
     return verdict;
 }
 
-bool is_own_copy(PyObject* member, const CopyVerdict& verdict)
+bool has_plain_names(PyObject* dict)
 {
-    PyObject* own = dict_of(member);
-    if (own == nullptr || !enumerations_are_untouched())
-        return false;
-    KnownMember& known = known_members[place_of(member) % known_members.size()];
-    std::uint64_t own_version = layout::version_of_dict(own);
-    std::uint64_t members_version = layout::version_of_dict(verdict.members);
-    if (known.member == member && known.type_version == verdict.version && known.own_version == own_version &&
-        known.members_version == members_version)
-        return true;
-    if (!is_found_by_value(member, own, verdict.members))
-        return false;
-    known = {member, verdict.version, own_version, members_version};
+    PyObject *name, *value;
+    for (Py_ssize_t position = 0; PyDict_Next(dict, &position, &name, &value) != 0;)
+        if (!is_plain_name(name))
+            return false;
     return true;
 }
 
-PyObject* value_of_member(PyObject* member) { return PyDict_GetItemWithError(dict_of(member), "_value_"_s.ptr()); }
-
-bool has_plain_names(PyObject* dict, CopyVerdict& verdict)
+bool has_plain_names(const layout::SharedValues& shared, CopyVerdict& verdict)
 {
-    if (verdict.keys.cover(dict)) [[likely]]
+    if (verdict.keys.cover(shared)) [[likely]]
         return true;
-    PyObject *key, *value;
-    for (Py_ssize_t position = 0; PyDict_Next(dict, &position, &key, &value) != 0;) {
-        if (!PyUnicode_CheckExact(key) || PyUnicode_READY(key) < 0)
+    for (Py_ssize_t i = 0; i < shared.count(); ++i)
+        if (!is_plain_name(shared.name(i)))
             return false;
-        if (PyUnicode_GET_LENGTH(key) >= 2 && PyUnicode_READ_CHAR(key, 0) == '_' && PyUnicode_READ_CHAR(key, 1) == '_')
-            return false;
-    }
-    if (layout::shared_values(dict) != nullptr)
-        verdict.keys.remember(dict);
+    verdict.keys.remember(shared);
     return true;
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "known_keys.h"
+#include "name.h"
 
 namespace py {
 
@@ -21,7 +22,7 @@ struct CopyVerdict {
     unsigned metatype_version = 0;
     CopyKind kind = CopyKind::unusual;
     PyObject* members = nullptr; // of an enumeration: its _value2member_map_; lives as long as this version of the type
-    KnownKeys keys;              // of a plain object: a table without a name that deepcopy or pickle look for
+    KnownKeys keys;              // of instances: a table without a name that deepcopy or pickle look for
 };
 
 // The types of nearly all attribute values; such values are their own copies and no hashing or comparing of them can
@@ -38,14 +39,22 @@ void ready_copy_names();
 // Valid until the next call.
 CopyVerdict& copy_verdict(PyTypeObject* type);
 
-// Whether deepcopy would find this member of an enumeration (see CopyVerdict) to be its own copy.
-bool is_own_copy(PyObject* member, const CopyVerdict& verdict);
+// What a class or a base has under a name, for quiet classes; borrowed or null.
+inline PyObject* class_attribute(PyTypeObject* type, Name name) { return _PyType_Lookup(type, name.ptr()); }
 
-// The value that such a member was made from; borrowed.
-PyObject* value_of_member(PyObject* member);
+// What is common to every type that deepcopy treats without calling code of the type.
+bool has_no_hooks(PyTypeObject* type);
 
-// Whether the names of all attributes are plain: none that is no text, none with two leading underscores. Remembers the
-// key table of a dictionary that has passed.
-bool has_plain_names(PyObject* dict, CopyVerdict& verdict);
+// Spreads addresses over a table.
+inline std::size_t place_of(const void* address)
+{
+    auto number = reinterpret_cast<std::uintptr_t>(address);
+    return (number >> 4) ^ (number >> 10);
+}
+
+// Whether the names of all attributes are plain: none that is no text, none with two leading underscores. Remembers a
+// key table that has passed.
+bool has_plain_names(const layout::SharedValues& shared, CopyVerdict& verdict);
+bool has_plain_names(PyObject* dict);
 
 } // namespace py

@@ -1,6 +1,17 @@
 // What differs between CPython versions, in one place: 3.10 is the target, 3.11 to 3.13 build from the same source.
 #pragma once
 
+// The structures of these versions are read from the interpreter's own headers (layout_311.h), which ask for this
+// definition before all others. A debug or a free-threaded build lays them out differently.
+#include <patchlevel.h>
+#include <pyconfig.h>
+#if PY_VERSION_HEX >= 0x030B0000 && PY_VERSION_HEX < 0x030E0000 && !defined(Py_DEBUG) && !defined(Py_GIL_DISABLED)
+#define TOVARIN_LAYOUT_311 1
+#define Py_BUILD_CORE
+#else
+#define TOVARIN_LAYOUT_311 0
+#endif
+
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 #include <frameobject.h>

@@ -9,70 +9,52 @@ namespace py {
 
 namespace {
 
-#if PY_VERSION_HEX < 0x030B0000
+// The interpreter's own class of locks, whose methods nobody can replace: they are called without packing arguments.
+// Kept for the life of the process.
+struct BuiltInLock {
+    PyTypeObject* type = nullptr; // null: not met yet
+    PyCFunctionWithKeywords acquire = nullptr;
+    PyCFunction release = nullptr;
+    PyObject* at_once = nullptr; // the arguments (False,)
+} built_in;
 
-PyTypeObject* lock_type = nullptr; // found to keep its state as said in layout.h; kept for the life of the process
+// A method of the class itself that is called in this way; null when there is none.
+PyMethodDef* method_of(PyTypeObject* type, Name name, int flags)
+{
+    PyObject* found = PyDict_GetItemWithError(layout::names_of_class(type), name.ptr());
+    if (found == nullptr || !Py_IS_TYPE(found, &PyMethodDescr_Type))
+        return nullptr;
+    PyMethodDef* method = reinterpret_cast<PyMethodDescrObject*>(found)->d_method;
+    return method->ml_flags == flags ? method : nullptr;
+}
 
-char& state_of(PyObject* lock) { return reinterpret_cast<layout::LockObject*>(lock)->locked; }
+bool is_built_in(PyObject* lock) { return Py_IS_TYPE(lock, built_in.type); }
 
-// What acquire() does first: it takes a free lock without waiting.
+void learn(PyTypeObject* type)
+{
+    if (built_in.type != nullptr || std::strcmp(type->tp_name, "_thread.lock") != 0 ||
+        !PyType_HasFeature(type, Py_TPFLAGS_IMMUTABLETYPE))
+        return;
+    PyMethodDef* acquire = method_of(type, "acquire"_s, METH_VARARGS | METH_KEYWORDS);
+    PyMethodDef* release = method_of(type, "release"_s, METH_NOARGS);
+    PyObject* at_once = acquire == nullptr || release == nullptr ? nullptr : PyTuple_Pack(1, Py_False);
+    if (at_once == nullptr) {
+        PyErr_Clear();
+        return;
+    }
+    Py_INCREF(type);
+    built_in = {type, reinterpret_cast<PyCFunctionWithKeywords>(reinterpret_cast<void (*)()>(acquire->ml_meth)),
+                release->ml_meth, at_once};
+}
+
+// What acquire(timeout=3) does first: it takes a free lock without waiting.
 bool take_if_free(PyObject* lock)
 {
-    if (PyThread_acquire_lock_timed(reinterpret_cast<layout::LockObject*>(lock)->lock, 0, 0) != PY_LOCK_ACQUIRED)
-        return false;
-    state_of(lock) = 1;
-    return true;
+    Object taken = adopt(built_in.acquire(lock, built_in.at_once, nullptr));
+    if (!taken)
+        PyErr_Clear(); // acquire(timeout=3) says it again
+    return taken && taken.is(borrow(Py_True));
 }
-
-// What release() does with a lock that is taken.
-bool give_back_if_taken(PyObject* lock)
-{
-    if (state_of(lock) == 0)
-        return false;
-    PyThread_release_lock(reinterpret_cast<layout::LockObject*>(lock)->lock);
-    state_of(lock) = 0;
-    return true;
-}
-
-bool is_built_in(PyObject* lock) { return Py_IS_TYPE(lock, lock_type); }
-
-// The interpreter's own class of locks, whose methods nobody can replace.
-bool may_be_built_in(PyTypeObject* type)
-{
-    return std::strcmp(type->tp_name, "_thread.lock") == 0 && PyType_HasFeature(type, Py_TPFLAGS_IMMUTABLETYPE) &&
-           type->tp_basicsize == sizeof(layout::LockObject);
-}
-
-// Watches one ordinary acquire(): it has to show in the state. So no lock needs to be made, which a program could see.
-class Lesson {
-public:
-    explicit Lesson(PyObject* lock) : lock_(lock), was_free_(may_be_built_in(Py_TYPE(lock)) && state_of(lock) == 0) {}
-
-    void end(bool taken)
-    {
-        if (taken && was_free_ && state_of(lock_) == 1)
-            lock_type =
-                reinterpret_cast<PyTypeObject*>(Object(borrow(reinterpret_cast<PyObject*>(Py_TYPE(lock_)))).release());
-    }
-
-private:
-    PyObject* lock_;
-    bool was_free_;
-};
-
-#else
-
-bool is_built_in(PyObject*) { return false; }
-bool take_if_free(PyObject*) { return false; }
-bool give_back_if_taken(PyObject*) { return false; }
-
-class Lesson {
-public:
-    explicit Lesson(PyObject*) {}
-    void end(bool) {}
-};
-
-#endif
 
 } // namespace
 
@@ -84,20 +66,18 @@ bool acquire(Handle lock, Where where)
     NativeCall call;
     if (!call.enter())
         throw Raised{where};
+    learn(Py_TYPE(lock.ptr()));
     bool was_free = is_built_in(lock.ptr()) && take_if_free(lock.ptr());
     call.leave();
-    if (was_free)
-        return true;
-    Lesson lesson(lock.ptr());
-    bool taken = lock.method("acquire"_s, where)({"timeout"_k = number(3)}, where).truthy(where);
-    lesson.end(taken);
-    return taken;
+    return was_free || lock.method("acquire"_s, where)({"timeout"_k = number(3)}, where).truthy(where);
 }
 
 // The recursion limit, which acquire() has passed at the same depth, is not asked again.
 void release(Handle lock, Where where)
 {
-    if (!is_built_in(lock.ptr()) || !give_back_if_taken(lock.ptr()))
+    if (is_built_in(lock.ptr()))
+        steal(built_in.release(lock.ptr(), nullptr), where);
+    else
         lock.method("release"_s, where)(where);
 }
 

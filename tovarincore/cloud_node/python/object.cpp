@@ -89,8 +89,8 @@ PyObject* module_attribute(PyObject* object, PyObject* name)
 void Handle::set(Name name, Handle value, Where where) const
 {
     if (name.caches().attribute.sets_known_value(pointer_)) {
-        Object attributes(borrow(*layout::dict_slot(pointer_))); // what the old value's finaliser may replace
-        check(PyDict_SetItem(attributes.ptr(), name.ptr(), value.ptr()), where);
+        if (!name.caches().attribute.set_known_value(pointer_, name.ptr(), value.ptr()))
+            throw Raised{where};
     } else {
         if (NameCaches* caches = name.caches_to_fill())
             caches->attribute.consider(pointer_, name.ptr());

@@ -4,6 +4,7 @@
 
 namespace py {
 
+#if PY_VERSION_HEX < 0x030B0000
 namespace {
 
 const void* search_for_texts = nullptr;
@@ -14,8 +15,6 @@ const void* search_after_deletions = nullptr;
 // How the interpreter searches dictionaries of texts, seen on one of our own.
 void open_quiet_lookups()
 {
-    if constexpr (!layout::known)
-        return;
     Object sample = dict({{"sample"_s, none()}, {"other"_s, none()}});
     search_for_texts = layout::search_of(sample.ptr());
     check(PyDict_DelItem(sample.ptr(), "other"_s.ptr()));
@@ -24,13 +23,16 @@ void open_quiet_lookups()
 
 bool has_text_keys_only(PyObject* dict)
 {
-    if constexpr (!layout::known)
-        return false;
-    if (layout::shared_values(dict) != nullptr)
+    if (layout::shared_values_in(dict))
         return true; // a dictionary shares its keys only as long as all of them are texts
     const void* search = layout::search_of(dict);
     return search == search_for_texts || search == search_after_deletions;
 }
+#else
+void open_quiet_lookups() {}
+
+bool has_text_keys_only(PyObject* dict) { return layout::has_text_keys_only(dict); }
+#endif
 
 bool is_quiet_class(PyTypeObject* type)
 {
@@ -39,7 +41,7 @@ bool is_quiet_class(PyTypeObject* type)
         return false;
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(bases); ++i) {
         PyObject* base = PyTuple_GET_ITEM(bases, i);
-        if (!PyType_Check(base) || !has_text_keys_only(reinterpret_cast<PyTypeObject*>(base)->tp_dict))
+        if (!PyType_Check(base) || !has_text_keys_only(layout::names_of_class(reinterpret_cast<PyTypeObject*>(base))))
             return false;
     }
     return true;

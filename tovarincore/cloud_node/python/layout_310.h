@@ -1,0 +1,196 @@
+// What is read of CPython 3.10's own structures, all in this place.
+#pragma once
+
+#include "interpreter.h"
+
+#include <cstdint>
+#include <utility>
+
+namespace py::layout {
+
+inline constexpr bool known = true;
+
+// Changes with every change of the dictionary; no two dictionaries ever have the same.
+inline std::uint64_t version_of_dict(PyObject* dict) { return reinterpret_cast<PyDictObject*>(dict)->ma_version_tag; }
+
+// Changes with every change of the type or of a base; no two types ever have the same. 0: none at the moment.
+inline unsigned version_of_type(PyTypeObject* type) { return type->tp_version_tag; }
+
+// The names that a class itself has; borrowed.
+inline PyObject* names_of_class(PyTypeObject* type) { return type->tp_dict; }
+
+// Whether instances have a __dict__ as a class statement gives it; whether they have none at all.
+inline bool has_managed_dict(PyTypeObject* type) { return type->tp_dictoffset > 0; }
+inline bool has_no_dict(PyTypeObject* type) { return type->tp_dictoffset == 0; }
+
+// How large an instance of a class without slots is.
+inline Py_ssize_t plain_size(PyTypeObject* type)
+{
+    return PyBaseObject_Type.tp_basicsize + Py_ssize_t{sizeof(PyObject*)} +
+           (type->tp_weaklistoffset > 0 ? Py_ssize_t{sizeof(PyObject*)} : 0);
+}
+
+// A new instance of a class whose __new__ is that of object.
+inline PyObject* new_instance(PyTypeObject* type) { return type->tp_alloc(type, 0); }
+
+// Where an instance keeps its __dict__; for classes with a managed one.
+inline PyObject** dict_slot(PyObject* instance)
+{
+    return reinterpret_cast<PyObject**>(reinterpret_cast<char*>(instance) + Py_TYPE(instance)->tp_dictoffset);
+}
+
+// The instance's dictionary, where one was made; borrowed or null. For classes with a managed __dict__.
+inline PyObject* dict_of(PyObject* instance) { return *dict_slot(instance); }
+
+// A key-sharing dictionary: values of its own, in the order of a key table that the instances of a class share. The
+// table only ever grows, and the dictionary uses its first PyDict_GET_SIZE() keys.
+struct SharedValues {
+    PyObject* dict = nullptr; // null: the attributes are kept in another way
+
+    explicit operator bool() const { return dict != nullptr; }
+    const void* table() const { return inside()->ma_keys; }
+    Py_ssize_t count() const { return PyDict_GET_SIZE(dict); } // of the names that are set
+    PyObject* at(Py_ssize_t index) const { return index < count() ? inside()->ma_values[index] : nullptr; }
+
+    // From the next position on, in the order of the table; borrowed or null.
+    PyObject* name(Py_ssize_t index) const
+    {
+        PyObject *name, *value;
+        Py_ssize_t position = index; // in such a dictionary positions are indexes
+        return PyDict_Next(dict, &position, &name, &value) != 0 ? name : nullptr;
+    }
+
+private:
+    PyDictObject* inside() const { return reinterpret_cast<PyDictObject*>(dict); }
+};
+
+inline SharedValues shared_values_in(PyObject* dict)
+{
+    return reinterpret_cast<PyDictObject*>(dict)->ma_values == nullptr ? SharedValues{} : SharedValues{dict};
+}
+
+inline SharedValues shared_values_of(PyObject* instance)
+{
+    PyObject* dict = dict_of(instance);
+    return dict == nullptr || !PyDict_CheckExact(dict) ? SharedValues{} : shared_values_in(dict);
+}
+
+// Keeps a key table alive, by a dictionary that shares it: so its address means it.
+class KeptTable {
+public:
+    // False where it could not be kept.
+    bool keep(const SharedValues& shared)
+    {
+        PyObject* witness = copy_of(shared.dict);
+        if (witness == nullptr) {
+            PyErr_Clear();
+            return false;
+        }
+        SharedValues copied = shared_values_in(witness);
+        if (!copied || copied.table() != shared.table()) {
+            Py_DECREF(witness);
+            return false;
+        }
+        PyObject** values = reinterpret_cast<PyDictObject*>(witness)->ma_values;
+        for (Py_ssize_t i = 0; i < copied.count(); ++i) {
+            Py_INCREF(Py_None);
+            Py_SETREF(values[i], Py_None); // the values are nobody's business here; their owner still holds them
+        }
+        PyObject* previous = std::exchange(witness_, witness);
+        Py_XDECREF(previous);
+        return true;
+    }
+
+private:
+    // Callers walk borrowed elements: a collection in between could run a finaliser that takes them away.
+    static PyObject* copy_of(PyObject* dict)
+    {
+        NoCollection undisturbed;
+        PyObject* copied = PyDict_Copy(dict);
+        if (copied != nullptr && PyObject_GC_IsTracked(copied) != 0)
+            PyObject_GC_UnTrack(copied); // a program that found it could empty it
+        return copied;
+    }
+
+    PyObject* witness_ = nullptr; // kept for the life of the process
+};
+
+// Puts another value in the place of one that is set. False: it failed, with an error set.
+inline bool replace_value(PyObject* instance, PyObject* name, const SharedValues&, Py_ssize_t, PyObject* value)
+{
+    PyObject* dict = dict_of(instance); // held: the old value's finaliser may replace it
+    Py_INCREF(dict);
+    int status = PyDict_SetItem(dict, name, value);
+    Py_DECREF(dict);
+    return status == 0;
+}
+
+// Gives the new instance what `copy` returns, a new reference, for each value, with the same names. False: `copy`
+// returned null, or there is no memory, with an error set then. The copied dictionary keeps sharing the key table.
+template <class Copy> bool fill(PyObject* made, const SharedValues& from, Copy copy)
+{
+    PyObject* dict = PyDict_Copy(from.dict);
+    if (dict == nullptr)
+        return false;
+    *dict_slot(made) = dict;
+    PyObject** values = reinterpret_cast<PyDictObject*>(dict)->ma_values;
+    for (Py_ssize_t i = 0, size = PyDict_GET_SIZE(dict); i < size; ++i) {
+        PyObject* old = values == nullptr ? nullptr : values[i];
+        PyObject* copied = old == nullptr ? nullptr : copy(old);
+        if (copied == nullptr)
+            return false;
+        values[i] = copied;
+        Py_DECREF(old); // the original holds it
+    }
+    return true;
+}
+
+// The instance's attributes are those of the dictionary from now on; takes the reference.
+inline bool give_dict(PyObject* made, PyObject* dict)
+{
+    *dict_slot(made) = dict;
+    return true;
+}
+
+// How the dictionary finds a key: one function for as long as all its keys are texts, others later.
+inline const void* search_of(PyObject* dict)
+{
+    struct KeyTable { // the beginning of it
+        Py_ssize_t references, size;
+        const void* search;
+    };
+    return reinterpret_cast<const KeyTable*>(reinterpret_cast<PyDictObject*>(dict)->ma_keys)->search;
+}
+
+// What a static method wraps; borrowed, may be null.
+inline PyObject* wrapped_function(PyObject* method)
+{
+    struct Wrapper { // the beginning of it
+        PyObject_HEAD
+        PyObject* function;
+    };
+    return reinterpret_cast<Wrapper*>(method)->function;
+}
+
+// Counts levels of the recursion limit without a call into the interpreter for each.
+class Recursion {
+public:
+    Recursion() : thread_(PyThreadState_Get()), limit_(Py_GetRecursionLimit()) {}
+
+    // False with RecursionError set at the limit.
+    bool enter()
+    {
+        if (++thread_->recursion_depth <= limit_) [[likely]]
+            return true;
+        --thread_->recursion_depth;
+        return Py_EnterRecursiveCall(" while calling a Python object") == 0;
+    }
+
+    void leave() { --thread_->recursion_depth; }
+
+private:
+    PyThreadState* thread_;
+    int limit_;
+};
+
+} // namespace py::layout
