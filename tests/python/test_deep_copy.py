@@ -16,7 +16,7 @@ from tests.python import copying
 from tests.python.copying import Plain, Record
 
 needs_native = pytest.mark.skipif(
-    not layer.is_native(None), reason="the native copy serves CPython 3.10; elsewhere Python's own is called"
+    not layer.is_native(None), reason="this interpreter is not one whose structures are known"
 )
 
 
