@@ -9,6 +9,7 @@ from tovarincore._k8s_console_client.deadline import ApiDeadline
 from tovarincore._k8s_console_client.names import check_namespace
 from tovarincore._k8s_console_client.transport import Connection
 from tovarincore.cloud_def import K8sRegion
+from tovarincore.core_conf import log_manager_glbl
 
 __all__ = ["connected"]
 
@@ -23,6 +24,8 @@ def connected(region: K8sRegion, deadline: ApiDeadline) -> Iterator[NamespaceApi
     :raises KubernetesError: the region cannot be reached as it is described
     """
     check_namespace(region.namespace, region.name)
+    # Asking for the logger keeps the libraries underneath from logging headers at DEBUG.
+    log_manager_glbl.get_logger()
     access = read_access(region, deadline)
     with Connection(access, deadline, lambda: read_access(region, deadline)) as connection:
         yield NamespaceApi(connection, region.namespace)
