@@ -151,12 +151,13 @@ def _authorization(user: User, folder: Path) -> Secret | None:
             token = read_small_file(folder / user.token_file).decode("ascii", "replace").strip()
         except OSError as error:
             raise KubernetesError(
-                f"The token file {user.token_file} cannot be read: {error}", OPResultErrorCode.UNAUTHENTICATED
+                f"The token file {user.token_file!r} cannot be read: {error}",
+                OPResultErrorCode.UNAUTHENTICATED,
             ) from error
         know_secret(token)
         if not token:
             raise KubernetesError(
-                f"The token file {user.token_file} is empty", OPResultErrorCode.UNAUTHENTICATED
+                f"The token file {user.token_file!r} is empty", OPResultErrorCode.UNAUTHENTICATED
             )
     if token:
         if not _TOKEN.fullmatch(token):

@@ -23,7 +23,7 @@ from tovarincore._transport.failure import Failure
 from tovarincore._transport.masker import know_secret
 from tovarincore.core_def import OPResultErrorCode
 
-__all__ = ["run_exec_plugin"]
+__all__ = ["run_exec_plugin", "user_in"]
 
 _LONGEST_OUTPUT_BYTES = 1 << 20
 _SHOWN_CHARACTERS = 500
@@ -65,6 +65,14 @@ def run_exec_plugin(plugin: ExecPlugin, cluster: Cluster, folder: Path, deadline
     if process.returncode:
         text = complaint.decode("utf-8", "replace").strip()[:_SHOWN_CHARACTERS]
         raise _failed(plugin, f"ended with status {process.returncode}: {text}")
+    return user_in(plugin, output)
+
+
+def user_in(plugin: ExecPlugin, output: bytes) -> User:
+    """Return the user that a plugin's output stands for.
+
+    :raises KubernetesError: it is no credential
+    """
     try:
         status = _EXEC_CREDENTIAL.decode(output).status
         user = User(

@@ -113,6 +113,8 @@ def _entry(content: dict[object, object], kind: str, name: object, type_: type[T
             except msgspec.ValidationError as error:
                 # Its text names the field and the types, never a value.
                 raise UnusableKubeconfig(f"its {kind} cannot be used: {error}") from None
+            except (UnicodeError, RecursionError) as error:
+                raise UnusableKubeconfig(f"its {kind} cannot be used ({type(error).__name__})") from None
     raise UnusableKubeconfig(f"it has no {kind} {str(name)[:100]!r}")
 
 
