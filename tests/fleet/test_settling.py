@@ -49,7 +49,7 @@ def test_a_region_that_cannot_be_listed_is_an_error() -> None:
     """Its intents stay open."""
     region = K8sRegion("lab")
     with account() as world:
-        Ledger().intend(region.hash_key, "u", "n", "t")
+        Ledger().intend(region.key, "u", "n", "t")
         world.cloud.answers["k8s.get_cloud_nodes"] = (None, OPResult(error=True, msg="forbidden"))
         with pytest.raises(RuntimeError, match="cannot be listed: forbidden"):
             settle([region])

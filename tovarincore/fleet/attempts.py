@@ -133,7 +133,7 @@ class Attempts:
 
     def _launch_at(self, site: Site, name: str) -> CloudNode | NotLaunched:
         config = self._config_for(site, name)
-        region = site.region.hash_key
+        region = site.region.key
         pause, end = self._patience.first_pause, time.monotonic() + self._patience.seconds
         failure: Failure | None = None
         while True:
@@ -236,5 +236,5 @@ class Attempts:
             return NotLaunched(config.name, "", f"not tried: {reason.why}", True, reason.result, reason.error)
         known = failure.kind is not FailureKind.UNKNOWN
         if known:
-            self._ledger.refused(site.region.hash_key, config.uuid)
+            self._ledger.refused(site.region.key, config.uuid)
         return NotLaunched(config.name, config.uuid, failure.why, known, failure.result, failure.error)

@@ -89,6 +89,9 @@ _KIND_OF_PROVIDER_CODE = {
 }
 _KIND_OF_CODE = {
     OPResultErrorCode.RESOURCE_EXHAUSTED: FailureKind.CAPACITY,
+    OPResultErrorCode.THROTTLED: FailureKind.AGAIN,
+    OPResultErrorCode.EXPIRED: FailureKind.AGAIN,
+    OPResultErrorCode.UNAVAILABLE: FailureKind.UNKNOWN,
     OPResultErrorCode.TIMEOUT: FailureKind.UNKNOWN,
     OPResultErrorCode.CONNECTION_FAILED: FailureKind.UNKNOWN,
     OPResultErrorCode.PROTOCOL_ERROR: FailureKind.UNKNOWN,

@@ -155,8 +155,8 @@ def launch(
 
 def _names(config: CloudInstanceConfig, count: int, pattern: str | None) -> list[str]:
     if pattern is None:
-        pattern = "{}" if config.name is None else config.name.replace("{", "{{").replace("}", "}}")
-        pattern += "" if count == 1 and config.name is not None else "-{}"
+        pattern = (config.name or "tovarin-node").replace("{", "{{").replace("}", "}}")
+        pattern += "" if count == 1 else "-{}"
     try:
         names = [check_node_name(pattern.format(number)) for number in range(1, count + 1)]
     except (IndexError, KeyError, AttributeError) as error:
@@ -172,9 +172,9 @@ def _check_places(places: Sequence[Place], first: CloudRegion, count: int) -> No
         if region.cloud == "local" and count > 1:
             raise ValueError("the local container engine has one node at most; count is 1 there")
         if region.cloud != first.cloud:
-            raise ValueError(f"a fallback of {first.hash_key} cannot be {region.hash_key}, of another kind")
+            raise ValueError(f"a fallback of {first.key} cannot be {region.key}, of another kind")
         if region.cloud == "AWS" and region != first and place.template is None:
-            raise ValueError(f"the fallback {region.hash_key} needs a template: images belong to one region")
+            raise ValueError(f"the fallback {region.key} needs a template: images belong to one region")
 
 
 def _present(manager: CloudManager, regions: Sequence[CloudRegion], names: Sequence[str]) -> list[CloudNode]:
@@ -182,7 +182,7 @@ def _present(manager: CloudManager, regions: Sequence[CloudRegion], names: Seque
     for region in dict.fromkeys(regions):
         nodes, result = manager.list_instances(region)
         if nodes is None:
-            raise RuntimeError(f"{region.hash_key} cannot be listed: {_text(result)}")
+            raise RuntimeError(f"{region.key} cannot be listed: {_text(result)}")
         for node in nodes:
             if node.state not in _GONE:
                 found.setdefault(node.name, node)

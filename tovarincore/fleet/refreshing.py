@@ -167,7 +167,7 @@ def _carry_worker_ids(before: list[CloudNode], nodes: list[CloudNode]) -> None:
 
 def _no_provider(region: CloudRegion, error: Exception) -> OPResult:
     if isinstance(error, AssertionError) and not str(error):
-        msg = f"no credentials that can be used are stored for the region {region.hash_key}"
+        msg = f"no credentials that can be used are stored for the region {region.key}"
     else:
         msg = str(error) or type(error).__name__
     return OPResult(error=True, msg=msg, exc_info=True)

@@ -38,12 +38,12 @@ def settle(
     old = datetime.now(timezone.utc) - _FORGOTTEN_AFTER
     found: list[CloudNode] = []
     for region in dict.fromkeys(regions):
-        waiting = [intent for intent in intents if intent.region == region.hash_key]
+        waiting = [intent for intent in intents if intent.region == region.key]
         if not waiting:
             continue
         nodes, result = manager.list_instances(region)
         if nodes is None:
-            raise RuntimeError(f"{region.hash_key} cannot be listed: {result.msg or 'no reason given'}")
+            raise RuntimeError(f"{region.key} cannot be listed: {result.msg or 'no reason given'}")
         found += ledger.settle(nodes)
         listed = {node.uuid for node in nodes}
         for intent in waiting:

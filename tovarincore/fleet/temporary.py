@@ -125,7 +125,7 @@ def temporary_nodes(
             nodes = waited.reached
         yield nodes
     finally:
-        regions = {place.hash_key: place for place in places}
+        regions = {place.key: place for place in places}
         _uninterrupted(lambda: _end(asked, regions, patience, manager))
 
 
