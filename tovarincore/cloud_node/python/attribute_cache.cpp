@@ -2,6 +2,8 @@
 
 #include "quiet_lookup.h"
 
+#include <utility>
+
 namespace py {
 
 namespace {

@@ -5,6 +5,7 @@
 #include "class_attribute_cache.h"
 
 #include <cstddef>
+#include <utility>
 
 namespace py {
 
