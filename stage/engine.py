@@ -1,4 +1,4 @@
-"""A container engine of the tests' own, started by root, with its own data and socket."""
+"""A container engine that the tests start for themselves, as root, with its own data and socket."""
 
 from __future__ import annotations
 

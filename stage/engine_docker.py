@@ -1,4 +1,4 @@
-"""Docker as an engine of the tests' own."""
+"""Docker, started by the tests for themselves."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""Podman as an engine of the tests' own."""
+"""Podman, started by the tests for themselves."""
 
 from __future__ import annotations
 
@@ -19,7 +19,7 @@ _MOST_PROCESSES = 4096
 class PodmanServer(ContainerEngineServer):
     """A `podman system service`. Outside its folder it has the control group that every Podman shares.
 
-    Containers have a network of their own in user space: no bridge, no firewall rule, no route.
+    Each container has a network in user space: no bridge, no firewall rule, no route.
     """
 
     programs = ("podman", "conmon", "slirp4netns")

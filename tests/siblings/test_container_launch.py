@@ -110,7 +110,7 @@ def test_run_takes_the_container_that_another_caller_just_made(
 
 
 def _after(calls: int, action: Callable[[], object]) -> Callable[[], object]:
-    """Something that acts when it is called for the so-manieth time."""
+    """Something that acts once, at the call of that number."""
     left = iter(range(calls, 0, -1))
     return lambda: action() if next(left, 0) == 1 else None
 
@@ -141,7 +141,7 @@ def test_run_creates_the_container_when_a_reserved_name_becomes_free(
 
 
 def test_run_waits_until_a_container_is_removed(engine: MemoryEngine, helper: ContainerHelper) -> None:
-    """A launch that follows a termination closely gets a container of its own."""
+    """A launch right after a termination gets a new container."""
     engine.put_container(status="removing")
     engine.before["find_container"] = _after(3, lambda: setattr(engine, "container", None))
     node, result = helper.run_tvr_container_image("1.10")

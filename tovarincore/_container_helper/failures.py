@@ -48,7 +48,7 @@ def explained(limit: TimeLimit, address: str) -> Iterator[None]:
 
 
 def is_name_conflict(error: docker.errors.APIError) -> bool:
-    """Whether a creation failed because the name is taken; older Podman has no status of its own for that."""
+    """Whether a creation failed because the name is taken; older Podman has no status for that."""
     return error.status_code == HTTPStatus.CONFLICT or _NAME_IN_USE.search(_words(error)) is not None
 
 
