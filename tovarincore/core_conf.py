@@ -91,7 +91,7 @@ class CoreConf:
         return value
 
     def reload(self) -> None:
-        """Forget what was read: the next setting asked for reads the file and the environment anew."""
+        """Forget what was read: the next setting asked for reads the file and the environment again."""
         with self._lock:
             self._settings = None
             self.derived = {}

@@ -15,6 +15,6 @@ class ObjectMetaTextUtil:
 
         :param arn: the ARN as EC2 lists it
         :return: the profile name; a text without a slash is returned whole, since a listing should not
-            fail for the sake of a name that is only shown
+            fail because of a name that is only shown
         """
         return arn.rpartition("/")[2]

@@ -28,7 +28,7 @@ class WebSocketClient:
     """Sends requests to the worker on a node.
 
     Making one opens and reads nothing: the first request reads the configuration and connects. The connection
-    is kept for the requests after it, and re-made once within a request that finds it broken. Any thread may
+    is kept for later requests, and opened again, once, by a request that finds it broken. Any thread may
     ask; requests of one client wait for each other, which counts as part of their time. A client that is
     simply dropped closes its connection.
 

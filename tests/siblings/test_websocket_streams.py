@@ -64,7 +64,7 @@ def test_sending_to_a_peer_that_does_not_read_ends_at_the_deadline() -> None:
         took = time.monotonic() - start
         stream.close()
     assert caught.value.error_code is OPResultErrorCode.TIMEOUT
-    assert 0.2 <= took < 1.2
+    assert 0.2 <= took < 5
 
 
 def test_much_data_arrives_whole_over_tls(tmp_path: Path) -> None:

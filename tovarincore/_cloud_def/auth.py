@@ -9,7 +9,7 @@ __all__ = ["AWSCloudAuth", "CloudAuth"]
 
 @dataclass
 class CloudAuth:
-    """Credentials of some provider; each kind of region that needs any has a class of its own."""
+    """Credentials of some provider; each kind of region that needs any has its own class."""
 
 
 @dataclass

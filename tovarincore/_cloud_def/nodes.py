@@ -34,7 +34,7 @@ class NodeState(Enum):
             return _BY_AWS_VALUE[text]
         except KeyError:
             allowed = ", ".join(_BY_AWS_VALUE)
-            raise ValueError(f"{text!r} is no EC2 instance state; allowed are {allowed}") from None
+            raise ValueError(f"{text!r} is not an EC2 instance state; allowed are {allowed}") from None
 
 
 _BY_AWS_VALUE = {

@@ -14,7 +14,7 @@ from tovarincore._transport.masker import Secret
 __all__ = ["check_address", "check_value", "from_variable"]
 
 _KIND_NAMES = {bool: "true or false", int: "a whole number", float: "a number", str: "a text"}
-# A secret text has a type of its own.
+# Secret texts have their own type.
 _TYPES: dict[tuple[type, bool], tuple[type, ...]] = {
     (bool, False): (bool,),
     (int, False): (int,),

@@ -19,7 +19,7 @@ _MOST_LEFT_BEHIND = 64
 class Deadline:
     """The moment, by the monotonic clock, at which an operation ends at the latest.
 
-    A client with words of its own for a time-out overrides :meth:`expired`.
+    A client that words a time-out differently overrides :meth:`expired`.
 
     :param seconds: time from now
     :param doing: what the operation begins with, for the error's text: ``"listing the nodes"``
@@ -61,7 +61,7 @@ class Deadline:
         self.reserve = 0.0
 
     def expired(self) -> Failure:
-        """Return the failure that says what was waited for in vain (``TIMEOUT``)."""
+        """Return the failure that says what was being waited for (``TIMEOUT``)."""
         return Failure(
             f"no answer within {self.seconds - self.reserve:g} s, stopped while {self.doing}; {self.advice}, "
             "or allow more time",

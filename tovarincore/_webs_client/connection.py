@@ -166,7 +166,7 @@ def _refused(status: int) -> Failure:
         )
     if status >= 500:
         return Failure(
-            f"the worker's server has a failure of its own (status {status}); see its log",
+            f"the worker's server failed (status {status}); see its log",
             OPResultErrorCode.CONNECTION_FAILED,
         )
     return not_ours(f"it answered [worker] path with status {status}")

@@ -22,7 +22,7 @@ class ConnectionLost(Failure):
 def not_ours(why: str) -> Failure:
     """Return the failure of a peer that does not speak as a worker does (``PROTOCOL_ERROR``)."""
     return Failure(
-        f"what answers there is no worker of this product: {why}; correct the node's address or the port",
+        f"what answers there is not a worker of this product: {why}; correct the node's address or the port",
         OPResultErrorCode.PROTOCOL_ERROR,
     )
 

@@ -40,7 +40,7 @@ def read_reply(text: str, kind: str, request_id: str, target: Target) -> dict[st
     except ValueError as exc:
         raise not_ours(f"its answer is not JSON: {shown(text, target.token)}") from exc
     if not isinstance(reply, dict):
-        raise not_ours("its answer is no JSON object")
+        raise not_ours("its answer is not a JSON object")
     if reply.get("v") != PROTOCOL_VERSION:
         version = shown(str(reply.get("v")), target.token)
         raise Failure(
@@ -56,7 +56,7 @@ def read_reply(text: str, kind: str, request_id: str, target: Target) -> dict[st
         isinstance(worker_id, str) and 0 < len(worker_id) <= _MAX_WORKER_ID_CHARACTERS
     ):
         raise not_ours(
-            f"the worker_id of its answer is no text of 1 to {_MAX_WORKER_ID_CHARACTERS} characters"
+            f"the worker_id of its answer is not a text of 1 to {_MAX_WORKER_ID_CHARACTERS} characters"
         )
     return reply
 
@@ -71,10 +71,12 @@ def read_system_stat(reply: dict[str, Any]) -> tuple[float, int, int]:
         raise not_ours('its answer has no object "stat"')
     cpu_percent: Any = stat.get("cpu_percent")
     if type(cpu_percent) not in (int, float) or not 0 <= cpu_percent <= 100:
-        raise not_ours("its answer's cpu_percent is no number from 0 to 100")
+        raise not_ours("its answer's cpu_percent is not a number from 0 to 100")
     used, total = stat.get("memory_used_bytes"), stat.get("memory_total_bytes")
     if type(used) is not int or type(total) is not int or not 0 <= used <= total < 2**63:
-        raise not_ours("its answer's memory_used_bytes and memory_total_bytes are no such numbers of bytes")
+        raise not_ours(
+            "its answer's memory_used_bytes and memory_total_bytes are not possible numbers of bytes"
+        )
     return float(cpu_percent), used, total
 
 

@@ -55,6 +55,6 @@ def open_tunnel(stream: Stream, target: Target, authorization: str, deadline: De
 
 def _no_proxy(why: str) -> Failure:
     return Failure(
-        f"what is configured in [proxy] is no HTTP proxy: {why}; correct its host and port",
+        f"what [proxy] names is not an HTTP proxy: {why}; correct its host and port",
         OPResultErrorCode.PROTOCOL_ERROR,
     )

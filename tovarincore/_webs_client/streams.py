@@ -28,7 +28,7 @@ class Stream(Protocol):
         """
 
     def receive(self, deadline: Deadline) -> bytes:
-        """Return what has arrived, waiting for it if need be; nothing at the end of the stream.
+        """Return what has arrived, waiting for it if necessary; nothing at the end of the stream.
 
         :raises Failure: as :meth:`send`
         """
@@ -93,7 +93,8 @@ class TlsStream:
             self._tls = context.wrap_bio(self._incoming, self._outgoing, server_hostname=server_name)
         except ValueError as exc:
             raise Failure(
-                f"{server_name} is no name that a certificate can carry ({exc}); correct the node's address",
+                f"{server_name} is not a name that a certificate can carry ({exc}); correct the node's"
+                " address",
                 OPResultErrorCode.CONNECTION_FAILED,
             ) from exc
         deadline.enter("waiting for the TLS handshake", "see whether the peer speaks TLS there")
