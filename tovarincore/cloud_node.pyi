@@ -3,6 +3,7 @@
 import logging as logging
 import threading as threading
 from abc import ABC as ABC, abstractmethod as abstractmethod
+from collections.abc import Iterable
 from copy import deepcopy as deepcopy
 from datetime import datetime as datetime
 from typing import (
@@ -64,6 +65,9 @@ class NodeManager(ABC):
     core_conf: CoreConf
     logger: logging.Logger
     region: CloudRegion
+    # Written `self.__node_list` inside of the class. Read and change the list only while holding the lock.
+    _NodeManager__node_list: list[CloudNode]
+    _NodeManager__node_list_lock: threading.Lock
     def __init__(self, region: CloudRegion) -> None: ...
     def get_node_list(self) -> list[CloudNode]: ...
     def set_node_list(self, node_list: list[CloudNode]) -> None: ...
@@ -199,6 +203,9 @@ class K8sNodeManager(NodeManager):
 class CloudManager:
     core_conf: CoreConf
     cloud_conf_manager: CloudConfManager
+    # The providers by their regions' hash_key, under the lock.
+    _node_manager_hashset: dict[str, NodeManager]
+    _node_manager_hashset_lock: threading.Lock
     webs_client_pool: list[WebSocketClient]
     webs_client_pool_lock: threading.Lock
     logger: logging.Logger
@@ -266,6 +273,10 @@ class CloudManager:
     def list_instance_types(self, region: CloudRegion) -> _Types: ...
     def get_default_instance_template(
         self, region: CloudRegion, auth: CloudAuth | None, plan: object
+    ) -> InstanceTemplate | None: ...
+    @staticmethod
+    def _CloudManager__extract_instance_template(
+        instance_templates: Iterable[InstanceTemplate], pay_type: InstanceTemplatePayType, is_gpu: bool
     ) -> InstanceTemplate | None: ...
 
 cloud_manager_glbl: CloudManager

@@ -8,7 +8,6 @@ import importlib
 import pickle
 import sys
 import threading
-import traceback
 import typing
 import weakref
 from importlib.machinery import EXTENSION_SUFFIXES
@@ -18,20 +17,12 @@ from unittest import mock
 
 import pytest
 
-from tests.conftest import IMPLEMENTATIONS, MODULES, Child
+from tests.conftest import Child
 from tests.fakes import AWS_REGION, CallLog, make_node
 from tests.registry.conftest import provider_class
 from tovarincore.cloud_def import CloudRegion
 
 LOCAL = CloudRegion("local", "local")
-
-
-@pytest.fixture
-def extension(own_settings: None) -> ModuleType:
-    """The built module alone."""
-    if "extension" not in IMPLEMENTATIONS:
-        pytest.skip("TOVARIN_TESTS_ONLY leaves the extension out")
-    return importlib.import_module(MODULES["extension"])
 
 
 def test_the_imported_extension_is_the_built_one(extension: ModuleType) -> None:
@@ -231,29 +222,6 @@ def test_a_static_method_is_called_the_same_on_class_and_instance(cloud_node: Mo
     """Without self on either."""
     for owner in (cloud_node.CloudManager, cloud_node.cloud_manager_glbl):
         assert owner._CloudManager__extract_instance_template([], 1, 2) is None
-
-
-def test_a_traceback_names_our_function_its_file_and_line(extension: ModuleType) -> None:
-    """The failing statement of the C++ source, with a path relative to the tree."""
-    facade = extension.CloudManager()
-    try:
-        facade.set_node(None)
-    except AttributeError as error:
-        frame = traceback.extract_tb(error.__traceback__)[-1]
-    assert frame.name == "set_node"
-    assert frame.filename == "tovarincore/cloud_node/facade/routing.cpp"
-    with open(frame.filename, encoding="utf-8") as source:
-        assert '"region"_s' in source.read().splitlines()[(frame.lineno or 0) - 1]
-
-
-def test_a_traceback_shows_every_one_of_our_methods_on_the_way(extension: ModuleType) -> None:
-    """From the facade to the registry, innermost last."""
-    facade = extension.CloudManager()
-    try:
-        facade.find_node_by_uuid(CloudRegion("x", "azure"), "u")
-    except NotImplementedError as error:
-        names = [frame.name for frame in traceback.extract_tb(error.__traceback__)]
-    assert names[1:] == ["find_node_by_uuid", "_get_node_manager"]
 
 
 RECURSION = """

@@ -74,7 +74,7 @@ Object with_finally(Handle body, Handle clause)
 
 Object with_lock(Handle owner, Handle body)
 {
-    return holding(owner, "lock"_s, [&] { return body(); });
+    return holding(owner.get("lock"_s), [&] { return body(); });
 }
 
 // try: return body() except error_class as ex: return handler(ex)
@@ -83,9 +83,7 @@ Object handle(Handle body, Handle error_class, Handle handler)
     try {
         return body();
     } catch (const Raised& raised) {
-        if (!raised.matches(error_class))
-            throw;
-        ExceptBlock block(raised);
+        ExceptBlock block(raised, error_class);
         return handler({block.error()});
     }
 }

@@ -50,11 +50,8 @@ void bind_imports()
     }
 }
 
-Object success(Where where) { return global("OPResult"_s, where)({"success"_k = true_()}, where); }
+Object success() { return global("OPResult"_s)({"success"_k = true_()}); }
 
-Object probe_client(Handle node, Where where)
-{
-    return global("WebSocketClient"_s, where)({node, "client_timeout_sec"_k = number(2)}, where);
-}
+Object probe_client(Handle node) { return global("WebSocketClient"_s)({node, "client_timeout_sec"_k = number(2)}); }
 
 } // namespace cloud_node

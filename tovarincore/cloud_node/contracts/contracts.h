@@ -7,13 +7,14 @@ namespace cloud_node {
 
 using namespace py;
 
-// Binds every imported name in the module's dictionary, in order.
+// Binds every imported name in the module's dictionary, in the order of the import statements. The first failing import
+// ends it; what was bound before stays bound, as in a Python module.
 void bind_imports();
 
 // OPResult(success=True)
-Object success(Where where = Where::here());
+Object success();
 
-// WebSocketClient(node, client_timeout_sec=2): the longest a readiness probe may take, in seconds
-Object probe_client(Handle node, Where where = Where::here());
+// A client for the one ping that tells whether the node's worker is ready: the worker has 2 seconds to answer.
+Object probe_client(Handle node);
 
 } // namespace cloud_node

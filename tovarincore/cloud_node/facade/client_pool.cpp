@@ -1,35 +1,33 @@
 // The pool of web-socket clients: stored, handed out and forgotten under one lock; never opened, checked or closed
-// here. Clients of other nodes pass to the remainder without a turn in the loops: see Candidates in
-// python/plain_scan.h.
+// here. The clients that certainly belong to another node reach temp_pool without a turn in the loops: see Candidates
+// in python/plain_scan.h.
 #include "facade.h"
 
 namespace cloud_node::facade {
 
 Object add_to_webs_client_pool(Handle self, Handle webs_client)
 {
-    return holding(self, "webs_client_pool_lock"_s, [&] {
+    return holding(self.get("webs_client_pool_lock"_s), [&] {
         self.get("webs_client_pool"_s).method("append"_s)({webs_client});
         return none();
     });
 }
 
-// What the two functions below name stands before the lock is taken: it is dropped after the release, as in Python,
-// since the finaliser of a client may use the pool.
+// The locals of the two functions below stand before the lock is taken, so that they are dropped after the release, as
+// in Python: the finaliser of a client may use the pool.
 
 Object get_from_webs_client_pool(Handle self, Handle node_uuid)
 {
     Object webs_client_to_return, temp_pool, webs_client;
-    return holding(self, "webs_client_pool_lock"_s, [&] {
+    return holding(self.get("webs_client_pool_lock"_s), [&] {
         webs_client_to_return = none();
         temp_pool = list({});
         Candidates webs_clients(self.get("webs_client_pool"_s), "node"_s, "uuid"_s, node_uuid, temp_pool);
         while (webs_clients.next(webs_client)) {
-            if (!webs_client.get("node"_s).get("uuid"_s).equals(node_uuid)) {
+            if (webs_client_to_return.is_none() && webs_client.get("node"_s).get("uuid"_s).equals(node_uuid))
+                webs_client_to_return = webs_client;
+            else
                 append(temp_pool, webs_client);
-                continue;
-            }
-            webs_client_to_return = webs_client;
-            webs_clients.put_rest_aside(webs_client); // no comparison any more
         }
         if (webs_client_to_return.truthy())
             self.set("webs_client_pool"_s, temp_pool);
@@ -42,7 +40,7 @@ Object flush_webs_client_pool(Handle self, Handle node_uuid, Handle flush_all)
     assert_that([&] { return !node_uuid.is_none() || flush_all.truthy(); },
                 "If no node_uuid is provided flush_all=True must be explicitly set"_s);
     Object flushed_worker_id_list, temp_pool, webs_client;
-    return holding(self, "webs_client_pool_lock"_s, [&] {
+    return holding(self.get("webs_client_pool_lock"_s), [&] {
         flushed_worker_id_list = list({});
         if (flush_all.truthy()) {
             self.get("webs_client_pool"_s).method("clear"_s)();

@@ -13,9 +13,9 @@ constexpr Parameter or_false(const char* name) { return {name, nullptr, Default:
 constexpr Method methods[] = {
     method<init>("__init__"_s, {{"self"}}, nullptr, docs::init),
     method<get_node_manager>("get_node_manager"_s, {{"self"}, {"region"}}, nullptr, docs::get_node_manager),
-    method<provider_of>("_get_node_manager"_s, {{"self"}, {"region"}, or_none("auth"), or_none("username")}),
-    method<get_cached_node_manager>("_get_cached_node_manager"_s, {{"self"}, {"region"}}),
-    method<cache_node_manager>("_cache_node_manager"_s, {{"self"}, {"region"}, {"node_manager"}}),
+    method<_get_node_manager>("_get_node_manager"_s, {{"self"}, {"region"}, or_none("auth"), or_none("username")}),
+    method<_get_cached_node_manager>("_get_cached_node_manager"_s, {{"self"}, {"region"}}),
+    method<_cache_node_manager>("_cache_node_manager"_s, {{"self"}, {"region"}, {"node_manager"}}),
     method<add_to_webs_client_pool>("add_to_webs_client_pool"_s, {{"self"}, {"webs_client"}}, nullptr,
                                     docs::add_to_webs_client_pool),
     method<get_from_webs_client_pool>("get_from_webs_client_pool"_s, {{"self"}, {"node_uuid"}}, nullptr,

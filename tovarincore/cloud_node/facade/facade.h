@@ -1,11 +1,16 @@
 // CloudManager: picks and caches one provider per region, routes every node operation to it, selects instance templates
 // and keeps the web-socket client pool. One file a subject; cloud_manager.cpp holds the class.
+//
+// The functions that carry a Python name are the methods of the class, and docs.h says what the public ones do. They
+// find their provider through self._get_node_manager and call one another through `self`, so that subclasses and
+// patches take effect. Errors of a provider pass through unchanged; nothing is caught and nothing logged here.
 #pragma once
 
 #include "../contracts/contracts.h"
 
 namespace cloud_node {
 
+// Builds the class and binds it in the module. After the providers, which it looks up by name.
 void build_cloud_manager();
 
 namespace facade {
@@ -13,9 +18,18 @@ namespace facade {
 // selection.cpp
 Object init(Handle self);
 Object get_node_manager(Handle self, Handle region);
-Object provider_of(Handle self, Handle region, Handle auth, Handle username); // _get_node_manager
-Object get_cached_node_manager(Handle self, Handle region);
-Object cache_node_manager(Handle self, Handle region, Handle node_manager);
+
+// The region's provider: the cached one, whatever `auth` and `username` are, else a new one, which is cached then.
+// NotImplementedError for an unknown kind of region, AssertionError for an Amazon region without credentials. The
+// provider is made without a lock: two threads may each make one, and the last to store it wins.
+Object _get_node_manager(Handle self, Handle region, Handle auth, Handle username);
+
+// The cached provider under region.hash_key, or None; None for a region that is None, without taking the lock.
+// TimeoutError after 3 seconds of waiting for the lock.
+Object _get_cached_node_manager(Handle self, Handle region);
+
+// Stores a provider under region.hash_key, over any other. TimeoutError as above. None.
+Object _cache_node_manager(Handle self, Handle region, Handle node_manager);
 
 // routing.cpp
 Object get_node_list(Handle self, Handle region);
@@ -44,9 +58,17 @@ Object delete_key_pair(Handle self, Handle region, Handle auth, Handle key_pair_
 Object list_current_instance_templates(Handle self, Handle region, Handle auth, Handle is_public);
 Object list_instance_types(Handle self, Handle region);
 Object get_default_instance_template(Handle self, Handle region, Handle auth, Handle plan);
+
+// __extract_instance_template, a static method: the first template of the wanted kind, and then of the wanted pay type,
+// or None. AttributeError for a template that lacks what is asked of it.
 Object extract_instance_template(Handle instance_templates, Handle pay_type, Handle is_gpu);
 
 // client_pool.cpp
+//
+// The pool is the list webs_client_pool; taking and flushing put a new list in its place, so that nobody may keep the
+// list itself. Each takes webs_client_pool_lock for the whole of its work, and raises TimeoutError when that cannot be
+// acquired within 3 seconds. When a client lacks `node`, `node.uuid` or `worker_id`, the error reaches the caller and
+// the pool stays as it was.
 Object add_to_webs_client_pool(Handle self, Handle webs_client);
 Object get_from_webs_client_pool(Handle self, Handle node_uuid);
 Object flush_webs_client_pool(Handle self, Handle node_uuid, Handle flush_all);

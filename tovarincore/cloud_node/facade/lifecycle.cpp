@@ -7,10 +7,9 @@ namespace cloud_node::facade {
 
 namespace {
 
-void expect_state(Handle node_manager, Handle instance_id, Name state, Where where = Where::here())
+void expect_state(Handle node_manager, Handle instance_id, Name state)
 {
-    Object change_node_state = node_manager.get("change_node_state"_s, where);
-    change_node_state({instance_id, global("NodeState"_s, where).get(state, where)}, where);
+    node_manager.method("change_node_state"_s)({instance_id, global("NodeState"_s).get(state)});
 }
 
 } // namespace

@@ -3,50 +3,39 @@
 
 namespace cloud_node::facade {
 
-namespace {
-
-Object provider(Handle self, Handle region, Where where = Where::here())
-{
-    return self.method("_get_node_manager"_s)({region}, where);
-}
-
-} // namespace
-
 Object get_node_list(Handle self, Handle region)
 {
-    Object node_manager = provider(self, region);
+    Object node_manager = self.method("_get_node_manager"_s)({region});
     return node_manager.method("get_node_list"_s)();
 }
 
 Object set_node(Handle self, Handle node)
 {
-    Object get = self.get("_get_node_manager"_s);
-    Object node_manager = get({node.get("region"_s)});
+    Object node_manager = self.method("_get_node_manager"_s)({node.get("region"_s)});
     return node_manager.method("set_node"_s)({node});
 }
 
 Object get_ready_node_next_in_line(Handle self, Handle region)
 {
-    Object node_manager = provider(self, region);
+    Object node_manager = self.method("_get_node_manager"_s)({region});
     return node_manager.method("get_ready_node_next_in_line"_s)();
 }
 
 Object find_node_by_instance_id(Handle self, Handle region, Handle instance_id)
 {
-    Object node_manager = provider(self, region);
+    Object node_manager = self.method("_get_node_manager"_s)({region});
     return node_manager.method("find_node_by_instance_id"_s)({instance_id});
 }
 
 Object find_node_by_uuid(Handle self, Handle region, Handle uuid)
 {
-    Object node_manager = provider(self, region);
+    Object node_manager = self.method("_get_node_manager"_s)({region});
     return node_manager.method("find_node_by_uuid"_s)({uuid});
 }
 
 Object refresh_node(Handle self, Handle node)
 {
-    Object get = self.get("_get_node_manager"_s);
-    Object node_manager = get({node.get("region"_s)});
+    Object node_manager = self.method("_get_node_manager"_s)({node.get("region"_s)});
     return node_manager.method("refresh_node"_s)({node});
 }
 

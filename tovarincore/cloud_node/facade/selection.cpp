@@ -6,35 +6,35 @@ namespace cloud_node::facade {
 namespace {
 
 // Missing credentials come from the store, both of them together.
-Object aws_provider(Handle self, Handle region, Handle auth_given, Handle username_given, Where where)
+Object aws_node_manager(Handle self, Handle region, Handle auth_given, Handle username_given)
 {
     Object auth(auth_given);
     Object username(username_given);
     if (auth.is_none() || username.is_none()) {
-        Object cloud_conf = self.get("cloud_conf_manager"_s, where).method("get_cloud_conf"_s, where)({region}, where);
+        Object cloud_conf = self.get("cloud_conf_manager"_s).method("get_cloud_conf"_s)({region});
         if (!cloud_conf.is_none()) {
-            auth = cloud_conf.get("cloud_auth"_s, where);
-            username = cloud_conf.get("user_name"_s, where);
+            auth = cloud_conf.get("cloud_auth"_s);
+            username = cloud_conf.get("user_name"_s);
         }
     }
-    assert_that([&] { return !username.is_none(); }, where);
-    assert_that([&] { return is_instance(auth, global("AWSCloudAuth"_s, where), where); }, where);
-    return global("AWSNodeManager"_s, where)({region, "auth"_k = auth, "username"_k = username}, where);
+    assert_that([&] { return !username.is_none(); });
+    assert_that([&] { return is_instance(auth, global("AWSCloudAuth"_s)); });
+    return global("AWSNodeManager"_s)({region, "auth"_k = auth, "username"_k = username});
 }
 
-Object new_provider(Handle self, Handle region, Handle auth, Handle username, Where where)
+// The region's kind is read again for each comparison, as Python does.
+Object new_node_manager(Handle self, Handle region, Handle auth, Handle username)
 {
-    if (region.get("cloud"_s, where).equals("AWS"_s, where))
-        return aws_provider(self, region, auth, username, where);
-    if (region.get("cloud"_s, where).equals("local"_s, where))
-        return global("LocalContainerNodeManager"_s, where)({region}, where);
-    if (region.get("cloud"_s, where).equals("k8s"_s, where)) {
-        assert_that([&] { return is_instance(region, global("K8sRegion"_s, where), where); }, where);
-        return global("K8sNodeManager"_s, where)({region}, where);
+    if (region.get("cloud"_s).equals("AWS"_s))
+        return aws_node_manager(self, region, auth, username);
+    if (region.get("cloud"_s).equals("local"_s))
+        return global("LocalContainerNodeManager"_s)({region});
+    if (region.get("cloud"_s).equals("k8s"_s)) {
+        assert_that([&] { return is_instance(region, global("K8sRegion"_s)); });
+        return global("K8sNodeManager"_s)({region});
     }
-    Object message =
-        concat({"Cloud Region "_s, str(region.get("cloud"_s, where), where), " is not supported"_s}, where);
-    raise(kept_builtin("NotImplementedError"_s)({message}, where), where);
+    raise(kept_builtin("NotImplementedError"_s)(
+        {concat({"Cloud Region "_s, str(region.get("cloud"_s)), " is not supported"_s})}));
 }
 
 } // namespace
@@ -56,34 +56,32 @@ Object get_node_manager(Handle self, Handle region) { return self.method("_get_n
 
 // Deliberate: lookup and store are two steps. Two threads that miss at the same time each build a provider, and the one
 // that stores last stays cached (test_selection.py holds it).
-Object provider_of(Handle self, Handle region, Handle auth, Handle username)
+Object _get_node_manager(Handle self, Handle region, Handle auth, Handle username)
 {
     Object node_manager = self.method("_get_cached_node_manager"_s)({region});
     if (!node_manager.is_none())
         return node_manager;
-    node_manager = new_provider(self, region, auth, username, Where::here());
+    node_manager = new_node_manager(self, region, auth, username);
     self.method("_cache_node_manager"_s)({region, node_manager});
     return node_manager;
 }
 
-Object get_cached_node_manager(Handle self, Handle region)
+Object _get_cached_node_manager(Handle self, Handle region)
 {
     if (region.is_none())
         return none();
-    return holding(self, "_node_manager_hashset_lock"_s, [&] {
-        Object hash_key = region.get("hash_key"_s);
+    return holding(self.get("_node_manager_hashset_lock"_s), [&] {
+        Object hash_key = region.get("hash_key"_s); // before the cache is read, as Python does
         if (!self.get("_node_manager_hashset"_s).contains(hash_key))
             return none();
-        Object cache = self.get("_node_manager_hashset"_s);
-        return cache.item(region.get("hash_key"_s));
+        return self.get("_node_manager_hashset"_s).item(region.get("hash_key"_s));
     });
 }
 
-Object cache_node_manager(Handle self, Handle region, Handle node_manager)
+Object _cache_node_manager(Handle self, Handle region, Handle node_manager)
 {
-    return holding(self, "_node_manager_hashset_lock"_s, [&] {
-        Object cache = self.get("_node_manager_hashset"_s);
-        cache.set_item(region.get("hash_key"_s), node_manager);
+    return holding(self.get("_node_manager_hashset_lock"_s), [&] {
+        self.get("_node_manager_hashset"_s).set_item(region.get("hash_key"_s), node_manager);
         return none();
     });
 }

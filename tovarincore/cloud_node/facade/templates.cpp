@@ -17,8 +17,8 @@ Object list_instance_types(Handle self, Handle region)
 
 Object get_default_instance_template(Handle self, Handle region, Handle auth, Handle plan)
 {
-    Object listed = self.method("list_current_instance_templates"_s)({region, auth, "is_public"_k = true_()});
-    auto [instance_templates, op_result] = unpack<2>(listed);
+    auto [instance_templates, op_result] =
+        unpack<2>(self.method("list_current_instance_templates"_s)({region, auth, "is_public"_k = true_()}));
     if (!instance_templates.truthy())
         return none();
     Object is_gpu, pay_type;

@@ -94,6 +94,11 @@ ExceptBlock::ExceptBlock(const Raised& raised, WhereInFunction here) : raised_(r
     PyErr_SetExcInfo(Object(type_).release(), Object(value_).release(), Object(traceback_).release());
 }
 
+ExceptBlock::ExceptBlock(const Raised& raised, Handle error_class, WhereInFunction here)
+    : ExceptBlock(raised.matches(error_class, here) ? raised : throw, here)
+{
+}
+
 void ExceptBlock::restore_previous()
 {
     restored_ = true;

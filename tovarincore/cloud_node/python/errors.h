@@ -38,7 +38,11 @@ template <class Condition> void assert_that(Condition condition, Name message, W
 // scope.
 class ExceptBlock {
 public:
+    // except:
     explicit ExceptBlock(const Raised& raised, WhereInFunction here = WhereInFunction::here());
+
+    // except error_class:        an error that does not match travels on
+    ExceptBlock(const Raised& raised, Handle error_class, WhereInFunction here = WhereInFunction::here());
     ~ExceptBlock() noexcept(false);
     ExceptBlock(const ExceptBlock&) = delete;
     ExceptBlock& operator=(const ExceptBlock&) = delete;

@@ -28,20 +28,13 @@ template <class Body> Object interruptible(Body body, WhereInFunction here)
 }
 
 // if lock.acquire(timeout=3): try: return body() finally: lock.release()   else: raise TimeoutError()
-// `read` is called once: the lock that was taken is the one that is released.
-template <class Read, class Body>
-Object holding_the(Read read, Body body, WhereInFunction here = WhereInFunction::here())
+//
+// What the body names and must outlive the release, as locals do in Python, is declared before.
+template <class Body> Object holding(Handle lock, Body body, WhereInFunction here = WhereInFunction::here())
 {
-    Object lock = read();
     if (!acquire(lock, here))
         raise(global("TimeoutError"_s, here)(here), here);
     return try_finally([&] { return interruptible(body, here); }, [&] { release(lock, here); }, here);
-}
-
-// The same for a lock that is an attribute of an object.
-template <class Body> Object holding(Handle owner, Name lock, Body body, WhereInFunction here = WhereInFunction::here())
-{
-    return holding_the([&] { return owner.get(lock, here); }, body, here);
 }
 
 } // namespace py

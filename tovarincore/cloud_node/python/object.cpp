@@ -122,6 +122,8 @@ Object Handle::item(Py_ssize_t index, Where where) const
     return item(key, where);
 }
 
+Object Handle::first(Where where) const { return item(Py_ssize_t{0}, where); }
+
 void Handle::set_item(Handle key, Handle value, Where where) const
 {
     check(PyObject_SetItem(pointer_, key.ptr(), value.ptr()), where);

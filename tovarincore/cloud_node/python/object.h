@@ -82,6 +82,7 @@ public:
     void set(Name name, Handle value, Where where = Where::here()) const;       // self.name = value
     Object item(Handle key, Where where = Where::here()) const;                 // self[key]
     Object item(Py_ssize_t index, Where where = Where::here()) const;           // self[index]
+    Object first(Where where = Where::here()) const;                            // self[0]
     void set_item(Handle key, Handle value, Where where = Where::here()) const; // self[key] = value
     void set_item(Py_ssize_t index, Handle value, Where where = Where::here()) const;
     bool contains(Handle value, Where where = Where::here()) const;      // value in self

@@ -8,20 +8,19 @@ namespace cloud_node {
 namespace {
 
 // self.__node_list, read anew at each mention, as Python does
-Object nodes_of(Handle self, Where where = Where::here()) { return self.get("_NodeManager__node_list"_s, where); }
+Object nodes_of(Handle self) { return self.get("_NodeManager__node_list"_s); }
 
 // A deep copy of the first node whose attribute equals the value, else None.
-Object find_node(Handle self, Name attribute, Handle value, WhereInFunction here = WhereInFunction::here())
+Object find_node(Handle self, Name attribute, Handle value)
 {
     Object node;
-    auto search = [&] {
-        Object nodes = nodes_of(self, here);
-        for (Each rest = each_from(first_candidate(nodes, attribute, value), nodes, here); rest.next(node);)
-            if (node.get(attribute, here).equals(value, here))
-                return deep_copy(node, here);
+    return holding(self.get("_NodeManager__node_list_lock"_s), [&] {
+        Object nodes = nodes_of(self);
+        for (Each rest = each_from(first_candidate(nodes, attribute, value), nodes); rest.next(node);)
+            if (node.get(attribute).equals(value))
+                return deep_copy(node);
         return none();
-    };
-    return holding(self, "_NodeManager__node_list_lock"_s, search, here);
+    });
 }
 
 } // namespace
@@ -38,12 +37,12 @@ Object node_manager_init(Handle self, Handle region)
 
 Object get_node_list(Handle self)
 {
-    return holding(self, "_NodeManager__node_list_lock"_s, [&] { return deep_copy(nodes_of(self)); });
+    return holding(self.get("_NodeManager__node_list_lock"_s), [&] { return deep_copy(nodes_of(self)); });
 }
 
 Object set_node_list(Handle self, Handle node_list)
 {
-    return holding(self, "_NodeManager__node_list_lock"_s, [&] {
+    return holding(self.get("_NodeManager__node_list_lock"_s), [&] {
         self.set("_NodeManager__node_list"_s, deep_copy(node_list));
         return none();
     });
@@ -52,7 +51,7 @@ Object set_node_list(Handle self, Handle node_list)
 Object set_node(Handle self, Handle node_given)
 {
     Object node;
-    return holding(self, "_NodeManager__node_list_lock"_s, [&] {
+    return holding(self.get("_NodeManager__node_list_lock"_s), [&] {
         node = deep_copy(node_given);
         Object nodes = nodes_of(self);
         Py_ssize_t count = len(nodes);
@@ -76,7 +75,7 @@ Object find_node_by_uuid(Handle self, Handle uuid) { return find_node(self, "uui
 Object get_ready_node_next_in_line(Handle self)
 {
     Object node;
-    return holding(self, "_NodeManager__node_list_lock"_s, [&] {
+    return holding(self.get("_NodeManager__node_list_lock"_s), [&] {
         Object nodes = nodes_of(self);
         for (Each rest = each_from(first_not_false(nodes, "ready"_s), nodes); rest.next(node);)
             if (node.get("ready"_s).truthy())
@@ -88,7 +87,7 @@ Object get_ready_node_next_in_line(Handle self)
 Object change_node_state(Handle self, Handle instance_id, Handle node_state, Handle ready)
 {
     Object node;
-    return holding(self, "_NodeManager__node_list_lock"_s, [&] {
+    return holding(self.get("_NodeManager__node_list_lock"_s), [&] {
         Object nodes = nodes_of(self);
         for (Each rest = each_from(first_candidate(nodes, "instance_id"_s, instance_id), nodes); rest.next(node);)
             if (node.get("instance_id"_s).equals(instance_id)) {

@@ -6,40 +6,37 @@ namespace cloud_node {
 namespace {
 
 // The handler of both operations, which catch everything: a debug line with the traceback, and an error result.
-Object refresh_failed(Handle self, Name message, Where where = Where::here())
+Object refresh_failed(Handle self, Name msg)
 {
-    self.get("logger"_s, where).method("debug"_s, where)({message, "exc_info"_k = true_()}, where);
-    return global("OPResult"_s, where)({"error"_k = true_(), "msg"_k = message, "exc_info"_k = true_()}, where);
+    self.get("logger"_s).method("debug"_s)({msg, "exc_info"_k = true_()});
+    return global("OPResult"_s)({"error"_k = true_(), "msg"_k = msg, "exc_info"_k = true_()});
 }
 
 bool is_running(Handle node) { return node.get("state"_s).equals(global("NodeState"_s).get("RUNNING"_s)); }
 
-void probe_running_nodes(Handle new_node_list, Where where)
+void probe_running_nodes(Handle new_node_list)
 {
-    for (Object new_node : each(new_node_list, where)) {
+    for (Object new_node : each(new_node_list)) {
         if (!is_running(new_node))
             continue;
-        Object webs_client = probe_client(new_node, where);
-        Object ping = webs_client.get("api_get_op_result"_s, where);
-        Object request = global("PingRequest"_s, where)(where);
-        Object ping_op_result = ping({request}, where);
-        if (ping_op_result.get("success"_s, where).truthy(where)) {
-            new_node.set("ready"_s, true_(), where);
-            webs_client.method("refresh_system_stat"_s)(where);
+        Object webs_client = probe_client(new_node);
+        Object ping_op_result = webs_client.method("api_get_op_result"_s)({global("PingRequest"_s)()});
+        if (ping_op_result.get("success"_s).truthy()) {
+            new_node.set("ready"_s, true_());
+            webs_client.method("refresh_system_stat"_s)();
         }
     }
 }
 
 // Only the registry knows which workers run on a node: their list moves on to the fresh record.
-void carry_worker_ids_over(Handle prev_node_list, Handle new_node_list, Where where)
+void carry_worker_ids_over(Handle prev_node_list, Handle new_node_list)
 {
-    for (Object old_node : each(prev_node_list, where)) {
-        if (len(old_node.get("worker_id_list"_s, where), where) < 1)
+    for (Object old_node : each(prev_node_list)) {
+        if (len(old_node.get("worker_id_list"_s)) < 1)
             continue;
-        for (Object new_node : each(new_node_list, where))
-            if (new_node.get("instance_id"_s, where).equals(old_node.get("instance_id"_s, where), where))
-                new_node.set("worker_id_list"_s, old_node.get("worker_id_list"_s, where).method("copy"_s, where)(where),
-                             where);
+        for (Object new_node : each(new_node_list))
+            if (new_node.get("instance_id"_s).equals(old_node.get("instance_id"_s)))
+                new_node.set("worker_id_list"_s, old_node.get("worker_id_list"_s).method("copy"_s)());
     }
 }
 
@@ -73,8 +70,8 @@ Object refresh_node_list(Handle self)
         auto [new_node_list, op_result] = unpack<2>(self.method("list_instances"_s)());
         if (new_node_list.is_none())
             return op_result;
-        probe_running_nodes(new_node_list, Where::here());
-        carry_worker_ids_over(prev_node_list, new_node_list, Where::here());
+        probe_running_nodes(new_node_list);
+        carry_worker_ids_over(prev_node_list, new_node_list);
         self.method("set_node_list"_s)({new_node_list});
         return op_result;
     } catch (const Raised& raised) {

@@ -14,12 +14,13 @@ Object list_instance_templates(Handle self, Handle is_public)
     if (response.contains("Images"_s)) {
         Object parse = import_from("dateutil.parser"_s, "parse"_s);
         for (Object image : each(response.item("Images"_s))) {
-            Object parsed = parse({image.item("CreationDate"_s)});
-            Object creation_date = parsed.method("replace"_s)({"tzinfo"_k = none()}); // EC2's wall clock, in UTC
-            Object create_from = global("InstanceTemplate"_s).get("create_from"_s);
-            Object instance_template = create_from(
-                {"image_template_id"_k = image.item("ImageId"_s), "image_template_name"_k = image.item("Name"_s),
-                 "creation_date"_k = creation_date, "region"_k = self.get("region"_s)});
+            // EC2's wall clock, in UTC, without saying so: the dates compare with one another.
+            Object creation_date = parse({image.item("CreationDate"_s)}).method("replace"_s)({"tzinfo"_k = none()});
+            Object instance_template =
+                global("InstanceTemplate"_s)
+                    .method("create_from"_s)({"image_template_id"_k = image.item("ImageId"_s),
+                                              "image_template_name"_k = image.item("Name"_s),
+                                              "creation_date"_k = creation_date, "region"_k = self.get("region"_s)});
             if (!instance_template.is_none())
                 append(result_list, instance_template);
         }

@@ -1,5 +1,6 @@
 // A thin adapter: each operation is one call on the console client, whose result is returned as it comes back.
 #include "../../registry/provider_rows.h"
+#include "docs.h"
 #include "k8s.h"
 
 namespace cloud_node {
@@ -57,7 +58,7 @@ constexpr Method methods[] = {
 
 void build_k8s_node_manager()
 {
-    own_class.keep(build_class({"K8sNodeManager", docs::k8s_node_manager, methods}, {global("NodeManager"_s)}));
+    own_class.keep(build_class({"K8sNodeManager", k8s::docs::k8s_node_manager, methods}, {global("NodeManager"_s)}));
 }
 
 } // namespace cloud_node

@@ -1,5 +1,6 @@
 // The product's worker as one container on the user's machine: each operation is a call on the container helper.
 #include "../../registry/provider_rows.h"
+#include "docs.h"
 #include "local.h"
 
 namespace cloud_node {
@@ -31,8 +32,8 @@ Object launch_node(Handle self, Handle, Handle instance_config, Handle, Handle, 
                    instance_config.get("instance_template"_s).get("version"_s).truthy();
         },
         "Version must be provided to start a new local container"_s);
-    Object run_image = self.get("container_helper"_s).get("run_tvr_container_image"_s);
-    return run_image({instance_config.get("instance_template"_s).get("version"_s)});
+    return self.get("container_helper"_s)
+        .method("run_tvr_container_image"_s)({instance_config.get("instance_template"_s).get("version"_s)});
 }
 
 Object start_node(Handle self, Handle, Handle reboot, Handle)
@@ -61,21 +62,18 @@ Object list_instance_templates(Handle self, Handle)
     Object instance_templates = list({});
     Object region = global("CloudRegions"_s).method("get_local_container_region"_s)();
     assert_that([&] { return !region.is_none(); });
-    for (Object version : each(versions)) {
-        Object template_class = global("InstanceTemplate"_s);
-        Object pay_type = global("InstanceTemplatePayType"_s).get("DEV"_s);
-        Object created_date = global("datetime"_s).method("now"_s)();
+    for (Object version : each(versions))
         append(instance_templates,
-               template_class({"instance_template_id"_k = version, "name"_k = version, "product_pay_type"_k = pay_type,
-                               "created_date"_k = created_date, "region"_k = region, "version"_k = version}));
-    }
+               global("InstanceTemplate"_s)({"instance_template_id"_k = version, "name"_k = version,
+                                             "product_pay_type"_k = global("InstanceTemplatePayType"_s).get("DEV"_s),
+                                             "created_date"_k = global("datetime"_s).method("now"_s)(),
+                                             "region"_k = region, "version"_k = version}));
     return tuple({instance_templates, success()});
 }
 
 Object list_instance_types(Handle)
 {
-    Object type = global("CloudInstances"_s).method("get_default_local_instance_type"_s)();
-    return tuple({list({type}), success()});
+    return tuple({list({global("CloudInstances"_s).method("get_default_local_instance_type"_s)()}), success()});
 }
 
 constexpr Method methods[] = {
@@ -93,7 +91,7 @@ constexpr Method methods[] = {
 
 void build_local_container_node_manager()
 {
-    own_class.keep(build_class({"LocalContainerNodeManager", docs::local_container_node_manager, methods},
+    own_class.keep(build_class({"LocalContainerNodeManager", local::docs::local_container_node_manager, methods},
                                {global("NodeManager"_s)}));
 }
 
