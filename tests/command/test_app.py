@@ -4,18 +4,22 @@ from __future__ import annotations
 
 import json
 import logging
+import shlex
 from pathlib import Path
 
+import click
 import pytest
 
 from tests.command.conftest import Run, finish, start_command
-from tovarincore.command.app import SUBCOMMANDS, run
+from tests.conftest import Child
+from tovarincore.command.app import SUBCOMMANDS, cli, run
+from tovarincore.command.context.options import NodesCommand
 from tovarincore.command.errors.failures import EXIT_CODES, ExitCode
 from tovarincore.command.subcommands import listing
 
 COMMANDS = (
     "configure regions templates types list show launch try wait watch start stop reboot terminate keypair"
-    " orphans doctor"
+    " orphans history doctor config completion"
 )
 
 
@@ -32,7 +36,9 @@ def test_help_lists_every_sub_command_and_exit_code(run: Run) -> None:
 @pytest.mark.parametrize("name", COMMANDS.split())
 def test_every_sub_command_takes_json_and_debug(run: Run, name: str) -> None:
     """Both options belong to each sub-command."""
-    arguments = [name, "create"] if name == "keypair" else [name]
+    arguments = (
+        [name, {"keypair": "create", "config": "set"}[name]] if name in ("keypair", "config") else [name]
+    )
     text = run(*arguments, "--help").stdout
     assert "--json" in text
     assert "--debug" in text
@@ -127,3 +133,66 @@ def test_the_exit_code_reaches_the_shell(no_account: Path) -> None:
     """The process ends with the code that is documented."""
     assert finish(start_command("list", "us-east-1"))[0] == 4
     assert run(["--version"]) == 0
+
+
+@pytest.mark.parametrize("group", [[], ["keypair"], ["config"]], ids=" ".join)
+def test_without_a_sub_command_the_help_is_printed(run: Run, group: list[str]) -> None:
+    """It is no error to ask what there is."""
+    result = run(*group)
+    assert (result.exit_code, result.stderr) == (0, "")
+    assert result.stdout == run(*group, "--help").stdout
+
+
+def test_a_misspelt_sub_command_gets_a_suggestion(run: Run) -> None:
+    """The nearest name is offered, in the command and in its groups."""
+    assert run("lits").stderr.startswith('error: there is no sub-command "lits"; did you mean "list"?\n')
+    assert 'did you mean "create"?' in run("keypair", "cretae").stderr
+
+
+def every_command() -> list[tuple[str, click.Command]]:
+    """Each sub-command, those of groups too, with its whole name."""
+    context = click.Context(cli)
+    found = []
+    for name in SUBCOMMANDS:
+        command = cli.get_command(context, name)
+        assert command is not None
+        if isinstance(command, click.Group):
+            found += [(f"{name} {inner}", member) for inner, member in command.commands.items()]
+        else:
+            found.append((name, command))
+    return found
+
+
+@pytest.mark.parametrize("name, command", every_command(), ids=lambda value: str(value))
+def test_every_help_ends_with_examples_that_can_be_run(name: str, command: click.Command) -> None:
+    """Each example is a line that the sub-command takes."""
+    assert isinstance(command, NodesCommand)
+    assert command.examples
+    for line in command.examples:
+        words = shlex.split(line.partition(" > ")[0])
+        assert " ".join(words).startswith(name)
+        command.make_context(name, words[len(name.split()) :], resilient_parsing=True)
+
+
+def test_the_list_says_what_each_help_says(run: Run) -> None:
+    """The lines of the list stand apart from the sub-commands, which it must not import."""
+    for name, (_, text) in SUBCOMMANDS.items():
+        assert text.endswith(".")
+        assert name in run("--help").stdout
+        summary = text.rstrip(".").partition(",")[0].split()
+        said = " ".join(run(name, "--help").stdout.split())
+        assert " ".join(summary[:2]) in said, name
+
+
+def test_the_list_imports_no_sub_command(run_child: Child) -> None:
+    """Help, and what a shell completes, are there at once."""
+    code = (
+        "import sys\n"
+        "from tovarincore.command.main import main\n"
+        "main(['--help'])\n"
+        "late = {'boto3', 'rich', 'yaml', 'tomlkit', 'tovarincore.cloud_def', 'tovarincore.cloud_node'}\n"
+        "assert not late & set(sys.modules), late & set(sys.modules)\n"
+        "assert not [name for name in sys.modules if name.startswith('tovarincore.command.subcommands.')]\n"
+    )
+    done = run_child(code)
+    assert (done.returncode, done.stderr) == (0, "")

@@ -35,7 +35,10 @@ SUBCOMMANDS: dict[str, tuple[str, str]] = {
     "terminate": (_HOME + "lifecycle:terminate", "End nodes for good, disks included, after asking."),
     "keypair": (_HOME + "key_pairs:keypair", "Create and delete EC2 key pairs."),
     "orphans": (_HOME + "orphans:orphans", "List nodes that this command has not launched."),
+    "history": (_HOME + "history:history", "List what was launched from this machine."),
     "doctor": (_HOME + "doctor:doctor", "Look at everything that a launch needs."),
+    "config": (_HOME + "config:config", "Show and change the settings."),
+    "completion": (_HOME + "completion:completion", "Print what makes a shell complete words."),
 }
 """Each sub-command: where it is, as ``module:attribute``, and its line in the list.
 

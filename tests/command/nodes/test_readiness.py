@@ -13,9 +13,12 @@ import pytest
 
 from stage.certificates import make_server_certificate
 from stage.ec2 import Ec2World
+from stage.fault import SERVED, throttled
 from stage.ports import free_port
 from tests.command.conftest import Run, finish, send_to_worker, start_command
+from tovarincore.command.errors.failures import CommandFailure, ExitCode
 from tovarincore.command.nodes import readiness
+from tovarincore.command.nodes.backoff import Backoff
 from tovarincore.command.nodes.inventory import list_nodes
 from tovarincore.testing.reference_worker import ReferenceWorker
 
@@ -134,3 +137,32 @@ def test_ctrl_c_ends_the_wait_with_one_line(ec2: Ec2World) -> None:
     assert (code, stdout) == (130, "")
     (line,) = stderr.splitlines()
     assert line == "error: interrupted: stopped waiting for cold-1; the node itself goes on"
+
+
+def test_a_busy_ec2_is_left_alone_for_longer_and_longer(
+    run: Run, ec2: Ec2World, healthy_worker: ReferenceWorker, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """Throttling is no reason to give up, even at first; each pause is longer than the last."""
+    ec2.run_instance("ready-1")
+    pauses: list[float] = []
+    clock = SimpleNamespace(sleep=pauses.append, monotonic=time.monotonic)
+    monkeypatch.setattr(readiness, "time", clock)
+    with ec2.faults() as endpoint:
+        # Each time the SDK asks once more by itself.
+        endpoint.script("DescribeInstances", *[throttled()] * 6, SERVED)
+        result = run("wait", "us-east-1", "ready-1")
+    assert (result.exit_code, result.stdout) == (0, "ready-1 is ready\n")
+    assert pauses == [6.0, 12.0, 24.0]
+    assert "Request limit exceeded" in result.stderr
+
+
+def test_what_the_service_asks_for_counts_more() -> None:
+    """Retry-After is honoured, longer than any pause of our own; an answer makes pauses short again."""
+    backoff = Backoff(3.0)
+    busy = CommandFailure("busy", code=ExitCode.BUSY, wait_seconds=90.0)
+    assert backoff.pause_after(busy) == 90.0
+    for _ in range(9):
+        last = backoff.pause_after(CommandFailure("busy", code=ExitCode.BUSY))
+    assert last == 60.0
+    backoff.answered()
+    assert backoff.pause_after(CommandFailure("lost", code=ExitCode.UNREACHABLE)) == 3.0

@@ -11,8 +11,9 @@ from typing import Any
 import pytest
 
 from stage.ec2 import USER_NAME, Ec2World
-from stage.fault import unauthorized
+from stage.fault import throttled, unauthorized
 from tests.command.conftest import Run
+from tovarincore.command.nodes.user_data import LIMIT_BYTES, user_data_bytes
 from tovarincore.fleet.ledger import Ledger
 
 LAUNCH = ("launch", "us-east-1", "--type", "t3.small")
@@ -139,3 +140,55 @@ def test_where_trying_would_launch_it_is_refused(run: Run, no_account: Path) -> 
     assert result.stderr.startswith(
         "error: the local container engine has no dry run: trying would really launch a node\n"
     )
+
+
+def test_settings_that_ec2_would_not_take_are_refused_first(run: Run, ec2: Ec2World, tmp_path: Path) -> None:
+    """The size is counted as EC2 counts it, to the byte; the remedy says how much fits."""
+    settings = tmp_path / "settings.json"
+    with ec2.faults() as endpoint:
+        settings.write_text(json.dumps("x" * 100))
+        assert run(*LAUNCH, "--settings", str(settings), "--name", "cold-1").exit_code == 0
+        (request,) = [request for request in endpoint.requests if request.action == "RunInstances"]
+        assert len(base64.b64decode(request.parameters["UserData"])) == user_data_bytes("x" * 100)
+        # Twelve more characters of JSON are sixteen more bytes of user data.
+        longest = "x" * ((LIMIT_BYTES - user_data_bytes("x" * 100)) // 16 * 12 + 100)
+        settings.write_text(json.dumps(longest + "x" * 12))
+        result = run(*LAUNCH, "--settings", str(settings), "--name", "cold-2")
+        settings.write_text(json.dumps(longest))
+        fits = run(*LAUNCH, "--settings", str(settings), "--name", "cold-2")
+    assert (result.exit_code, fits.exit_code) == (2, 0)
+    assert "bytes of user data, and EC2 takes 16,384" in result.stderr
+    assert "let the node fetch the rest itself" in result.stderr
+
+
+def test_names_are_unique_unless_asked_for(run: Run, run_json: Callable[..., Any], ec2: Ec2World) -> None:
+    """A taken name is refused, the usual one gets a number, and --same-name takes it all the same."""
+    assert run_json(*LAUNCH)["name"] == "tovarin-node"
+    assert run_json(*LAUNCH)["name"] == "tovarin-node-2"
+    refused = run(*LAUNCH, "--name", "tovarin-node")
+    assert refused.exit_code == 2
+    assert 'another of your nodes is named "tovarin-node"' in refused.stderr
+    assert run_json(*LAUNCH, "--name", "tovarin-node", "--same-name")["name"] == "tovarin-node"
+    assert run(*LAUNCH, "--name", "").exit_code == 2
+    assert len(ec2.instances()) == 3
+
+
+def test_only_images_of_pinned_accounts_are_used(run: Run, ec2: Ec2World) -> None:
+    """With owners in the settings neither the plan nor an id leads to an image of somebody else."""
+    ec2.set_setting("CLOUD__IMAGE_OWNERS", "999988887777")
+    for options in ([], ["--template", ec2.image_id]):
+        result = run(*LAUNCH, *options)
+        assert result.exit_code == 3
+        assert "offers no" in result.stderr
+    assert "1 of accounts that [cloud] image_owners does not name" in run("templates", "us-east-1").stderr
+    ec2.set_setting("CLOUD__IMAGE_OWNERS", "999988887777, self")
+    assert run(*LAUNCH).exit_code == 0
+
+
+def test_a_throttled_launch_has_a_code_of_its_own(run: Run, ec2: Ec2World) -> None:
+    """A busy EC2 is told from one that refuses."""
+    with ec2.faults() as endpoint:
+        endpoint.script("RunInstances", throttled())
+        result = run(*LAUNCH)
+    assert result.exit_code == 8
+    assert "EC2 asks for fewer requests" in result.stderr

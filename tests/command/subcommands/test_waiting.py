@@ -9,7 +9,7 @@ from types import SimpleNamespace
 import pytest
 
 from stage.ec2 import Ec2World
-from stage.fault import unauthorized
+from stage.fault import SERVED, throttled, unauthorized
 from tests.command.conftest import Run, finish, start_command
 from tovarincore.command.subcommands import waiting
 
@@ -69,3 +69,14 @@ def test_ctrl_c_ends_the_watch_with_one_line(ec2: Ec2World) -> None:
     process.send_signal(signal.SIGINT)
     code, _, stderr = finish(process)
     assert (code, stderr) == (130, "error: interrupted: stopped watching\n")
+
+
+def test_a_busy_ec2_does_not_end_the_watch(run: Run, ec2: Ec2World, pauses: list[float]) -> None:
+    """Not even at first: the watch waits longer, and goes on."""
+    ec2.run_instance("ready-1")
+    with ec2.faults() as endpoint:
+        endpoint.script("DescribeInstances", *[throttled()] * 4, SERVED)
+        result = run("watch", "us-east-1", "--count", "3")
+    assert result.exit_code == 0, result.output
+    assert pauses == [20.0, 40.0]
+    assert result.stdout.count("ready-1") == 1

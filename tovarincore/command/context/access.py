@@ -10,6 +10,7 @@ from tovarincore._transport.gate import RefusedName, check_user_name
 from tovarincore.cloud_conf import CloudConf, CloudConfManager
 from tovarincore.cloud_def import AWSCloudAuth, CloudAuth, CloudRegion, CloudRegions, K8sRegion
 from tovarincore.command.context.invocation import Invocation
+from tovarincore.command.context.sdk import prepare_sdk
 from tovarincore.command.errors.advice import command_for
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
 from tovarincore.core_conf import core_conf_glbl
@@ -41,13 +42,16 @@ class Access:
 class _Store(CloudConfManager):
     """The credential store as this run of the command sees it: with another profile, if one is asked for."""
 
+    def __init__(self, profile: str) -> None:
+        super().__init__()
+        self._profile = profile
+
     def get_cloud_conf(self, region: CloudRegion) -> CloudConf | None:
         """Return what is stored for a region, on it the profile of this run."""
         conf = super().get_cloud_conf(region)
-        profile = _profile()
-        if conf is None or region.cloud != "AWS" or not profile:
+        if conf is None or region.cloud != "AWS" or not self._profile:
             return conf
-        return replace(conf, cloud_auth=AWSCloudAuth(aws_profile=profile))
+        return replace(conf, cloud_auth=AWSCloudAuth(aws_profile=self._profile))
 
 
 def open_region(region: CloudRegion) -> Access:
@@ -58,12 +62,13 @@ def open_region(region: CloudRegion) -> Access:
     """
     from tovarincore.cloud_node import cloud_manager_glbl
 
-    store = _Store()
+    store = _Store(_profile())
     conf = store.get_cloud_conf(region)
     configure = command_for(region, "configure", "--user-name", "NAME", "--profile", "PROFILE")
     if conf is not None:
         if region.cloud == "AWS":
             require_user_name(conf.user_name, region)
+            prepare_sdk()
             # Some of its methods take no credentials, and look here for them.
             cloud_manager_glbl.cloud_conf_manager = store
         return Access(region, conf.cloud_auth, conf.user_name)

@@ -4,12 +4,15 @@ from __future__ import annotations
 
 from collections.abc import Mapping
 from importlib import import_module
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 import click
 
 from tovarincore.command.context.options import output_options
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
+
+if TYPE_CHECKING:
+    from click.shell_completion import CompletionItem
 
 __all__ = ["NodesGroup"]
 
@@ -59,6 +62,17 @@ class NodesGroup(click.Group):
                 ExitCode.USAGE,
             )
         return super().resolve_command(ctx, args)
+
+    def shell_complete(self, ctx: click.Context, incomplete: str) -> list[CompletionItem]:
+        """Complete options and sub-commands without importing these."""
+        from click.shell_completion import CompletionItem
+
+        items = [CompletionItem(name, help=text) for name, (_, text) in self._lazy.items()]
+        items += [
+            CompletionItem(name, help=command.get_short_help_str()) for name, command in self.commands.items()
+        ]
+        found = [item for item in items if str(item.value).startswith(incomplete)]
+        return found + click.Command.shell_complete(self, ctx, incomplete)
 
     def format_commands(self, ctx: click.Context, formatter: click.HelpFormatter) -> None:
         """Write the list of sub-commands without importing them."""

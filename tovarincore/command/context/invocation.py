@@ -85,12 +85,22 @@ class Invocation:
         """Tell a person the result, on standard output."""
         self._line(text)
 
+    def say_as_is(self, text: str) -> None:
+        """Write lines for a program on standard output."""
+        from tovarincore.command.output.writer import write
+
+        write(text)
+
     def note(self, text: str) -> None:
         """Tell something that is not the result: on standard error, or in the document."""
         if self.structured:
             self._notes.append(text)
         else:
             self._line(text, err=True)
+
+    def tell(self, text: str) -> None:
+        """Tell on standard error what is going on, as --verbose asks; documents hold nothing of it."""
+        self._line(text, err=True)
 
     def finish(self) -> None:
         """Write the document, with its notes, when the command has done what it could."""

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import signal
 import threading
-from collections.abc import Callable, Iterator
+from collections.abc import Callable, Iterator, Sequence
 from contextlib import contextmanager
 from typing import TYPE_CHECKING, Any
 
@@ -64,14 +64,21 @@ def _set_form(context: click.Context, parameter: click.Parameter, value: str | N
 
 
 class NodesCommand(click.Command):
-    """A sub-command: every one has ``-o``, ``--json``, ``--verbose``, ``--debug`` and a limit of time."""
+    """A sub-command: every one has ``-o``, ``--json``, ``--verbose``, ``--debug`` and a limit of time.
+
+    :param own_timeout: its own ``--timeout`` means something else
+    :param examples: command lines without the program's name, for the end of the help
+    """
 
     forms: tuple[str, ...] = ("json", "yaml")
-    own_timeout = False
 
-    def __init__(self, *arguments: Any, own_timeout: bool = False, **attributes: Any) -> None:
+    def __init__(
+        self, *arguments: Any, own_timeout: bool = False, examples: Sequence[str] = (), **attributes: Any
+    ) -> None:
         super().__init__(*arguments, **attributes)
-        self.own_timeout = own_timeout
+        self.examples = tuple(examples)
+        if examples:
+            self.epilog = "\b\nExamples:\n" + "\n".join(f"  tovarin-nodes {line}" for line in examples)
         self.params.append(
             click.Option(
                 ["-o", "--output", "form"],

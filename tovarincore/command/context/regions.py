@@ -7,6 +7,7 @@ from typing import TYPE_CHECKING, Any
 
 import click
 
+from tovarincore.command.context.completing import completing, keep_words
 from tovarincore.command.context.invocation import Invocation
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
 
@@ -53,6 +54,7 @@ def region_and(*names: str, many: bool = False, optional: bool = False, profile:
 
     def place(context: click.Context, parameter: click.Parameter, words: tuple[str, ...]) -> None:
         if context.resilient_parsing:
+            keep_words(context, words)
             return
         given = context.meta.get(_GIVEN, ())
         if len(given) > 1:
@@ -71,9 +73,14 @@ def region_and(*names: str, many: bool = False, optional: bool = False, profile:
     metavar = " ".join(["[REGION]", *(name.upper() for name in names)]) + ("..." if many else "")
 
     def decorate(function: Callable[..., Any]) -> Callable[..., Any]:
-        function = click.argument("words", nargs=-1, metavar=metavar, callback=place, expose_value=False)(
-            function
-        )
+        function = click.argument(
+            "words",
+            nargs=-1,
+            metavar=metavar,
+            callback=place,
+            expose_value=False,
+            shell_complete=completing(names),
+        )(function)
         function = _region_option("Region, in place of the argument.")(function)
         return _profile_option(function) if profile else function
 
@@ -85,6 +92,7 @@ def regions_argument(function: Callable[..., Any]) -> Callable[..., Any]:
 
     def place(context: click.Context, parameter: click.Parameter, words: tuple[str, ...]) -> None:
         if context.resilient_parsing:
+            keep_words(context, words)
             return
         given = (*words, *context.meta.get(_GIVEN, ()))
         if context.params.pop("all_regions", False):
@@ -97,9 +105,14 @@ def regions_argument(function: Callable[..., Any]) -> Callable[..., Any]:
             context.ensure_object(Invocation).region = regions[0]
         context.params["regions"] = list(dict.fromkeys(regions))
 
-    function = click.argument("words", nargs=-1, metavar="[REGION]", callback=place, expose_value=False)(
-        function
-    )
+    function = click.argument(
+        "words",
+        nargs=-1,
+        metavar="[REGION]",
+        callback=place,
+        expose_value=False,
+        shell_complete=completing(()),
+    )(function)
     function = click.option(
         "-A", "--all-regions", is_flag=True, is_eager=True, help="All regions that can be used."
     )(function)
@@ -120,6 +133,7 @@ def _region_option(text: str) -> Decorator:
         expose_value=False,
         callback=keep,
         help=text,
+        shell_complete=completing(()),
     )
 
 

@@ -1,5 +1,6 @@
 """What ``doctor`` looks at in an Amazon region, by describing things only."""
 
+import json
 from collections.abc import Callable, Iterator
 from datetime import datetime, timezone
 from email.utils import parsedate_to_datetime
@@ -13,6 +14,7 @@ from tovarincore.command.doctor.sdk_settings import check_sdk_settings
 from tovarincore.command.doctor.security_group import check_security_group
 from tovarincore.command.doctor.verdicts import Verdict, failed, ok, skipped, warn
 from tovarincore.command.errors.advice import command_for
+from tovarincore.command.nodes.types import describe_types
 from tovarincore.core_conf import core_conf_glbl
 
 __all__ = ["check_amazon"]
@@ -163,23 +165,16 @@ def _pages(client: Any, access: Access) -> Iterator[list[Any]]:
 
 
 def _lines_to_add(client: Any, names: list[str]) -> dict[str, str]:
+    """The lines of the file of types for these names, in the form in which people write them."""
     if not names:
         return {}
     try:
-        described = client.describe_instance_types(InstanceTypes=names)["InstanceTypes"]
+        described = describe_types(client, names)
     except Exception:
         # A right that nothing else needs: without it the numbers are left to be filled in.
-        described = []
-    lines = {name: f'"{name}" = {{ cpu_count = 1, memory_mib = 1024 }}' for name in names}
-    for entry in described:
-        name = entry["InstanceType"]
-        fields = [
-            f"cpu_count = {entry['VCpuInfo']['DefaultVCpus']}",
-            f"memory_mib = {entry['MemoryInfo']['SizeInMiB']}",
-        ]
-        gpus = entry.get("GpuInfo", {}).get("Gpus", [])
-        if gpus:
-            fields.append(f"gpu_count = {sum(gpu['Count'] for gpu in gpus)}")
-            fields.append(f'gpu_model = "{gpus[0]["Manufacturer"]} {gpus[0]["Name"]}"')
-        lines[name] = f'"{name}" = {{ {", ".join(fields)} }}'
-    return lines
+        described = {}
+    sizes = {name: described.get(name, {"cpu_count": 1, "memory_mib": 1024}) for name in names}
+    return {
+        name: f'"{name}" = {{ {", ".join(f"{key} = {json.dumps(value)}" for key, value in size.items())} }}'
+        for name, size in sizes.items()
+    }

@@ -15,13 +15,17 @@ def check_settings() -> Verdict:
     """Read the configuration, the list of types and the ledger."""
     try:
         path = core_conf_glbl.path
-        known = len(CloudInstances.instance_type_list)
+        types = CloudInstances.instance_type_list
+        sized = sum(bool(known.cpu_count) for known in types)
+        date = CloudInstances.get_data_date()
         ledger = Ledger()
         launches = len(ledger.entries())
     except Exception as error:
         return failed("configuration", error)
     read = str(path) if path.exists() else f"defaults ({path} does not exist)"
-    return ok("configuration", f"{read}; {known} types, {launches} launches in {ledger.path.name}")
+    sizes = f"{sized} with sizes" + (f" of {date:%Y-%m-%d}" if date else "")
+    launched = f"{launches} launches in {ledger.path.name}"
+    return ok("configuration", f"{read}; {len(types)} types, {sizes}; {launched}")
 
 
 def check_engine() -> Verdict:

@@ -7,6 +7,7 @@ from tovarincore.cloud_def import InstanceTemplate
 from tovarincore.cloud_node import cloud_manager_glbl
 from tovarincore.command.context.access import Access
 from tovarincore.command.context.ec2_client import open_client
+from tovarincore.command.context.seen import IMAGES, remember
 from tovarincore.command.errors.explain import failure_of
 from tovarincore.core_conf import core_conf_glbl
 
@@ -33,6 +34,7 @@ def list_templates(access: Access, is_public: bool) -> tuple[list[InstanceTempla
     )
     if not result.success:
         raise failure_of(result, access.region)
+    remember(IMAGES, access.region.key, (template.name for template in templates))
     owners = pinned_owners()
     if access.region.cloud != "AWS" or not owners:
         return templates, 0

@@ -5,10 +5,10 @@ from collections.abc import Sequence
 from tovarincore.cloud_def import CloudNode, CloudRegion, NodeState
 from tovarincore.cloud_node import K8sNodeManager, cloud_manager_glbl
 from tovarincore.command.context.access import Access
+from tovarincore.command.context.seen import NODES, remember
 from tovarincore.command.errors.advice import command_for
 from tovarincore.command.errors.explain import failure_of
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
-from tovarincore.command.nodes.seen import remember_nodes
 from tovarincore.command.output.text import one_line
 
 __all__ = ["GONE", "find_node", "list_nodes", "list_own_nodes", "matching_nodes"]
@@ -38,7 +38,7 @@ def list_nodes(access: Access) -> list[CloudNode]:
         ) from error
     if nodes is None:
         raise failure_of(result, access.region)
-    remember_nodes(access.region, nodes)
+    remember(NODES, access.region.key, (name for node in nodes for name in (node.name, node.instance_id)))
     return nodes
 
 

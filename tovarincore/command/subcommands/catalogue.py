@@ -18,7 +18,7 @@ from tovarincore.command.output.listings import Listing
 __all__ = ["regions", "templates"]
 
 
-@click.command(cls=ListCommand)
+@click.command(cls=ListCommand, examples=("regions --usable", "regions --filter cloud=k8s -o name"))
 @click.option("--usable", "--configured", is_flag=True, help="Only regions that can be used as things are.")
 @pass_invocation
 def regions(invocation: Invocation, usable: bool) -> None:
@@ -36,7 +36,7 @@ def regions(invocation: Invocation, usable: bool) -> None:
     )
 
 
-@click.command(cls=ListCommand)
+@click.command(cls=ListCommand, examples=("templates us-east-1 --private --sort -created",))
 @region_and()
 @click.option("--private", is_flag=True, help="Amazon: also the images that are not public.")
 @pass_invocation

@@ -1,23 +1,24 @@
 """``configure``: what is stored for a region."""
 
-import sys
-
 import click
 
-from tovarincore._transport.masker import know_secret
 from tovarincore.cloud_conf import CloudConf, CloudConfManager
 from tovarincore.cloud_def import AWSCloudAuth, CloudRegion
 from tovarincore.command.context.access import require_user_name
 from tovarincore.command.context.invocation import Invocation, confirm, pass_invocation
 from tovarincore.command.context.options import NodesCommand, yes_option
 from tovarincore.command.context.regions import region_and
+from tovarincore.command.context.secrets import ask_secret
 from tovarincore.command.errors.advice import command_for
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
 
 __all__ = ["configure"]
 
 
-@click.command(cls=NodesCommand)
+@click.command(
+    cls=NodesCommand,
+    examples=("configure us-east-1 --user-name ada --profile work", "configure k8s:lab --worker-token"),
+)
 @region_and(profile=False)
 @click.option(
     "--user-name", help="Your name in the product; Amazon's nodes are launched and listed under it."
@@ -71,7 +72,7 @@ def configure(
             )
         conf.cloud_auth = auth or conf.cloud_auth
         conf.user_name = conf.user_name if user_name is None else user_name
-        conf.worker_token = _ask(invocation, "Worker token") if worker_token else conf.worker_token
+        conf.worker_token = ask_secret(invocation, "Worker token") if worker_token else conf.worker_token
         store.set_cloud_conf(region, conf)
         invocation.note(f"stored in {store.path}")
         stored = conf
@@ -103,27 +104,10 @@ def _read_auth(
     if key_id:
         return AWSCloudAuth(
             aws_access_key_id=key_id,
-            aws_secret_access_key=_ask(invocation, "Secret access key"),
-            aws_session_token=_ask(invocation, "Session token") if session_token else None,
+            aws_secret_access_key=ask_secret(invocation, "Secret access key"),
+            aws_session_token=ask_secret(invocation, "Session token") if session_token else None,
         )
     return AWSCloudAuth() if sdk else None
-
-
-def _ask(invocation: Invocation, what: str) -> str:
-    """Return a secret that is typed unseen, or the next line of standard input when nobody types."""
-    if sys.stdin.isatty():
-        if invocation.structured:
-            raise CommandFailure(
-                f"with -o {invocation.form} no question is asked; nothing was stored",
-                f"give the {what.lower()} on standard input",
-                ExitCode.USAGE,
-            )
-        secret = str(click.prompt(what, hide_input=True, err=True))
-    else:
-        secret = sys.stdin.readline().rstrip("\r\n")
-    if not secret:
-        raise CommandFailure(f"no {what.lower()} was given; nothing was stored", code=ExitCode.USAGE)
-    return know_secret(secret)
 
 
 def _show(invocation: Invocation, region: CloudRegion, conf: CloudConf | None) -> None:

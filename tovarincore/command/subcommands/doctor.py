@@ -26,7 +26,7 @@ _DRY_RUN_TYPE = "t3.small"
 _COLOURS = {Level.OK: "green", Level.WARN: "yellow", Level.FAIL: "red", Level.SKIPPED: "bright_black"}
 
 
-@click.command(cls=NodesCommand)
+@click.command(cls=NodesCommand, examples=("doctor", "doctor us-east-1 --launch --type t3.small"))
 @region_and(optional=True)
 @click.option(
     "--launch",

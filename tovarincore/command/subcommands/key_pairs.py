@@ -31,7 +31,7 @@ def keypair() -> None:
     """Create and delete EC2 key pairs."""
 
 
-@keypair.command(cls=NodesCommand)
+@keypair.command(cls=NodesCommand, examples=("keypair create us-east-1 ada-key --file ~/.ssh/ada-key.pem",))
 @region_and("name")
 @click.option(
     "--file",
@@ -123,7 +123,7 @@ def _offer_deletion(
     cloud_manager_glbl.delete_key_pair(access.region, access.auth, name)
 
 
-@keypair.command(cls=NodesCommand)
+@keypair.command(cls=NodesCommand, examples=("keypair delete us-east-1 ada-key",))
 @region_and("name")
 @yes_option
 @pass_invocation

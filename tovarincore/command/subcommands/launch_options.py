@@ -18,6 +18,7 @@ from tovarincore.cloud_def import (
     InstanceTemplatePayType,
 )
 from tovarincore.command.context.access import Access
+from tovarincore.command.context.completing import complete_images, complete_types
 from tovarincore.command.errors.advice import command_for
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
 from tovarincore.command.nodes.images import list_templates
@@ -35,8 +36,19 @@ _PLANS = {
     "gpu-b": (True, InstanceTemplatePayType.PLAN_B),
 }
 _OPTIONS = (
-    click.option("--type", "type_name", metavar="TYPE", help="Instance type, see the sub-command types."),
-    click.option("--template", metavar="IMAGE", help="Image by id, name or version, see templates."),
+    click.option(
+        "--type",
+        "type_name",
+        metavar="TYPE",
+        help="Instance type, see the sub-command types.",
+        shell_complete=complete_types,
+    ),
+    click.option(
+        "--template",
+        metavar="IMAGE",
+        help="Image by id, name or version, see templates.",
+        shell_complete=complete_images,
+    ),
     click.option(
         "--plan",
         type=click.Choice(list(_PLANS)),
@@ -121,10 +133,10 @@ def _find_type(access: Access, name: str | None) -> CloudInstanceTypeDef:
             f"give one with --type: {command_for(region, 'types')}",
             ExitCode.USAGE,
         )
-    known = {type_def.instance_type: type_def for type_def in types_of(access)}
-    if name in known:
-        return known[name]
-    near = nearest(name, known)
+    for known in types_of(access):
+        if known.instance_type == name:
+            return known
+    near = nearest(name, [known.instance_type for known in types_of(access)])
     raise CommandFailure(
         f'the type "{one_line(name)}" is not in the list of instance types'
         + (f'; did you mean "{near}"?' if near else ""),

@@ -32,7 +32,14 @@ __all__ = ["launch", "open_rule_note", "try_command", "try_launch"]
 _logger = logging.getLogger("tovarincore.command")
 
 
-@click.command(cls=NodesCommand)
+@click.command(
+    cls=NodesCommand,
+    examples=(
+        "launch us-east-1 --type t3.small --name trainer-1 --wait",
+        "launch local",
+        'launch k8s:lab --type k8s.small --params \'{"env": {"A": "b"}}\'',
+    ),
+)
 @region_and()
 @launch_options
 @click.option("--name", help="Name of the node.  [default: tovarin-node, with a number where it is taken]")
@@ -139,7 +146,7 @@ def _read_script(path: Path) -> str:
         ) from error
 
 
-@click.command("try", cls=NodesCommand)
+@click.command("try", cls=NodesCommand, examples=("try us-east-1 --type g4dn.xlarge --plan gpu-a",))
 @region_and()
 @launch_options
 @pass_invocation

@@ -22,7 +22,7 @@ __all__ = ["end_nodes", "reboot", "start", "stop", "terminate"]
 _logger = logging.getLogger("tovarincore.command")
 
 
-@click.command(cls=NodesCommand)
+@click.command(cls=NodesCommand, examples=("start us-east-1 trainer-1",))
 @region_and("node")
 @pass_invocation
 def start(invocation: Invocation, region: CloudRegion, node: str) -> None:
@@ -34,7 +34,7 @@ def start(invocation: Invocation, region: CloudRegion, node: str) -> None:
     _change(invocation, region, node, "starting", change)
 
 
-@click.command(cls=NodesCommand)
+@click.command(cls=NodesCommand, examples=("stop us-east-1 trainer-1",))
 @region_and("node")
 @pass_invocation
 def stop(invocation: Invocation, region: CloudRegion, node: str) -> None:
@@ -46,7 +46,7 @@ def stop(invocation: Invocation, region: CloudRegion, node: str) -> None:
     _change(invocation, region, node, "stopping", change)
 
 
-@click.command(cls=NodesCommand)
+@click.command(cls=NodesCommand, examples=("reboot us-east-1 trainer-1",))
 @region_and("node")
 @pass_invocation
 def reboot(invocation: Invocation, region: CloudRegion, node: str) -> None:
@@ -88,7 +88,7 @@ def _change(
     )
 
 
-@click.command(cls=NodesCommand)
+@click.command(cls=NodesCommand, examples=("terminate us-east-1 trainer-1 trainer-2",))
 @region_and("nodes", many=True)
 @click.option("--reason", metavar="TEXT", help="Kubernetes: kept on the pod while it ends.")
 @yes_option

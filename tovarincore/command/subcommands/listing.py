@@ -18,7 +18,15 @@ __all__ = ["list_command", "node_listing", "show"]
 _MEBIBYTE = 1024 * 1024
 
 
-@click.command("list", cls=ListCommand)
+@click.command(
+    "list",
+    cls=ListCommand,
+    examples=(
+        "list us-east-1",
+        "list -A --filter state=running --sort name -o wide",
+        "list us-east-1 --no-probe -o name",
+    ),
+)
 @regions_argument
 @click.option("--all", "everything", is_flag=True, help="Also nodes that are terminated or shutting down.")
 @click.option("--no-probe", is_flag=True, help="Do not ask the workers whether they are ready.")
@@ -31,7 +39,7 @@ def list_command(
     The workers of running ones are asked whether they are ready, up to 256 at once, and each for at most two
     seconds.
     """
-    nodes, failure = in_every_region(invocation, regions, lambda region: list_nodes(open_region(region)))
+    nodes, failure = in_every_region(invocation, regions, list_nodes)
     shown = [node for node in nodes if everything or node.state not in GONE]
     probes = {}
     if not no_probe:
@@ -39,15 +47,13 @@ def list_command(
 
         probes = probe_nodes(shown)
     hidden = len(nodes) - len(shown)
-    if hidden and invocation.structured:
-        invocation.note(_hidden_text(hidden))
     invocation.emit_list(
         node_listing(regions),
         [node_document(node, probes.get(node.instance_id)) for node in shown],
         view_of(invocation),
     )
-    if hidden and not invocation.structured:
-        invocation.note(_hidden_text(hidden))
+    if hidden:
+        invocation.note(f"{hidden} terminated or shutting down: --all shows them")
     if failure is not None:
         raise failure
 
@@ -59,11 +65,7 @@ def node_listing(regions: list[CloudRegion]) -> Listing:
     return Listing("nodes", (REGION_COLUMN, *NODE_COLUMNS), f"No nodes in {len(regions)} regions.")
 
 
-def _hidden_text(count: int) -> str:
-    return f"{count} terminated or shutting down: --all shows them"
-
-
-@click.command(cls=NodesCommand)
+@click.command(cls=NodesCommand, examples=("show us-east-1 trainer-1", "show local tovarin-worker -o json"))
 @region_and("node")
 @pass_invocation
 def show(invocation: Invocation, region: CloudRegion, node: str) -> None:

@@ -25,7 +25,7 @@ __all__ = ["orphans"]
 _COLUMNS = (*NODE_COLUMNS[:5], AGE_COLUMN, *NODE_COLUMNS[5:])
 
 
-@click.command(cls=ListCommand)
+@click.command(cls=ListCommand, examples=("orphans us-east-1", "orphans us-east-1 --end i-0123456789abcdef0"))
 @region_and()
 @click.option(
     "--end", "ended", metavar="NODE", multiple=True, help="Terminate this one of them, after asking."
@@ -58,7 +58,7 @@ def orphans(invocation: Invocation, region: CloudRegion, ended: tuple[str, ...],
         ],
         view_of(invocation),
     )
-    if count and not invocation.structured:
+    if count:
         invocation.note(f"end one with: {command_for(region, 'orphans', '--end', 'NODE')}")
 
 

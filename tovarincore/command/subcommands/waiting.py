@@ -7,7 +7,7 @@ from typing import TYPE_CHECKING, Any
 import click
 
 from tovarincore._transport.masker import mask
-from tovarincore.cloud_def import CloudNode, CloudRegion
+from tovarincore.cloud_def import CloudRegion
 from tovarincore.command.context.access import open_region
 from tovarincore.command.context.invocation import Invocation, pass_invocation
 from tovarincore.command.context.options import ListCommand, NodesCommand, view_of
@@ -35,7 +35,7 @@ FLOOR_SECONDS = 5.0
 _MAY_PASS = (ExitCode.UNREACHABLE, ExitCode.BUSY)
 
 
-@click.command(cls=NodesCommand, own_timeout=True)
+@click.command(cls=NodesCommand, own_timeout=True, examples=("wait us-east-1 trainer-1 --timeout 300",))
 @region_and("node")
 @click.option(
     "--timeout",
@@ -51,7 +51,7 @@ def wait(invocation: Invocation, region: CloudRegion, node: str, timeout: float)
     invocation.emit("node", node_document(found, probe), lambda: invocation.say(f"{found.name} is ready"))
 
 
-@click.command(cls=ListCommand)
+@click.command(cls=ListCommand, examples=("watch us-east-1 --every 30", "watch -A --json --count 3"))
 @regions_argument
 @click.option(
     "--every",
@@ -122,11 +122,7 @@ class _Display:
 
     def refresh(self) -> list[dict[str, Any]]:
         """Return the nodes as documents."""
-
-        def look(region: CloudRegion) -> list[CloudNode]:
-            return list_nodes(open_region(region))
-
-        nodes, failure = in_every_region(self._invocation, self._regions, look)
+        nodes, failure = in_every_region(self._invocation, self._regions, list_nodes)
         if failure is not None and not nodes:
             raise failure
         nodes = [node for node in nodes if self._everything or node.state not in GONE]
