@@ -81,9 +81,15 @@ wheel: setup ## builds and tries a wheel for each CPython 3.10 to 3.13 on this m
 	@scripts/wheels
 
 .PHONY: test-kubernetes
-test-kubernetes: build ## runs the Kubernetes tests against a real kube-apiserver, built at the first time
+test-kubernetes: build ## runs the Kubernetes tests on a real kube-apiserver, or on your cluster (KUBECONFIG=path)
+# Only when it is said on the command line: the variable of a shell may lead to a cluster that is in use.
+ifeq ($(origin KUBECONFIG),command line)
+	@TOVARIN_TEST_KUBECONFIG=$(abspath $(KUBECONFIG)) \
+		$(python) -X dev -W error -m pytest tests/flows/test_kubernetes.py -k own $(ARGS)
+else
 	@program=$$(scripts/build_kube_apiserver) && TOVARIN_KUBE_APISERVER=$$program \
 		$(python) -X dev -W error -m pytest tests/flows/test_kubernetes.py $(ARGS)
+endif
 
 .PHONY: worker-timeouts
 worker-timeouts: build ## shows how each way a worker can fail is reported, and after how long

@@ -10,11 +10,13 @@ from pathlib import Path
 from typing import Any
 
 import msgspec
-import yaml  # type: ignore[import-untyped]
+import yaml
 from lightkube import ApiError, Client, KubeConfig
 from lightkube.codecs import load_all_yaml
+from lightkube.models.authentication_v1 import TokenRequestSpec
 from lightkube.models.core_v1 import ObjectReference, ResourceQuotaSpec
 from lightkube.models.meta_v1 import ObjectMeta
+from lightkube.models.rbac_v1 import Subject
 from lightkube.resources.core_v1 import (
     ConfigMap,
     Namespace,
@@ -24,10 +26,13 @@ from lightkube.resources.core_v1 import (
     ResourceQuota,
     ResourceQuotaStatus,
     Secret,
+    ServiceAccount,
+    ServiceAccountToken,
 )
 from lightkube.types import PatchType
 
-from stage.kube_api import ADMIN_TOKEN, MANAGER_TOKEN, KubeApi
+from stage.kube_api import ADMIN_TOKEN, MANAGER_TOKEN, POWERLESS_TOKEN, KubeApi
+from stage.kube_own import KubeOwn
 from stage.kube_real import KubeReal
 from stage.settings import settings_of
 from tovarincore.cloud_def import (
@@ -45,26 +50,39 @@ from tovarincore.k8s_console_client import K8sConsoleClient
 _DOCUMENT = Path(__file__).parents[1] / "docs" / "kubernetes.md"
 
 
+KubeServer = KubeApi | KubeReal | KubeOwn
+
+
 class KubeWorld:
     """One test's namespace on a server, the region record for it, and an administrator's eyes and hands."""
 
-    def __init__(self, server: KubeApi | KubeReal, folder: Path) -> None:
+    def __init__(self, server: KubeServer, folder: Path) -> None:
         self.server = server
-        self.namespace = f"test-{uuid.uuid4().hex[:8]}"
+        self.namespace = f"tovarin-test-{uuid.uuid4().hex[:8]}"
         self.kubeconfig = folder / "kubeconfig"
+        self.manager_token, self.powerless_token = MANAGER_TOKEN, POWERLESS_TOKEN
+        self.powerless_user = "powerless"
+        self.additional_params: str | None = None
+        if isinstance(server, KubeOwn):
+            # No machine has it, so that scheduler and kubelets leave the tests' pods alone.
+            self.additional_params = '{"node_selector": {"tovarincore/tests": "nowhere"}}'
         self.write_kubeconfig(MANAGER_TOKEN)
         self.region = K8sRegion(
             name=self.namespace, namespace=self.namespace, kubeconfig=str(self.kubeconfig)
         )
         self.client = K8sConsoleClient(self.region)
         self.small = CloudInstanceTypeDef("k8s.small", 1, 2048)
-        self.admin = Client(
-            KubeConfig.from_dict(self.config_of(ADMIN_TOKEN)), namespace=self.namespace, trust_env=False
+        config = (
+            server.admin if isinstance(server, KubeOwn) else KubeConfig.from_dict(self.config_of(ADMIN_TOKEN))
         )
+        self.admin = Client(config, namespace=self.namespace, trust_env=False)
 
     def config_of(self, token: str, **cluster: str) -> dict[str, Any]:
         """The content of a kubeconfig for this server; `cluster` replaces fields of its cluster."""
-        fields = {"server": self.server.url, "certificate-authority": str(self.server.authority)}
+        if isinstance(self.server, KubeOwn):
+            fields = self.server.cluster
+        else:
+            fields = {"server": self.server.url, "certificate-authority": str(self.server.authority)}
         return {
             "current-context": "here",
             "contexts": [{"name": "here", "context": {"cluster": "here", "user": "me"}}],
@@ -179,19 +197,42 @@ class KubeWorld:
 
 @contextmanager
 def kube_world(
-    server: KubeApi | KubeReal, folder: Path, sections: Mapping[str, Mapping[str, Any]]
+    server: KubeServer, folder: Path, sections: Mapping[str, Mapping[str, Any]]
 ) -> Iterator[KubeWorld]:
     """Give a test a namespace where the manager has the documented rights, and settings of its own."""
     world = KubeWorld(server, folder)
     with settings_of(folder, sections), world.admin:
         world.admin.create(Namespace(metadata=ObjectMeta(name=world.namespace)))
-        if isinstance(server, KubeReal):
-            for rights in documented_rights(world.namespace):
-                world.admin.create(rights)
-        yield world
-        if isinstance(server, KubeReal):
-            with suppress(ApiError):
-                world.admin.delete(Namespace, world.namespace)
+        try:
+            if not isinstance(server, KubeApi):
+                rights = documented_rights(world.namespace)
+                if isinstance(server, KubeOwn):
+                    rights[1].subjects = [Subject(kind="ServiceAccount", name="manager")]
+                    _make_accounts(world)
+                for right in rights:
+                    world.admin.create(right)
+            yield world
+        finally:
+            if not isinstance(server, KubeApi):
+                with suppress(ApiError):
+                    world.admin.delete(Namespace, world.namespace)
+
+
+def _make_accounts(world: KubeWorld) -> None:
+    """Make accounts in the namespace, since a user's cluster knows no users of the tests."""
+    tokens = {}
+    # Pods wait for the first, which a controller makes otherwise.
+    for name in ("default", "manager", "powerless"):
+        with suppress(ApiError):
+            world.admin.create(ServiceAccount(metadata=ObjectMeta(name=name)))
+        request = ServiceAccountToken(
+            metadata=ObjectMeta(name=name), spec=TokenRequestSpec(audiences=[], expirationSeconds=3600)
+        )
+        answer = world.admin.create(request, name)
+        tokens[name] = (answer.status.token if answer.status else None) or ""
+    world.manager_token, world.powerless_token = tokens["manager"], tokens["powerless"]
+    world.powerless_user = f"system:serviceaccount:{world.namespace}:powerless"
+    world.write_kubeconfig(world.manager_token)
 
 
 def documented_rights(namespace: str) -> list[Any]:

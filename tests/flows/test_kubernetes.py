@@ -1,6 +1,7 @@
 """The facade's Kubernetes regions, end to end, on an API server inside the process and on a real one.
 
-`make test-kubernetes` gives the real one: its path stands in TOVARIN_KUBE_APISERVER.
+`make test-kubernetes` gives the real one: its path stands in TOVARIN_KUBE_APISERVER. With KUBECONFIG=path it
+gives a cluster of the user's own instead: that path stands in TOVARIN_TEST_KUBECONFIG.
 """
 
 from __future__ import annotations
@@ -17,30 +18,37 @@ from lightkube.models.core_v1 import Container, PodSpec
 from lightkube.models.meta_v1 import ObjectMeta
 from lightkube.resources.core_v1 import Namespace, Pod, Secret
 
-from stage.kube_api import MANAGER_TOKEN, POWERLESS_TOKEN, KubeApi
+from stage.kube_api import KubeApi
+from stage.kube_own import KubeOwn
 from stage.kube_real import KubeReal
-from stage.kube_world import KubeWorld, kube_world
+from stage.kube_world import KubeServer, KubeWorld, kube_world
 from tovarincore.cloud_def import CloudNode, GpuPlanA, NodeState
 from tovarincore.cloud_node import cloud_manager_glbl
 from tovarincore.core_conf import core_conf_glbl
 from tovarincore.core_def import OPResult, OPResultErrorCode
 from tovarincore.testing.reference_worker import ReferenceWorker
 
-OPERATION_SECONDS = 3.0
+OWN = os.environ.get("TOVARIN_TEST_KUBECONFIG", "")
+# A cluster may be far away.
+OPERATION_SECONDS = 20.0 if OWN else 3.0
 PROGRAM = os.environ.get("TOVARIN_KUBE_APISERVER", "")
+OF_THE_USER = pytest.param(
+    "own", marks=pytest.mark.skipif(not OWN, reason="needs a cluster: make test-kubernetes KUBECONFIG=path")
+)
 REAL = pytest.param(
     "real", marks=pytest.mark.skipif(not PROGRAM, reason="needs a real API server: run make test-kubernetes")
 )
 
 
-@pytest.fixture(scope="module", params=["fake", REAL])
-def server(
-    request: pytest.FixtureRequest, tmp_path_factory: pytest.TempPathFactory
-) -> Iterator[KubeApi | KubeReal]:
+@pytest.fixture(scope="module", params=["fake", REAL, OF_THE_USER])
+def server(request: pytest.FixtureRequest, tmp_path_factory: pytest.TempPathFactory) -> Iterator[KubeServer]:
     """An API server for all tests of this file."""
     folder = tmp_path_factory.mktemp("kube")
-    opened: AbstractContextManager[KubeApi | KubeReal]
-    opened = KubeApi(folder) if request.param == "fake" else KubeReal(Path(PROGRAM), folder)
+    opened: AbstractContextManager[KubeServer]
+    if request.param == "own":
+        opened = KubeOwn(Path(OWN).expanduser())
+    else:
+        opened = KubeApi(folder) if request.param == "fake" else KubeReal(Path(PROGRAM), folder)
     with opened as running:
         yield running
 
@@ -53,7 +61,7 @@ def worker() -> Iterator[ReferenceWorker]:
 
 
 @pytest.fixture
-def world(server: KubeApi | KubeReal, worker: ReferenceWorker, tmp_path: Path) -> Iterator[KubeWorld]:
+def world(server: KubeServer, worker: ReferenceWorker, tmp_path: Path) -> Iterator[KubeWorld]:
     """A fresh namespace; the node "cold-1" is reached over a forwarded port."""
     sections: dict[str, dict[str, object]] = {
         "kubernetes": {"operation_seconds": OPERATION_SECONDS, "page_size": 10},
@@ -66,7 +74,7 @@ def world(server: KubeApi | KubeReal, worker: ReferenceWorker, tmp_path: Path) -
 def launch(world: KubeWorld, **changes: object) -> tuple[CloudNode | None, OPResult]:
     """Launch through the facade."""
     result: tuple[CloudNode | None, OPResult] = cloud_manager_glbl.launch_node(
-        world.region, None, world.small, world.config(**changes)
+        world.region, None, world.small, world.config(**changes), additional_params=world.additional_params
     )
     return result
 
@@ -119,7 +127,7 @@ def test_a_node_lives_from_its_launch_to_its_end(world: KubeWorld) -> None:
 
 
 def test_a_worker_is_reached_at_its_pods_address(
-    server: KubeApi | KubeReal, worker: ReferenceWorker, tmp_path: Path
+    server: KubeServer, worker: ReferenceWorker, tmp_path: Path
 ) -> None:
     """Without a forwarded port the worker is looked for at the pod's address and `worker_port`."""
     with kube_world(server, tmp_path, {"kubernetes": {"worker_port": worker.port}}) as world:
@@ -204,7 +212,7 @@ def test_terminating_twice_succeeds_twice(world: KubeWorld) -> None:
 def test_missing_rights_come_back_in_the_servers_words(world: KubeWorld) -> None:
     """403: every operation reports it with the server's message, and nothing is created."""
     node = launched(world)
-    world.write_kubeconfig(POWERLESS_TOKEN)
+    world.write_kubeconfig(world.powerless_token)
     failed, result = launch(world)
     listed, listing = cloud_manager_glbl.list_instances(world.region)
     templates, catalogue = cloud_manager_glbl.list_current_instance_templates(world.region)
@@ -212,7 +220,7 @@ def test_missing_rights_come_back_in_the_servers_words(world: KubeWorld) -> None
     assert (failed, listed, templates) == (None, None, [])
     for refused in (result, listing, catalogue, ended):
         assert refused.error_code is OPResultErrorCode.UNAUTHORIZED_OPERATION
-        assert 'User "powerless" cannot' in (refused.msg or "")
+        assert f'User "{world.powerless_user}" cannot' in (refused.msg or "")
     assert len(world.pods()) == len(world.secret_names()) == 1
 
 
@@ -263,8 +271,10 @@ def test_a_used_up_quota_is_told(world: KubeWorld) -> None:
     assert world.is_empty()
 
 
-def test_a_restarted_server_is_found_again(world: KubeWorld, server: KubeApi | KubeReal) -> None:
+def test_a_restarted_server_is_found_again(world: KubeWorld, server: KubeServer) -> None:
     """While the server is away calls fail at once and the registry stays; afterwards everything is there."""
+    if isinstance(server, KubeOwn):
+        pytest.skip("stops the server, which a user's cluster is spared")
     node = launched(world)
     assert refresh(world) == [("cold-1", NodeState.STARTING, False)]
     server.stop()
@@ -296,14 +306,14 @@ def test_a_renewed_token_is_taken_up(world: KubeWorld) -> None:
         assert refused.error_code is OPResultErrorCode.UNAUTHENTICATED
         assert "renew" in (refused.msg or "")
         assert "expired-token" not in repr(refused)
-    world.write_kubeconfig(MANAGER_TOKEN)
+    world.write_kubeconfig(world.manager_token)
     assert refresh(world) == [("cold-1", NodeState.STARTING, False)]
 
 
-def test_a_server_that_does_not_answer_costs_the_time_limit(
-    world: KubeWorld, server: KubeApi | KubeReal
-) -> None:
+def test_a_server_that_does_not_answer_costs_the_time_limit(world: KubeWorld, server: KubeServer) -> None:
     """Every operation on a stuck server ends in time; the registry stays and nothing is left behind."""
+    if isinstance(server, KubeOwn):
+        pytest.skip("halts the server, which a user's cluster is spared")
     node = launched(world)
     refresh(world)
     server.pause()

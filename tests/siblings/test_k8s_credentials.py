@@ -7,7 +7,7 @@ from pathlib import Path
 from typing import Any
 
 import pytest
-import yaml  # type: ignore[import-untyped]
+import yaml
 
 from stage.certificates import make_server_certificate
 from stage.kube_api import MANAGER_TOKEN, Fault, KubeApi

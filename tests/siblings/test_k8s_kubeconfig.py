@@ -9,7 +9,7 @@ from pathlib import Path
 from typing import Any
 
 import pytest
-import yaml  # type: ignore[import-untyped]
+import yaml
 
 from stage.kube_api import MANAGER_TOKEN, KubeApi
 from stage.kube_world import KubeWorld

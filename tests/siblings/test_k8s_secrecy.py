@@ -14,7 +14,7 @@ from pathlib import Path
 from typing import Any
 
 import pytest
-import yaml  # type: ignore[import-untyped]
+import yaml
 
 from stage.kube_api import MANAGER_TOKEN, Fault, KubeApi
 from stage.kube_store import Refusal

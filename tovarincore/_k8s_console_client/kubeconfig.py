@@ -8,7 +8,7 @@ from pathlib import Path
 from typing import TypeVar
 
 import msgspec
-import yaml  # type: ignore[import-untyped]
+import yaml
 
 from tovarincore._k8s_console_client.files import read_small_file
 from tovarincore._transport.deadline import Deadline
@@ -120,12 +120,12 @@ def _entry(content: dict[object, object], kind: str, name: object, type_: type[T
 
 def _load(data: bytes, deadline: Deadline) -> object:
     # The loader in C is several times as fast and crashes on deep nesting.
-    class Loader(yaml.SafeLoader):  # type: ignore[misc]
-        def compose_node(self, parent: object, index: object) -> object:
+    class Loader(yaml.SafeLoader):
+        def compose_node(self, parent: yaml.Node | None, index: int) -> yaml.Node | None:
             deadline.remaining()
             return super().compose_node(parent, index)
 
-        def flatten_mapping(self, node: object) -> None:
+        def flatten_mapping(self, node: yaml.MappingNode) -> None:
             """Leave the key ``<<`` as it is, which is then refused: merges within merges fill the memory."""
 
     try:
