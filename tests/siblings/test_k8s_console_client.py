@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 import subprocess
 import sys
 import threading
@@ -81,3 +82,25 @@ def test_a_namespace_that_cannot_be_is_refused(kube: KubeWorld, kube_api: KubeAp
     assert nodes is None
     assert "'a/../b' cannot be the name of a namespace" in (result.msg or "")
     assert kube_api.requests == []
+
+
+def test_threads_that_are_the_first_to_use_the_client_do_no_harm(kube: KubeWorld) -> None:
+    """In a fresh process many threads list at the same moment: none of them ends it."""
+    kube.launched()
+    script = (
+        "import sys, threading\n"
+        "from tovarincore.cloud_def import K8sRegion\n"
+        "from tovarincore.k8s_console_client import K8sConsoleClient\n"
+        "client = K8sConsoleClient(K8sRegion('r', namespace=sys.argv[1], kubeconfig=sys.argv[2]))\n"
+        "barrier, found = threading.Barrier(8), []\n"
+        "def work():\n"
+        "    barrier.wait()\n"
+        "    found.append(client.get_cloud_nodes())\n"
+        "threads = [threading.Thread(target=work) for _ in range(8)]\n"
+        "[thread.start() for thread in threads]\n"
+        "[thread.join() for thread in threads]\n"
+        "assert [len(nodes or []) for nodes, _ in found] == [1] * 8, found\n"
+    )
+    arguments = [sys.executable, "-c", script, kube.namespace, str(kube.kubeconfig)]
+    environment = {**os.environ, "TOVARIN_KUBERNETES__OPERATION_SECONDS": "60"}
+    subprocess.run(arguments, check=True, env=environment, timeout=120)

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import gzip
 import socket
 import threading
 import time
@@ -171,3 +172,20 @@ def test_the_reserve_is_only_for_tidying_up() -> None:
         deadline.remaining()
     deadline.release_reserve()
     assert 9 < deadline.remaining() <= 10
+
+
+@pytest.mark.parametrize("length", ["Content-Length: %d", "Connection: close"], ids=["length", "to the end"])
+def test_a_compressed_answer_is_bounded_after_inflation(length: str) -> None:
+    """A megabyte of gzip can stand for a gigabyte: it is given up early, in time and in little memory."""
+    packed = gzip.compress(bytes(400_000_000), 6)
+    head = (
+        "HTTP/1.1 200 OK\r\nContent-Encoding: gzip\r\n" + length.replace("%d", str(len(packed))) + "\r\n\r\n"
+    )
+
+    def behave(connection: socket.socket) -> None:
+        connection.recv(65536)
+        connection.sendall(head.encode() + packed)
+
+    with peer(behave) as port, pytest.raises(KubernetesError, match="longer than 134217728 bytes") as caught:
+        request(f"http://127.0.0.1:{port}/", seconds=20)
+    assert caught.value.error_code is OPResultErrorCode.PROTOCOL_ERROR
