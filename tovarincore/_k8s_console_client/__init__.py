@@ -1,5 +1,4 @@
 """Work on a Kubernetes cluster, one file per subject; ``tovarincore.k8s_console_client`` publishes it.
 
-Everything here but ``errors`` and ``deadline`` needs the package ``lightkube``, so the client imports it
-when it is first used.
+The packages of the extra ``kubernetes`` are needed here: all but ``errors`` is imported at the first call.
 """
