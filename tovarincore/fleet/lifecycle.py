@@ -178,7 +178,13 @@ def _act(
     with ExitStack() as stack:
         if any(node.region.cloud == "AWS" for node in wanted):
             stack.enter_context(service_descriptions_shared())
-        outcomes = work_through(wanted, act, at_once, cancel, on_outcome)
+        if len(wanted) == 1:
+            # On the caller's thread: an interrupt need not wait for the answer.
+            outcomes = [act(wanted[0])]
+            if on_outcome is not None:
+                on_outcome(outcomes[0])
+        else:
+            outcomes = work_through(wanted, act, at_once, cancel, on_outcome)
     return ActionReport(
         [outcome for outcome in outcomes if not isinstance(outcome, NotDone)],
         [outcome for outcome in outcomes if isinstance(outcome, NotDone)],

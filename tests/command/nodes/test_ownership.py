@@ -68,7 +68,7 @@ def test_a_node_in_a_listing_that_bears_another_name_is_left_alone(
         nodes[0].instance_id, nodes[0].name = theirs, "cold-1"
         return nodes
 
-    monkeypatch.setattr("tovarincore.command.subcommands.lifecycle.list_nodes", list_everything)
+    monkeypatch.setattr("tovarincore.command.nodes.selection.list_nodes", list_everything)
     options = ["--yes"] if command == "terminate" else []
     result = run(command, "us-east-1", "cold-1", *options)
     assert result.exit_code == 6

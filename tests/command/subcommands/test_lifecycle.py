@@ -7,7 +7,6 @@ import signal
 import subprocess
 import time
 from collections.abc import Callable
-from types import SimpleNamespace
 from typing import Any
 
 import pytest
@@ -15,7 +14,7 @@ import pytest
 from stage.ec2 import Ec2World
 from stage.fault import Answer, ec2_error
 from tests.command.conftest import Run, finish, start_command
-from tovarincore.command.subcommands import lifecycle
+from tovarincore.cloud_node import cloud_manager_glbl
 
 
 def state(ec2: Ec2World, instance_id: str) -> str:
@@ -124,8 +123,7 @@ def test_what_is_cut_short_says_what_may_have_happened(
 ) -> None:
     """The request was on its way: its end is not known, and how to find out is said."""
     instance_id = ec2.run_instance("cold-1")
-    facade = SimpleNamespace(stop_node=lambda *arguments: signal.raise_signal(number))
-    monkeypatch.setattr(lifecycle, "cloud_manager_glbl", facade)
+    monkeypatch.setattr(cloud_manager_glbl, "stop_node", lambda *arguments: signal.raise_signal(number))
     result = run("stop", "us-east-1", "cold-1", "--timeout", "60")
     assert (result.exit_code, result.stdout) == (code, "")
     assert result.stderr.splitlines() == [

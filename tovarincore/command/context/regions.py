@@ -41,13 +41,16 @@ def find_region(text: str) -> CloudRegion:
     return region
 
 
-def region_and(*names: str, many: bool = False, optional: bool = False, profile: bool = True) -> Decorator:
+def region_and(
+    *names: str, many: bool = False, none: bool = False, optional: bool = False, profile: bool = True
+) -> Decorator:
     """Return the decorator for ``[REGION] NAME ...``: the function gets ``region`` and each name.
 
     The region comes first, or by ``-r``, or from the setting ``[command] region``.
 
     :param names: the parameters that follow the region
     :param many: the last name may stand any number of times, and its parameter is a tuple
+    :param none: the last name may be left out, where it may stand any number of times
     :param optional: without a region the function gets ``None``; the setting is not asked then
     :param profile: add ``--profile``
     """
@@ -59,7 +62,7 @@ def region_and(*names: str, many: bool = False, optional: bool = False, profile:
         given = context.meta.get(_GIVEN, ())
         if len(given) > 1:
             raise click.UsageError("This command works in one region: give -r once.", context)
-        least, most = len(names), None if many else len(names)
+        least, most = len(names) - none, None if many else len(names)
         region, rest = _split(given, words, least, most, optional, context)
         if len(rest) < least:
             raise click.UsageError(f"Missing argument '{names[len(rest)].upper()}'.", context)
@@ -68,7 +71,8 @@ def region_and(*names: str, many: bool = False, optional: bool = False, profile:
         context.ensure_object(Invocation).region = region
         context.params["region"] = region
         for index, name in enumerate(names):
-            context.params[name] = tuple(rest[index:]) if many and index == least - 1 else rest[index]
+            last = many and index == len(names) - 1
+            context.params[name] = tuple(rest[index:]) if last else rest[index]
 
     metavar = " ".join(["[REGION]", *(name.upper() for name in names)]) + ("..." if many else "")
 

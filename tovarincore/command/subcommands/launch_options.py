@@ -26,7 +26,7 @@ from tovarincore.command.nodes.types import types_of
 from tovarincore.command.nodes.user_data import require_fitting_user_data
 from tovarincore.command.output.text import one_line
 
-__all__ = ["LaunchRequest", "build_request", "launch_options", "network_missing"]
+__all__ = ["LaunchRequest", "build_request", "find_type", "launch_options", "network_missing"]
 
 # Whether the image is for machines with graphics processors, and how its use is paid for.
 _PLANS = {
@@ -99,7 +99,7 @@ def build_request(
 
     :raises CommandFailure: no such type or template, or a file that is not JSON
     """
-    type_def = _find_type(access, type_name)
+    type_def = find_type(access, type_name)
     launch_settings = _read_settings(settings)
     if access.region.cloud == "AWS":
         require_fitting_user_data(launch_settings)
@@ -123,7 +123,11 @@ def network_missing(region: CloudRegion) -> CommandFailure:
     )
 
 
-def _find_type(access: Access, name: str | None) -> CloudInstanceTypeDef:
+def find_type(access: Access, name: str | None) -> CloudInstanceTypeDef:
+    """Return the type of a name.
+
+    :raises CommandFailure: there is no such type, or one has to be given
+    """
     region = access.region
     if region.cloud == "local":
         return CloudInstances.get_default_local_instance_type()

@@ -21,9 +21,11 @@ from tovarincore.command.output.documents import node_document
 from tovarincore.command.subcommands.launch_options import (
     LaunchRequest,
     build_request,
+    find_type,
     launch_options,
     network_missing,
 )
+from tovarincore.command.subcommands.several import launch_several
 from tovarincore.core_conf import ConfigError, core_conf_glbl
 from tovarincore.fleet.ledger import Ledger
 
@@ -54,6 +56,18 @@ _logger = logging.getLogger("tovarincore.command")
     metavar="JSON",
     help="Kubernetes: JSON object with node_selector, tolerations, env and more, see docs/kubernetes.md.",
 )
+@click.option("--count", type=click.IntRange(1, 1000), help="So many, with {} in the name for the number.")
+@click.option(
+    "--at-once",
+    type=click.IntRange(1, 64),
+    default=8,
+    show_default=True,
+    help="Of several, how many launches are under way at the same time.",
+)
+@click.option("--if-absent", is_flag=True, help="Leave out names that one of your living nodes has.")
+@click.option(
+    "--or-type", "other_types", metavar="TYPE", multiple=True, help="Type to try when there is no capacity."
+)
 @click.option("--wait", is_flag=True, help="Wait until the worker answers, as the sub-command wait does.")
 @pass_invocation
 def launch(
@@ -64,10 +78,14 @@ def launch(
     same_name: bool,
     startup_script: Path | None,
     params: str | None,
+    count: int | None,
+    at_once: int,
+    if_absent: bool,
+    other_types: tuple[str, ...],
     wait: bool,
     **options: Any,
 ) -> None:
-    """Launch a node under your user name and note it in the ledger.
+    """Launch a node, or several, under your user name and note them in the ledger.
 
     On Amazon this first creates the security group tovarin-security-group, or completes its rules, which open
     the worker's port to every address. A local container and pods in Kubernetes have no disk or key pair:
@@ -80,6 +98,26 @@ def launch(
             ExitCode.USAGE,
         )
     access = open_region(region)
+    if count is not None or if_absent or other_types:
+        if wait:
+            raise CommandFailure(
+                "--wait is for one node", "wait for several with the sub-command wait", ExitCode.USAGE
+            )
+        several = build_request(access, name=name or "tovarin-node", **options)
+        if region.cloud == "AWS":
+            invocation.note(open_rule_note("a launch"))
+        launch_several(
+            invocation,
+            access,
+            several,
+            count or 1,
+            at_once,
+            if_absent,
+            [find_type(access, other) for other in other_types],
+            additional_params=params,
+            startup_script=None if startup_script is None else _read_script(startup_script),
+        )
+        return
     request = build_request(
         access, name=choose_name(invocation, access, name, allow_same=same_name), **options
     )
