@@ -14,17 +14,13 @@ Object candidate_like(Handle list, Handle element)
 
 Object not_false(Handle list) { return number(static_cast<long>(first_not_false(list, "ready"_s))); }
 
-// The elements that have a turn, and those that are put aside (after a turn of `last`, the rest is), and the variable
-// at the end.
-Object candidates(Handle iterable, Handle text, Handle last)
+// The elements that have a turn, those that are put aside, and the variable at the end.
+Object candidates(Handle iterable, Handle text)
 {
     Object turns = list({}), others = list({}), element = none();
     Candidates walk(iterable, "node"_s, "name"_s, text, others);
-    while (walk.next(element)) {
+    while (walk.next(element))
         append(turns, element);
-        if (element.is(last))
-            walk.put_rest_aside(element);
-    }
     return tuple({turns, others, element});
 }
 

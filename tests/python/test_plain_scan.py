@@ -107,8 +107,8 @@ def test_false_is_passed_over_and_everything_else_is_not() -> None:
         assert layer.not_false(records) == 2
 
 
-def turns(clients: Any, name: Any, last: Any = None) -> tuple[list[Any], list[Any]]:
-    had_turns, others, variable = layer.candidates(clients, name, last)
+def turns(clients: Any, name: Any) -> tuple[list[Any], list[Any]]:
+    had_turns, others, variable = layer.candidates(clients, name)
     if isinstance(clients, list):
         assert variable is (clients[-1] if clients else None)  # as after Python's loop
     return had_turns, others
@@ -123,12 +123,3 @@ def test_elements_are_either_a_turn_or_put_aside_in_order() -> None:
     assert all(client in had_turns for client in clients if client.node.name in ("a", "d"))
     assert others == sorted(others, key=clients.index)
     assert turns(tuple(clients), "a") == (clients, [])
-
-
-def test_the_rest_is_put_aside_on_demand() -> None:
-    """After the one that was found, without a look at the others."""
-    clients = [Client(name) for name in ["b", "a", "a", "b"]]
-    for iterable in (clients, iter(clients)):
-        had_turns, others = turns(iterable, "a", clients[1])
-        assert had_turns[-1] is clients[1]
-        assert others[-2:] == clients[2:]

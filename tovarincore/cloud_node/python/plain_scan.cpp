@@ -164,15 +164,6 @@ void Candidates::put_aside(Py_ssize_t end, Object& variable)
     index_ = end;
 }
 
-void Candidates::put_rest_aside(Object& variable)
-{
-    if (list_)
-        put_aside(PyList_GET_SIZE(list_.ptr()), variable);
-    else
-        while (next(variable))
-            append(others_, variable, where_);
-}
-
 bool Candidates::next(Object& variable)
 {
     if (!list_)

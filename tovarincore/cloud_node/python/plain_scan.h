@@ -24,9 +24,6 @@ public:
     // As Each::next(); at the end the variable is the last of all elements, as in the loop that this stands for.
     bool next(Object& variable);
 
-    // The elements that are left go to `others`, and the loop ends.
-    void put_rest_aside(Object& variable);
-
 private:
     void put_aside(Py_ssize_t end, Object& variable);
     Object slice(Py_ssize_t end) const;
