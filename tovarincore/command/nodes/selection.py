@@ -129,6 +129,6 @@ def _idle(invocation: Invocation, access: Access, nodes: list[CloudNode], since:
         minutes = int(LONGEST_GAP.total_seconds() // 60)
         invocation.note(
             "no idle node has been looked at for that long, with a look at least every"
-            f" {minutes} minutes: let {command_for(access.region, 'watch')} run meanwhile"
+            f" {minutes} minutes: repeat {command_for(access.region, 'stop', '--idle', '0s', '--dry-run')}"
         )
     return found
