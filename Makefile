@@ -20,7 +20,7 @@ setup: ## makes .venv with a working CPython and the pinned packages
 # The demo needs neither the tests' packages nor their extension, which is nearly half of what there is to compile;
 # who has built that extension gets it with each build from then on, so that it is never an old one.
 .PHONY: setup-demo
-setup-demo:
+setup-demo: ## makes .venv with no more packages than the demo needs
 	@scripts/setup --demo
 
 .PHONY: build
@@ -28,7 +28,7 @@ build: setup ## builds the module in place (PRESET=dev turns C++ assertions on)
 	@scripts/build $(if $(wildcard tests/python/_object_layer.*.so),--tests) $(PRESET)
 
 .PHONY: build-tests
-build-tests: setup
+build-tests: setup ## builds the extension that only tests import, too
 	@scripts/build --tests $(PRESET)
 
 .PHONY: test
@@ -43,6 +43,22 @@ demo: setup-demo ## works through a node's life on an EC2 endpoint of its own (A
 .PHONY: test-all
 test-all: ## builds and tests with each CPython 3.10 to 3.13 on this machine
 	@scripts/test_all $(ARGS)
+
+.PHONY: test-lowest
+test-lowest: build ## runs the siblings' tests on the lowest versions of all dependencies that are allowed
+	@scripts/test_lowest $(ARGS)
+
+.PHONY: coverage
+coverage: setup ## runs the tests and says how many lines of package and extension they reach
+	@scripts/coverage $(ARGS)
+
+.PHONY: fuzz
+fuzz: build ## searches every parser of outside bytes for inputs that break it (SECONDS=60 for each)
+	@TOVARIN_FUZZ_SECONDS=$(or $(SECONDS),60) $(python) -X dev -W error -m pytest -n auto tests/fuzz $(ARGS)
+
+.PHONY: lock
+lock: setup ## pins what requirements/ brings along, with hashes (ARGS=--upgrade for the newest versions)
+	@scripts/lock $(ARGS)
 
 .PHONY: lint
 lint: build ## checks formatting, clang-tidy, ruff and types
@@ -94,6 +110,16 @@ endif
 .PHONY: worker-timeouts
 worker-timeouts: build ## shows how each way a worker can fail is reported, and after how long
 	@$(python) -m stage.worker_timeouts $(ARGS)
+
+.PHONY: release
+release: setup ## checks tag, changes and wheels of a release (VERSION=1.2.3)
+	@scripts/release "$(VERSION)"
+
+.PHONY: hooks
+hooks: setup ## lets git run the quick part of `make lint` on each commit
+	@scripts/extra hooks
+	@scripts/extra cpp-lint
+	@.venv/bin/pre-commit install
 
 .PHONY: clean
 clean: ## removes what was built; environments stay (rm -rf .venv*)

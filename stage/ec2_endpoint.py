@@ -13,6 +13,7 @@ import boto3
 from botocore.config import Config
 from werkzeug.serving import make_server
 
+from stage.patience import SETUP_SECONDS
 from stage.ports import HOST
 from stage.settings import environment
 
@@ -103,7 +104,8 @@ class Ec2Endpoint:
     def reset(self) -> None:
         """Forget every instance, image, key pair, profile and security group."""
         request = urllib.request.Request(self.url + "/moto-api/reset", data=b"", method="POST")
-        urllib.request.build_opener(urllib.request.ProxyHandler({})).open(request, timeout=10).close()
+        opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
+        opener.open(request, timeout=SETUP_SECONDS).close()
 
     def client(self, service: str = "ec2") -> Any:
         """A client of this endpoint that does not pass through the code under demonstration."""

@@ -16,8 +16,7 @@ from types import TracebackType
 
 import docker
 
-_START_SECONDS = 60.0
-_STOP_SECONDS = 30.0
+from stage.patience import SETUP_SECONDS
 
 
 class EngineNotRunnable(Exception):
@@ -74,7 +73,7 @@ class ContainerEngineServer(ABC):
                     client.remove_container(container["Id"], force=True, v=True)
         self._cleanup.close()
 
-    def client(self, seconds: int = 30) -> docker.APIClient:
+    def client(self, seconds: int = SETUP_SECONDS) -> docker.APIClient:
         """A client of this engine that does not pass through the code under test; a context manager."""
         return docker.APIClient(base_url=self.url, timeout=seconds)
 
@@ -113,7 +112,7 @@ class ContainerEngineServer(ABC):
                 )
 
     def _wait_until_it_answers(self) -> None:
-        end = time.monotonic() + _START_SECONDS
+        end = time.monotonic() + SETUP_SECONDS
         while time.monotonic() < end and self._process.poll() is None:
             # Not by a client: the package leaves its socket open when it cannot connect.
             with suppress(OSError), socket.socket(socket.AF_UNIX) as probe:
@@ -129,7 +128,7 @@ class ContainerEngineServer(ABC):
         self.go_on()
         self._process.terminate()
         try:
-            self._process.wait(_STOP_SECONDS)
+            self._process.wait(SETUP_SECONDS)
         except subprocess.TimeoutExpired:
             self.kill()
 

@@ -10,8 +10,8 @@ from contextlib import ExitStack
 import tomli_w
 
 from stage.engine import ContainerEngineServer
+from stage.patience import SETUP_SECONDS
 
-_END_SECONDS = 60
 _MOST_FILES = 1024
 _MOST_PROCESSES = 4096
 
@@ -74,6 +74,6 @@ class PodmanServer(ContainerEngineServer):
             ["podman", "rm", "--all", "--force", "--time=0"],
             check=False,
             capture_output=True,
-            timeout=_END_SECONDS,
+            timeout=SETUP_SECONDS,
             env=self._environment(),
         )

@@ -13,6 +13,8 @@ from types import TracebackType
 from urllib.parse import parse_qsl
 from xml.sax.saxutils import escape
 
+from stage.patience import SETUP_SECONDS
+
 
 @dataclass(frozen=True)
 class Answer:
@@ -164,7 +166,7 @@ class FaultEndpoint:
         request = urllib.request.Request(self._upstream, data=body, headers=passed, method="POST")
         opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
         try:
-            with opener.open(request, timeout=10) as response:
+            with opener.open(request, timeout=SETUP_SECONDS) as response:
                 return Answer(response.status, response.read())
         except urllib.error.HTTPError as error:
             with error:

@@ -13,9 +13,8 @@ from types import TracebackType
 
 from stage.certificates import make_key, make_server_certificate
 from stage.kube_api import ADMIN_TOKEN, MANAGER_TOKEN, POWERLESS_TOKEN
+from stage.patience import SETUP_SECONDS
 from stage.ports import free_port
-
-_START_SECONDS = 90
 
 
 class KubeReal:
@@ -131,7 +130,7 @@ class KubeReal:
         request = urllib.request.Request(
             f"{self.url}/readyz", headers={"Authorization": f"Bearer {ADMIN_TOKEN}"}
         )
-        end = time.monotonic() + _START_SECONDS
+        end = time.monotonic() + SETUP_SECONDS
         while True:
             try:
                 with urllib.request.urlopen(request, timeout=5, context=tls):

@@ -8,6 +8,7 @@ from typing import Any
 import docker
 
 from stage.engine import ContainerEngineServer
+from stage.patience import SETUP_SECONDS
 from tovarincore.cloud_def import (
     CloudInstanceConfig,
     CloudInstances,
@@ -21,7 +22,6 @@ from tovarincore.cloud_node import cloud_manager_glbl
 from tovarincore.core_def import OPResult
 
 LIMIT_SECONDS = 10.0
-READY_SECONDS = 15.0
 
 
 class LocalRegion:
@@ -91,7 +91,7 @@ class LocalRegion:
 
     def wait_until_ready(self) -> CloudNode:
         """Refresh until the worker answers."""
-        end = time.monotonic() + READY_SECONDS
+        end = time.monotonic() + SETUP_SECONDS
         while True:
             node = self.refreshed_node()
             if node.ready:
