@@ -103,10 +103,7 @@ PyObject* bind_to(PyObject* self, PyObject* instance, PyObject*)
     return PyMethod_New(self, instance);
 }
 
-PyObject* qualified_name(PyObject* self)
-{
-    return get_from_shape(self, const_cast<char*>("__qualname__"));
-}
+PyObject* qualified_name(PyObject* self) { return get_from_shape(self, const_cast<char*>("__qualname__")); }
 
 PyObject* represent(PyObject* self)
 {
