@@ -5,7 +5,7 @@ SHELL := /bin/bash
 MAKEFLAGS += --no-print-directory
 .SUFFIXES:
 
-PRESET ?= release
+PRESET ?= $(if $(filter off,$(FAST)),general,release)
 python := .venv/bin/python
 unexport PYTHONPATH PYTHONHOME VIRTUAL_ENV
 
@@ -24,7 +24,7 @@ setup-demo: ## makes .venv with no more packages than the demo needs
 	@scripts/setup --demo
 
 .PHONY: build
-build: setup ## builds the module in place (PRESET=dev turns C++ assertions on)
+build: setup ## builds the module in place (PRESET=dev turns C++ assertions on, FAST=off leaves python/fast/ out)
 	@scripts/build $(if $(wildcard tests/python/_object_layer.*.so),--tests) $(PRESET)
 
 .PHONY: build-tests

@@ -2,13 +2,48 @@
 #include "object_layer.h"
 
 #include "python/deep_copy.h"
-#include "python/deep_copy_general.h"
-#include "python/deep_copy_genuine.h"
-#include "python/deep_copy_plain.h"
+#if TOVARIN_FAST
+#include "python/fast/deep_copy_general.h"
+#include "python/fast/deep_copy_genuine.h"
+#include "python/fast/deep_copy_plain.h"
+#endif
 
 namespace object_layer {
 
 namespace {
+
+#if TOVARIN_FAST
+
+bool is_native_now()
+{
+    return fast::layout::known && fast::is_genuine_deepcopy(global("deepcopy"_s)) && fast::deepcopy_is_untouched();
+}
+
+// deepcopy(value, memo)
+Object copy_with_memo(Handle value, Handle memo) { return fast::GeneralCopy(memo, CallSite::here()).copy(value); }
+
+// The way without Python code alone: NotImplemented where it gives up.
+Object plain_copy(Handle value)
+{
+    fast::ready_copy_names();
+    PyObject* made = fast::PlainCopy().copy(value.ptr());
+    if (made == nullptr && PyErr_Occurred())
+        throw Raised{CallSite::here()};
+    return made == nullptr ? Object(borrow(Py_NotImplemented)) : adopt(made);
+}
+
+#else
+
+bool is_native_now() { return false; }
+Object copy_with_memo(Handle value, Handle memo) { return global("deepcopy"_s)({value, memo}); }
+Object plain_copy(Handle) { return Object(borrow(Py_NotImplemented)); }
+
+#endif
+
+// The way with a real memo alone.
+Object general_copy(Handle value) { return copy_with_memo(value, dict({})); }
+
+Object is_native(Handle) { return Object(boolean(is_native_now())); }
 
 // deepcopy(x, memo=None, _nil=[])
 PyObject* native_deepcopy(PyObject*, PyObject* arguments, PyObject* keywords)
@@ -19,31 +54,12 @@ PyObject* native_deepcopy(PyObject*, PyObject* arguments, PyObject* keywords)
                                      &unused))
         return nullptr;
     return at_the_edge("deepcopy", [&] {
-        Object function = global("deepcopy"_s);
         if (memo == Py_None)
             return deep_copy(borrow(value));
-        if (!PyDict_CheckExact(memo) || !is_genuine_deepcopy(function) || !deepcopy_is_untouched())
-            return function({borrow(value), borrow(memo)});
-        return GeneralCopy(borrow(memo), Where::here()).copy(borrow(value));
+        if (!PyDict_CheckExact(memo) || !is_native_now())
+            return global("deepcopy"_s)({borrow(value), borrow(memo)});
+        return copy_with_memo(borrow(value), borrow(memo));
     });
-}
-
-// The way without Python code alone: NotImplemented where it gives up.
-Object plain_copy(Handle value)
-{
-    ready_copy_names();
-    PyObject* made = PlainCopy().copy(value.ptr());
-    if (made == nullptr && PyErr_Occurred())
-        throw Raised{Where::here()};
-    return made == nullptr ? Object(borrow(Py_NotImplemented)) : adopt(made);
-}
-
-// The way with a real memo alone.
-Object general_copy(Handle value) { return GeneralCopy(dict({}), Where::here()).copy(value); }
-
-Object is_native(Handle)
-{
-    return Object(boolean(layout::known && is_genuine_deepcopy(global("deepcopy"_s)) && deepcopy_is_untouched()));
 }
 
 } // namespace

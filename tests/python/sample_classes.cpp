@@ -1,8 +1,6 @@
 // Classes made from tables, for the tests of functions and of the class builder.
 #include "object_layer.h"
 
-#include "python/deep_copy_genuine.h"
-
 namespace object_layer {
 
 namespace {
@@ -57,7 +55,7 @@ int execute(PyObject* module)
         set_global("ABC"_s, import_from("abc"_s, "ABC"_s));
         set_global("abstractmethod"_s, import_from("abc"_s, "abstractmethod"_s));
         set_global("deepcopy"_s, import_from("copy"_s, "deepcopy"_s));
-        keep_genuine_deepcopy();
+        deepcopy_is_bound();
         build_sample_classes();
         return none();
     });

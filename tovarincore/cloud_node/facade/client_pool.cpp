@@ -1,6 +1,6 @@
 // The pool of web-socket clients: stored, handed out and forgotten under one lock; never opened, checked or closed
-// here. The clients that certainly belong to another node reach temp_pool without a turn in the loops: see Candidates
-// in python/plain_scan.h.
+// here. Clients that certainly belong to another node reach temp_pool without a turn in the loops: see `having` in
+// python/iteration.h.
 #include "facade.h"
 
 namespace cloud_node::facade {
@@ -22,13 +22,12 @@ Object get_from_webs_client_pool(Handle self, Handle node_uuid)
     return holding(self.get("webs_client_pool_lock"_s), [&] {
         webs_client_to_return = none();
         temp_pool = list({});
-        Candidates webs_clients(self.get("webs_client_pool"_s), "node"_s, "uuid"_s, node_uuid, temp_pool);
-        while (webs_clients.next(webs_client)) {
+        Object pool = self.get("webs_client_pool"_s);
+        for (Each rest = each(pool, having("node"_s, "uuid"_s, node_uuid), temp_pool); rest.next(webs_client);)
             if (webs_client_to_return.is_none() && webs_client.get("node"_s).get("uuid"_s).equals(node_uuid))
                 webs_client_to_return = webs_client;
             else
                 append(temp_pool, webs_client);
-        }
         if (webs_client_to_return.truthy())
             self.set("webs_client_pool"_s, temp_pool);
         return webs_client_to_return;
@@ -47,8 +46,8 @@ Object flush_webs_client_pool(Handle self, Handle node_uuid, Handle flush_all)
             return flushed_worker_id_list;
         }
         temp_pool = list({});
-        Candidates webs_clients(self.get("webs_client_pool"_s), "node"_s, "uuid"_s, node_uuid, temp_pool);
-        while (webs_clients.next(webs_client)) {
+        Object pool = self.get("webs_client_pool"_s);
+        for (Each rest = each(pool, having("node"_s, "uuid"_s, node_uuid), temp_pool); rest.next(webs_client);) {
             if (webs_client.get("node"_s).get("uuid"_s).equals(node_uuid))
                 append(flushed_worker_id_list, webs_client.get("worker_id"_s));
             else

@@ -3,7 +3,6 @@
 #include "../providers/aws/aws.h"
 #include "../providers/k8s/k8s.h"
 #include "../providers/local/local.h"
-#include "../python/deep_copy_genuine.h"
 #include "../registry/registry.h"
 
 #include <atomic>
@@ -20,7 +19,7 @@ void run_module_body(Handle module)
     open_module(module);
     ready_function_type();
     bind_imports();
-    keep_genuine_deepcopy();
+    deepcopy_is_bound();
     keep_builtins({"staticmethod"_s, "range"_s, "super"_s, "AssertionError"_s, "NotImplementedError"_s});
     build_node_manager();
     build_cloud_key_pair_manager();

@@ -11,4 +11,3 @@
 #include "lock.h"
 #include "method.h"
 #include "object.h"
-#include "plain_scan.h"

@@ -10,12 +10,12 @@ struct Entry {
     Argument value;
 };
 
-Object list(Arguments elements, Where where = Where::here());                   // [a, b]
-Object tuple(Arguments elements, Where where = Where::here());                  // (a, b)
-Object dict(std::initializer_list<Entry> entries, Where where = Where::here()); // {k: v, ...}, in order
-Object concat(Arguments parts, Where where = Where::here());                    // a + b + c
-Object formatted(Handle text, Handle value, Where where = Where::here());       // f"text{value}"
-Object number(long value, Where where = Where::here());                         // 3
-void append(Handle new_list, Handle element, Where where = Where::here());      // for a list made here: an exact list
+Object list(Arguments elements, CallSite site = CallSite::here());                   // [a, b]
+Object tuple(Arguments elements, CallSite site = CallSite::here());                  // (a, b)
+Object dict(std::initializer_list<Entry> entries, CallSite site = CallSite::here()); // {k: v, ...}, in order
+Object concat(Arguments parts, CallSite site = CallSite::here());                    // a + b + c
+Object formatted(Handle text, Handle value, CallSite site = CallSite::here());       // f"text{value}"
+Object number(long value, CallSite site = CallSite::here());                         // 3
+void append(Handle new_list, Handle element, CallSite site = CallSite::here()); // for a list made here: an exact list
 
 } // namespace py

@@ -70,9 +70,9 @@ Object build_class(const ClassTable& table, Arguments bases_given, std::initiali
     return built;
 }
 
-Object super_of(const ClassCell& cell, Handle self, Where where)
+Object super_of(const ClassCell& cell, Handle self, CallSite site)
 {
-    return kept_builtin("super"_s)({cell.get(), self}, where);
+    return kept_builtin("super"_s)({cell.get(), self}, site);
 }
 
 } // namespace py

@@ -33,6 +33,6 @@ private:
 Object build_class(const ClassTable& table, Arguments bases, std::initializer_list<Attribute> attributes = {});
 
 // super()    inside a method of the class that `cell` keeps
-Object super_of(const ClassCell& cell, Handle self, Where where = Where::here());
+Object super_of(const ClassCell& cell, Handle self, CallSite site = CallSite::here());
 
 } // namespace py

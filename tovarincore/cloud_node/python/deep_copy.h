@@ -5,10 +5,14 @@
 
 namespace py {
 
+// To be called once `deepcopy` is bound in the module. One that was already replaced in the module `copy` by then is
+// not the interpreter's own.
+void deepcopy_is_bound();
+
 // deepcopy(value)        with the module's own name `deepcopy`, which a test may replace
 //
-// While that is the interpreter's own function, the copy is made here: with the same result, the same aliasing and the
-// same errors, hooks included. Only the call stack of hooks differs.
-Object deep_copy(Handle value, Where where = Where::here());
+// While that is the interpreter's own function, the fast half makes the copy: with the same result, the same aliasing
+// and the same errors, hooks included. Only the call stack of hooks differs.
+Object deep_copy(Handle value, CallSite site = CallSite::here());
 
 } // namespace py

@@ -6,32 +6,32 @@ namespace py {
 
 bool assertions_enabled = true;
 
-void raise(Handle error, Where where)
+void raise(Handle error, CallSite site)
 {
     if (PyExceptionClass_Check(error.ptr())) {
-        Object instance = error(where);
+        Object instance = error(site);
         if (!PyExceptionInstance_Check(instance.ptr()))
-            raise_type_error("calling %R should have returned an instance of BaseException", error, where);
+            raise_type_error("calling %R should have returned an instance of BaseException", error, site);
         PyErr_SetObject(borrow(reinterpret_cast<PyObject*>(Py_TYPE(instance.ptr()))).ptr(), instance.ptr());
     } else if (PyExceptionInstance_Check(error.ptr())) {
         PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.ptr())), error.ptr());
     } else {
         PyErr_SetString(PyExc_TypeError, "exceptions must derive from BaseException");
     }
-    throw Raised{where};
+    throw Raised{site};
 }
 
-void raise_type_error(const char* format, Handle argument, Where where)
+void raise_type_error(const char* format, Handle argument, CallSite site)
 {
     PyErr_Format(PyExc_TypeError, format, argument.ptr());
-    throw Raised{where};
+    throw Raised{site};
 }
 
-void raise_assertion_error(Handle message, Where where)
+void raise_assertion_error(Handle message, CallSite site)
 {
     if (!message)
-        raise(kept_builtin("AssertionError"_s), where);
-    raise(kept_builtin("AssertionError"_s)({message}, where), where);
+        raise(kept_builtin("AssertionError"_s), site);
+    raise(kept_builtin("AssertionError"_s)({message}, site), site);
 }
 
 namespace {
@@ -48,7 +48,7 @@ bool can_be_caught(PyObject* error_class)
 
 } // namespace
 
-bool Raised::matches(Handle error_class, WhereInFunction here) const
+bool Raised::matches(Handle error_class, CallSiteInFunction here) const
 {
     if (can_be_caught(error_class.ptr())) [[likely]]
         return PyErr_ExceptionMatches(error_class.ptr()) != 0;
@@ -57,12 +57,12 @@ bool Raised::matches(Handle error_class, WhereInFunction here) const
     throw Raised{here};
 }
 
-void add_traceback_entry(const char* function, const Where& where)
+void add_traceback_entry(const char* function, const CallSite& site)
 {
     PyObject *type, *value, *traceback;
     PyErr_Fetch(&type, &value, &traceback);
-    auto line = static_cast<int>(where.line);
-    PyCodeObject* code = PyCode_NewEmpty(where.file, function, line);
+    auto line = static_cast<int>(site.line);
+    PyCodeObject* code = PyCode_NewEmpty(site.file, function, line);
     PyFrameObject* frame =
         code == nullptr ? nullptr : PyFrame_New(PyThreadState_Get(), code, module_dictionary().ptr(), nullptr);
     PyErr_Restore(type, value, traceback); // also drops an error of the two calls above: the first one matters
@@ -74,10 +74,10 @@ void add_traceback_entry(const char* function, const Where& where)
     Py_XDECREF(reinterpret_cast<PyObject*>(code));
 }
 
-ExceptBlock::ExceptBlock(const Raised& raised, WhereInFunction here) : raised_(raised)
+ExceptBlock::ExceptBlock(const Raised& raised, CallSiteInFunction here) : raised_(raised)
 {
     if (!raised_.traced)
-        add_traceback_entry(here.function, raised_.where);
+        add_traceback_entry(here.function, raised_.site);
     raised_.traced = true;
     PyObject *type, *value, *traceback;
     PyErr_Fetch(&type, &value, &traceback);
@@ -94,7 +94,7 @@ ExceptBlock::ExceptBlock(const Raised& raised, WhereInFunction here) : raised_(r
     PyErr_SetExcInfo(Object(type_).release(), Object(value_).release(), Object(traceback_).release());
 }
 
-ExceptBlock::ExceptBlock(const Raised& raised, Handle error_class, WhereInFunction here)
+ExceptBlock::ExceptBlock(const Raised& raised, Handle error_class, CallSiteInFunction here)
     : ExceptBlock(raised.matches(error_class, here) ? raised : throw, here)
 {
 }

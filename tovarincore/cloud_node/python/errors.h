@@ -9,27 +9,27 @@
 namespace py {
 
 // raise error            (a class is called without arguments, an instance is raised as it is)
-[[noreturn]] void raise(Handle error, Where where = Where::here());
+[[noreturn]] void raise(Handle error, CallSite site = CallSite::here());
 
 // The interpreter's own errors, for verbs that stand for a bytecode instruction.
-[[noreturn]] void raise_type_error(const char* format, Handle argument, Where where);
+[[noreturn]] void raise_type_error(const char* format, Handle argument, CallSite site);
 
 // False when the interpreter runs with -O: then no assertion is evaluated.
 extern bool assertions_enabled;
 
-[[noreturn]] void raise_assertion_error(Handle message, Where where); // empty message: a bare AssertionError
+[[noreturn]] void raise_assertion_error(Handle message, CallSite site); // empty message: a bare AssertionError
 
 // assert condition(), message
-template <class Condition> void assert_that(Condition condition, Where where = Where::here())
+template <class Condition> void assert_that(Condition condition, CallSite site = CallSite::here())
 {
     if (assertions_enabled && !condition())
-        raise_assertion_error(Handle(), where);
+        raise_assertion_error(Handle(), site);
 }
 
-template <class Condition> void assert_that(Condition condition, Name message, Where where = Where::here())
+template <class Condition> void assert_that(Condition condition, Name message, CallSite site = CallSite::here())
 {
     if (assertions_enabled && !condition())
-        raise_assertion_error(message, where);
+        raise_assertion_error(message, site);
 }
 
 // The scope of an `except` block or of a `finally` clause that runs because of an error. Constructed inside
@@ -39,10 +39,10 @@ template <class Condition> void assert_that(Condition condition, Name message, W
 class ExceptBlock {
 public:
     // except:
-    explicit ExceptBlock(const Raised& raised, WhereInFunction here = WhereInFunction::here());
+    explicit ExceptBlock(const Raised& raised, CallSiteInFunction here = CallSiteInFunction::here());
 
     // except error_class:        an error that does not match travels on
-    ExceptBlock(const Raised& raised, Handle error_class, WhereInFunction here = WhereInFunction::here());
+    ExceptBlock(const Raised& raised, Handle error_class, CallSiteInFunction here = CallSiteInFunction::here());
     ~ExceptBlock() noexcept(false);
     ExceptBlock(const ExceptBlock&) = delete;
     ExceptBlock& operator=(const ExceptBlock&) = delete;
@@ -64,7 +64,7 @@ private:
 };
 
 // Runs body(); what C++ itself throws there becomes the Python error that it stands for.
-template <class Body> Object with_python_errors(Body body, Where where)
+template <class Body> Object with_python_errors(Body body, CallSite site)
 {
     try {
         return body();
@@ -73,13 +73,13 @@ template <class Body> Object with_python_errors(Body body, Where where)
     } catch (const std::exception& error) {
         PyErr_SetString(PyExc_SystemError, error.what());
     }
-    throw Raised{where};
+    throw Raised{site};
 }
 
 // try: return body() finally: clause()
 // When both fail, the error of the clause travels on and carries the other as its context.
 template <class Body, class Clause>
-Object try_finally(Body body, Clause clause, WhereInFunction here = WhereInFunction::here())
+Object try_finally(Body body, Clause clause, CallSiteInFunction here = CallSiteInFunction::here())
 {
     Object result;
     try {
@@ -94,7 +94,7 @@ Object try_finally(Body body, Clause clause, WhereInFunction here = WhereInFunct
 }
 
 // Adds an entry for a native statement to the traceback of the error that is set.
-void add_traceback_entry(const char* function, const Where& where);
+void add_traceback_entry(const char* function, const CallSite& site);
 
 // The edge between C++ and the interpreter: runs body() and turns what it throws into a set error and a null result.
 // Deliberately without a catch-all: a daemon thread that ends inside the body unwinds through here and must not be
@@ -102,11 +102,11 @@ void add_traceback_entry(const char* function, const Where& where);
 template <class Body> PyObject* at_the_edge(const char* function, Body body)
 {
     try {
-        return with_python_errors(body, Where::here()).release();
+        return with_python_errors(body, CallSite::here()).release();
     } catch (const Raised& raised) {
         Parked parked;
         if (!raised.traced && function != nullptr)
-            add_traceback_entry(function, raised.where);
+            add_traceback_entry(function, raised.site);
     }
     return nullptr;
 }

@@ -18,23 +18,19 @@ void open_module(Handle module);
 
 // name                    (the module's dictionary, then the built-ins, then NameError), at each call: tests replace
 // names
-Object global(Name name, Where where = Where::here());
-void set_global(Name name, Handle value, Where where = Where::here());
+Object global(Name name, CallSite site = CallSite::here());
+void set_global(Name name, Handle value, CallSite site = CallSite::here());
 
 // The same for another module: its dictionary, then the built-ins, then NameError.
-Object global_of(Handle module_names, Name name, Where where);
+Object global_of(Handle module_names, Name name, CallSite site);
 
 // A built-in that the module resolved once, when it started. Borrowed.
 Handle kept_builtin(Name name);
 void keep_builtins(std::initializer_list<Name> names); // NameError for a missing one
 
-// The interpreter's own built-in function of this name, or empty when something else stands there.
-Object genuine_builtin(Name name);
-
-// isinstance(object, class), len(object), str(object): the built-ins of these names, unless
-// the module's dictionary or the built-ins hold something else under the name.
-bool is_instance(Handle object, Handle type, Where where = Where::here());
-Py_ssize_t len(Handle object, Where where = Where::here());
-Object str(Handle object, Where where = Where::here());
+// isinstance(object, class), len(object), str(object), by what stands under these names
+bool is_instance(Handle object, Handle type, CallSite site = CallSite::here());
+Py_ssize_t len(Handle object, CallSite site = CallSite::here());
+Object str(Handle object, CallSite site = CallSite::here());
 
 } // namespace py

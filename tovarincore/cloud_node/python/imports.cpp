@@ -7,21 +7,16 @@ namespace py {
 
 namespace {
 
-PyObject* genuine_import = nullptr; // null when __import__ was replaced before the module was imported
-
-Object import_with(Name module, Handle names_wanted, Where where)
+Object import_with(Name module, Handle names_wanted, CallSite site)
 {
     PyObject* importer = PyDict_GetItemWithError(builtin_dictionary().ptr(), "__import__"_s.ptr());
     if (importer == nullptr) {
         if (!PyErr_Occurred())
             PyErr_SetString(PyExc_ImportError, "__import__ not found");
-        throw Raised{where};
+        throw Raised{site};
     }
-    PyObject* names = module_dictionary().ptr();
-    if (importer == genuine_import)
-        return steal(PyImport_ImportModuleLevelObject(module.ptr(), names, nullptr, names_wanted.ptr(), 0), where);
-    Object replaced(borrow(importer));
-    return replaced({module, borrow(names), none(), names_wanted, number(0, where)}, where);
+    Object function(borrow(importer));
+    return function({module, module_dictionary(), none(), names_wanted, number(0, site)}, site);
 }
 
 // Whether the module is still running its body: then the missing name is most likely a circular import's.
@@ -36,7 +31,7 @@ bool is_initialising(Handle module)
     return initialising > 0;
 }
 
-[[noreturn]] void raise_cannot_import(Handle module, Name name, Handle module_name, Where where)
+[[noreturn]] void raise_cannot_import(Handle module, Name name, Handle module_name, CallSite site)
 {
     PyObject* of_module = module_name.ptr();
     Object path = adopt(PyModule_GetFilenameObject(module.ptr()));
@@ -51,53 +46,51 @@ bool is_initialising(Handle module)
     } else {
         message = PyUnicode_FromFormat("cannot import name %R from %R (%S)", name.ptr(), of_module, path.ptr());
     }
-    Object text = steal(message, where);
+    Object text = steal(message, site);
     PyErr_SetImportError(text.ptr(), of_module, path ? path.ptr() : nullptr);
-    throw Raised{where};
+    throw Raised{site};
 }
 
 } // namespace
 
-void open_imports() { genuine_import = genuine_builtin("__import__"_s).release(); }
+Object import_module(Name module, CallSite site) { return import_with(module, borrow(Py_None), site); }
 
-Object import_module(Name module, Where where) { return import_with(module, borrow(Py_None), where); }
-
-Object import_from(Name module, Name name, Where where)
+Object import_from(Name module, Name name, CallSite site)
 {
-    return name_of_module(import_for_names(module, {name}, where), name, where);
+    return name_of_module(import_for_names(module, {name}, site), name, site);
 }
 
-Object import_for_names(Name module, std::initializer_list<Name> names, Where where)
+Object import_for_names(Name module, std::initializer_list<Name> names, CallSite site)
 {
-    Object wanted = steal(PyTuple_New(static_cast<Py_ssize_t>(names.size())), where);
+    Object wanted = steal(PyTuple_New(static_cast<Py_ssize_t>(names.size())), site);
     Py_ssize_t place = 0;
     for (Name name : names)
         PyTuple_SET_ITEM(wanted.ptr(), place++, Object(name).release());
-    return import_with(module, wanted, where);
+    return import_with(module, wanted, site);
 }
 
-Object name_of_module(Handle module, Name name, Where where)
+Object name_of_module(Handle module, Name name, CallSite site)
 {
     Object found = adopt(PyObject_GetAttr(module.ptr(), name.ptr()));
     if (found)
         return found;
     if (!PyErr_ExceptionMatches(PyExc_AttributeError))
-        throw Raised{where};
+        throw Raised{site};
     PyErr_Clear();
     // A sub-module that is still being imported stands in sys.modules before it is an attribute of its package.
     Object module_name = adopt(PyObject_GetAttr(module.ptr(), "__name__"_s.ptr()));
     if (!module_name || !PyUnicode_Check(module_name.ptr())) {
         PyErr_Clear();
-        module_name = steal(PyUnicode_FromString("<unknown module name>"), where);
-        raise_cannot_import(module, name, module_name, where);
+        module_name = steal(PyUnicode_FromString("<unknown module name>"), site);
+        raise_cannot_import(module, name, module_name, site);
     }
-    Object full_name = steal(PyUnicode_FromFormat("%U.%U", module_name.ptr(), name.ptr()), where);
+    Object full_name = steal(PyUnicode_FromFormat("%U.%U", module_name.ptr(), name.ptr()), site);
     found = adopt(PyImport_GetModule(full_name.ptr()));
     if (found)
         return found;
     if (PyErr_Occurred())
-        throw Raised{where};
-    raise_cannot_import(module, name, module_name, where);
+        throw Raised{site};
+    raise_cannot_import(module, name, module_name, site);
 }
 
 } // namespace py

@@ -7,16 +7,14 @@
 
 namespace py {
 
-void open_imports(); // called by open_module()
-
 // import module
-Object import_module(Name module, Where where = Where::here());
+Object import_module(Name module, CallSite site = CallSite::here());
 
 // from module import name
-Object import_from(Name module, Name name, Where where = Where::here());
+Object import_from(Name module, Name name, CallSite site = CallSite::here());
 
 // from module import a, b, c, in two steps as the statement takes them: the module once, then each name.
-Object import_for_names(Name module, std::initializer_list<Name> names, Where where = Where::here());
-Object name_of_module(Handle module, Name name, Where where = Where::here());
+Object import_for_names(Name module, std::initializer_list<Name> names, CallSite site = CallSite::here());
+Object name_of_module(Handle module, Name name, CallSite site = CallSite::here());
 
 } // namespace py

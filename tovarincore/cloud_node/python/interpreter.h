@@ -5,7 +5,8 @@
 // definition before all others. A debug or a free-threaded build lays them out differently.
 #include <patchlevel.h>
 #include <pyconfig.h>
-#if PY_VERSION_HEX >= 0x030B0000 && PY_VERSION_HEX < 0x030E0000 && !defined(Py_DEBUG) && !defined(Py_GIL_DISABLED)
+#if TOVARIN_FAST && PY_VERSION_HEX >= 0x030B0000 && PY_VERSION_HEX < 0x030E0000 && !defined(Py_DEBUG) &&               \
+    !defined(Py_GIL_DISABLED)
 #define TOVARIN_LAYOUT_311 1
 #define Py_BUILD_CORE
 #else

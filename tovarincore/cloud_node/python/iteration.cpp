@@ -2,38 +2,89 @@
 
 namespace py {
 
+Each::Each(Handle iterable, const Wanted* wanted, Handle passed_over, CallSite site)
+    : source_(PyList_CheckExact(iterable.ptr()) ? Object(iterable) : steal(PyObject_GetIter(iterable.ptr()), site)),
+      passed_over_(passed_over), site_(site)
+{
+    if (!PyList_CheckExact(iterable.ptr()))
+        return;
+    index_ = 0;
+    if (fast::is_on && wanted != nullptr) {
+        wanted_ = *wanted;
+        text_ = Object(wanted->text); // held as long as the loop lasts
+    }
+}
+
+bool Each::next(Object& variable)
+{
+    if (index_ < 0)
+        return next_of_iterator(variable);
+    if (wanted_)
+        pass_over(variable);
+    if (index_ >= PyList_GET_SIZE(source_.ptr()))
+        return false;
+    variable = Object(borrow(PyList_GET_ITEM(source_.ptr(), index_++)));
+    return true;
+}
+
 bool Each::next_of_iterator(Object& variable)
 {
     Object element = adopt(PyIter_Next(source_.ptr()));
     if (!element) {
         if (PyErr_Occurred())
-            throw Raised{where_};
+            throw Raised{site_};
         return false;
     }
     variable = std::move(element);
     return true;
 }
 
-Each each(Handle iterable, Where where) { return each_from(0, iterable, where); }
-
-Each each_from(Py_ssize_t start, Handle iterable, Where where)
-{
-    if (PyList_CheckExact(iterable.ptr()))
-        return Each(Object(iterable), start, where);
-    return Each(steal(PyObject_GetIter(iterable.ptr()), where), -1, where);
-}
-
 namespace {
 
-[[noreturn]] void raise_count_error(const char* format, Py_ssize_t expected, Py_ssize_t got, Where where)
+// Without a collection, whose finalisers could shorten the list while its slice is being made.
+Object slice_of(Handle list, Py_ssize_t begin, Py_ssize_t end, CallSite site)
 {
-    PyErr_Format(PyExc_ValueError, format, expected, got);
-    throw Raised{where};
+    NoCollection undisturbed;
+    return steal(PyList_GetSlice(list.ptr(), begin, end), site);
 }
 
 } // namespace
 
-void unpack_into(Handle sequence, Object* targets, Py_ssize_t count, Where where)
+void Each::pass_over(Object& variable)
+{
+    Py_ssize_t begin = std::exchange(index_, fast::first_candidate(source_.ptr(), index_, *wanted_));
+    if (index_ == begin)
+        return;
+    Object last(borrow(PyList_GET_ITEM(source_.ptr(), index_ - 1)));
+    if (passed_over_) {
+        Object passed = slice_of(source_, begin, index_, site_);
+        Py_ssize_t end = PyList_GET_SIZE(passed_over_.ptr());
+        check(PyList_SetSlice(passed_over_.ptr(), end, end, passed.ptr()), site_);
+    }
+    variable = std::move(last);
+    checkpoint(site_);
+}
+
+Py_ssize_t first_like(Handle list, Name attribute, Handle like, CallSite site)
+{
+    if (!PyList_CheckExact(list.ptr()))
+        return 0;
+    Py_ssize_t position = fast::first_like(list.ptr(), attribute, like.ptr());
+    checkpoint(site);
+    return position;
+}
+
+namespace {
+
+[[noreturn]] void raise_count_error(const char* format, Py_ssize_t expected, Py_ssize_t got, CallSite site)
+{
+    PyErr_Format(PyExc_ValueError, format, expected, got);
+    throw Raised{site};
+}
+
+} // namespace
+
+void unpack_into(Handle sequence, Object* targets, Py_ssize_t count, CallSite site)
 {
     PyObject* source = sequence.ptr();
     if (PyTuple_CheckExact(source) && PyTuple_GET_SIZE(source) == count) {
@@ -51,24 +102,24 @@ void unpack_into(Handle sequence, Object* targets, Py_ssize_t count, Where where
         PyTypeObject* type = Py_TYPE(source);
         if (PyErr_ExceptionMatches(PyExc_TypeError) && type->tp_iter == nullptr && !PySequence_Check(source))
             PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", type->tp_name);
-        throw Raised{where};
+        throw Raised{site};
     }
     for (Py_ssize_t i = 0; i < count; ++i) {
         targets[i] = adopt(PyIter_Next(iterator.ptr()));
         if (targets[i])
             continue;
         if (PyErr_Occurred())
-            throw Raised{where};
-        raise_count_error("not enough values to unpack (expected %zd, got %zd)", count, i, where);
+            throw Raised{site};
+        raise_count_error("not enough values to unpack (expected %zd, got %zd)", count, i, site);
     }
     Object surplus = adopt(PyIter_Next(iterator.ptr()));
     if (surplus)
-        raise_count_error("too many values to unpack (expected %zd)", count, 0, where);
+        raise_count_error("too many values to unpack (expected %zd)", count, 0, site);
     if (PyErr_Occurred())
-        throw Raised{where};
+        throw Raised{site};
 }
 
-void raise_from_generator(const Raised& raised, WhereInFunction here)
+void raise_from_generator(const Raised& raised, CallSiteInFunction here)
 {
     ExceptBlock stopped(raised, here);
     Object message = steal(PyUnicode_FromString("generator raised StopIteration"));

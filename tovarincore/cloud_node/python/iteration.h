@@ -4,8 +4,22 @@
 #include "errors.h"
 
 #include <array>
+#include <optional>
 
 namespace py {
+
+// What a loop looks for, said so that elements which certainly are something else need no turn: those in a list whose
+// attribute is plainly stored and plainly holds something else. The loop asks all the same: without the fast half, and
+// for elements of which nothing is certain, it has every turn.
+struct Wanted {
+    std::optional<Name> hop; // the attribute is one of what the element has under this name
+    Name attribute;
+    Handle text; // empty: the truth of the attribute
+};
+
+inline Wanted having(Name attribute) { return {{}, attribute, {}}; }
+inline Wanted having(Name attribute, Handle text) { return {{}, attribute, text}; }
+inline Wanted having(Name hop, Name attribute, Handle text) { return {hop, attribute, text}; }
 
 // for (Object x : each(xs)) ...       iter(xs) is called at once, so xs may be a temporary
 //
@@ -16,19 +30,12 @@ namespace py {
 //     for (Each rest = each(xs); rest.next(x);) ...
 class Each {
 public:
-    // `start` is a position in an exact list, which is then walked without an iterator object; else negative.
-    Each(Object source, Py_ssize_t start, Where where) : source_(std::move(source)), index_(start), where_(where) {}
+    // Passes elements over that are not wanted, if anything is, and appends them to a list, if one is given.
+    Each(Handle iterable, const Wanted* wanted, Handle passed_over, CallSite site);
 
-    // Gives the variable the next element; false, and the variable stays as it is, at the end.
-    bool next(Object& variable)
-    {
-        if (index_ < 0)
-            return next_of_iterator(variable);
-        if (index_ >= PyList_GET_SIZE(source_.ptr()))
-            return false;
-        variable = Object(borrow(PyList_GET_ITEM(source_.ptr(), index_++)));
-        return true;
-    }
+    // Gives the variable the next element; false at the end. The variable is then the last of all elements, also when
+    // that was passed over, or stays as it was where there was none.
+    bool next(Object& variable);
 
     struct End {};
 
@@ -54,33 +61,46 @@ public:
 
 private:
     bool next_of_iterator(Object& variable);
+    void pass_over(Object& variable);
 
-    Object source_; // a list, or an iterator where index_ is negative
-    Py_ssize_t index_;
-    Where where_;
+    Object source_;         // an exact list, or an iterator where index_ is negative
+    Py_ssize_t index_ = -1; // of the next element
+    std::optional<Wanted> wanted_;
+    Object text_, passed_over_;
+    CallSite site_;
 };
 
-Each each(Handle iterable, Where where = Where::here());
+// for x in xs
+inline Each each(Handle iterable, CallSite site = CallSite::here()) { return {iterable, nullptr, Handle(), site}; }
 
-// for x in xs, without the first `start` elements; `start` may be positive for an exact list only
-Each each_from(Py_ssize_t start, Handle iterable, Where where = Where::here());
+// The same, for a loop that only asks for the wanted ones, and appends the others to a list, if it does anything with
+// them: `temp_pool` in
+//     for (Each clients = each(pool, having("node"_s, "uuid"_s, uuid), temp_pool); clients.next(client);)
+inline Each each(Handle iterable, const Wanted& wanted, Handle passed_over = {}, CallSite site = CallSite::here())
+{
+    return {iterable, &wanted, passed_over, site};
+}
 
-void unpack_into(Handle sequence, Object* targets, Py_ssize_t count, Where where);
+// Where a search by index for an element with the attribute of `like` has to begin: 0, or behind elements that
+// certainly have another one.
+Py_ssize_t first_like(Handle list, Name attribute, Handle like, CallSite site = CallSite::here());
+
+void unpack_into(Handle sequence, Object* targets, Py_ssize_t count, CallSite site);
 
 // auto [a, b] = unpack<2>(pair);    a, b = pair, with the interpreter's own error texts
-template <std::size_t Count> std::array<Object, Count> unpack(Handle sequence, Where where = Where::here())
+template <std::size_t Count> std::array<Object, Count> unpack(Handle sequence, CallSite site = CallSite::here())
 {
     std::array<Object, Count> targets;
-    unpack_into(sequence, targets.data(), static_cast<Py_ssize_t>(Count), where);
+    unpack_into(sequence, targets.data(), static_cast<Py_ssize_t>(Count), site);
     return targets;
 }
 
 // A StopIteration inside a generator expression reaches the caller as a RuntimeError.
-[[noreturn]] void raise_from_generator(const Raised& raised, WhereInFunction here);
+[[noreturn]] void raise_from_generator(const Raised& raised, CallSiteInFunction here);
 
 // next((x for x in iterable if wanted(x)), None)
 template <class Wanted>
-Object first_match(Handle iterable, Wanted wanted, WhereInFunction here = WhereInFunction::here())
+Object first_match(Handle iterable, Wanted wanted, CallSiteInFunction here = CallSiteInFunction::here())
 {
     Each elements = each(iterable, here);
     try {

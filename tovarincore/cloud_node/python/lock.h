@@ -7,14 +7,14 @@
 namespace py {
 
 // lock.acquire(timeout=3)        its truth
-bool acquire(Handle lock, Where where = Where::here());
+bool acquire(Handle lock, CallSite site = CallSite::here());
 
 // lock.release()
-void release(Handle lock, Where where = Where::here());
+void release(Handle lock, CallSite site = CallSite::here());
 
 // The end of a locked body: an interrupt that came while native code ran is raised here, also when the body has failed.
 // Else it would wait for the next Python code, which is the release of a lock written in Python.
-template <class Body> Object interruptible(Body body, WhereInFunction here)
+template <class Body> Object interruptible(Body body, CallSiteInFunction here)
 {
     try {
         Object result = body();
@@ -30,7 +30,7 @@ template <class Body> Object interruptible(Body body, WhereInFunction here)
 // if lock.acquire(timeout=3): try: return body() finally: lock.release()   else: raise TimeoutError()
 //
 // What the body names and must outlive the release, as locals do in Python, is declared before.
-template <class Body> Object holding(Handle lock, Body body, WhereInFunction here = WhereInFunction::here())
+template <class Body> Object holding(Handle lock, Body body, CallSiteInFunction here = CallSiteInFunction::here())
 {
     if (!acquire(lock, here))
         raise(global("TimeoutError"_s, here)(here), here);

@@ -1,24 +1,12 @@
 // "name"_s: an interned Python string, made at its first use and kept for the life of the process.
 #pragma once
 
-#include "attribute_cache.h"
-#include "class_attribute_cache.h"
+#include "fast_hooks.h"
 
 #include <cstddef>
 #include <utility>
 
 namespace py {
-
-// What was found under one name of the source the last time.
-struct NameCaches {
-    AttributeCache attribute;
-    ClassAttributeCache class_attribute;
-    GlobalCache global;
-    PyObject* keyword_names = nullptr; // the tuple of the last call whose first keyword was this name; or null
-};
-
-// What is known of a name that was not looked up yet.
-inline constinit NameCaches nothing_known{};
 
 // One per distinct literal, laid out by the compiler: loading the library runs no code for it.
 class NameSlot {
@@ -33,21 +21,14 @@ public:
     }
 
     const char* text() const { return text_; }
-    const NameCaches& caches() const { return *caches_; }
-
-    // Where to keep what was found; null where there is no memory for it, which must not fail a look-up.
-    NameCaches* own_caches() const;
-
-    // The same, but null at the first time: most names are looked up once, at import.
-    NameCaches* caches_to_fill() const { return std::exchange(used_, true) ? own_caches() : nullptr; }
+    const fast::MemoryOfName& memory() const { return memory_; }
 
 private:
     void intern() const;
 
     const char* text_;
     mutable PyObject* interned_ = nullptr;
-    mutable NameCaches* caches_ = &nothing_known;
-    mutable bool used_ = false;
+    [[no_unique_address]] fast::MemoryOfName memory_;
 };
 
 template <std::size_t N> struct NameText {
@@ -71,9 +52,7 @@ public:
     PyObject* ptr() const { return slot_->ptr(); }
     const char* text() const { return slot_->text(); }
     const NameSlot& slot() const { return *slot_; }
-    const NameCaches& caches() const { return slot_->caches(); }
-    NameCaches* own_caches() const { return slot_->own_caches(); }
-    NameCaches* caches_to_fill() const { return slot_->caches_to_fill(); }
+    const fast::MemoryOfName& memory() const { return slot_->memory(); }
 
 private:
     const NameSlot* slot_;

@@ -1,22 +1,9 @@
 #include "object.h"
 
-#include "quiet_lookup.h"
-
 #include <algorithm>
 #include <exception>
-#include <new>
 
 namespace py {
-
-NameCaches* NameSlot::own_caches() const
-{
-    if (caches_ != &nothing_known)
-        return caches_;
-    auto* made = new (std::nothrow) NameCaches{}; // kept for the life of the process, as the string is
-    if (made != nullptr)
-        caches_ = made;
-    return made;
-}
 
 void NameSlot::intern() const { interned_ = steal(PyUnicode_InternFromString(text_)).release(); }
 
@@ -55,110 +42,73 @@ Parked::~Parked() noexcept(false)
     PyMem_RawFree(objects_.allocated);
 }
 
-Object Handle::get(Name name, Where where) const
+Object Handle::get(Name name, CallSite site) const
 {
-    if (PyObject* value = name.caches().attribute.known_value(pointer_)) [[likely]]
+    if (PyObject* value = fast::stored_attribute(name.memory(), pointer_)) [[likely]]
         return Object(borrow(value));
-    return look_up(name, where);
-}
-
-PyObject* module_attribute(PyObject* object, PyObject* name)
-{
-    if (!PyModule_CheckExact(object) || !has_text_keys_only(PyModule_GetDict(object)) ||
-        _PyType_Lookup(&PyModule_Type, name) != nullptr) // a class that no program can change
-        return nullptr;
-    return PyDict_GetItemWithError(PyModule_GetDict(object), name);
+    return look_up(name, site);
 }
 
 // Apart from get(), which so needs no stack of its own.
-[[gnu::noinline]] Object Handle::look_up(Name name, Where where) const
+[[gnu::noinline]] Object Handle::look_up(Name name, CallSite site) const
 {
-    if (PyType_Check(pointer_)) {
-        if (PyObject* value = name.caches().class_attribute.known_value(pointer_))
-            return Object(borrow(value));
-        if (NameCaches* caches = name.caches_to_fill())
-            caches->class_attribute.consider(pointer_, name.ptr());
-    } else if (PyObject* value = module_attribute(pointer_, name.ptr())) {
+    if (PyObject* value = fast::found_attribute(name.memory(), name.ptr(), pointer_))
         return Object(borrow(value));
-    } else if (NameCaches* caches = name.caches_to_fill()) {
-        caches->attribute.consider(pointer_, name.ptr());
-    }
-    return steal(PyObject_GetAttr(pointer_, name.ptr()), where);
+    return steal(PyObject_GetAttr(pointer_, name.ptr()), site);
 }
 
-void Handle::set(Name name, Handle value, Where where) const
+void Handle::set(Name name, Handle value, CallSite site) const
 {
-    if (name.caches().attribute.sets_known_value(pointer_)) {
-        if (!name.caches().attribute.set_known_value(pointer_, name.ptr(), value.ptr()))
-            throw Raised{where};
-    } else {
-        if (NameCaches* caches = name.caches_to_fill())
-            caches->attribute.consider(pointer_, name.ptr());
-        check(PyObject_SetAttr(pointer_, name.ptr(), value.ptr()), where);
-    }
+    fast::Answer done = fast::set_attribute(name.memory(), name.ptr(), pointer_, value.ptr());
+    if (done == fast::Answer::no ||
+        (done == fast::Answer::unknown && PyObject_SetAttr(pointer_, name.ptr(), value.ptr()) < 0))
+        throw Raised{site};
 }
 
-Object Handle::item(Handle key, Where where) const
+Object Handle::item(Handle key, CallSite site) const { return steal(PyObject_GetItem(pointer_, key.ptr()), site); }
+
+Object Handle::item(Py_ssize_t index, CallSite site) const
 {
-    if (PyDict_CheckExact(pointer_))
-        if (PyObject* found = PyDict_GetItemWithError(pointer_, key.ptr()))
-            return Object(borrow(found));
-    return item_or_error(key, where);
+    Object key = steal(PyLong_FromSsize_t(index), site);
+    return item(key, site);
 }
 
-// What is left: other containers, missing keys, and keys that cannot be hashed or compared.
-Object Handle::item_or_error(Handle key, Where where) const
+Object Handle::first(CallSite site) const { return item(Py_ssize_t{0}, site); }
+
+void Handle::set_item(Handle key, Handle value, CallSite site) const
 {
-    if (PyErr_Occurred())
-        throw Raised{where};
-    return steal(PyObject_GetItem(pointer_, key.ptr()), where);
+    check(PyObject_SetItem(pointer_, key.ptr(), value.ptr()), site);
 }
 
-Object Handle::item(Py_ssize_t index, Where where) const
+void Handle::set_item(Py_ssize_t index, Handle value, CallSite site) const
 {
-    if (PyList_CheckExact(pointer_) && index >= 0 && index < PyList_GET_SIZE(pointer_))
-        return Object(borrow(PyList_GET_ITEM(pointer_, index)));
-    Object key = steal(PyLong_FromSsize_t(index), where);
-    return item(key, where);
+    Object key = steal(PyLong_FromSsize_t(index), site);
+    set_item(key, value, site);
 }
 
-Object Handle::first(Where where) const { return item(Py_ssize_t{0}, where); }
-
-void Handle::set_item(Handle key, Handle value, Where where) const
+bool Handle::contains(Handle value, CallSite site) const
 {
-    check(PyObject_SetItem(pointer_, key.ptr(), value.ptr()), where);
-}
-
-void Handle::set_item(Py_ssize_t index, Handle value, Where where) const
-{
-    Object key = steal(PyLong_FromSsize_t(index), where);
-    set_item(key, value, where);
-}
-
-bool Handle::contains(Handle value, Where where) const
-{
-    int found = PyDict_CheckExact(pointer_) ? PyDict_Contains(pointer_, value.ptr())
-                                            : PySequence_Contains(pointer_, value.ptr());
-    check(found, where);
+    int found = PySequence_Contains(pointer_, value.ptr());
+    check(found, site);
     return found != 0;
 }
 
-bool Handle::is_true(Where where) const
+bool Handle::truthy(CallSite site) const
 {
     int truth = PyObject_IsTrue(pointer_);
-    check(truth, where);
+    check(truth, site);
     return truth != 0;
 }
 
 // Not PyObject_RichCompareBool: that one takes identity for equality, which `==` in an `if` does not.
-bool Handle::compares_equal(Handle other, Where where) const
+bool Handle::compares_equal(Handle other, CallSite site) const
 {
-    return steal(PyObject_RichCompare(pointer_, other.ptr(), Py_EQ), where).truthy(where);
+    return steal(PyObject_RichCompare(pointer_, other.ptr(), Py_EQ), site).truthy(site);
 }
 
-bool Handle::greater(Handle other, Where where) const
+bool Handle::greater(Handle other, CallSite site) const
 {
-    return steal(PyObject_RichCompare(pointer_, other.ptr(), Py_GT), where).truthy(where);
+    return steal(PyObject_RichCompare(pointer_, other.ptr(), Py_GT), site).truthy(site);
 }
 
 } // namespace py

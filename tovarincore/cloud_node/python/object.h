@@ -13,9 +13,9 @@
 //      o.m(f(x), y)       o.method("m"_s)({f({x}), y})
 #pragma once
 
+#include "call_site.h"
 #include "interpreter.h"
 #include "name.h"
-#include "where.h"
 
 #include <concepts>
 #include <initializer_list>
@@ -25,20 +25,17 @@ namespace py {
 
 // The error indicator is set; `where` is the statement that failed. `traced` once the traceback shows that statement.
 struct Raised {
-    Where where;
+    CallSite site;
     bool traced = false;
 
     // except error_class:        with the interpreter's TypeError where that is no class of errors, nor a tuple of them
-    bool matches(class Handle error_class, WhereInFunction here = WhereInFunction::here()) const;
+    bool matches(class Handle error_class, CallSiteInFunction here = CallSiteInFunction::here()) const;
 };
 
 class Object;
 class Argument;
 class MethodOfObject;
 using Arguments = std::initializer_list<Argument>;
-
-// What a module holds under the name; borrowed. Null: look it up in the general way.
-PyObject* module_attribute(PyObject* object, PyObject* name);
 
 // Drops the last reference to an object, or parks it while an error is unwinding the stack: its finaliser must not run
 // there, for a thread that is ended inside a destructor during that would abort the process.
@@ -78,29 +75,27 @@ public:
     PyObject* ptr() const { return pointer_; }
     explicit operator bool() const { return pointer_ != nullptr; } // whether there is an object at all; see truthy()
 
-    Object get(Name name, Where where = Where::here()) const;                   // self.name
-    void set(Name name, Handle value, Where where = Where::here()) const;       // self.name = value
-    Object item(Handle key, Where where = Where::here()) const;                 // self[key]
-    Object item(Py_ssize_t index, Where where = Where::here()) const;           // self[index]
-    Object first(Where where = Where::here()) const;                            // self[0]
-    void set_item(Handle key, Handle value, Where where = Where::here()) const; // self[key] = value
-    void set_item(Py_ssize_t index, Handle value, Where where = Where::here()) const;
-    bool contains(Handle value, Where where = Where::here()) const;      // value in self
-    inline bool truthy(Where where = Where::here()) const;               // if self:
-    inline bool equals(Handle other, Where where = Where::here()) const; // if self == other: (never by identity)
-    bool greater(Handle other, Where where = Where::here()) const;       // if self > other:
+    Object get(Name name, CallSite site = CallSite::here()) const;                   // self.name
+    void set(Name name, Handle value, CallSite site = CallSite::here()) const;       // self.name = value
+    Object item(Handle key, CallSite site = CallSite::here()) const;                 // self[key]
+    Object item(Py_ssize_t index, CallSite site = CallSite::here()) const;           // self[index]
+    Object first(CallSite site = CallSite::here()) const;                            // self[0]
+    void set_item(Handle key, Handle value, CallSite site = CallSite::here()) const; // self[key] = value
+    void set_item(Py_ssize_t index, Handle value, CallSite site = CallSite::here()) const;
+    bool contains(Handle value, CallSite site = CallSite::here()) const;      // value in self
+    bool truthy(CallSite site = CallSite::here()) const;                      // if self:
+    inline bool equals(Handle other, CallSite site = CallSite::here()) const; // if self == other: (never by identity)
+    bool greater(Handle other, CallSite site = CallSite::here()) const;       // if self > other:
     bool is(Handle other) const { return pointer_ == other.pointer_; }
     bool is_none() const { return pointer_ == Py_None; }
-    inline Object operator()(Where where = Where::here()) const; // self()
-    template <std::size_t Count>                                 // self(...)
-    Object operator()(const Argument (&arguments)[Count], Where where = Where::here()) const;
-    MethodOfObject method(Name name, Where where = Where::here()) const; // self.name, in self.name(...)
+    inline Object operator()(CallSite site = CallSite::here()) const; // self()
+    template <std::size_t Count>                                      // self(...)
+    Object operator()(const Argument (&arguments)[Count], CallSite site = CallSite::here()) const;
+    MethodOfObject method(Name name, CallSite site = CallSite::here()) const; // self.name, in self.name(...)
 
 private:
-    Object look_up(Name name, Where where) const;
-    Object item_or_error(Handle key, Where where) const;
-    bool compares_equal(Handle other, Where where) const;
-    bool is_true(Where where) const;
+    Object look_up(Name name, CallSite site) const;
+    bool compares_equal(Handle other, CallSite site) const;
 
 protected:
     explicit constexpr Handle(PyObject* pointer) : pointer_(pointer) {}
@@ -148,41 +143,28 @@ inline Handle borrow(PyObject* pointer) { return Handle(pointer); }
 inline Object adopt(PyObject* pointer) { return Object(Object::Owned{}, pointer); }
 
 // Takes over the new reference that an API call returned; null means that the call failed.
-inline Object steal(PyObject* pointer, Where where = Where::here())
+inline Object steal(PyObject* pointer, CallSite site = CallSite::here())
 {
     if (pointer == nullptr) [[unlikely]]
-        throw Raised{where};
+        throw Raised{site};
     return adopt(pointer);
 }
 
 // For API calls that report failure by a negative number.
-inline void check(int status, Where where = Where::here())
+inline void check(int status, CallSite site = CallSite::here())
 {
     if (status < 0) [[unlikely]]
-        throw Raised{where};
+        throw Raised{site};
 }
 
 // Looks at signals: to be called after whatever may take long without running Python code, inside the body that holds
 // a lock. Else the next Python code would be interrupted in its stead, which may be the lock's release, or a finaliser.
-inline void checkpoint(Where where = Where::here()) { check(PyErr_CheckSignals(), where); }
+inline void checkpoint(CallSite site = CallSite::here()) { check(PyErr_CheckSignals(), site); }
 
-bool Handle::truthy(Where where) const
+bool Handle::equals(Handle other, CallSite site) const
 {
-    if (pointer_ == Py_True || pointer_ == Py_False || pointer_ == Py_None)
-        return pointer_ == Py_True;
-    return is_true(where);
-}
-
-// Texts, truth values, and objects that inherit the comparison by identity from `object`, are compared on the spot.
-bool Handle::equals(Handle other, Where where) const
-{
-    if (are_plain_texts(pointer_, other.pointer_))
-        return is_same_text(pointer_, other.pointer_);
-    if (PyBool_Check(pointer_) && PyBool_Check(other.pointer_))
-        return pointer_ == other.pointer_;
-    if (compares_by_identity(pointer_) && compares_by_identity(other.pointer_))
-        return pointer_ == other.pointer_;
-    return compares_equal(other, where);
+    fast::Answer known = fast::equals(pointer_, other.pointer_);
+    return known == fast::Answer::unknown ? compares_equal(other, site) : known == fast::Answer::yes;
 }
 
 // "name"_k = value: an argument passed by keyword.
@@ -215,7 +197,7 @@ private:
     const NameSlot* keyword_ = nullptr;
 };
 
-Object keyword_names(const Argument* keywords, std::size_t count, Where where);
+Object keyword_names(const Argument* keywords, std::size_t count, CallSite site);
 
 // The arguments of one call as the vector call protocol wants them: a free slot in front, the values, those passed by
 // keyword last, and a tuple of their names.
@@ -224,53 +206,53 @@ template <std::size_t Count> struct VectorCall {
     std::size_t positional = 0;
     Object names;
 
-    explicit VectorCall(const Argument (&arguments)[Count], Where where)
+    explicit VectorCall(const Argument (&arguments)[Count], CallSite site)
     {
         for (std::size_t i = 0; i < Count; ++i) {
             values[i + 1] = arguments[i].value();
             positional += arguments[i].keyword() == nullptr;
         }
         if (positional < Count)
-            names = keyword_names(arguments + positional, Count - positional, where);
+            names = keyword_names(arguments + positional, Count - positional, site);
     }
 };
 
 // The call itself; `values` begins with the free slot.
-Object call_prepared(Handle function, PyObject** values, std::size_t positional, Handle names, Where where);
+Object call_prepared(Handle function, PyObject** values, std::size_t positional, Handle names, CallSite site);
 
 template <std::size_t Count>
-[[gnu::always_inline]] inline Object Handle::operator()(const Argument (&arguments)[Count], Where where) const
+[[gnu::always_inline]] inline Object Handle::operator()(const Argument (&arguments)[Count], CallSite site) const
 {
-    VectorCall<Count> prepared(arguments, where);
-    return call_prepared(*this, prepared.values, prepared.positional, prepared.names, where);
+    VectorCall<Count> prepared(arguments, site);
+    return call_prepared(*this, prepared.values, prepared.positional, prepared.names, site);
 }
 
-inline Object Handle::operator()(Where where) const
+inline Object Handle::operator()(CallSite site) const
 {
     PyObject* values[1];
-    return call_prepared(*this, values, 0, Handle(), where);
+    return call_prepared(*this, values, 0, Handle(), site);
 }
 
 // A method looked up on its object, to be called at once: no bound method is made in between.
 class MethodOfObject {
 public:
     template <std::size_t Count>
-    [[gnu::always_inline]] Object operator()(const Argument (&arguments)[Count], Where where = Where::here()) &&
+    [[gnu::always_inline]] Object operator()(const Argument (&arguments)[Count], CallSite site = CallSite::here()) &&
     {
-        VectorCall<Count> prepared(arguments, where);
-        return call(prepared.values, prepared.positional, prepared.names, where);
+        VectorCall<Count> prepared(arguments, site);
+        return call(prepared.values, prepared.positional, prepared.names, site);
     }
 
-    Object operator()(Where where = Where::here()) &&
+    Object operator()(CallSite site = CallSite::here()) &&
     {
         PyObject* values[1];
-        return call(values, 0, Handle(), where);
+        return call(values, 0, Handle(), site);
     }
 
 private:
     friend class Handle;
     MethodOfObject(Object function, Handle self) : function_(std::move(function)), self_(self) {}
-    Object call(PyObject** values, std::size_t positional, Handle names, Where where) const;
+    Object call(PyObject** values, std::size_t positional, Handle names, CallSite site) const;
 
     Object function_;
     Handle self_; // the first argument; empty where the function does not take it

@@ -8,9 +8,9 @@ namespace py {
 // One level for the scope, as a call of a callable written in C takes it.
 class Level {
 public:
-    explicit Level(Where where = Where::here())
+    explicit Level(CallSite site = CallSite::here())
     {
-        check(Py_EnterRecursiveCall(" while calling a Python object"), where);
+        check(Py_EnterRecursiveCall(" while calling a Python object"), site);
     }
     ~Level() noexcept(false)
     {
@@ -51,7 +51,11 @@ private:
     PyThreadState* thread_;
 };
 #else
-using NativeCall = layout::Recursion;
+class NativeCall {
+public:
+    bool enter() { return Py_EnterRecursiveCall(" while calling a Python object") == 0; }
+    void leave() { Py_LeaveRecursiveCall(); }
+};
 #endif
 
 } // namespace py

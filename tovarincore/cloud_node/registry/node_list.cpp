@@ -1,6 +1,6 @@
 // The registry of one region: records cross it only as deep copies, in both directions, under one lock.
-// The loops begin at the first record that may be the one: see python/plain_scan.h for the records passed over. Their
-// variables stand before the lock is taken and so outlive its release, as in Python: a finaliser may take the lock.
+// The loops pass over records that certainly are not the one: see `having` in python/iteration.h. Their variables stand
+// before the lock is taken and so outlive its release, as in Python: a finaliser may take the lock.
 #include "registry.h"
 
 namespace cloud_node {
@@ -16,7 +16,7 @@ Object find_node(Handle self, Name attribute, Handle value)
     Object node;
     return holding(self.get("_NodeManager__node_list_lock"_s), [&] {
         Object nodes = nodes_of(self);
-        for (Each rest = each_from(first_candidate(nodes, attribute, value), nodes); rest.next(node);)
+        for (Each rest = each(nodes, having(attribute, value)); rest.next(node);)
             if (node.get(attribute).equals(value))
                 return deep_copy(node);
         return none();
@@ -55,7 +55,7 @@ Object set_node(Handle self, Handle node_given)
         node = deep_copy(node_given);
         Object nodes = nodes_of(self);
         Py_ssize_t count = len(nodes);
-        for (Py_ssize_t i = first_candidate_like(nodes, "instance_id"_s, node); i < count; ++i)
+        for (Py_ssize_t i = first_like(nodes, "instance_id"_s, node); i < count; ++i)
             if (nodes_of(self).item(i).get("instance_id"_s).equals(node.get("instance_id"_s))) {
                 nodes_of(self).set_item(i, node);
                 return none();
@@ -77,7 +77,7 @@ Object get_ready_node_next_in_line(Handle self)
     Object node;
     return holding(self.get("_NodeManager__node_list_lock"_s), [&] {
         Object nodes = nodes_of(self);
-        for (Each rest = each_from(first_not_false(nodes, "ready"_s), nodes); rest.next(node);)
+        for (Each rest = each(nodes, having("ready"_s)); rest.next(node);)
             if (node.get("ready"_s).truthy())
                 return deep_copy(node);
         return none();
@@ -89,7 +89,7 @@ Object change_node_state(Handle self, Handle instance_id, Handle node_state, Han
     Object node;
     return holding(self.get("_NodeManager__node_list_lock"_s), [&] {
         Object nodes = nodes_of(self);
-        for (Each rest = each_from(first_candidate(nodes, "instance_id"_s, instance_id), nodes); rest.next(node);)
+        for (Each rest = each(nodes, having("instance_id"_s, instance_id)); rest.next(node);)
             if (node.get("instance_id"_s).equals(instance_id)) {
                 node.set("state"_s, node_state);
                 node.set("ready"_s, ready);

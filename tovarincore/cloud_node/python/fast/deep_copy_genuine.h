@@ -2,14 +2,11 @@
 // of it. As long as nothing differs from how the interpreter comes, the native copy gives the same result without it.
 #pragma once
 
-#include "object.h"
+#include "../object.h"
 
 #include <array>
 
-namespace py {
-
-// To be called once `deepcopy` is bound in the module.
-void keep_genuine_deepcopy();
+namespace py::fast {
 
 // Whether the module's `deepcopy` is the interpreter's own function. One that was already replaced in the module `copy`
 // when our module was imported is not.
@@ -30,9 +27,9 @@ bool enumerations_are_made_by(const std::array<PyObject*, enumeration_functions>
 bool enumerations_are_untouched();
 
 // deepcopy(value, memo)
-Object genuine_deepcopy(Handle value, Handle memo, Where where);
+Object genuine_deepcopy(Handle value, Handle memo, CallSite site);
 
 // _keep_alive(value, memo), by what the module `copy` now has under the name
-void keep_alive_by_name(Handle value, Handle memo, Where where);
+void keep_alive_by_name(Handle value, Handle memo, CallSite site);
 
-} // namespace py
+} // namespace py::fast

@@ -7,24 +7,24 @@ namespace py {
 
 // Two whole words, so that it travels in registers through every verb: a processor waits when it loads a word of which
 // half was stored just before.
-struct Where {
+struct CallSite {
     const char* file;
     std::int64_t line;
 
-    constexpr Where(const char* file, std::int64_t line) : file(file), line(line) {}
+    constexpr CallSite(const char* file, std::int64_t line) : file(file), line(line) {}
 
-    static constexpr Where here(const char* file = __builtin_FILE(), std::int64_t line = __builtin_LINE())
+    static constexpr CallSite here(const char* file = __builtin_FILE(), std::int64_t line = __builtin_LINE())
     {
         return {file, line};
     }
 };
 
 // With the function around the statement, for what handles errors on that function's behalf.
-struct WhereInFunction : Where {
+struct CallSiteInFunction : CallSite {
     const char* function;
 
-    static constexpr WhereInFunction here(const char* file = __builtin_FILE(), std::int64_t line = __builtin_LINE(),
-                                          const char* function = __builtin_FUNCTION())
+    static constexpr CallSiteInFunction here(const char* file = __builtin_FILE(), std::int64_t line = __builtin_LINE(),
+                                             const char* function = __builtin_FUNCTION())
     {
         return {{file, line}, function};
     }

@@ -4,7 +4,7 @@
 
 #include "layout.h"
 
-namespace py {
+namespace py::fast {
 
 void open_quiet_lookups(); // once, when the module starts
 
@@ -14,4 +14,4 @@ bool has_text_keys_only(PyObject* dict);
 // Looking a text up in the class and its bases runs no code.
 bool is_quiet_class(PyTypeObject* type);
 
-} // namespace py
+} // namespace py::fast

@@ -6,12 +6,12 @@
 
 #include <array>
 
-namespace py {
+namespace py::fast {
 
 namespace {
 
 // By address, at one of four neighbouring places, so that the few types of a registry do not drive each other out.
-std::array<CopyVerdict, 64> verdicts;
+std::array<CopyPlan, 64> plans;
 constexpr std::size_t neighbours = 4;
 std::uint64_t reducers_seen = 0;
 
@@ -105,18 +105,18 @@ CopyKind find_out(PyTypeObject* type, PyObject*& members)
     return is_plain_enumeration(type, members) ? CopyKind::enumeration : CopyKind::unusual;
 }
 
-// Where the verdict on the type is, or the place that it takes.
-CopyVerdict& verdict_place(PyTypeObject* type)
+// Where the plan on the type is, or the place that it takes.
+CopyPlan& plan_place(PyTypeObject* type)
 {
     std::size_t first = place_of(type);
     for (std::size_t i = 0; i < neighbours; ++i)
-        if (CopyVerdict& verdict = verdicts[(first + i) % verdicts.size()]; verdict.type == type)
-            return verdict;
+        if (CopyPlan& plan = plans[(first + i) % plans.size()]; plan.type == type)
+            return plan;
     for (std::size_t i = 0; i < neighbours; ++i)
-        if (CopyVerdict& verdict = verdicts[(first + i) % verdicts.size()]; verdict.type == nullptr)
-            return verdict;
+        if (CopyPlan& plan = plans[(first + i) % plans.size()]; plan.type == nullptr)
+            return plan;
     static std::size_t turn = 0;
-    return verdicts[(first + turn++ % neighbours) % verdicts.size()];
+    return plans[(first + turn++ % neighbours) % plans.size()];
 }
 
 bool is_plain_name(PyObject* name)
@@ -140,27 +140,27 @@ void ready_copy_names()
     ready = true;
 }
 
-CopyVerdict& copy_verdict(PyTypeObject* type)
+CopyPlan& copy_plan(PyTypeObject* type)
 {
     if (std::uint64_t reducers = layout::version_of_dict(reducer_table().ptr()); reducers != reducers_seen)
         [[unlikely]] {
-        for (CopyVerdict& verdict : verdicts)
-            verdict.type = nullptr;
+        for (CopyPlan& plan : plans)
+            plan.type = nullptr;
         reducers_seen = reducers;
     }
-    CopyVerdict& verdict = verdict_place(type);
+    CopyPlan& plan = plan_place(type);
     unsigned version = layout::version_of_type(type);
-    if (verdict.type == type && verdict.version == version && version != 0 &&
-        verdict.metatype_version == layout::version_of_type(Py_TYPE(type))) [[likely]]
-        return verdict;
-    verdict.kind = find_out(type, verdict.members);
+    if (plan.type == type && plan.version == version && version != 0 &&
+        plan.metatype_version == layout::version_of_type(Py_TYPE(type))) [[likely]]
+        return plan;
+    plan.kind = find_out(type, plan.members);
     // Looking names up has given both a version, unless the interpreter has run out of them.
-    verdict.version = layout::version_of_type(type);
-    verdict.metatype_version = layout::version_of_type(Py_TYPE(type));
-    verdict.type = type;
-    if (verdict.version == 0 && (verdict.kind == CopyKind::object || verdict.kind == CopyKind::enumeration))
-        verdict.kind = CopyKind::unusual;
-    return verdict;
+    plan.version = layout::version_of_type(type);
+    plan.metatype_version = layout::version_of_type(Py_TYPE(type));
+    plan.type = type;
+    if (plan.version == 0 && (plan.kind == CopyKind::object || plan.kind == CopyKind::enumeration))
+        plan.kind = CopyKind::unusual;
+    return plan;
 }
 
 bool has_plain_names(PyObject* dict)
@@ -172,15 +172,15 @@ bool has_plain_names(PyObject* dict)
     return true;
 }
 
-bool has_plain_names(const layout::SharedValues& shared, CopyVerdict& verdict)
+bool has_plain_names(const layout::SharedValues& shared, CopyPlan& plan)
 {
-    if (verdict.keys.cover(shared)) [[likely]]
+    if (plan.keys.cover(shared)) [[likely]]
         return true;
     for (Py_ssize_t i = 0; i < shared.count(); ++i)
         if (!is_plain_name(shared.name(i)))
             return false;
-    verdict.keys.remember(shared);
+    plan.keys.remember(shared);
     return true;
 }
 
-} // namespace py
+} // namespace py::fast

@@ -1,10 +1,11 @@
 #include "attribute_cache.h"
 
+#include "comparing.h"
 #include "quiet_lookup.h"
 
 #include <utility>
 
-namespace py {
+namespace py::fast {
 
 namespace {
 
@@ -109,4 +110,4 @@ void AttributeCache::learn(PyObject* instance, PyObject* name)
     settable_ = type->tp_setattro == PyObject_GenericSetAttr;
 }
 
-} // namespace py
+} // namespace py::fast

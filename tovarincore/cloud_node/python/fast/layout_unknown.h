@@ -1,11 +1,11 @@
 // An interpreter whose structures are not known: every fast path that asks here is off, and the general path serves.
 #pragma once
 
-#include "interpreter.h"
+#include "../interpreter.h"
 
 #include <cstdint>
 
-namespace py::layout {
+namespace py::fast::layout {
 
 inline constexpr bool known = false;
 
@@ -43,4 +43,4 @@ public:
     void leave() { Py_LeaveRecursiveCall(); }
 };
 
-} // namespace py::layout
+} // namespace py::fast::layout

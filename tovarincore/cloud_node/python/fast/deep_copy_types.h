@@ -1,10 +1,10 @@
 // What deepcopy would do with an instance of a type, found out once per type and version of the type.
 #pragma once
 
-#include "known_keys.h"
-#include "name.h"
+#include "../name.h"
+#include "shared_key_table.h"
 
-namespace py {
+namespace py::fast {
 
 enum class CopyKind : std::uint8_t {
     unusual, // a hook, slots, a built-in base, ...: Python's own function has to look at it
@@ -16,13 +16,13 @@ enum class CopyKind : std::uint8_t {
     enumeration, // a member of an enumeration that is as the enum module made it
 };
 
-struct CopyVerdict {
+struct CopyPlan {
     PyTypeObject* type = nullptr;
     unsigned version = 0;
     unsigned metatype_version = 0;
     CopyKind kind = CopyKind::unusual;
     PyObject* members = nullptr; // of an enumeration: its _value2member_map_; lives as long as this version of the type
-    KnownKeys keys;              // of instances: a table without a name that deepcopy or pickle look for
+    SharedKeyTable keys;         // of instances: a table without a name that deepcopy or pickle look for
 };
 
 // The types of nearly all attribute values; such values are their own copies and no hashing or comparing of them can
@@ -37,7 +37,7 @@ inline bool is_plain_value(PyTypeObject* type)
 void ready_copy_names();
 
 // Valid until the next call.
-CopyVerdict& copy_verdict(PyTypeObject* type);
+CopyPlan& copy_plan(PyTypeObject* type);
 
 // What a class or a base has under a name, for quiet classes; borrowed or null.
 inline PyObject* class_attribute(PyTypeObject* type, Name name) { return _PyType_Lookup(type, name.ptr()); }
@@ -54,7 +54,7 @@ inline std::size_t place_of(const void* address)
 
 // Whether the names of all attributes are plain: none that is no text, none with two leading underscores. Remembers a
 // key table that has passed.
-bool has_plain_names(const layout::SharedValues& shared, CopyVerdict& verdict);
+bool has_plain_names(const layout::SharedValues& shared, CopyPlan& plan);
 bool has_plain_names(PyObject* dict);
 
-} // namespace py
+} // namespace py::fast

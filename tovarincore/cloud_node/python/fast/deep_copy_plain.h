@@ -3,10 +3,10 @@
 // that it was tried: the caller starts again in another way.
 #pragma once
 
+#include "../recursion.h"
 #include "deep_copy_types.h"
-#include "recursion.h"
 
-namespace py {
+namespace py::fast {
 
 // The originals met so far and their copies, by address; owns both. Small graphs need no allocation; nothing is kept
 // between copies.
@@ -56,10 +56,10 @@ private:
     PyObject* copy_list(PyObject* original, PointerMemo::Entry* entry);
     PyObject* copy_tuple(PyObject* original);
     PyObject* copy_dict(PyObject* original, PointerMemo::Entry* entry);
-    PyObject* copy_object(PyObject* original, PointerMemo::Entry* entry, CopyVerdict& verdict);
+    PyObject* copy_object(PyObject* original, PointerMemo::Entry* entry, CopyPlan& plan);
 
     // Null or false as copy() says it.
-    bool copy_attributes(PyObject* original, PyObject* made, CopyVerdict& verdict);
+    bool copy_attributes(PyObject* original, PyObject* made, CopyPlan& plan);
     bool copy_shared_values(const layout::SharedValues& shared, PyObject* made);
     bool copy_values(PyObject* attributes);
     PyObject* copy_met_dict(PyObject* dict);
@@ -69,4 +69,4 @@ private:
     NativeCall level_;
 };
 
-} // namespace py
+} // namespace py::fast

@@ -7,7 +7,7 @@
 
 #include <array>
 
-namespace py {
+namespace py::fast {
 
 namespace {
 
@@ -59,25 +59,25 @@ bool is_plain_enumeration(PyTypeObject* type, PyObject*& members)
            class_attribute(type, "_value_"_s) == nullptr && members != nullptr && PyDict_CheckExact(members);
 }
 
-bool is_own_copy(PyObject* member, CopyVerdict& verdict)
+bool is_own_copy(PyObject* member, CopyPlan& plan)
 {
     PyObject* own = dict_of(member);
     if (own == nullptr || !enumerations_are_untouched())
         return false;
     KnownMember& known = known_members[place_of(member) % known_members.size()];
     std::uint64_t own_version = layout::version_of_dict(own);
-    std::uint64_t members_version = layout::version_of_dict(verdict.members);
-    if (known.member == member && known.type_version == verdict.version && known.own_version == own_version &&
+    std::uint64_t members_version = layout::version_of_dict(plan.members);
+    if (known.member == member && known.type_version == plan.version && known.own_version == own_version &&
         known.members_version == members_version)
         return true;
-    if (!is_found_by_value(member, own, verdict.members))
+    if (!is_found_by_value(member, own, plan.members))
         return false;
-    known = {member, verdict.version, own_version, members_version};
+    known = {member, plan.version, own_version, members_version};
     return true;
 }
 
 PyObject* value_of_member(PyObject* member) { return PyDict_GetItemWithError(dict_of(member), "_value_"_s.ptr()); }
 
-} // namespace py
+} // namespace py::fast
 
 #endif

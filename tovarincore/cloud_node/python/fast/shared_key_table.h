@@ -3,9 +3,9 @@
 
 #include "layout.h"
 
-namespace py {
+namespace py::fast {
 
-class KnownKeys {
+class SharedKeyTable {
 public:
     bool is_table_of(const layout::SharedValues& shared) const { return shared.table() == table_; }
 
@@ -37,4 +37,4 @@ private:
     Py_ssize_t count_ = 0;
 };
 
-} // namespace py
+} // namespace py::fast

@@ -4,7 +4,7 @@
 
 #include "layout.h"
 
-namespace py {
+namespace py::fast {
 
 class ClassAttributeCache {
 public:
@@ -51,4 +51,4 @@ private:
     Kind kind_ = Kind::value;
 };
 
-} // namespace py
+} // namespace py::fast

@@ -5,7 +5,7 @@
 #include "deep_copy_genuine.h"
 #include "quiet_lookup.h"
 
-namespace py {
+namespace py::fast {
 
 // From 3.11 on, Enum.__deepcopy__ returns the member.
 bool is_plain_enumeration(PyTypeObject* type, PyObject*& members)
@@ -17,7 +17,7 @@ bool is_plain_enumeration(PyTypeObject* type, PyObject*& members)
 }
 
 // The member itself has no other hook.
-bool is_own_copy(PyObject* member, CopyVerdict& verdict)
+bool is_own_copy(PyObject* member, CopyPlan& plan)
 {
     if (!enumerations_are_untouched() || !layout::has_managed_dict(Py_TYPE(member)))
         return false;
@@ -28,17 +28,17 @@ bool is_own_copy(PyObject* member, CopyVerdict& verdict)
         return dict == nullptr ||
                (PyDict_CheckExact(dict) && has_text_keys_only(dict) && PyDict_GetItemWithError(dict, hook) == nullptr);
     }
-    if (verdict.keys.cover(shared)) [[likely]]
+    if (plan.keys.cover(shared)) [[likely]]
         return true;
     for (Py_ssize_t i = 0; i < shared.count(); ++i)
         if (!are_plain_texts(hook, shared.name(i)) || is_same_text(hook, shared.name(i)))
             return false;
-    verdict.keys.remember(shared);
+    plan.keys.remember(shared);
     return true;
 }
 
 PyObject* value_of_member(PyObject*) { return nullptr; }
 
-} // namespace py
+} // namespace py::fast
 
 #endif

@@ -2,14 +2,14 @@
 // own function, with the same memo.
 #pragma once
 
-#include "object.h"
+#include "../object.h"
 
-namespace py {
+namespace py::fast {
 
 class GeneralCopy {
 public:
     // `memo` is an exact dictionary.
-    GeneralCopy(Handle memo, Where where) : memo_(memo), where_(where) {}
+    GeneralCopy(Handle memo, CallSite site) : memo_(memo), site_(site) {}
 
     // deepcopy(value, memo)
     Object copy(Handle value);
@@ -25,7 +25,7 @@ private:
     void keep_alive(Handle original) const;
 
     Object memo_;
-    Where where_;
+    CallSite site_;
 };
 
-} // namespace py
+} // namespace py::fast

@@ -2,7 +2,7 @@
 // changes does not compile in place of going wrong.
 #pragma once
 
-#include "interpreter.h"
+#include "../interpreter.h"
 
 // The headers are meant for C; in C++ their atomic operations need the compiler's built-ins.
 #undef HAVE_STD_ATOMIC
@@ -16,7 +16,7 @@
 
 #include <cstdint>
 
-namespace py::layout {
+namespace py::fast::layout {
 
 inline constexpr bool known = true;
 
@@ -197,4 +197,4 @@ private:
     PyThreadState* thread_;
 };
 
-} // namespace py::layout
+} // namespace py::fast::layout

@@ -1,8 +1,8 @@
 #include "quiet_lookup.h"
 
-#include "builders.h"
+#include "../builders.h"
 
-namespace py {
+namespace py::fast {
 
 #if PY_VERSION_HEX < 0x030B0000
 namespace {
@@ -47,4 +47,4 @@ bool is_quiet_class(PyTypeObject* type)
     return true;
 }
 
-} // namespace py
+} // namespace py::fast

@@ -1,6 +1,6 @@
 #include "deep_copy_genuine.h"
 
-#include "globals.h"
+#include "../globals.h"
 #include "quiet_lookup.h"
 
 #include <algorithm>
@@ -8,7 +8,7 @@
 #include <span>
 #include <string_view>
 
-namespace py {
+namespace py::fast {
 
 namespace {
 
@@ -226,10 +226,9 @@ PyObject* names_of_enum_module() // borrowed, or null
 
 } // namespace
 
-void keep_genuine_deepcopy()
+void deepcopy_is_bound(PyObject* function)
 {
-    deepcopy_is_known = layout::known && find_everything() &&
-                        global("deepcopy"_s).is(borrow(kept_copy_functions[0].function())) &&
+    deepcopy_is_known = layout::known && find_everything() && function == kept_copy_functions[0].function() &&
                         is_used_by_its_helpers(kept_copy_functions[0].function());
 }
 
@@ -283,15 +282,15 @@ bool enumerations_are_made_by(const std::array<PyObject*, enumeration_functions>
 
 bool enumerations_are_untouched() { return are_unchanged(kept_enumeration_functions); }
 
-Object genuine_deepcopy(Handle value, Handle memo, Where where)
+Object genuine_deepcopy(Handle value, Handle memo, CallSite site)
 {
-    return borrow(kept_copy_functions[0].function())({value, memo}, where);
+    return borrow(kept_copy_functions[0].function())({value, memo}, site);
 }
 
-void keep_alive_by_name(Handle value, Handle memo, Where where)
+void keep_alive_by_name(Handle value, Handle memo, CallSite site)
 {
-    Object function = global_of(borrow(copy_names.dict), "_keep_alive"_s, where);
-    function({value, memo}, where);
+    Object function = global_of(borrow(copy_names.dict), "_keep_alive"_s, site);
+    function({value, memo}, site);
 }
 
-} // namespace py
+} // namespace py::fast

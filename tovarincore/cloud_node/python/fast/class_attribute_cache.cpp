@@ -1,9 +1,9 @@
 #include "class_attribute_cache.h"
 
-#include "object.h"
+#include "../object.h"
 #include "quiet_lookup.h"
 
-namespace py {
+namespace py::fast {
 
 namespace {
 
@@ -52,4 +52,4 @@ void ClassAttributeCache::consider(PyObject* object, PyObject* name)
     found_type_version_ = layout::version_of_type(found_type);
 }
 
-} // namespace py
+} // namespace py::fast

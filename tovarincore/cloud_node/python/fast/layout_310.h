@@ -1,12 +1,12 @@
 // What is read of CPython 3.10's own structures, all in this place.
 #pragma once
 
-#include "interpreter.h"
+#include "../interpreter.h"
 
 #include <cstdint>
 #include <utility>
 
-namespace py::layout {
+namespace py::fast::layout {
 
 inline constexpr bool known = true;
 
@@ -193,4 +193,4 @@ private:
     int limit_;
 };
 
-} // namespace py::layout
+} // namespace py::fast::layout

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-namespace py {
+namespace py::fast {
 
 PointerMemo::~PointerMemo()
 {
@@ -81,18 +81,18 @@ PyObject* PlainCopy::copy_container(PyObject* original)
         Py_INCREF(entry->copy);
         return entry->copy;
     }
-    CopyVerdict& verdict = copy_verdict(Py_TYPE(original));
-    switch (verdict.kind) {
+    CopyPlan& plan = copy_plan(Py_TYPE(original));
+    switch (plan.kind) {
     case CopyKind::list:
         return copy_list(original, entry);
     case CopyKind::object:
-        return copy_object(original, entry, verdict);
+        return copy_object(original, entry, plan);
     case CopyKind::tuple:
         return copy_tuple(original);
     case CopyKind::dict:
         return copy_dict(original, entry);
     case CopyKind::enumeration:
-        if (!is_own_copy(original, verdict) || !memo_.add(entry, original, original))
+        if (!is_own_copy(original, plan) || !memo_.add(entry, original, original))
             return nullptr;
         [[fallthrough]];
     case CopyKind::atomic:
@@ -162,22 +162,22 @@ PyObject* PlainCopy::copy_dict(PyObject* original, PointerMemo::Entry* entry)
     return made;
 }
 
-PyObject* PlainCopy::copy_object(PyObject* original, PointerMemo::Entry* entry, CopyVerdict& verdict)
+PyObject* PlainCopy::copy_object(PyObject* original, PointerMemo::Entry* entry, CopyPlan& plan)
 {
     PyObject* made = layout::new_instance(Py_TYPE(original));
-    bool done = made != nullptr && memo_.add(entry, original, made) && copy_attributes(original, made, verdict);
+    bool done = made != nullptr && memo_.add(entry, original, made) && copy_attributes(original, made, plan);
     if (!done)
         Py_CLEAR(made);
     return made;
 }
 
 // A dictionary that only its object refers to is met nowhere else, so it needs no entry in the memo.
-bool PlainCopy::copy_attributes(PyObject* original, PyObject* made, CopyVerdict& verdict)
+bool PlainCopy::copy_attributes(PyObject* original, PyObject* made, CopyPlan& plan)
 {
     PyObject* dict = layout::dict_of(original);
     bool is_met_elsewhere = dict != nullptr && (!PyDict_CheckExact(dict) || Py_REFCNT(dict) > 1);
     if (layout::SharedValues shared = layout::shared_values_of(original); shared && !is_met_elsewhere)
-        return has_plain_names(shared, verdict) && copy_shared_values(shared, made);
+        return has_plain_names(shared, plan) && copy_shared_values(shared, made);
     if (dict == nullptr)
         return true;
     if (!PyDict_CheckExact(dict) || !has_plain_names(dict))
@@ -226,4 +226,4 @@ bool PlainCopy::copy_values(PyObject* attributes)
     return true;
 }
 
-} // namespace py
+} // namespace py::fast

@@ -1,0 +1,72 @@
+#include "name_memory.h"
+
+#include "../fast_hooks.h"
+#include "quiet_lookup.h"
+
+#include <new>
+
+namespace py::fast {
+
+NameMemory* MemoryOfName::own() const
+{
+    if (memory_ != &nothing_known)
+        return memory_;
+    auto* made = new (std::nothrow) NameMemory{}; // kept for the life of the process, as the name is
+    if (made != nullptr)
+        memory_ = made;
+    return made;
+}
+
+namespace {
+
+void consider(const MemoryOfName& memory, PyObject* name, PyObject* object)
+{
+    if (NameMemory* own = memory.to_fill()) {
+        if (PyType_Check(object))
+            own->class_attribute.consider(object, name);
+        else
+            own->attribute.consider(object, name);
+    }
+}
+
+} // namespace
+
+PyObject* found_attribute(const MemoryOfName& memory, PyObject* name, PyObject* object)
+{
+    if (PyType_Check(object))
+        if (PyObject* value = memory.known().class_attribute.known_value(object))
+            return value;
+    consider(memory, name, object);
+    return nullptr;
+}
+
+Answer set_attribute(const MemoryOfName& memory, PyObject* name, PyObject* object, PyObject* value)
+{
+    const AttributeCache& known = memory.known().attribute;
+    if (known.sets_known_value(object))
+        return known.set_known_value(object, name, value) ? Answer::yes : Answer::no;
+    consider(memory, name, object);
+    return Answer::unknown;
+}
+
+FoundMethod found_method(const MemoryOfName& memory, PyObject* name, PyObject* object)
+{
+    const NameMemory& known = memory.known();
+    PyObject* function = known.attribute.known_method(object);
+    if (function == nullptr && PyType_Check(object))
+        function = known.class_attribute.known_method(object);
+    if (function == nullptr)
+        consider(memory, name, object);
+    return {function, true};
+}
+
+void note_global(const MemoryOfName& memory, PyObject* module_names, PyObject* builtin_names, PyObject* found)
+{
+    // In any other dictionary the search may have run code that changed it.
+    if (!has_text_keys_only(module_names) || !has_text_keys_only(builtin_names))
+        return;
+    if (NameMemory* own = memory.to_fill())
+        own->global = {layout::version_of_dict(module_names), layout::version_of_dict(builtin_names), found};
+}
+
+} // namespace py::fast

@@ -1,0 +1,113 @@
+// Where the object layer asks its fast half, in fast/, whether there is a shorter way. This header is all that it knows
+// of it. Without the fast half (`make build FAST=off`) each answer is that nothing is known, and the general ways serve
+// alone: what a program sees is the same on both.
+//
+// A borrowed answer holds until the next call, comparison or collection: the caller owns it before that. No hook runs
+// Python code, but for those that say so.
+#pragma once
+
+#include "interpreter.h"
+
+#include <cstdint>
+
+namespace py {
+
+class Handle;
+class Object;
+class Name;
+struct CallSite;
+struct Wanted;
+
+namespace fast {
+
+enum class Answer : std::uint8_t { unknown, no, yes };
+
+struct FoundMethod {
+    PyObject* function = nullptr; // borrowed; null: unknown
+    bool takes_self = false;
+};
+
+class MemoryOfName; // what was found under one name of the source; each name has one
+
+// object.name: the value, borrowed; null when unknown. The first is for instances that store it plainly, and is asked
+// before each look-up; the second knows more, and learns.
+PyObject* stored_attribute(const MemoryOfName& memory, PyObject* object);
+PyObject* found_attribute(const MemoryOfName& memory, PyObject* name, PyObject* object);
+
+// object.name = value: `no` says that it failed, with an error set. Drops the old value.
+Answer set_attribute(const MemoryOfName& memory, PyObject* name, PyObject* object, PyObject* value);
+
+// object.name, to be called at once
+FoundMethod found_method(const MemoryOfName& memory, PyObject* name, PyObject* object);
+
+// name: what note_global() was told last, while neither dictionary has changed; borrowed, null when unknown.
+PyObject* known_global(const MemoryOfName& memory, PyObject* module_names, PyObject* builtin_names);
+void note_global(const MemoryOfName& memory, PyObject* module_names, PyObject* builtin_names, PyObject* found);
+
+Answer equals(PyObject* a, PyObject* b); // a == b
+
+// isinstance(object, type), len(object), str(object), where `function` is what now stands under the name of the
+// built-in. -1 and null: unknown, unless an error is set. The last two call methods of the object.
+Answer is_instance(PyObject* function, PyObject* object, PyObject* type);
+Py_ssize_t len(PyObject* function, PyObject* object);
+PyObject* str(PyObject* function, PyObject* object);
+
+// class(...): whether calling the class is only to make an object and to call its __init__, and doing so. `values` has
+// a free slot in front. Runs the class's code.
+PyObject* initialiser(PyObject* callable);
+Object construct(Handle type, Handle initialiser, PyObject** values, std::size_t positional, PyObject* names,
+                 const CallSite& site);
+
+// The first position from `start` on of an element of an exact list that may be the wanted one.
+Py_ssize_t first_candidate(PyObject* list, Py_ssize_t start, const Wanted& wanted);
+
+// The same for elements with the value that `element` has under the name.
+Py_ssize_t first_like(PyObject* list, const Name& name, PyObject* element);
+
+// lock.acquire(), which takes a free lock at once, and lock.release(), of the interpreter's own locks. `no` says that
+// the lock is not free, and that releasing it failed, with an error set.
+Answer acquire(PyObject* lock);
+Answer release(PyObject* lock);
+
+// deepcopy(value), where `function` is what now stands under the name: empty when unknown. May run code of the value.
+Object deep_copy(const Handle& function, const Handle& value, const CallSite& site);
+
+// Once, when the module starts, and once its name `deepcopy` is bound: what has been replaced by then is not taken for
+// the interpreter's own.
+void open(PyObject* builtin_names);
+void deepcopy_is_bound(PyObject* function);
+
+} // namespace fast
+} // namespace py
+
+#if TOVARIN_FAST
+#include "fast/hooks.h"
+#else
+
+namespace py::fast {
+
+inline constexpr bool is_on = false;
+
+class MemoryOfName {};
+
+inline PyObject* stored_attribute(const MemoryOfName&, PyObject*) { return nullptr; }
+inline PyObject* found_attribute(const MemoryOfName&, PyObject*, PyObject*) { return nullptr; }
+inline Answer set_attribute(const MemoryOfName&, PyObject*, PyObject*, PyObject*) { return Answer::unknown; }
+inline FoundMethod found_method(const MemoryOfName&, PyObject*, PyObject*) { return {}; }
+inline PyObject* known_global(const MemoryOfName&, PyObject*, PyObject*) { return nullptr; }
+inline void note_global(const MemoryOfName&, PyObject*, PyObject*, PyObject*) {}
+inline Answer equals(PyObject*, PyObject*) { return Answer::unknown; }
+inline Answer is_instance(PyObject*, PyObject*, PyObject*) { return Answer::unknown; }
+inline Py_ssize_t len(PyObject*, PyObject*) { return -1; }
+inline PyObject* str(PyObject*, PyObject*) { return nullptr; }
+inline PyObject* initialiser(PyObject*) { return nullptr; }
+inline Py_ssize_t first_candidate(PyObject*, Py_ssize_t start, const Wanted&) { return start; }
+inline Py_ssize_t first_like(PyObject*, const Name&, PyObject*) { return 0; }
+inline Answer acquire(PyObject*) { return Answer::unknown; }
+inline Answer release(PyObject*) { return Answer::unknown; }
+inline void open(PyObject*) {}
+inline void deepcopy_is_bound(PyObject*) {}
+
+} // namespace py::fast
+
+#endif
