@@ -16,7 +16,7 @@ __all__ = ["complete_images", "complete_types", "completing", "keep_words"]
 Complete = Callable[[click.Context, click.Parameter, str], list[CompletionItem]]
 
 _WORDS = "tovarincore.command.words"
-_NODE_NAMES = ("node", "nodes")
+_NODE_NAMES = ("node", "names")
 
 
 def keep_words(context: click.Context, words: tuple[str, ...]) -> None:
