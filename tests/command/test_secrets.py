@@ -85,7 +85,7 @@ def test_the_debug_log_of_a_process_has_no_secret(ec2: Ec2World, tmp_path: Path)
 
 def test_everything_that_is_written_passes_the_writer() -> None:
     """No module but the writer, and the questions of one more, writes to a stream by itself."""
-    allowed = {"output/writer.py", "output/progress.py", "main.py", "context/groups.py"}
+    allowed = {"output/steps.py", "output/writer.py", "output/progress.py", "main.py", "context/groups.py"}
     asking = {"context/invocation.py", "context/secrets.py"}
     package = ROOT / "tovarincore" / "command"
     for path in package.rglob("*.py"):
