@@ -167,3 +167,20 @@ def test_code_run_by_a_collection_may_change_the_original() -> None:
     finally:
         gc.callbacks.remove(change)
         gc.set_threshold(*threshold)
+
+
+def test_a_class_that_follows_one_that_is_gone_is_looked_at_by_itself() -> None:
+    """What is remembered of a class ends with it, also when the next class lies at its address."""
+    for _ in range(200):
+        thing = type("Gone", (), {})()
+        thing.a = 1
+        for _ in range(3):
+            assert layer.native_deepcopy(thing).a == 1
+        del thing
+        gc.collect()
+        hooked = type("Hooked", (), {})()
+        hooked.__deepcopy__ = lambda memo: "by its hook"
+        for _ in range(3):
+            assert layer.native_deepcopy(hooked) == "by its hook"
+        del hooked
+        gc.collect()

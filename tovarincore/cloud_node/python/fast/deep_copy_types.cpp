@@ -153,6 +153,7 @@ CopyPlan& copy_plan(PyTypeObject* type)
     if (plan.type == type && plan.version == version && version != 0 &&
         plan.metatype_version == layout::version_of_type(Py_TYPE(type))) [[likely]]
         return plan;
+    plan.keys.forget(); // of a class that may be gone, and its table's address in use again
     plan.kind = find_out(type, plan.members);
     // Looking names up has given both a version, unless the interpreter has run out of them.
     plan.version = layout::version_of_type(type);
