@@ -4,6 +4,8 @@
 #include "attribute_cache.h"
 #include "class_attribute_cache.h"
 
+#include <utility>
+
 namespace py::fast {
 
 // What a global name stood for, as long as neither the module's dictionary nor the built-ins change.
