@@ -66,6 +66,8 @@ class Ec2Endpoint:
         settings.ENABLE_AMI_VALIDATION = True
         settings.ENABLE_KEYPAIR_VALIDATION = True
         settings.EC2_ENABLE_INSTANCE_TYPE_VALIDATION = True
+        # More than a thousand images of others, which each reset would make again.
+        settings.ec2_load_default_amis = lambda: False
         # EC2 sends an empty name for an instance without a public one; the emulator sends none at all.
         find_name = vars(Instance)["public_dns_name"].fget
         self._empty_names = patch.object(

@@ -2,11 +2,13 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterator
+import gc
+from collections.abc import Callable, Hashable, Iterator
 from typing import Any
 
 import pytest
-from botocore.loaders import JSONFileLoader
+from botocore.client import ClientCreator
+from botocore.loaders import JSONFileLoader, Loader
 
 from stage.ec2 import Ec2World, ec2_world
 from stage.ec2_endpoint import Ec2Endpoint
@@ -14,20 +16,35 @@ from tovarincore.testing.reference_worker import ReferenceWorker
 
 __all__ = ["ec2", "ec2_endpoint", "healthy_worker", "sdk_data_read_once"]
 
+_SDK_MADE: dict[Hashable, Any] = {}
+
+
+def _once(method: Callable[..., Any], key: Callable[..., Hashable]) -> Callable[..., Any]:
+    """The method, called once for each key of its arguments in all of this process."""
+
+    def remembered(self: Any, argument: Any) -> Any:
+        place = (method.__qualname__, key(self, argument))
+        if place not in _SDK_MADE:
+            _SDK_MADE[place] = method(self, argument)
+        # A copy of what callers change.
+        return dict(made) if isinstance(made := _SDK_MADE[place], dict) else made
+
+    return remembered
+
 
 @pytest.fixture(scope="module")
 def sdk_data_read_once() -> Iterator[None]:
-    """Let the SDK parse each of its data files once: the facade makes a client for every request."""
-    load_file = JSONFileLoader.load_file
-    files: dict[str, Any] = {}
+    """Let the SDK read its data and write a client's methods once.
 
-    def load_once(loader: JSONFileLoader, path: str) -> Any:
-        if path not in files:
-            files[path] = load_file(loader, path)
-        return files[path]
-
+    The facade makes a client for every request.
+    """
     with pytest.MonkeyPatch.context() as patched:
-        patched.setattr(JSONFileLoader, "load_file", load_once)
+        for owner, name, key in (
+            (JSONFileLoader, "load_file", lambda loader, path: path),
+            (Loader, "list_available_services", lambda loader, kind: (*loader.search_paths, kind)),
+            (ClientCreator, "_create_methods", lambda creator, model: model.service_name),
+        ):
+            patched.setattr(owner, name, _once(getattr(owner, name), key))
         yield
 
 
@@ -35,6 +52,9 @@ def sdk_data_read_once() -> Iterator[None]:
 def ec2_endpoint(sdk_data_read_once: None) -> Iterator[Ec2Endpoint]:
     """The emulated EC2 of a test module."""
     with Ec2Endpoint() as endpoint:
+        # The emulator and the SDK's data stay for good; tests that collect need not look at them.
+        gc.collect()
+        gc.freeze()
         yield endpoint
 
 

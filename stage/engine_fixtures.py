@@ -22,9 +22,15 @@ VERSIONS = ["1.2.0", "1.10.0", "1.9.0"]
 IMAGE = "tovarin-worker"
 
 
-DOCKER, PODMAN = (
-    pytest.param(kind, id=name, marks=pytest.mark.xdist_group(f"container engine {name}"))
-    for name, kind in (("docker", DockerServer), ("podman", PodmanServer))
+# The groups keep an engine in one process of a parallel run.
+DOCKER = pytest.param(DockerServer, id="docker", marks=pytest.mark.xdist_group("container engine docker"))
+PODMAN = pytest.param(
+    PodmanServer,
+    id="podman",
+    marks=[
+        pytest.mark.xdist_group("container engine podman"),
+        pytest.mark.thorough(reason="Podman runs what differs between the engines only"),
+    ],
 )
 
 

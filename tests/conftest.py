@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import gc
 import importlib
 import os
 import signal
@@ -15,6 +16,7 @@ import pytest
 
 from stage.settings import settings_of
 from tests.fakes import CallLog, recording_logger
+from tests.thorough import skip_thorough
 
 MODULES = {"extension": "tovarincore.cloud_node", "twin": "tests.twin.cloud_node"}
 ONLY = os.environ.get("TOVARIN_TESTS_ONLY", "")
@@ -49,10 +51,17 @@ def pytest_xdist_auto_num_workers(config: pytest.Config) -> int:
 
 
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
-    """Refuse ids with addresses: each process of a parallel run would know the test under another name."""
+    """Refuse ids with addresses, by which no two processes know the same test; skip what takes long."""
     for item in items:
+        skip_thorough(item)
         if " at 0x" in item.nodeid:
             raise pytest.UsageError(f"{item.nodeid} holds an address: name the parameter by ids=[...]")
+
+
+def pytest_collection_finish() -> None:
+    """Take what the imports made out of the collector's sight: many tests collect, each time all of it."""
+    gc.collect()
+    gc.freeze()
 
 
 @pytest.fixture
@@ -95,7 +104,7 @@ def run_child(tmp_path: Path) -> Child:
         return subprocess.run(
             [sys.executable, "-W", "error", *options, "-c", code],
             cwd=ROOT,
-            env={**os.environ, "PYTHONPATH": str(ROOT), "PYTHONDONTWRITEBYTECODE": "1", **environment},
+            env={**os.environ, "PYTHONPATH": str(ROOT), **environment},
             capture_output=True,
             text=True,
             timeout=120,

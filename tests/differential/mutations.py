@@ -170,15 +170,19 @@ def mutations(source: str, seed: int) -> Iterator[Mutation]:
         for change in CHANGES
     ]
     random.Random(seed).shuffle(places)
+    functions = list(_functions(tree))
     for index, statement_index, rank, change in places:
-        mutated = copy.deepcopy(tree)
-        function = list(_functions(mutated))[index]
-        statement = function.body[statement_index]
-        before = ast.unparse(statement)
+        statement = functions[index].body[statement_index]
         transformer = _At(rank, change)
-        function.body[statement_index] = transformer.visit(statement)
-        after = ast.unparse(function.body[statement_index])
-        if transformer.changed and after != before:
+        changed = transformer.visit(copy.deepcopy(statement))
+        if not transformer.changed:
+            continue
+        before, after = ast.unparse(statement), ast.unparse(changed)
+        if after != before:
+            # Of the whole module only for a change that is one: most places have nothing to change.
+            mutated = copy.deepcopy(tree)
+            function = list(_functions(mutated))[index]
+            function.body[statement_index] = changed
             ast.fix_missing_locations(mutated)
             yield Mutation(
                 f"{function.name}, {change.__name__.strip('_')}:\n{_changed_lines(before, after)}", mutated

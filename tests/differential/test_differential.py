@@ -6,11 +6,14 @@ import pytest
 
 from tests.differential.mutations import found_by, load, mutations, recorded
 from tests.differential.runner import cases, difference
+from tests.thorough import sized
 from tests.twin import cloud_node as twin
 from tovarincore import cloud_node as extension
 
-PROGRAMS = 4000
+PROGRAMS = sized(1500, 4000)
 BLOCK = 500
+# A mutation that is missed costs all of them.
+TRIED = sized(600, 1500)
 
 
 @pytest.mark.parametrize(
@@ -28,6 +31,6 @@ def test_the_programs_find_mutations_of_the_twin():
     few hundred programs."""
     with open(str(twin.__file__), encoding="utf-8") as file:
         drawn = list(islice(mutations(file.read(), seed=7), 12))
-    some = recorded(1500)
+    some = recorded(TRIED)
     missed = [mutation.text for mutation in drawn if found_by(load(mutation.module), some) is None]
     assert len(missed) <= 3, missed

@@ -12,11 +12,12 @@ import pytest
 
 from stage.local_region import LocalRegion, local_settings
 from stage.settings import settings_of
+from tests.thorough import sized
 from tovarincore.container_helper import ContainerHelper
 from tovarincore.core_def import OPResultErrorCode
 
 CALLERS = 20
-ROUNDS = 5
+ROUNDS = sized(2, 5)
 # Twenty starts at once take their time on a machine that does other things as well.
 PATIENCE_SECONDS = 60.0
 

@@ -195,7 +195,10 @@ print("alive")
 """
 
 
-@pytest.mark.parametrize("allocator", ["default", "debug"])
+DEFAULT = pytest.param("default", marks=pytest.mark.thorough(reason="the other allocator shows more"))
+
+
+@pytest.mark.parametrize("allocator", [DEFAULT, "debug"])
 @pytest.mark.parametrize("program", PROGRAMS.values(), ids=PROGRAMS.keys())
 def test_a_process_survives(cloud_node: ModuleType, program: str, allocator: str) -> None:
     """With each of the interpreter's allocators; the one for debugging overwrites what has been freed."""

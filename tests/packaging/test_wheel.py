@@ -5,6 +5,7 @@ import subprocess
 import sys
 import sysconfig
 import venv
+import zipfile
 from importlib.metadata import version
 from pathlib import Path
 
@@ -29,17 +30,36 @@ def pip(*arguments: str | Path) -> None:
     run(sys.executable, "-m", "pip", "--disable-pip-version-check", "--quiet", *arguments)
 
 
-@pytest.fixture(scope="module")
-def wheel(tmp_path_factory: pytest.TempPathFactory) -> Path:
-    """A wheel of this tree for the running interpreter."""
-    folder = tmp_path_factory.mktemp("wheel")
-    # Its C++ is compiled quickly, not for speed: nothing below runs it long.
-    settings = ("-C", "cmake.build-type=Debug", "-C", f"build-dir={folder / 'build'}")
-    pip("wheel", "--no-deps", "--no-build-isolation", *settings, "--wheel-dir", folder, ".")
+# One process builds the wheel for both of its tests.
+of_the_wheel = pytest.mark.xdist_group("wheel")
+compiles = pytest.mark.thorough(reason="compiles the whole module")
+
+
+def wheel_of_this_tree(folder: Path, *settings: str) -> Path:
+    """A wheel made in the folder, by the package's build with these settings on top."""
+    options = [word for setting in (*settings, f"build-dir={folder / 'build'}") for word in ("-C", setting)]
+    pip("wheel", "--no-deps", "--no-build-isolation", *options, "--wheel-dir", folder, ".")
     (made,) = folder.glob("*.whl")
     return made
 
 
+@pytest.fixture(scope="module")
+def wheel(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    """A wheel of this tree for the running interpreter."""
+    # Its C++ is compiled quickly, not for speed: nothing below runs it long.
+    return wheel_of_this_tree(tmp_path_factory.mktemp("wheel"), "cmake.build-type=Debug")
+
+
+def test_a_wheel_carries_what_it_should_beside_the_module(tmp_path: Path) -> None:
+    """Without compiling: the Python files, the data, the stub and the marker are there, and no sources."""
+    made = wheel_of_this_tree(tmp_path, "wheel.cmake=false")
+    with zipfile.ZipFile(made) as archive:
+        (fault,) = faults(archive.namelist())
+    assert fault == "expected one built module, tovarincore/cloud_node, found []"
+
+
+@of_the_wheel
+@compiles
 @pytest.mark.no_sanitizer  # the wheel's module is compiled as users compile it
 def test_a_wheel_carries_the_package_and_no_source_of_the_module(
     wheel: Path, monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str]
@@ -49,6 +69,8 @@ def test_a_wheel_carries_the_package_and_no_source_of_the_module(
     assert (main(), capsys.readouterr().err) == (0, "")
 
 
+@of_the_wheel
+@compiles
 @pytest.mark.no_sanitizer  # as above
 def test_a_wheel_imports_in_an_environment_of_its_own(wheel: Path, tmp_path: Path) -> None:
     """The installed module is the one imported there, and the version is that of the metadata."""
