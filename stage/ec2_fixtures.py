@@ -22,10 +22,10 @@ _SDK_MADE: dict[Hashable, Any] = {}
 def _once(method: Callable[..., Any], key: Callable[..., Hashable]) -> Callable[..., Any]:
     """The method, called once for each key of its arguments in all of this process."""
 
-    def remembered(self: Any, argument: Any) -> Any:
-        place = (method.__qualname__, key(self, argument))
+    def remembered(self: Any, *arguments: Any, **named: Any) -> Any:
+        place = (method.__qualname__, key(self, *arguments, **named))
         if place not in _SDK_MADE:
-            _SDK_MADE[place] = method(self, argument)
+            _SDK_MADE[place] = method(self, *arguments, **named)
         # A copy of what callers change.
         return dict(made) if isinstance(made := _SDK_MADE[place], dict) else made
 
@@ -41,8 +41,8 @@ def sdk_data_read_once() -> Iterator[None]:
     with pytest.MonkeyPatch.context() as patched:
         for owner, name, key in (
             (JSONFileLoader, "load_file", lambda loader, path: path),
-            (Loader, "list_available_services", lambda loader, kind: (*loader.search_paths, kind)),
-            (ClientCreator, "_create_methods", lambda creator, model: model.service_name),
+            (Loader, "list_available_services", lambda loader, type_name: (*loader.search_paths, type_name)),
+            (ClientCreator, "_create_methods", lambda creator, service_model: service_model.service_name),
         ):
             patched.setattr(owner, name, _once(getattr(owner, name), key))
         yield

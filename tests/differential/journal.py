@@ -8,7 +8,7 @@ import sys
 from types import SimpleNamespace
 from typing import Any, Callable, Optional
 
-from botocore.exceptions import ClientError
+from tests.fakes import client_error
 
 
 class Aborted(Exception):
@@ -57,12 +57,6 @@ class Odd:
     def __iter__(self) -> Any:
         self._raise_if("__iter__")
         return iter((1, 2))
-
-
-def client_error(response: dict[str, Any]) -> ClientError:
-    error = ClientError({"Error": {}}, "Operation")
-    error.response = response
-    return error
 
 
 # What may happen instead of an event's ordinary outcome: an error, or another value in its place.

@@ -12,7 +12,7 @@ from hypothesis import settings
 from hypothesis import strategies as st
 from hypothesis.stateful import RuleBasedStateMachine, invariant, rule, run_state_machine_as_test
 
-from tests.fakes import LOCKED, RELEASED, CallLog, FakeLock, is_free
+from tests.fakes import CallLog, FakeLock, is_free
 
 FLUSH_ALL_NEEDED = "If no node_uuid is provided flush_all=True must be explicitly set"
 
@@ -133,38 +133,6 @@ for uuid in None, "A":
 print(facade.flush_webs_client_pool(None), len(facade.webs_client_pool))
 """)
     assert printed == "[1] 1\n"
-
-
-EVERY_OPERATION: dict[str, Callable[[Any], Any]] = {
-    "add": lambda facade: facade.add_to_webs_client_pool(A1),
-    "get": lambda facade: facade.get_from_webs_client_pool("A"),
-    "flush": lambda facade: facade.flush_webs_client_pool("A"),
-    "flush all": lambda facade: facade.flush_webs_client_pool(None, True),
-}
-every_operation = pytest.mark.parametrize("operation", EVERY_OPERATION.values(), ids=EVERY_OPERATION)
-
-
-@every_operation
-def test_every_operation_takes_the_lock_for_three_seconds_and_gives_it_back(
-    pooled: Any, log: CallLog, operation: Callable[[Any], Any]
-) -> None:
-    """Once each."""
-    pooled.webs_client_pool_lock = FakeLock(log)
-    operation(pooled)
-    assert log == [LOCKED, RELEASED]
-
-
-@every_operation
-def test_a_lock_not_had_in_time_is_a_bare_timeout_error(
-    pooled: Any, log: CallLog, operation: Callable[[Any], Any]
-) -> None:
-    """The pool is untouched, the lock not released."""
-    pooled.webs_client_pool_lock = FakeLock(log, acquired=False)
-    with pytest.raises(TimeoutError) as caught:
-        operation(pooled)
-    assert caught.value.args == ()
-    assert log == [LOCKED]
-    assert pooled.webs_client_pool == [A1, B1, A2]
 
 
 @pytest.mark.parametrize(

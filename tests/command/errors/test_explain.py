@@ -2,8 +2,6 @@
 
 from __future__ import annotations
 
-from typing import Any
-
 import botocore.exceptions
 import pytest
 
@@ -14,6 +12,7 @@ from tovarincore.command.errors.explain import explain, failure_of
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
 from tovarincore.container_helper import ContainerError
 from tovarincore.core_def import OPResult, OPResultErrorCode
+from tovarincore.testing.fakes import client_error
 
 AMAZON = CloudRegion(name="us-east-1", cloud="AWS")
 
@@ -118,8 +117,7 @@ def test_a_failure_of_the_command_stays_as_it_is() -> None:
 
 def test_an_error_of_ec2_is_named_with_its_code_and_operation() -> None:
     """A client error shows operation, message and code."""
-    details: Any = {"Code": "InvalidInstanceID.NotFound", "Message": "no such instance"}
-    failure = explain(botocore.exceptions.ClientError({"Error": details}, "StopInstances"))
+    failure = explain(client_error("InvalidInstanceID.NotFound", "no such instance", "StopInstances"))
     assert failure.what == "EC2 refused StopInstances: no such instance (InvalidInstanceID.NotFound)"
     assert failure.code is ExitCode.NOT_FOUND
 

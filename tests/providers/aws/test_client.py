@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import threading
 import warnings
 from collections.abc import Callable
 from types import ModuleType
@@ -13,7 +12,7 @@ import botocore.config
 import botocore.exceptions
 import pytest
 
-from tests.fakes import AWS_REGION, LOCKED, RELEASED, CallLog, Fake, FakeLock, call, is_free, recording
+from tests.fakes import AWS_REGION, LOCKED, RELEASED, CallLog, Fake, FakeLock, call, recording
 from tests.providers.aws.conftest import AUTH, Amazon
 from tovarincore.cloud_def import AWSCloudAuth, CloudAuth
 
@@ -198,43 +197,6 @@ def test_a_failure_to_make_the_client_frees_the_lock(
     assert aws.log[0] == LOCKED
     assert aws.log[-1] == RELEASED
     assert aws.log.names.count("release") == 1
-
-
-def test_a_lock_not_had_in_time_is_a_bare_timeout_error_and_is_not_released(
-    aws: Amazon, lock: FakeLock
-) -> None:
-    """No session is made either."""
-    lock.acquired = False
-    with pytest.raises(TimeoutError) as caught:
-        aws.manager._get_client()
-    assert caught.value.args == ()
-    assert aws.log == [LOCKED]
-
-
-def test_the_modules_lock_held_by_another_thread_is_waited_for_three_seconds(
-    aws: Amazon, session: Fake
-) -> None:
-    """The failing caller leaves it to its holder."""
-    lock = aws.module.aws_node_manager_client_lock
-    held, done = threading.Event(), threading.Event()
-
-    def hold() -> None:
-        with lock:
-            held.set()
-            done.wait(30)
-
-    holder = threading.Thread(target=hold)
-    holder.start()
-    held.wait()
-    try:
-        with pytest.raises(TimeoutError):
-            aws.manager._get_client()
-        assert lock.locked()
-    finally:
-        done.set()
-        holder.join()
-    assert aws.manager._get_client() == "the client"
-    assert is_free(lock)
 
 
 def test_an_override_of_the_session_takes_effect(aws: Amazon, lock: FakeLock) -> None:
