@@ -59,7 +59,7 @@ coverage: setup ## runs the tests and says how many lines of package and extensi
 	@scripts/coverage $(ARGS)
 
 .PHONY: fuzz
-fuzz: build ## searches every parser of outside bytes for inputs that break it (SECONDS=60 for each)
+fuzz: build ## searches every parser of outside bytes, and prints runs and memory of each (SECONDS=60 for each)
 	@TOVARIN_FUZZ_SECONDS=$(or $(SECONDS),60) $(python) -X dev -W error -m pytest -n auto tests/fuzz $(ARGS)
 
 .PHONY: lock

@@ -153,7 +153,7 @@ def test_the_list_of_earlier_versions_is_read_along(folder: Path) -> None:
         "uuid": "u",
         "name": "n",
         "instance_type": "t",
-        "launched": "x",
+        "launched": "2026-01-31T10:00:00+00:00",
     }
     write(folder / "launches.json", json.dumps([old]))
     ledger = Ledger()

@@ -18,6 +18,8 @@ from tovarincore.cloud_conf import CloudConfManager
 from tovarincore.cloud_def import CloudInstances, CloudNode, CloudRegion, CloudRegions
 from tovarincore.core_conf import ConfigError, core_conf_glbl, describe_settings
 
+# A file is read up to 16 MiB; none of these is longer than a few kilobytes.
+MOST_MEGABYTES = 200
 CANARY = "canary-value-42"
 
 plain = st.text(st.characters(exclude_categories=["Cs"]), max_size=12)
@@ -110,4 +112,4 @@ def test_every_file_is_read_or_refused(tmp_path: Path, reader: str) -> None:
                 assert CANARY not in str(error).replace(f'"{CANARY}"', "").replace(f".{CANARY}]", "")
 
     with settings_of(tmp_path, settings):
-        search(files, check, examples=100)
+        search(files, check, 100, MOST_MEGABYTES)

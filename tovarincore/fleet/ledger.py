@@ -143,9 +143,9 @@ class Ledger:
                 kind = event.pop("event")
                 key = (event["region"], event.pop("intent", event["uuid"]))
                 if kind == _INTENT:
-                    intents[key] = LedgerEntry(**event)
+                    intents[key] = _entry(event)
                 elif kind == _LAUNCHED:
-                    entry = LedgerEntry(**event)
+                    entry = _entry(event)
                     begun = intents.pop(key, entry)
                     # Two programs may have settled one intent.
                     launched.setdefault(
@@ -153,7 +153,7 @@ class Ledger:
                     )
                 elif kind == _REFUSED:
                     intents.pop(key, None)
-            except (ValueError, TypeError, KeyError, AttributeError) as error:
+            except (ValueError, TypeError, KeyError, AttributeError, RecursionError) as error:
                 raise _no_ledger(self.path) from error
         return list(launched.values()), list(intents.values())
 
@@ -173,8 +173,8 @@ class Ledger:
         if data is None:
             return []
         try:
-            return [LedgerEntry(**entry) for entry in json.loads(data)]
-        except (ValueError, TypeError) as error:
+            return [_entry(entry) for entry in json.loads(data)]
+        except (ValueError, TypeError, RecursionError) as error:
             raise _no_ledger(path) from error
 
     def _append(self, event: dict[str, Any]) -> None:
@@ -192,6 +192,15 @@ class Ledger:
                     os.close(descriptor)
             except OSError as error:
                 raise ConfigError(f"{self.path}: cannot be written: {error.strerror}") from error
+
+
+def _entry(fields: dict[str, Any]) -> LedgerEntry:
+    entry = LedgerEntry(**fields)
+    if not all(isinstance(value, str) for value in vars(entry).values()):
+        raise TypeError("the values of an entry are texts")
+    if datetime.fromisoformat(entry.launched).tzinfo is None:
+        raise ValueError("a time without its zone cannot be compared")
+    return entry
 
 
 def _no_ledger(path: Path) -> ConfigError:

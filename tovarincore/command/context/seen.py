@@ -11,7 +11,9 @@ from contextlib import suppress
 from pathlib import Path
 from typing import Any
 
+from tovarincore._config_files.private_file import read_private
 from tovarincore.cloud_conf import CloudConfManager
+from tovarincore.core_conf import ConfigError
 
 __all__ = ["IMAGES", "NODES", "remember", "seen"]
 
@@ -53,8 +55,8 @@ def remember(kind: str, region_key: str, listed: Iterable[str]) -> None:
 
 
 def _read() -> dict[str, Any]:
-    with suppress(OSError, ValueError):
-        known = json.loads(_path().read_bytes())
+    with suppress(ConfigError, ValueError, RecursionError):
+        known = json.loads(read_private(_path()) or b"{}")
         if isinstance(known, dict):
             return known
     return {}

@@ -63,9 +63,10 @@ def _read() -> dict[str, Any]:
     try:
         looks: dict[str, Any] = json.loads(read_private(path) or b"{}")
         for look in looks.values():
-            datetime.fromisoformat(look["seen"])
-            datetime.fromisoformat(look["idle_since"])
-    except (ValueError, TypeError, KeyError, AttributeError) as error:
+            for name in ("seen", "idle_since"):
+                if datetime.fromisoformat(look[name]).tzinfo is None:
+                    raise ValueError("a time without its zone cannot be compared")
+    except (ValueError, TypeError, KeyError, AttributeError, RecursionError) as error:
         raise ConfigError(f"{path}: is no record of looks at nodes; move it away") from error
     return looks
 

@@ -184,7 +184,7 @@ def _read_settings(path: Path | None) -> Any:
         return {}
     try:
         return json.loads(path.read_bytes())
-    except (OSError, ValueError) as error:
+    except (OSError, ValueError, RecursionError) as error:
         # The file may hold secrets, so the parser's text, which quotes nothing of it, is all that is shown.
         raise CommandFailure(
             f"{path}: is not JSON: {one_line(error)}", "correct the file of --settings", ExitCode.USAGE
