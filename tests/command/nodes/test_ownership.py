@@ -8,6 +8,7 @@ from pathlib import Path
 import pytest
 
 from stage.ec2 import USER_NAME, Ec2World
+from stage.fault import Answer, document
 from tests.command.conftest import Run
 from tests.command.subcommands.test_lifecycle import state
 from tovarincore.cloud_conf import CloudConf, CloudConfManager
@@ -77,6 +78,45 @@ def test_a_node_in_a_listing_that_bears_another_name_is_left_alone(
         "  try: list your nodes: tovarin-nodes list us-east-1",
     ]
     assert (state(ec2, theirs), state(ec2, mine)) == ("running", "running")
+
+
+def listing_of_everybody(ec2: Ec2World) -> Answer:
+    """What EC2 would answer if it did not filter: this user's node, somebody else's, and nobody's."""
+    items = "".join(
+        f"<item><instanceId>i-{number}</instanceId><instanceType>t3.small</instanceType>"
+        "<instanceState><code>16</code><name>running</name></instanceState><dnsName>127.0.0.1</dnsName>"
+        f"<tagSet><item><key>Name</key><value>cold-{number}</value></item>{tag}</tagSet></item>"
+        for number, tag in enumerate(
+            [
+                f"<item><key>tovarin_username</key><value>{name}</value></item>"
+                for name in (USER_NAME, "other")
+            ]
+            + [""]
+        )
+    )
+    return document(
+        "DescribeInstances",
+        f"<reservationSet><item><instancesSet>{items}</instancesSet></item></reservationSet>",
+    )
+
+
+@pytest.mark.parametrize(
+    "command",
+    [("list", "--no-probe", "-o", "name"), ("orphans",), ("stop", "--all", "--strangers", "--dry-run")],
+    ids=lambda command: str(command[0]),
+)
+def test_a_listing_shows_the_user_s_own_instances_alone(
+    run: Run, ec2: Ec2World, command: tuple[str, ...]
+) -> None:
+    """The tags in EC2's answer are compared with the user name; a list asks for nothing more."""
+    with ec2.faults() as endpoint:
+        endpoint.script("DescribeInstances", listing_of_everybody(ec2))
+        result = run(command[0], "us-east-1", *command[1:], "--verbose")
+        assert command[0] != "list" or endpoint.actions() == ["DescribeInstances"]
+    assert result.exit_code == 0, result.output
+    assert "cold-0" in result.stdout
+    assert "cold-1" not in result.stdout and "cold-2" not in result.stdout
+    assert "2 instances of other users were listed by EC2 and are left out" in result.stderr
 
 
 @pytest.mark.parametrize("command", ["terminate", "stop", "start", "reboot"])

@@ -1,7 +1,7 @@
 """A region with what is stored for it."""
 
 import importlib.util
-from dataclasses import dataclass, replace
+from dataclasses import dataclass, field, replace
 from pathlib import Path
 
 import click
@@ -10,7 +10,7 @@ from tovarincore._transport.gate import RefusedName, check_user_name
 from tovarincore.cloud_conf import CloudConf, CloudConfManager
 from tovarincore.cloud_def import AWSCloudAuth, CloudAuth, CloudRegion, CloudRegions, K8sRegion
 from tovarincore.command.context.invocation import Invocation
-from tovarincore.command.context.sdk import prepare_sdk
+from tovarincore.command.context.sdk import Owners, prepare_sdk
 from tovarincore.command.errors.advice import command_for
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
 from tovarincore.core_conf import core_conf_glbl
@@ -32,11 +32,13 @@ class Access:
     :param region: the region
     :param auth: stored credentials; ``None`` where the kind of region needs none
     :param user_name: the stored user name, in which nodes are launched and listed
+    :param owners: who launched the instances that EC2 has described in this run
     """
 
     region: CloudRegion
     auth: CloudAuth | None
     user_name: str | None
+    owners: Owners = field(default_factory=dict, compare=False, repr=False)
 
 
 class _Store(CloudConfManager):
@@ -66,12 +68,13 @@ def open_region(region: CloudRegion) -> Access:
     conf = store.get_cloud_conf(region)
     configure = command_for(region, "configure", "--user-name", "NAME", "--profile", "PROFILE")
     if conf is not None:
+        owners: Owners = {}
         if region.cloud == "AWS":
             require_user_name(conf.user_name, region)
-            prepare_sdk()
+            owners = prepare_sdk()
             # Some of its methods take no credentials, and look here for them.
             cloud_manager_glbl.cloud_conf_manager = store
-        return Access(region, conf.cloud_auth, conf.user_name)
+        return Access(region, conf.cloud_auth, conf.user_name, owners)
     if region.cloud == "AWS":
         raise CommandFailure(
             f"no credentials are stored for the region {region.name}",

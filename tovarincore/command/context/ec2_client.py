@@ -6,9 +6,7 @@ from tovarincore.cloud_def import AWSCloudAuth
 from tovarincore.command.context.access import Access
 from tovarincore.core_conf import core_conf_glbl
 
-__all__ = ["TAG_USER_NAME", "open_client", "tags_of"]
-
-TAG_USER_NAME = "tovarin_username"
+__all__ = ["open_client"]
 
 
 def open_client(access: Access) -> Any:
@@ -38,8 +36,3 @@ def open_client(access: Access) -> Any:
         config=Config(retries={"total_max_attempts": 2, "mode": "standard"}, proxies=proxies),
         verify=not core_conf_glbl.network__bypass_ssl_verification,
     )
-
-
-def tags_of(instance: Any) -> dict[str, str]:
-    """Return the tags of an instance, image or key pair as EC2 describes it."""
-    return {tag["Key"]: tag["Value"] for tag in instance.get("Tags", [])}

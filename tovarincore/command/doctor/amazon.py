@@ -8,7 +8,8 @@ from typing import Any
 
 from tovarincore.cloud_def import AWSCloudAuth, CloudInstances, CloudRegion
 from tovarincore.command.context.access import Access, open_region
-from tovarincore.command.context.ec2_client import TAG_USER_NAME, open_client
+from tovarincore.command.context.ec2_client import open_client
+from tovarincore.command.context.sdk import TAG_USER_NAME
 from tovarincore.command.doctor.images import check_images
 from tovarincore.command.doctor.sdk_settings import check_sdk_settings
 from tovarincore.command.doctor.security_group import check_security_group

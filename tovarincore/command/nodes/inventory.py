@@ -10,6 +10,7 @@ from tovarincore.command.errors.advice import command_for
 from tovarincore.command.errors.explain import failure_of
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
 from tovarincore.command.output.text import one_line
+from tovarincore.core_conf import log_manager_glbl
 
 __all__ = ["GONE", "find_node", "list_nodes", "list_own_nodes", "matching_nodes"]
 
@@ -38,8 +39,22 @@ def list_nodes(access: Access) -> list[CloudNode]:
         ) from error
     if nodes is None:
         raise failure_of(result, access.region)
+    if access.region.cloud == "AWS":
+        nodes = _own_instances(access, nodes)
     remember(NODES, access.region.key, (name for node in nodes for name in (node.name, node.instance_id)))
     return nodes
+
+
+def _own_instances(access: Access, nodes: Sequence[CloudNode]) -> list[CloudNode]:
+    """Leave out what bears another user's name: the listing relies on EC2's filter alone."""
+    own = [
+        node for node in nodes if access.owners.get(node.instance_id, access.user_name) == access.user_name
+    ]
+    if len(own) < len(nodes):
+        log_manager_glbl.get_logger().warning(
+            "%d instances of other users were listed by EC2 and are left out", len(nodes) - len(own)
+        )
+    return own
 
 
 def list_own_nodes(access: Access) -> list[CloudNode]:

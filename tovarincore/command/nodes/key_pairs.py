@@ -3,7 +3,8 @@
 from dataclasses import dataclass
 
 from tovarincore.command.context.access import Access
-from tovarincore.command.context.ec2_client import TAG_USER_NAME, open_client, tags_of
+from tovarincore.command.context.ec2_client import open_client
+from tovarincore.command.context.sdk import TAG_USER_NAME, tags_of
 
 __all__ = ["KeyPair", "find_key_pair"]
 

@@ -4,7 +4,8 @@ from collections.abc import Sequence
 
 from tovarincore.cloud_def import CloudNode
 from tovarincore.command.context.access import Access
-from tovarincore.command.context.ec2_client import TAG_USER_NAME, open_client, tags_of
+from tovarincore.command.context.ec2_client import open_client
+from tovarincore.command.context.sdk import TAG_USER_NAME, tags_of
 from tovarincore.command.errors.advice import command_for
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
 

@@ -6,10 +6,11 @@ import click
 
 from tovarincore.cloud_def import CloudNode, CloudRegion
 from tovarincore.command.context.access import Access, open_region
-from tovarincore.command.context.ec2_client import TAG_USER_NAME, open_client
+from tovarincore.command.context.ec2_client import open_client
 from tovarincore.command.context.invocation import Invocation, pass_invocation
 from tovarincore.command.context.options import ListCommand, view_of, yes_option
 from tovarincore.command.context.regions import region_and
+from tovarincore.command.context.sdk import TAG_USER_NAME
 from tovarincore.command.errors.advice import command_for
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
 from tovarincore.command.nodes.inventory import GONE, find_node, list_own_nodes, matching_nodes
