@@ -85,6 +85,7 @@ def listing_of_everybody(ec2: Ec2World) -> Answer:
     items = "".join(
         f"<item><instanceId>i-{number}</instanceId><instanceType>t3.small</instanceType>"
         "<instanceState><code>16</code><name>running</name></instanceState><dnsName>127.0.0.1</dnsName>"
+        "<launchTime>2026-01-31T10:00:00Z</launchTime>"
         f"<tagSet><item><key>Name</key><value>cold-{number}</value></item>{tag}</tagSet></item>"
         for number, tag in enumerate(
             [
