@@ -2,10 +2,9 @@
 
 from __future__ import annotations
 
-import threading
 import urllib.request
 from collections.abc import Sequence
-from types import TracebackType
+from contextlib import ExitStack
 from typing import Any
 from unittest.mock import patch
 
@@ -15,10 +14,10 @@ from werkzeug.serving import make_server
 
 from stage.patience import SETUP_SECONDS
 from stage.ports import HOST
+from stage.serving import serving
 from stage.settings import environment
 
 REGION_NAME = "us-east-1"
-POLL_SECONDS = 0.05
 KEY_PAIR_NAME = "tovarin-key"
 INSTANCE_PROFILE_NAME = "tovarin-node-profile"
 # Accepted by the endpoint whatever they are; the SDK refuses to send a request without any.
@@ -42,6 +41,7 @@ class Ec2Endpoint:
     def __init__(self) -> None:
         self.url = ""
         self._clients: dict[str, Any] = {}
+        self._cleanup = ExitStack()
 
     def __enter__(self) -> Ec2Endpoint:
         # Imported here: the emulator takes a noticeable part of a second that other demos need not wait for.
@@ -70,38 +70,26 @@ class Ec2Endpoint:
         settings.ec2_load_default_amis = lambda: False
         # EC2 sends an empty name for an instance without a public one; the emulator sends none at all.
         find_name = vars(Instance)["public_dns_name"].fget
-        self._empty_names = patch.object(
-            Instance, "public_dns_name", property(lambda instance: find_name(instance) or "")
+        self._cleanup.enter_context(
+            patch.object(Instance, "public_dns_name", property(lambda instance: find_name(instance) or ""))
         )
-        self._empty_names.start()
-        self._server = make_server(
+        server = make_server(
             HOST,
             0,
             DomainDispatcherApplication(create_backend_app),
             threaded=True,
             request_handler=QuietRequestHandler,
         )
-        self.url = f"http://{HOST}:{self._server.server_port}"
-        self._thread = threading.Thread(
-            target=self._server.serve_forever, args=(POLL_SECONDS,), name="ec2-endpoint", daemon=True
-        )
-        self._thread.start()
+        self.url = f"http://{HOST}:{server.server_port}"
+        self._cleanup.enter_context(serving(server))
         self.reset()
         return self
 
-    def __exit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        trace: TracebackType | None,
-    ) -> None:
+    def __exit__(self, *exception: object) -> None:
         for client in self._clients.values():
             client.close()
         self._clients.clear()
-        self._server.shutdown()
-        self._thread.join()
-        self._server.server_close()
-        self._empty_names.stop()
+        self._cleanup.close()
 
     def reset(self) -> None:
         """Forget every instance, image, key pair, profile and security group."""

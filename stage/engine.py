@@ -12,7 +12,6 @@ import time
 from abc import ABC, abstractmethod
 from contextlib import ExitStack, suppress
 from pathlib import Path
-from types import TracebackType
 
 import docker
 
@@ -60,12 +59,7 @@ class ContainerEngineServer(ABC):
             self._cleanup = cleanup.pop_all()
         return self
 
-    def __exit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        trace: TracebackType | None,
-    ) -> None:
+    def __exit__(self, *exception: object) -> None:
         self.go_on()
         if self._process.poll() is None:
             with self.client() as client:

@@ -4,15 +4,16 @@ from __future__ import annotations
 
 import json
 import tempfile
-import threading
 from collections.abc import Callable
+from contextlib import ExitStack
 from dataclasses import dataclass
 from http.server import BaseHTTPRequestHandler
 from pathlib import Path
 from socketserver import ThreadingUnixStreamServer
-from types import TracebackType
 from typing import Any
 from urllib.parse import parse_qs, urlsplit
+
+from stage.serving import serving
 
 Answer = tuple[int, Any]
 
@@ -47,28 +48,20 @@ class EngineApi:
         self.api_version: str | None = "1.41"
         self.requests: list[EngineRequest] = []
         self.url = ""
+        self._cleanup = ExitStack()
 
     def __enter__(self) -> EngineApi:
         # Not pytest's folder: the path of a Unix socket is short.
-        self._folder = tempfile.TemporaryDirectory(prefix="tovarin-api-")
-        path = Path(self._folder.name) / "engine.sock"
-        self._server = _Server(str(path), _Handler)
-        self._server.api = self
-        self._thread = threading.Thread(target=self._server.serve_forever, args=(0.02,), daemon=True)
-        self._thread.start()
+        folder = self._cleanup.enter_context(tempfile.TemporaryDirectory(prefix="tovarin-api-"))
+        path = Path(folder) / "engine.sock"
+        server = _Server(str(path), _Handler)
+        server.api = self
+        self._cleanup.enter_context(serving(server))
         self.url = f"unix://{path}"
         return self
 
-    def __exit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        trace: TracebackType | None,
-    ) -> None:
-        self._server.shutdown()
-        self._thread.join()
-        self._server.server_close()
-        self._folder.cleanup()
+    def __exit__(self, *exception: object) -> None:
+        self._cleanup.close()
 
 
 class _Handler(BaseHTTPRequestHandler):

@@ -7,13 +7,14 @@ import time
 import urllib.error
 import urllib.request
 from collections.abc import Mapping
+from contextlib import ExitStack
 from dataclasses import dataclass, replace
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
-from types import TracebackType
 from urllib.parse import parse_qsl
 from xml.sax.saxutils import escape
 
 from stage.patience import SETUP_SECONDS
+from stage.serving import serving
 
 
 @dataclass(frozen=True)
@@ -89,6 +90,7 @@ class FaultEndpoint:
         self._answers: dict[str, list[Answer]] = {}
         self._launches: dict[str, Answer] = {}
         self._lock = threading.Lock()
+        self._cleanup = ExitStack()
 
     def script(self, action: str, *answers: Answer) -> None:
         """Answer `action` from now on with these, one after the other."""
@@ -123,23 +125,15 @@ class FaultEndpoint:
             def log_message(self, format: str, *args: object) -> None:
                 """Write nothing."""
 
-        self._server = ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+        server = ThreadingHTTPServer(("127.0.0.1", 0), Handler)
         # Joined at the end, so that no test leaves a connection open.
-        self._server.daemon_threads = False
-        self.url = f"http://127.0.0.1:{self._server.server_port}"
-        self._thread = threading.Thread(target=self._server.serve_forever, args=(0.05,), daemon=True)
-        self._thread.start()
+        server.daemon_threads = False
+        self.url = f"http://127.0.0.1:{server.server_port}"
+        self._cleanup.enter_context(serving(server))
         return self
 
-    def __exit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        trace: TracebackType | None,
-    ) -> None:
-        self._server.shutdown()
-        self._thread.join()
-        self._server.server_close()
+    def __exit__(self, *exception: object) -> None:
+        self._cleanup.close()
 
     def _answer(self, body: bytes, headers: Mapping[str, str]) -> Answer:
         parameters = dict(parse_qsl(body.decode("ascii"), keep_blank_values=True))

@@ -10,10 +10,9 @@ from collections.abc import Callable, Mapping
 from dataclasses import dataclass, field
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from pathlib import Path
-from types import TracebackType
 from urllib.parse import parse_qs, urlsplit
 
-from stage.certificates import make_server_certificate
+from stage.kube_server import KubeServer
 from stage.kube_store import KIND_OF, KubeStore, Manifest, Refusal
 
 ADMIN_TOKEN = "admin-token"
@@ -50,43 +49,30 @@ class Fault:
     before: Callable[[], None] | None = None
 
 
-class KubeApi:
+class KubeApi(KubeServer):
     """Context manager: an API server on a loopback port that stays the same over stops and starts.
 
     :param folder: an empty folder for its certificate
     """
 
     def __init__(self, folder: Path) -> None:
+        super().__init__(folder)
         self.store = KubeStore()
-        self.certificate = make_server_certificate(folder)
         self.requests: list[str] = []
         """What was asked for, in order: "POST pods", with the sub-resource where there is one."""
         self.headers: list[tuple[str, str]] = []
         """The headers of the last request."""
         self.tokens = {ADMIN_TOKEN: "admin", MANAGER_TOKEN: "manager", POWERLESS_TOKEN: "powerless"}
         self._faults: dict[str, list[Fault | None]] = {}
-        self._port = 0
         self._server: _Server | None = None
         self.running = threading.Event()
         self.running.set()
-
-    @property
-    def url(self) -> str:
-        """Address of the server."""
-        return f"https://127.0.0.1:{self._port}"
-
-    @property
-    def authority(self) -> Path:
-        """File of the authority by which the server's certificate is verified."""
-        return self.certificate.authority
 
     def __enter__(self) -> KubeApi:
         self.start()
         return self
 
-    def __exit__(
-        self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None
-    ) -> None:
+    def __exit__(self, *exception: object) -> None:
         self.stop()
 
     def start(self) -> None:
@@ -103,11 +89,6 @@ class KubeApi:
             self._server.shutdown()
             self._server.server_close()
             self._server = None
-
-    def restart(self) -> None:
-        """Stop and start with everything that is kept."""
-        self.stop()
-        self.start()
 
     def pause(self) -> None:
         """Take no connection until `resume`; the system completes them all the same."""

@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 from pathlib import Path
-from types import TracebackType
 from typing import Any
 
 import yaml
@@ -35,7 +34,5 @@ class KubeOwn:
     def __enter__(self) -> KubeOwn:
         return self
 
-    def __exit__(
-        self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None
-    ) -> None:
+    def __exit__(self, *exception: object) -> None:
         """Nothing was started."""

@@ -9,15 +9,15 @@ import time
 import urllib.error
 import urllib.request
 from pathlib import Path
-from types import TracebackType
 
-from stage.certificates import make_key, make_server_certificate
+from stage.certificates import make_key
 from stage.kube_api import ADMIN_TOKEN, MANAGER_TOKEN, POWERLESS_TOKEN
+from stage.kube_server import KubeServer
 from stage.patience import SETUP_SECONDS
 from stage.ports import free_port
 
 
-class KubeReal:
+class KubeReal(KubeServer):
     """Context manager: the API server alone, without scheduler, controllers and kubelet.
 
     So nothing collects what is left behind, pods are in the state that a test gives them, and quotas count
@@ -28,9 +28,9 @@ class KubeReal:
     """
 
     def __init__(self, program: Path, folder: Path) -> None:
+        super().__init__(folder, free_port())
         self._program = program
         self._folder = folder
-        self._certificate = make_server_certificate(folder)
         make_key(folder / "accounts.key")
         users = (
             f'{ADMIN_TOKEN},admin,1,"system:masters"',
@@ -38,19 +38,9 @@ class KubeReal:
             f"{POWERLESS_TOKEN},powerless,3",
         )
         (folder / "tokens.csv").write_text("\n".join(users), encoding="utf-8")
-        self._port, self._etcd_port, self._peer_port = (free_port() for _ in range(3))
+        self._etcd_port, self._peer_port = free_port(), free_port()
         self._etcd: subprocess.Popen[bytes] | None = None
         self._server: subprocess.Popen[bytes] | None = None
-
-    @property
-    def url(self) -> str:
-        """Address of the server."""
-        return f"https://127.0.0.1:{self._port}"
-
-    @property
-    def authority(self) -> Path:
-        """File of the authority by which the server's certificate is verified."""
-        return self._certificate.authority
 
     def __enter__(self) -> KubeReal:
         client, peer = (f"http://127.0.0.1:{port}" for port in (self._etcd_port, self._peer_port))
@@ -66,9 +56,7 @@ class KubeReal:
         self.start()
         return self
 
-    def __exit__(
-        self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None
-    ) -> None:
+    def __exit__(self, *exception: object) -> None:
         self.stop()
         if self._etcd is not None:
             self._etcd.kill()
@@ -84,8 +72,8 @@ class KubeReal:
             "--advertise-address=127.0.0.1",
             f"--secure-port={self._port}",
             f"--cert-dir={self._folder}",
-            f"--tls-cert-file={self._certificate.certificate}",
-            f"--tls-private-key-file={self._certificate.key}",
+            f"--tls-cert-file={self.certificate.certificate}",
+            f"--tls-private-key-file={self.certificate.key}",
             f"--token-auth-file={self._folder / 'tokens.csv'}",
             "--authorization-mode=RBAC",
             # It waits for accounts that a controller makes.
@@ -104,11 +92,6 @@ class KubeReal:
             self._server.kill()
             self._server.wait()
             self._server = None
-
-    def restart(self) -> None:
-        """Stop and start with everything that is kept."""
-        self.stop()
-        self.start()
 
     def pause(self) -> None:
         """Leave every request unanswered until `resume`."""

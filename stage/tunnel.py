@@ -5,7 +5,6 @@ from __future__ import annotations
 import base64
 import socket
 import threading
-from types import TracebackType
 
 
 class TunnelProxy:
@@ -28,9 +27,7 @@ class TunnelProxy:
         self._threads[0].start()
         return self
 
-    def __exit__(
-        self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None
-    ) -> None:
+    def __exit__(self, *exception: object) -> None:
         for each in [self._server, *self._open]:
             try:
                 each.shutdown(socket.SHUT_RDWR)
