@@ -40,7 +40,7 @@ class Text(str):
 
 
 def changed_record() -> type[CloudNode]:
-    """A class of its own for records with more attributes: what is done to them changes how all of a
+    """A separate class for records with more attributes: what is done to them changes how all of a
     class are kept."""
     return type("ChangedNode", (AWSCloudNode,), {})
 

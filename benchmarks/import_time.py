@@ -1,4 +1,4 @@
-"""The module's own import, its siblings already there: in processes of their own."""
+"""The module's own import, its siblings already there: in separate processes."""
 
 from __future__ import annotations
 

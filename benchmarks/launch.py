@@ -29,7 +29,7 @@ ROUNDS = 3
 
 
 def serve(connection: Connection) -> None:
-    """The endpoint, in a process of its own: its work is not the launch's."""
+    """The endpoint, in a separate process: its work is not the launch's."""
     with Ec2Endpoint() as endpoint:
         endpoint.prepare_account([IMAGE_NAME])
         images = endpoint.client().describe_images(Owners=["self"])["Images"]

@@ -198,7 +198,7 @@ class Ec2Tour:
 
 
 def run_ec2_demo(json_lines: bool, manager: CloudManager = cloud_manager_glbl) -> int:
-    """Run the tour on an endpoint and workers of its own; returns 0, or 1 if a step went wrong."""
+    """Run the tour on its own endpoint and workers; returns 0, or 1 if a step went wrong."""
     report = Report(json_lines)
     region = CloudRegion(name=REGION_NAME, cloud="AWS")
     auth = AWSCloudAuth(aws_access_key_id=ACCESS_KEY_ID, aws_secret_access_key=SECRET_ACCESS_KEY)

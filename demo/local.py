@@ -172,7 +172,7 @@ class LocalTour:
 
 
 def run_local_demo(json_lines: bool, manager: CloudManager = cloud_manager_glbl) -> int:
-    """Run the tour on a container engine of its own; returns 0, or 1 if a step went wrong.
+    """Run the tour on its own container engine; returns 0, or 1 if a step went wrong.
 
     The engine is a real one that only root can start; where none can run, the first step says why.
     """

@@ -1,6 +1,6 @@
 """A shell to try things in: `python -m demo.playground [command ...]`.
 
-An emulated EC2, a worker that answers and one that never does, and a configuration folder of its own, all on
+An emulated EC2, a worker that answers and one that never does, and a separate configuration folder, all on
 this machine and gone at the end. The region is us-east-1; nodes whose name begins with "silent" get the
 worker that never answers.
 """

@@ -49,7 +49,7 @@ find_python() { # [version]
     return 1
 }
 
-# Prints the real path of the interpreter when it serves (a shim's own path would resolve anew at each call).
+# Prints the real path of the interpreter when it serves (a shim's own path would resolve again at each call).
 serves() { # interpreter, [version it must have]
     [[ -z $(python_defect "$1") ]] || return 1
     "$1" -I -c 'import sys; v = "%d.%d" % sys.version_info[:2]

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import functools
 import gc
 from collections.abc import Callable, Hashable, Iterator
 from typing import Any
@@ -52,10 +53,15 @@ def sdk_data_read_once() -> Iterator[None]:
 def ec2_endpoint(sdk_data_read_once: None) -> Iterator[Ec2Endpoint]:
     """The emulated EC2 of a test module."""
     with Ec2Endpoint() as endpoint:
-        # The emulator and the SDK's data stay for good; tests that collect need not look at them.
-        gc.collect()
-        gc.freeze()
+        _freeze_the_emulator()
         yield endpoint
+
+
+@functools.cache
+def _freeze_the_emulator() -> None:
+    """Take it out of the collector's sight: it stays for good, and tests that collect need not look at it."""
+    gc.collect()
+    gc.freeze()
 
 
 @pytest.fixture(scope="session")

@@ -91,7 +91,7 @@ class KubeApi(KubeServer):
             self._server = None
 
     def pause(self) -> None:
-        """Take no connection until `resume`; the system completes them all the same."""
+        """Take no connection until `resume`; the system completes them anyway."""
         self.running.clear()
 
     def resume(self) -> None:

@@ -1,4 +1,4 @@
-"""A cluster of the user's own, reached by the user's kubeconfig; it is neither stopped nor slowed down."""
+"""The user's cluster, reached by the user's kubeconfig; it is neither stopped nor slowed down."""
 
 from __future__ import annotations
 

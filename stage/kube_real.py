@@ -1,4 +1,4 @@
-"""A real kube-apiserver with its etcd, on loopback ports and in a folder of their own."""
+"""A real kube-apiserver with its etcd, on loopback ports, in a folder that holds nothing else."""
 
 from __future__ import annotations
 

@@ -146,7 +146,7 @@ class KubeWorld:
         return self.admin.get(Pod, name)
 
     def secret_names(self) -> list[str]:
-        """The names of the namespace's Secrets; a real cluster adds Secrets of other kinds of its own."""
+        """The names of the namespace's Secrets; a real cluster adds Secrets of other kinds."""
         return [
             secret.metadata.name or ""
             for secret in self.admin.list(Secret)
@@ -199,7 +199,7 @@ class KubeWorld:
 def kube_world(
     server: KubeServer, folder: Path, sections: Mapping[str, Mapping[str, Any]]
 ) -> Iterator[KubeWorld]:
-    """Give a test a namespace where the manager has the documented rights, and settings of its own."""
+    """Give a test a namespace where the manager has the documented rights, and its own settings."""
     world = KubeWorld(server, folder)
     with settings_of(folder, sections), world.admin:
         world.admin.create(Namespace(metadata=ObjectMeta(name=world.namespace)))

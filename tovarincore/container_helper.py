@@ -27,7 +27,7 @@ T = TypeVar("T")
 
 
 class ContainerHelper:
-    """The local worker container: at most one, known by its name and by the labels that it is given here.
+    """The local worker container: at most one, known by its name and by the labels set here.
 
     Making a helper touches no engine. Every method opens a connection and closes it, and keeps nothing, so
     one helper may serve several threads. Every method ends within [container] operation_seconds (default

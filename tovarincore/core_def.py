@@ -14,7 +14,7 @@ class CoreDef:
     NODE_HOME_PATH = "/home/tovarin"
     """Home directory of the product on a launched node, without a trailing slash."""
     WORKER_TOKEN_VARIABLE = "TOVARIN_WORKER_TOKEN"
-    """Environment variable of a worker in a container: the bearer token that it has to ask for."""
+    """Environment variable of a worker in a container: the bearer token that it must ask for."""
 
 
 class OPResultErrorCode(Enum):

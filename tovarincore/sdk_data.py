@@ -1,6 +1,6 @@
 """Sharing the Amazon SDK's service descriptions between the sessions of a process.
 
-Every provider operation makes a session and an EC2 client of its own, and every fresh session reads and
+Every provider operation makes its own session and EC2 client, and every fresh session reads and
 parses the SDK's description of EC2 again, which is most of the time that making the client takes. The
 descriptions are files of the SDK's installation; they hold nothing of any account.
 """
@@ -34,7 +34,7 @@ def share_service_descriptions() -> None:
 
     Calling it again changes nothing. A description is read from its file at its first use; when the SDK's
     installation or the files in its ``data_path`` change, call :func:`stop_sharing_service_descriptions` and
-    this function again, or start the process anew.
+    this function again, or restart the process.
 
     :raises ImportError: the SDK is not installed
     """

@@ -94,7 +94,7 @@ def send_to_worker(pattern: str, port: int) -> None:
 def start_command(
     *arguments: str, module: str = "tovarincore", stdin: int = subprocess.DEVNULL
 ) -> subprocess.Popen[str]:
-    """Start the command as a process of its own in the test's surroundings, warnings being errors."""
+    """Start the command as a separate process in the test's surroundings, warnings being errors."""
     return subprocess.Popen(
         [sys.executable, "-W", "error", "-m", module, *arguments],
         env={**os.environ, "PYTHONPATH": str(ROOT)},

@@ -1,4 +1,4 @@
-"""The start of the command, as processes of their own."""
+"""The start of the command, as separate processes."""
 
 from __future__ import annotations
 

@@ -1,7 +1,7 @@
 """Runs the commands in docs/command.md and puts what they write into it.
 
 `python -m tests.command.transcript` rewrites the file. Every block of commands is run, in the order of the
-file, on an emulated EC2, an API server and, where one can be started, a container engine of its own. What
+file, on an emulated EC2, an API server and, where one can be started, its own container engine. What
 differs from run to run (ids, times, ports, load) is replaced by made-up values.
 """
 

@@ -44,21 +44,14 @@ def finish(demo: subprocess.Popen[str]) -> tuple[int, str, str]:
         return demo.returncode, out, err
 
 
-@pytest.fixture(scope="module")
-def demos() -> dict[str, tuple[int, str, str]]:
-    """The demo in both forms, run side by side since each spends most of its time waiting."""
-    started = {"json": start_demo("--json"), "text": start_demo()}
-    return {form: finish(demo) for form, demo in started.items()}
-
-
 def json_lines(text: str) -> list[dict[str, Any]]:
     """The objects of a JSON lines text."""
     return [json.loads(line) for line in text.splitlines()]
 
 
-def test_the_demo_shows_every_step_as_json_lines(demos: dict[str, tuple[int, str, str]]) -> None:
+def test_the_demo_shows_every_step_as_json_lines() -> None:
     """All steps are right, the node's states follow each other, and the security group is shown."""
-    status, out, err = demos["json"]
+    status, out, err = finish(start_demo("--json"))
     assert (status, err) == (0, "")
     _opening, *steps, outcome = json_lines(out)
     assert all(step["ok"] for step in steps)
@@ -83,9 +76,10 @@ def test_the_demo_shows_every_step_as_json_lines(demos: dict[str, tuple[int, str
     assert "ami-0123456789abcdef0" in refused["said"][0]
 
 
-def test_the_demo_reads_well_for_a_person(demos: dict[str, tuple[int, str, str]]) -> None:
+@pytest.mark.thorough(reason="the other form shows the steps, and test_report.py the text")
+def test_the_demo_reads_well_for_a_person() -> None:
     """The text names every node with state, readiness and address, and ends with the verdict."""
-    status, out, err = demos["text"]
+    status, out, err = finish(start_demo())
     assert (status, err) == (0, "")
     assert "Dry run of a launch" in out
     for name in NODE_NAMES:

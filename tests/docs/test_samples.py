@@ -101,7 +101,7 @@ def compare(sample: Sample, shown: str, printed: str) -> None:
 
 @pytest.fixture
 def reader(tmp_path: Path) -> Iterator[Reader]:
-    """A reader at the beginning of a page, in a playground of its own."""
+    """A reader at the beginning of a page, in its own playground."""
     with playground(), contextlib.closing(Reader(tmp_path)) as following:
         yield following
 

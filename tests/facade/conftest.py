@@ -1,4 +1,4 @@
-"""A facade of a test's own, and the providers that it may make."""
+"""A facade for each test, and the providers that it may make."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""The pool of web-socket clients: taken by node, flushed by node or all at once, under a lock of its own."""
+"""The pool of web-socket clients: taken by node, flushed by node or all at once, under its own lock."""
 
 from __future__ import annotations
 
@@ -40,7 +40,7 @@ def test_clients_are_kept_in_the_order_they_were_added(pooled: Any) -> None:
 
 
 def test_taking_gives_the_first_client_of_the_node(pooled: Any) -> None:
-    """And leaves the others in their order, in a list of its own."""
+    """And leaves the others in their order, in a new list."""
     before = pooled.webs_client_pool
     assert pooled.get_from_webs_client_pool("A") is A1
     assert pooled.webs_client_pool == [B1, A2]
@@ -80,7 +80,7 @@ def test_a_false_client_is_returned_but_stays_in_the_pool(facade: Any) -> None:
 
 
 def test_flushing_a_node_gives_its_worker_ids(pooled: Any) -> None:
-    """In pool order; other nodes' clients stay, in a list of its own."""
+    """In pool order; other nodes' clients stay, in a new list."""
     before = pooled.webs_client_pool
     assert pooled.flush_webs_client_pool("A") == ["A1", "A2"]
     assert pooled.webs_client_pool == [B1]

@@ -28,7 +28,7 @@ def classes(cloud_node: ModuleType, log: CallLog, monkeypatch: pytest.MonkeyPatc
 def test_the_constructor_sets_its_attributes_in_order(
     cloud_node: ModuleType, log: CallLog, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    """Settings shared, everything else of its own."""
+    """Settings shared, everything else separate."""
     monkeypatch.setattr(cloud_node, "CloudConfManager", recording(log, "CloudConfManager", "the store"))
     facade = cloud_node.CloudManager()
     assert list(vars(facade)) == [
@@ -261,7 +261,7 @@ def test_the_key_is_looked_for_twice(facade: Any) -> None:
 
 
 def test_a_key_in_the_cache_is_compared_twice(facade: Any) -> None:
-    """A plain text may meet a key with methods of its own."""
+    """A plain text may meet a key with its own methods."""
     key = LoggedText("local:local")
     key.seen = []
     facade._node_manager_hashset = {key: "provider"}
@@ -315,7 +315,7 @@ def test_what_happens_between_the_two_looks_counts(facade: Any, change: str, oth
 
 
 def test_a_cached_provider_is_any_object_but_none(facade: Any, log: CallLog, classes: None) -> None:
-    """A false one is a hit, None is made anew."""
+    """A false one is a hit; for None a new one is made."""
     facade._node_manager_hashset[LOCAL.hash_key] = ""
     assert facade._get_node_manager(LOCAL) == ""
     facade._node_manager_hashset[LOCAL.hash_key] = None
@@ -323,7 +323,7 @@ def test_a_cached_provider_is_any_object_but_none(facade: Any, log: CallLog, cla
 
 
 @pytest.mark.parametrize("attempt", ["look-up", "store"])
-def test_a_cache_lock_not_had_in_time_is_a_bare_timeout_error(
+def test_a_cache_lock_that_is_not_acquired_is_a_bare_timeout_error(
     facade: Any, log: CallLog, classes: None, attempt: str
 ) -> None:
     """A provider that cannot be stored is lost."""

@@ -158,7 +158,7 @@ def test_the_walk_compares_lazily_and_stops_at_the_first_match(cloud_node: Modul
 
 
 def test_the_walk_compares_with_python_equality_the_templates_value_first(cloud_node: ModuleType) -> None:
-    """An enum member equals itself alone, or whatever an equality of its own admits."""
+    """An enum member equals itself alone, or whatever its own `__eq__` admits."""
     compared: list[Any] = []
 
     class Value:

@@ -25,7 +25,7 @@ def hasty() -> Patience:
 
 
 def second_region(world: Ec2World) -> CloudRegion:
-    """Another region of the account, with the key pair, an image of its own and stored credentials."""
+    """Another region of the account, with the key pair, its own image and stored credentials."""
     region = CloudRegion("eu-west-1", "AWS")
     CloudConfManager().set_cloud_conf(region, CloudConf(world.auth, USER_NAME))
     session: Any = boto3.Session(ACCESS_KEY_ID, SECRET_ACCESS_KEY, region_name=region.name)

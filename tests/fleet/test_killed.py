@@ -48,7 +48,7 @@ class Watched(FaultEndpoint):
 
 
 def run_until(world: Ec2World, moment: str, number: int) -> int:
-    """Run a launch of twenty in a process of its own, kill it at a moment, and return its exit code."""
+    """Run a launch of twenty in a separate process, kill it at a moment, and return its exit code."""
     lock = threading.Lock()
     started = threading.Event()
     seen = 0

@@ -133,7 +133,7 @@ def test_missing_capacity_everywhere_is_reported_for_each_node(ec2: Ec2World, ha
 
 
 def test_the_next_region_is_asked_with_its_own_image(ec2: Ec2World, hasty: Patience) -> None:
-    """A fallback in another region has an image of its own, and makes the security group there."""
+    """A fallback in another region has its own image, and makes the security group there."""
     region = second_region(ec2)
     template = ec2.manager.get_default_instance_template(region, ec2.auth, CpuPlanA())
     place = Place(region=region, template=template)
@@ -278,7 +278,7 @@ def test_a_node_that_ended_at_once_is_noted_and_replaced(ec2: Ec2World, hasty: P
 
 
 def test_a_listing_that_may_be_cut_is_no_proof(ec2: Ec2World, monkeypatch: pytest.MonkeyPatch) -> None:
-    """With as many nodes as EC2 lists at a time, one that is not listed may be there all the same."""
+    """With as many nodes as EC2 lists at a time, one that is not listed may be there anyway."""
     monkeypatch.setattr("tovarincore.fleet.sight._WHOLE_LISTING", 1)
     ec2.run_instance("cold-other")
     short = Patience(seconds=0.2, first_pause=0.01, longest_pause=0.05, unseen_seconds=0.05)

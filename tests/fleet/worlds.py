@@ -90,7 +90,7 @@ def placed(world: World) -> Iterator[None]:
             self.region = region
 
         def get_cloud_nodes(self) -> object:
-            """List the nodes, as records of their own each time."""
+            """List the nodes, as new records each time."""
             with world.counted():
                 return deepcopy(world.listings[self.region.name]())
 

@@ -264,7 +264,7 @@ def test_an_account_without_a_default_network_cannot_launch(ec2: Ec2World) -> No
 def test_a_missing_text_in_a_tag_is_refused_before_it_is_sent(
     ec2: Ec2World, name: str | None, user_name: str | None
 ) -> None:
-    """The SDK refuses a tag without a value by an error of its own, which reaches the caller."""
+    """The SDK refuses a tag without a value with its own error, which reaches the caller."""
     with pytest.raises(ParamValidationError, match="Value"):
         ec2.launch(ec2.config(name), username=user_name)
     assert ec2.instances() == []

@@ -284,7 +284,7 @@ def test_only_the_first_page_is_listed(ec2: Ec2World) -> None:
 
 
 def test_a_new_facade_finds_the_nodes_again(ec2: Ec2World) -> None:
-    """Nothing but EC2 remembers the nodes: a restarted product lists them anew."""
+    """Nothing but EC2 remembers the nodes: a restarted product lists them again."""
     node = ec2.launched()
     restarted = CloudManager()
     assert restarted.refresh_node_list(ec2.region).success

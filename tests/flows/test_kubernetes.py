@@ -1,7 +1,7 @@
 """The facade's Kubernetes regions, end to end, on an API server inside the process and on a real one.
 
 `make test-kubernetes` gives the real one: its path stands in TOVARIN_KUBE_APISERVER. With KUBECONFIG=path it
-gives a cluster of the user's own instead: that path stands in TOVARIN_TEST_KUBECONFIG.
+gives the user's cluster instead: that path stands in TOVARIN_TEST_KUBECONFIG.
 """
 
 from __future__ import annotations

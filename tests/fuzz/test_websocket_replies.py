@@ -148,7 +148,7 @@ def ask(value: tuple[str, list[bytes], bool]) -> None:
     message = result.msg or ""
     assert message.isprintable() and len(message) < 6000
     assert CANARY not in message
-    # What the last handler caught would be a mistake of ours all the same.
+    # What the last handler caught would be a mistake of ours anyway.
     assert "stumble" not in message
     if result.success and stat:
         assert 0 <= (client.node.memory_used_bytes or 0) <= (client.node.memory_total_bytes or 0)

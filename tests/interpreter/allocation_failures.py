@@ -1,7 +1,7 @@
 """Runs operations while one memory allocation after the other fails; each must end in its result or in
 MemoryError.
 
-Run in a process of its own by test_allocation_failures.py: a crash ends the process.
+Run in a separate process by test_allocation_failures.py: a crash ends the process.
 """
 
 import _testcapi  # type: ignore[import-not-found]

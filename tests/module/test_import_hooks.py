@@ -92,6 +92,6 @@ assert isinstance(cloud_node.cloud_manager_glbl, cloud_node.CloudManager)
     ],
 )
 def test_an_import_behaves_as_a_python_modules_with(code, run_child):
-    """Each in a process of its own."""
+    """Each in a separate process."""
     child = run_child(PROLOGUE + code)
     assert (child.returncode, child.stderr) == (0, "")

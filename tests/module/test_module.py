@@ -165,7 +165,7 @@ def test_a_subclass_overrides_and_calls_the_base(cloud_node: ModuleType, log: Ca
 def test_the_private_names_are_mangled_with_the_class_that_uses_them(
     cloud_node: ModuleType, log: CallLog
 ) -> None:
-    """A subclass with a list of its own under the same source name does not touch the registry."""
+    """A subclass with its own list under the same source name does not touch the registry."""
 
     class Own(provider_class(cloud_node)):  # type: ignore[misc]
         def __init__(self, region: Any) -> None:

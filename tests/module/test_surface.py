@@ -31,7 +31,7 @@ def methods(cls: type) -> Iterator[tuple[str, Any]]:
 
 
 def test_the_surface_is_the_pinned_one(cloud_node: ModuleType) -> None:
-    """Printed anew and compared; `python -m tests.module.surface` prints it for a deliberate change."""
+    """Printed and compared; `python -m tests.module.surface` prints it for a deliberate change."""
     assert surface(cloud_node) == PINNED.read_text()
 
 

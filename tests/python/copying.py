@@ -49,7 +49,7 @@ class SlottedAndDict:
 
 
 class Hooked:
-    """Copies itself, and leaves an entry of its own in the memo."""
+    """Copies itself, and leaves its own entry in the memo."""
 
     def __init__(self, value: Any) -> None:
         self.value = value

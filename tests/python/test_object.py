@@ -290,7 +290,7 @@ def test_operations_leave_no_reference_behind():
 
 
 def test_isinstance_asks_for_the_class_that_an_object_claims():
-    """`__class__` as a property, from __getattribute__, and of a class with a check of its own."""
+    """`__class__` as a property, from __getattribute__, and of a class with its own check."""
 
     class Plain:
         pass

@@ -82,14 +82,14 @@ def test_a_value_that_is_no_plain_text_has_its_turn(odd: Any) -> None:
 
 @pytest.mark.parametrize("odd", [Text("a"), Equal(), None, 1])
 def test_looking_for_something_that_is_no_plain_text_passes_over_nothing(odd: Any) -> None:
-    """It may be equal to a text all the same."""
+    """It may be equal to a text anyway."""
     assert first_turn([Record("x"), Record("a")], odd) == 0
     assert layer.first_like([Record("x"), Record("a")], Record(odd)) == 0
     assert layer.first_like([Record("x")], object()) == 0
 
 
 def test_records_that_compute_the_value_have_their_turn() -> None:
-    """Properties, attribute access of their own, missing values."""
+    """Properties, their own attribute access, missing values."""
 
     class Computed:
         name = property(lambda self: "a")
@@ -99,7 +99,7 @@ def test_records_that_compute_the_value_have_their_turn() -> None:
             return "a"
 
     class Missing(Record):
-        """A class of its own: its instances keep their attributes otherwise once one has lost some."""
+        """A separate class: its instances keep their attributes otherwise once one has lost some."""
 
     missing = Missing("x")
     del missing.name

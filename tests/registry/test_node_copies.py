@@ -22,11 +22,11 @@ from tovarincore.cloud_def import CloudNode, CloudRegion, InstanceTemplatePayTyp
 
 
 class Text(str):
-    """A text of a class of its own, with room for attributes."""
+    """A text of a derived class, with room for attributes."""
 
 
 class Number(int):
-    """A number of a class of its own."""
+    """A number of a derived class."""
 
 
 class Slotted:
@@ -57,7 +57,7 @@ class OwnCopy(CloudNode):
 
 
 class Pair(NamedTuple):
-    """A tuple of a class of its own."""
+    """A tuple of a derived class."""
 
     left: Any
     right: Any

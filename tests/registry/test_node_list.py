@@ -203,7 +203,7 @@ class Shouting(str):
 
 
 def test_keys_are_compared_with_python_equality(manager: Any) -> None:
-    """A record whose keys define an equality of their own is found by it."""
+    """A record whose keys define their own equality is found by it."""
     manager.set_node(make_node(Shouting("ab"), uuid=Shouting("cd")))
     assert manager.find_node_by_instance_id("AB").instance_id == "ab"
     assert manager.find_node_by_uuid("CD").instance_id == "ab"

@@ -204,7 +204,7 @@ class TestPrivacy:
     def test_a_refused_file_is_named_and_its_values_are_not_shown(
         self, store: Path, text: str, part: str
     ) -> None:
-        """Place, key and what is allowed are enough to mend it."""
+        """Place, key and what is allowed are enough to correct it."""
         write(store, text)
         message = refusal(store)
         assert message.startswith(f"{store}: ")
@@ -256,7 +256,7 @@ class TestRefusedRecords:
 
 
 def store_some(path: str, worker: int) -> None:
-    """One of several writers, in a process of its own."""
+    """One of several writers, in a separate process."""
     os.environ["TOVARIN_CLOUD_CONF"] = path
     for number in range(5):
         CloudConfManager().set_cloud_conf(K8sRegion(f"p{worker}-{number}"), CloudConf(None, "", "t"))

@@ -143,7 +143,7 @@ def test_the_environment_names_the_engine_unless_the_setting_does(
 def test_a_missing_package_is_one_line_that_names_the_extra(
     api: EngineApi, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    """Who needs no local containers need not install the engine's package."""
+    """Without local containers, the engine's package need not be installed."""
     monkeypatch.setitem(sys.modules, "docker", None)
     _, result = ContainerHelper().run_tvr_container_image("1.0")
     assert result.msg == (

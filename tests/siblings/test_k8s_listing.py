@@ -88,7 +88,7 @@ def test_a_listing_that_outlives_its_state_is_begun_again(kube: KubeWorld, kube_
 
 
 def test_a_listing_is_begun_again_only_once(kube: KubeWorld, kube_api: KubeApi) -> None:
-    """A state that is given up twice is an error with a code of its own, not a part of the nodes."""
+    """A state that is given up twice is an error with a separate code, not a part of the nodes."""
     add_pods(kube, kube_api, 250)
     kube_api.fault("GET pods", Fault(EXPIRED), skip=1, times=None)
     nodes, result = kube.client.get_cloud_nodes()

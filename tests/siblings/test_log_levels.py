@@ -99,7 +99,7 @@ def test_a_level_of_the_application_stays(log_manager: LogManager) -> None:
 
 
 def test_a_broken_configuration_is_named(log_manager: LogManager, conf_file: Path) -> None:
-    """Node managers ask for their logger when they are made: the text must say what to mend."""
+    """Node managers ask for their logger when they are made: the text must say what to correct."""
     conf_file.write_text('[logging]\nlevel = "LOUD"\n')
     with pytest.raises(ConfigError, match=r"core\.toml: \[logging\] level: 'LOUD' is not allowed"):
         log_manager.get_logger()

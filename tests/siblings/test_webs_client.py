@@ -303,7 +303,7 @@ def interrupt(*_: object) -> None:
 
 
 def test_the_credential_store_goes_before_the_setting(configure: Configure) -> None:
-    """Each region can have a token of its own."""
+    """Each region can have its own token."""
     with ReferenceWorker(token="stored") as worker, client_of() as client:
         configure(port=worker.port, token="configured")
         assert ping(client).error_code is OPResultErrorCode.UNAUTHENTICATED

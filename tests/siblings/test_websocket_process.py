@@ -69,7 +69,7 @@ assert in_a_cycle[0].api_get_op_result(PingRequest()).success
 def run(
     program: str, folder: Path, port: int, address: str = "127.0.0.1"
 ) -> subprocess.CompletedProcess[str]:
-    """Run a program in a process of its own, whose warnings are errors, with a worker at a port."""
+    """Run a program in a separate process, whose warnings are errors, with a worker at a port."""
     environment = {name: value for name, value in os.environ.items() if not name.startswith("TOVARIN_")}
     environment |= {
         "PYTHONPATH": str(_ROOT),

@@ -1,4 +1,4 @@
-"""Checks what stands in the credential store, without ever showing a value of it."""
+"""Checks the content of the credential store, without ever showing a value."""
 
 import re
 from pathlib import Path

@@ -25,7 +25,7 @@ _HELD_CHILDREN = tuple(f"{name}." for name in _HELD)
 
 
 class _HeldLevel(NamedTuple):
-    """The level that a logger had, and the one that it was given instead."""
+    """A logger's level before, and the one set instead."""
 
     before: int
     given: int
@@ -102,7 +102,7 @@ class LogLevels:
         wanted = max(logging.INFO, logging.root.level)
         for name in _HELD:
             self._hold_one(name, wanted, least=logging.NOTSET)
-        # A child with a level of its own does not ask its parent.
+        # A child with its own level does not ask its parent.
         for name in list(logging.root.manager.loggerDict):
             if name.startswith(_HELD_CHILDREN):
                 self._hold_one(name, logging.INFO, least=logging.NOTSET + 1)

@@ -138,7 +138,7 @@ def _check_supported(cluster: Cluster, user: User) -> None:
 
 
 def _pem(data: str | None, file: str | None, folder: Path) -> str:
-    """Return what stands in a field or else in a file."""
+    """Return the value of a field, or else the content of a file."""
     if data:
         return base64.b64decode(data, validate=True).decode("ascii", "replace")
     return read_small_file(folder / file).decode("ascii", "replace") if file else ""

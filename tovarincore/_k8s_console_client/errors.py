@@ -44,7 +44,7 @@ def result_of(error: Exception) -> OPResult:
             msg=f"Kubernetes regions need the package {error.name}, which is not installed: "
             "pip install tovarincore[kubernetes]",
         )
-    # A defect, or an answer that nobody thought of: callers rely on getting a result all the same.
+    # A defect, or an answer that nobody thought of: callers rely on getting a result anyway.
     return OPResult(
         error=True,
         error_code=OPResultErrorCode.PROTOCOL_ERROR,

@@ -47,7 +47,7 @@ def refusal_of(status: int, body: bytes) -> KubernetesError:
     text = message or f"The Kubernetes API server answered with status {status}"
     code = _CODE_OF_STATUS.get(status)
     if status == 403 and "exceeded quota" in text:
-        # The server has no reason of its own for it: a quota is one more admission that says no.
+        # The server has no separate reason for it: a quota is one more admission that says no.
         code = OPResultErrorCode.RESOURCE_EXHAUSTED
     if status == 401:
         text += ": the cluster does not accept the credentials of the kubeconfig; renew them"

@@ -17,7 +17,7 @@ _MOST_LEFT_BEHIND = 64
 
 
 class Deadline:
-    """The moment, by the monotonic clock, at which an operation ends at the latest.
+    """The latest moment, by the monotonic clock, at which an operation may end.
 
     A client that words a time-out differently overrides :meth:`expired`.
 

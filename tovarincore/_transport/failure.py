@@ -22,6 +22,6 @@ class Failure(RuntimeError):
     def as_result(self, before: str = "") -> OPResult:
         """Return the failure as callers get it.
 
-        :param before: what stands before the message
+        :param before: the text in front of the message
         """
         return OPResult(error=True, error_code=self.error_code, msg=f"{before}{self}")

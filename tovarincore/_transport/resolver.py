@@ -100,7 +100,7 @@ os.register_at_fork(after_in_child=_forget_threads)
 
 
 def resolve(host: str, port: int, deadline: Deadline, remedy: str = "correct it") -> list[SocketAddress]:
-    """Return the addresses of a host, in the order in which they are to be tried.
+    """Return the addresses of a host, in the order in which to try them.
 
     :param host: name or numeric address; the latter asks no resolver
     :param remedy: what to do about a name that does not resolve

@@ -95,7 +95,7 @@ def cli() -> None:
 def run(arguments: Sequence[str] | None = None) -> int:
     """Run the command and return its exit code.
 
-    :param arguments: what stands behind the program's name; ``None`` means ``sys.argv``
+    :param arguments: the words after the program's name; ``None`` means ``sys.argv``
     """
     try:
         cli.main(arguments)

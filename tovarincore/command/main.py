@@ -12,7 +12,7 @@ _INTERRUPTED = 130
 def main(arguments: Sequence[str] | None = None) -> int:
     """Run one command.
 
-    :param arguments: what stands behind the program's name; ``None`` means ``sys.argv``
+    :param arguments: the words after the program's name; ``None`` means ``sys.argv``
     :return: the exit code; ``--help`` lists them
     """
     try:

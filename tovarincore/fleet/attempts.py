@@ -150,7 +150,7 @@ class Attempts:
             try:
                 found = self._look(site.region, config.uuid, failure, end)
             except CannotTell as blind:
-                why = f"{failure.why}; whether it is there all the same cannot be told: {blind}"
+                why = f"{failure.why}; whether it is there anyway cannot be told: {blind}"
                 return NotLaunched(name, config.uuid, why, False, failure.result, failure.error)
             if found is not None and found.state not in _GONE:
                 return self._noted(found, config.uuid)
@@ -225,7 +225,7 @@ class Attempts:
         try:
             self._ledger.launched(node, intent)
         except ConfigError as error:
-            # The node is there all the same, and the ledger has the uuid that it carries.
+            # The node is there anyway, and the ledger has the uuid that it carries.
             log_manager_glbl.get_logger().warning(f"The launch of {node.instance_id} is not noted: {error}")
         return node
 

@@ -187,7 +187,7 @@ def _is_there(node: CloudNode, manager: CloudManager) -> bool:
 
 
 def _uninterrupted(function: Callable[[], None]) -> None:
-    """Call a function in a thread of its own; an interrupt of this one is raised behind it."""
+    """Call a function in a new thread; an interrupt of this one is raised after it ends."""
     interrupt: BaseException | None = None
     with Crew(1, "tovarin-end") as crew:
         call = crew.submit(function)

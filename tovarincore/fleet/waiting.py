@@ -167,7 +167,7 @@ class _Watch:
         return any(key[0] == region for key in self.waiting)
 
     def _judge(self, region: CloudRegion, listing: _Listing) -> list[tuple[CloudRegion, str]]:
-        """Look at what a region lists; return the nodes whose workers are to be asked."""
+        """Look at what a region lists; return the nodes whose workers to ask."""
         asked = []
         for key in [key for key in self.waiting if key[0] == region]:
             if isinstance(listing, Failure):

@@ -161,7 +161,7 @@ def test_what_a_launch_names_is_looked_for(ec2: Ec2World) -> None:
 
 
 def test_a_refused_right_fails_its_own_line_only(ec2: Ec2World) -> None:
-    """Other lines are looked at all the same."""
+    """Other lines are looked at anyway."""
     with ec2.faults() as endpoint:
         endpoint.script("DescribeKeyPairs", unauthorized())
         levels = {verdict.subject.partition(" ")[2]: verdict.level for verdict in check_amazon(ec2.region)}

@@ -76,7 +76,7 @@ def test_the_wide_form_has_all_columns_whatever_the_terminal() -> None:
 
 
 def test_chosen_columns_may_be_of_the_document_alone() -> None:
-    """A key without a column of its own is shown as it is."""
+    """A key without its own column is shown as it is."""
     lines, _ = draw(View(columns=("secret", "name")), LISTING, ITEMS[1:2], None)
     assert lines[1].split() == ["-", "trainer-10"]
 

@@ -66,7 +66,7 @@ def test_a_secret_is_read_unseen_and_never_shown(run: Run, no_account: Path) -> 
 def test_each_value_says_where_it_comes_from(
     run_json: Callable[..., Any], no_account: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    """Default, file and environment are told apart; a key of the user's own is listed too."""
+    """Default, file and environment are told apart; a key that the user made up is listed too."""
     (no_account / "core.toml").write_text(
         '[worker]\nport = 9000\npath = "/w"\n[worker_addresses]\na = "h:1"\n'
     )

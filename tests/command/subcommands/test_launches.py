@@ -87,7 +87,7 @@ def test_an_image_is_found_by_name_and_version(run: Run, ec2: Ec2World, wanted: 
 
 
 def test_a_missing_default_network_is_explained(run: Run, ec2: Ec2World) -> None:
-    """Where a launch finds no default VPC the line says so and how to mend it."""
+    """Where a launch finds no default VPC the line says so, and what to do about it."""
     (vpc,) = ec2.raw.describe_vpcs()["Vpcs"]
     for subnet in ec2.raw.describe_subnets()["Subnets"]:
         ec2.raw.delete_subnet(SubnetId=subnet["SubnetId"])
@@ -162,7 +162,7 @@ def test_settings_that_ec2_would_not_take_are_refused_first(run: Run, ec2: Ec2Wo
 
 
 def test_names_are_unique_unless_asked_for(run: Run, run_json: Callable[..., Any], ec2: Ec2World) -> None:
-    """A taken name is refused, the usual one gets a number, and --same-name takes it all the same."""
+    """A taken name is refused, the usual one gets a number, and --same-name takes it anyway."""
     assert run_json(*LAUNCH)["name"] == "tovarin-node"
     assert run_json(*LAUNCH)["name"] == "tovarin-node-2"
     refused = run(*LAUNCH, "--name", "tovarin-node")

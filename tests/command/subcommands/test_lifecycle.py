@@ -81,7 +81,7 @@ def test_a_name_that_is_not_there_ends_nothing(run: Run, ec2: Ec2World) -> None:
 
 
 def test_a_node_that_cannot_be_ended_does_not_keep_the_others(run: Run, ec2: Ec2World) -> None:
-    """A protected instance is reported, the next one is ended all the same."""
+    """A protected instance is reported, the next one is ended anyway."""
     protected, other = ec2.run_instance("cold-1"), ec2.run_instance("cold-2")
     ec2.raw.modify_instance_attribute(InstanceId=protected, DisableApiTermination={"Value": True})
     result = run("terminate", "us-east-1", "cold-1", "cold-2", "--yes", "--json")
@@ -127,7 +127,7 @@ def test_what_is_cut_short_says_what_may_have_happened(
     result = run("stop", "us-east-1", "cold-1", "--timeout", "60")
     assert (result.exit_code, result.stdout) == (code, "")
     assert result.stderr.splitlines() == [
-        f"error: {why}: cold-1 ({instance_id}) may be stopping all the same",
+        f"error: {why}: cold-1 ({instance_id}) may be stopping anyway",
         f"  try: look at its state: tovarin-nodes show us-east-1 {instance_id}",
     ]
 

@@ -78,7 +78,7 @@ def test_a_node_is_shown_with_its_load(run: Run, run_json: Callable[..., Any], e
 
 
 def test_a_node_that_is_not_there_is_not_found(run: Run, ec2: Ec2World) -> None:
-    """An unknown name is an error of its own code."""
+    """An unknown name is an error with its own code."""
     result = run("show", "us-east-1", "nobody")
     assert result.exit_code == 3
     assert result.stderr.splitlines() == [

@@ -1,4 +1,4 @@
-"""One Amazon node manager over a recording EC2 client, with settings of its own."""
+"""One Amazon node manager over a recording EC2 client, with its own settings."""
 
 from __future__ import annotations
 

@@ -171,7 +171,7 @@ def test_without_images_no_region_is_asked_for(
 def test_each_version_becomes_a_template_in_the_helpers_order(
     manager: Any, helper: Fake, log: CallLog, regions: Fake, is_public: bool
 ) -> None:
-    """With one region for all and a time of its own for each."""
+    """With one region for all and a separate time for each."""
     helper.answers["list_tvr_container_image_versions"] = ("3", "1", "2")
     before = datetime.now()
     templates, result = manager.list_instance_templates(is_public)
@@ -231,7 +231,7 @@ def test_no_local_region_is_an_assertion_without_a_message(manager: Any, helper:
 
 
 def test_no_local_region_is_recorded_as_none_without_assertions(run_optimised: Callable[[str], str]) -> None:
-    """The templates are made all the same."""
+    """The templates are made anyway."""
     printed = run_optimised("""
 from tests.fakes import CallLog, Fake
 log = CallLog()

@@ -99,7 +99,7 @@ auth is handed to the provider's launch. If this call makes the provider, that u
 
 inline constexpr const char* try_launching_node = R"(Ask Amazon EC2 whether a launch would be allowed, by a dry run.
 
-The security group and its rules are created all the same. The other providers have no dry run: in a local or a
+The security group and its rules are created anyway. The other providers have no dry run: in a local or a
 Kubernetes region this launches a node.
 
 :param region: the region

@@ -9,7 +9,7 @@
 namespace py {
 
 // What a loop looks for, said so that elements which certainly are something else need no turn: those in a list whose
-// attribute is plainly stored and plainly holds something else. The loop asks all the same: without the fast half, and
+// attribute is plainly stored and plainly holds something else. The loop asks anyway: without the fast half, and
 // for elements of which nothing is certain, it has every turn.
 struct Wanted {
     std::optional<Name> hop; // the attribute is one of what the element has under this name

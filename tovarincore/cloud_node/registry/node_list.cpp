@@ -7,7 +7,7 @@ namespace cloud_node {
 
 namespace {
 
-// self.__node_list, read anew at each mention, as Python does
+// self.__node_list, read again at each mention, as Python does
 Object nodes_of(Handle self) { return self.get("_NodeManager__node_list"_s); }
 
 // A deep copy of the first node whose attribute equals the value, else None.

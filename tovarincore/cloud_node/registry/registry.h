@@ -32,7 +32,7 @@ Object change_node_state(Handle self, Handle instance_id, Handle node_state, Han
 
 // registry/refresh.cpp
 //
-// They hold no lock of their own: the workers are pinged without one, and what another thread stores meanwhile is lost
+// They hold no lock: the workers are pinged without one, and what another thread stores meanwhile is lost
 // to the list that a refresh writes at its end. Both catch every error, also KeyboardInterrupt, log it at debug level
 // and give an error OPResult.
 Object refresh_node(Handle self, Handle node);

@@ -24,7 +24,7 @@ FORMS = ("table", "wide", "name", "json", "yaml", "csv")
 class Invocation:
     """How this run shows things.
 
-    :param arguments: what stands behind the program's name
+    :param arguments: the words after the program's name
     """
 
     def __init__(self, arguments: Sequence[str] = ()) -> None:

@@ -41,7 +41,7 @@ def setting_documents() -> list[dict[str, Any]]:
 
 
 def find_setting(key: str) -> tuple[str, Setting | None]:
-    """Return a setting's key in its one form, and its row; a key of the user's own has none.
+    """Return a setting's key in its one form, and its row; a key that the user made up has none.
 
     :param key: ``section.key``, or ``section__key`` as in programs
     :raises CommandFailure: there is no such setting; the text suggests the nearest one
@@ -65,7 +65,7 @@ def store_setting(name: str, row: Setting | None, text: str) -> object:
     """Put a value into the settings file.
 
     :param name: the key, ``section.key``
-    :param row: the setting; ``None`` for a key of the user's own
+    :param row: the setting; ``None`` for a key that the user made up
     :param text: the value as a person types it
     :return: the value
     :raises CommandFailure: the text is no value of the setting's kind

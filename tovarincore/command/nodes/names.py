@@ -22,7 +22,7 @@ def choose_name(invocation: Invocation, access: Access, wanted: str | None, allo
     :param wanted: the name that was given; ``None`` takes the first free one of the default's
     :param allow_same: take the name even if another node has it
     :raises CommandFailure: another node has the name
-    :raises RefusedName: no node can have it
+    :raises RefusedName: no node can have this name
     """
     if wanted is not None:
         check_node_name(wanted)
@@ -41,7 +41,7 @@ def choose_name(invocation: Invocation, access: Access, wanted: str | None, allo
     if wanted in taken:
         raise CommandFailure(
             f'another of your nodes is named "{one_line(wanted)}"',
-            "give another --name, or launch all the same with --same-name",
+            "give another --name, or launch anyway with --same-name",
             ExitCode.USAGE,
         )
     return wanted

@@ -68,7 +68,7 @@ def table_lines(
 
 
 def cell_text(column: Column, item: dict[str, Any]) -> str:
-    """Return what stands in a column for an item; a dash where there is nothing."""
+    """Return an item's text for a column; a dash where there is nothing."""
     value = item.get(column.key)
     if column.show is not None:
         value = column.show(value)

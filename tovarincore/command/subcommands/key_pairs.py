@@ -140,7 +140,7 @@ def delete(invocation: Invocation, region: CloudRegion, name: str, yes: bool) ->
             ExitCode.REFUSED,
         )
     confirm(invocation, f"Delete the key pair {name} in {region.key}?", yes)
-    with invocation.changing(f"the key pair {name} may be deleted all the same", ""):
+    with invocation.changing(f"the key pair {name} may be deleted anyway", ""):
         cloud_manager_glbl.delete_key_pair(region, access.auth, name)
     invocation.emit(
         "key_pair",

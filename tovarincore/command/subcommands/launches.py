@@ -146,7 +146,7 @@ def _launch(
     ledger.prepare()
     ledger.intend(region.key, config.uuid, config.name or "", request.type_def.instance_type)
     with invocation.changing(
-        "the node may have been launched all the same",
+        "the node may have been launched anyway",
         f"look for it: {command_for(region, 'list')}; tovarin-nodes history shows the request as open",
     ):
         try:
@@ -170,7 +170,7 @@ def _launch(
         try:
             ledger.launched(node, intent=config.uuid)
         except ConfigError as error:
-            # The node is there all the same, and its id must not be lost.
+            # The node is there anyway, and its id must not be lost.
             invocation.note(f"warning: the launch could not be noted, so orphans will list the node: {error}")
     return node
 
@@ -198,7 +198,7 @@ def try_command(invocation: Invocation, /, region: CloudRegion, **options: Any) 
     refuse_real_launch(region)
     request = build_request(access, **options)
     invocation.note(open_rule_note("a dry run"))
-    with invocation.changing("the security group may have been created all the same", ""):
+    with invocation.changing("the security group may have been created anyway", ""):
         try_launch(access, request)
     image = request.config.instance_template.name
     invocation.emit(

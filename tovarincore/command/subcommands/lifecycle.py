@@ -119,7 +119,7 @@ def _end_nodes(
     if not _agreed(invocation, access, nodes, _TERMINATE, yes, choice.dry_run):
         return
     with invocation.changing(
-        "nodes may have been terminated all the same",
+        "nodes may have been terminated anyway",
         f"list your nodes: {command_for(access.region, 'list', '--all')}",
     ):
         failures = _run(invocation, nodes, _TERMINATE, choice.at_once, reason=reason)
@@ -153,7 +153,7 @@ def _change(invocation: Invocation, region: CloudRegion, choice: Choice, yes: bo
         return
     names = ", ".join(f"{node.name} ({node.instance_id})" for node in nodes) if one_named else "nodes"
     with invocation.changing(
-        f"{names} may be {action.doing} all the same",
+        f"{names} may be {action.doing} anyway",
         f"look at its state: {command_for(region, 'show', nodes[0].instance_id)}"
         if one_named
         else f"list your nodes: {command_for(region, 'list')}",

@@ -36,7 +36,7 @@ def launch_several(
     with (
         steps(invocation, "launching", count) as step,
         invocation.changing(
-            "nodes may have been launched all the same, and the ledger has all of them",
+            "nodes may have been launched anyway, and the ledger has all of them",
             f"list them: {command_for(access.region, 'list')}; go on with the same launch and --if-absent",
         ),
     ):

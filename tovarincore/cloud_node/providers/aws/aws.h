@@ -1,7 +1,7 @@
 // AWSNodeManager: the node manager of one Amazon EC2 region. One file a subject; aws_node_manager.cpp holds the class.
 //
 // The functions that carry a Python name are the methods of the class, and docs.h says what the public ones do. Each
-// that sends a request makes a client of its own through _get_client. What the SDK raises reaches the caller, unless a
+// that sends a request makes a new client through _get_client. What the SDK raises reaches the caller, unless a
 // line here or in docs.h says otherwise.
 #pragma once
 

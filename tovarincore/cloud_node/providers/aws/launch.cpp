@@ -77,7 +77,7 @@ Object launched_node(Handle self, Handle instance, Handle instance_id, Handle in
          "key_pair_name"_k = instance_config.get("key_pair_name"_s)});
 }
 
-// An allowed dry run is a refusal too, with a code of its own.
+// EC2 answers an allowed dry run with a refusal too, under a code that says so.
 Object launch_refused(Handle self, Handle ex)
 {
     if (has_error_code(ex, "DryRunOperation"_s))
