@@ -6,6 +6,8 @@ import multiprocessing
 import statistics
 import threading
 import time
+from collections.abc import Iterator
+from contextlib import contextmanager
 from dataclasses import dataclass
 from datetime import datetime
 from multiprocessing.connection import Connection
@@ -21,10 +23,10 @@ from tovarincore.cloud_def import (
     CloudRegion,
     InstanceTemplate,
 )
-from tovarincore.sdk_data import share_service_descriptions, stop_sharing_service_descriptions
+from tovarincore.sdk_data import service_descriptions_shared
 
 IMAGE_NAME = "TOVARIN_AI_CPU_PLAN_A_1.0.0"
-AT_ONCE = (1, 2, 4, 8, 16, 32)
+AT_ONCE = (1, 5, 10, 20, 50)
 ROUNDS = 3
 
 
@@ -47,6 +49,35 @@ class Line:
     failed: int
 
 
+@contextmanager
+def account() -> Iterator[tuple[CloudRegion, AWSCloudAuth, str]]:
+    """An EC2 endpoint in a process of its own; gives region, credentials and the id of an image."""
+    region = CloudRegion(REGION_NAME, "AWS")
+    auth = AWSCloudAuth(aws_access_key_id=ACCESS_KEY_ID, aws_secret_access_key=SECRET_ACCESS_KEY)
+    ours, theirs = multiprocessing.Pipe()
+    server = multiprocessing.get_context("spawn").Process(target=serve, args=(theirs,))
+    server.start()
+    try:
+        url, image_id = ours.recv()
+        with surroundings(url, region, CloudConf(auth, "bench", ""), {}):
+            yield region, auth, image_id
+    finally:
+        ours.send("end")
+        server.join()
+
+
+def config_of(region: CloudRegion, image_id: str) -> CloudInstanceConfig:
+    """What a launch asks for."""
+    template = InstanceTemplate.create_from(
+        image_template_id=image_id,
+        image_template_name=IMAGE_NAME,
+        creation_date=datetime(2024, 3, 1),
+        region=region,
+    )
+    assert template is not None
+    return CloudInstanceConfig(20, {"idle_minutes": 30}, template)
+
+
 def launches(at_once: int, region: CloudRegion, auth: AWSCloudAuth, image_id: str) -> Line:
     """Launch that many nodes at once, a few times."""
     from tovarincore.cloud_node import AWSNodeManager
@@ -56,13 +87,7 @@ def launches(at_once: int, region: CloudRegion, auth: AWSCloudAuth, image_id: st
     failed: list[str] = []
 
     def launch(barrier: threading.Barrier) -> None:
-        template = InstanceTemplate.create_from(
-            image_template_id=image_id,
-            image_template_name=IMAGE_NAME,
-            creation_date=datetime(2024, 3, 1),
-            region=region,
-        )
-        config = CloudInstanceConfig(20, {"idle_minutes": 30}, template)
+        config = config_of(region, image_id)
         barrier.wait()
         start = time.perf_counter()
         try:
@@ -91,23 +116,10 @@ def measured(region: CloudRegion, auth: AWSCloudAuth, image_id: str) -> list[Lin
 
 def table() -> str:
     """Both ways as a Markdown table."""
-    region = CloudRegion(REGION_NAME, "AWS")
-    auth = AWSCloudAuth(aws_access_key_id=ACCESS_KEY_ID, aws_secret_access_key=SECRET_ACCESS_KEY)
-    ours, theirs = multiprocessing.Pipe()
-    server = multiprocessing.get_context("spawn").Process(target=serve, args=(theirs,))
-    server.start()
-    try:
-        url, image_id = ours.recv()
-        with surroundings(url, region, CloudConf(auth, "bench", ""), {}):
-            fresh = measured(region, auth, image_id)
-            share_service_descriptions()
-            try:
-                shared = measured(region, auth, image_id)
-            finally:
-                stop_sharing_service_descriptions()
-    finally:
-        ours.send("end")
-        server.join()
+    with account() as (region, auth, image_id):
+        fresh = measured(region, auth, image_id)
+        with service_descriptions_shared():
+            shared = measured(region, auth, image_id)
     lines = [
         "| launches at once | fresh: median, longest | failed | shared: median, longest | failed |",
         "|---|---|---|---|---|",
