@@ -177,6 +177,22 @@ def test_every_dependency_has_a_reason() -> None:
         assert f"`{name}`" in readme, name
 
 
+@pytest.mark.parametrize("name", ["security.md", "kubernetes.md"])
+def test_every_test_that_holds_off_a_threat_exists(name: str) -> None:
+    """The tables of threats name files of tests, and functions in them; no row is without one."""
+    rows = re.findall(r"^\| (?!threat|---)[^|]+ \| [^|]+ \| ([^|]*test_[^|]*) \|$", page(name), re.MULTILINE)
+    assert len(rows) >= 10
+    tests = [
+        test for row in rows for test in re.findall(r"`(?:tests/)?([\w/]*test_\w+\.py)(?:::(\w+))?`", row)
+    ]
+    assert len(tests) >= len(rows)
+    for file, function in tests:
+        path = ROOT / "tests" / file
+        path = path if path.exists() else ROOT / "tests" / "siblings" / file
+        assert path.exists(), file
+        assert not function or f"def {function}(" in path.read_text(encoding="utf-8"), function
+
+
 def anchors(text: str) -> set[str]:
     """The anchors of a page's headings."""
     headings = re.findall(
