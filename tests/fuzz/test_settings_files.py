@@ -68,7 +68,13 @@ deep = st.builds(
     st.integers(0, 50_000),
     st.sampled_from(["[", "{a=", "9"]),
 )
-files = documents.map(written) | cut | deep | st.binary(max_size=200)
+long = st.builds(
+    lambda key, prefix, digits: f"{key} = {prefix}{'7' * digits}".encode(),
+    st.sampled_from(["a", "worker.port", "updated"]),
+    st.sampled_from(["", "-", "0x", "0o", "0b1"]),
+    st.integers(0, 20_000),
+)
+files = documents.map(written) | cut | deep | long | st.binary(max_size=200)
 
 
 def read_settings() -> None:

@@ -250,8 +250,9 @@ class TestRefusals:
         [
             ("a = " + "[" * 100_000, "is nested too deeply"),
             ("a = " + "9" * 5000, "holds a number or date that cannot be read"),
+            ("[worker]\nport = 0x" + "f" * 5000, "holds a whole number of more than 64 bits"),
         ],
-        ids=["deep", "long number"],
+        ids=["deep", "long number", "long hexadecimal number"],
     )
     def test_odd_toml_is_refused(self, conf_file: Path, text: str, why: str) -> None:
         """The parser gives up with errors that are not its own."""

@@ -1,5 +1,6 @@
 """Where a worker is reached and with what."""
 
+import os
 import ssl
 from collections.abc import Callable
 from pathlib import Path
@@ -124,6 +125,21 @@ def test_a_ca_file_that_cannot_be_used_is_an_error_of_the_configuration(
     file = tmp_path / "ca.pem"
     if content is not None:
         file.write_text(content)
+    configure(worker={"scheme": "wss", "ca_file": str(file)})
+    with pytest.raises(ConfigError, match=r"\[worker\] ca_file: .*ca\.pem"):
+        read_target(node_at("10.0.0.1"))
+
+
+@pytest.mark.parametrize("kind", ["pipe", "endless", "failing disk", "folder"])
+def test_a_ca_file_that_is_no_file_is_not_waited_for(configure: Configure, tmp_path: Path, kind: str) -> None:
+    """The TLS library would read a pipe until somebody writes, beyond every deadline."""
+    file = tmp_path / "ca.pem"
+    if kind == "pipe":
+        os.mkfifo(file)
+    elif kind == "folder":
+        file.mkdir()
+    else:
+        file.symlink_to("/dev/zero" if kind == "endless" else "/proc/self/mem")
     configure(worker={"scheme": "wss", "ca_file": str(file)})
     with pytest.raises(ConfigError, match=r"\[worker\] ca_file: .*ca\.pem"):
         read_target(node_at("10.0.0.1"))

@@ -11,6 +11,8 @@ from tovarincore._config_files.reading import read_file
 
 __all__ = ["parse_toml", "read_named_toml", "read_toml", "require_section"]
 
+_LONGEST_INTEGER = 2**63
+
 
 def read_toml(path: Path) -> dict[str, Any] | None:
     """Return the tables of a TOML file, or ``None`` when there is no such file.
@@ -59,7 +61,10 @@ def parse_toml(data: bytes, path: Path) -> dict[str, Any]:
     # Raised below, outside the handlers: the parser's and the decoder's own errors carry parts of the file,
     # and a chained exception would keep them.
     try:
-        return tomllib.loads(data.decode("utf-8"))
+        tables = tomllib.loads(data.decode("utf-8"))
+        if not _holds_longer_integer(tables):
+            return tables
+        problem = "holds a whole number of more than 64 bits"
     except UnicodeDecodeError as error:
         problem = f"is not UTF-8 text (byte {error.start})"
     except tomllib.TOMLDecodeError as error:
@@ -71,3 +76,17 @@ def parse_toml(data: bytes, path: Path) -> dict[str, Any]:
         # The interpreter's own limits: numbers of thousands of digits, dates that no calendar has.
         problem = "holds a number or date that cannot be read"
     raise ConfigError(f"{path}: {problem}")
+
+
+def _holds_longer_integer(tables: dict[str, Any]) -> bool:
+    """Whether an integer is longer than TOML allows: one in hexadecimal could not even be shown."""
+    left: list[Any] = [tables]
+    while left:
+        value = left.pop()
+        if isinstance(value, dict):
+            left += value.values()
+        elif isinstance(value, list):
+            left += value
+        elif isinstance(value, int) and not -_LONGEST_INTEGER <= value < _LONGEST_INTEGER:
+            return True
+    return False

@@ -4,8 +4,10 @@ import base64
 import re
 import ssl
 from dataclasses import dataclass, field
+from pathlib import Path
 from urllib.parse import unquote, urlsplit
 
+from tovarincore._config_files.reading import read_file
 from tovarincore._transport.failure import Failure
 from tovarincore._transport.masker import Secret
 from tovarincore._webs_client.errors import shown
@@ -17,6 +19,9 @@ from tovarincore.core_def import OPResultErrorCode
 __all__ = ["ProxyServer", "Target", "read_target"]
 
 _DEFAULT_PORTS = {"http": 80, "https": 443}
+_CERTIFICATE = re.compile(
+    "-----BEGIN (?:TRUSTED )?CERTIFICATE-----.+?-----END (?:TRUSTED )?CERTIFICATE-----", re.DOTALL
+)
 
 _credential_store = CloudConfManager()
 
@@ -110,8 +115,8 @@ def _own_port(region: CloudRegion) -> int:
 def _worker_tls() -> ssl.SSLContext:
     ca_file = core_conf_glbl.worker__ca_file
     try:
-        context = ssl.create_default_context(cafile=ca_file or None)
-    except OSError as exc:
+        context = ssl.create_default_context(cadata=_certificates(Path(ca_file)) if ca_file else None)
+    except (ConfigError, OSError, ValueError) as exc:
         raise ConfigError(
             f"[worker] ca_file: {ca_file} cannot be used ({exc}); allowed is a file of PEM certificates"
         ) from exc
@@ -119,6 +124,16 @@ def _worker_tls() -> ssl.SSLContext:
         context.check_hostname = False
         context.verify_mode = ssl.CERT_NONE
     return context
+
+
+def _certificates(path: Path) -> str:
+    """Return the certificates of a file; the TLS library by itself would wait for a pipe for ever."""
+    read = read_file(path)
+    # Only the certificates: what people write around them need not be ASCII, which this has to be.
+    found = _CERTIFICATE.findall(read[0].decode("ascii", "replace")) if read else []
+    if not found:
+        raise ValueError("it holds no certificate" if read else "there is no such file")
+    return "\n".join(found)
 
 
 def _worker_proxy() -> ProxyServer | None:
