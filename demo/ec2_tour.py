@@ -24,6 +24,7 @@ from tovarincore.cloud_def import (
     SecurityGroupRules,
 )
 from tovarincore.cloud_node import CloudManager, cloud_manager_glbl
+from tovarincore.sdk_data import service_descriptions_shared
 from tovarincore.testing.reference_worker import ReferenceWorker
 
 USER_NAME = "demo-user"
@@ -62,8 +63,9 @@ class Ec2Tour:
         )
         self._dry_run(type_def, template)
         self._launch(type_def, template)
-        self._refresh("Refresh: list the nodes and ping each worker", NodeState.RUNNING)
+        self._refresh("Refresh: list the nodes and ping each worker", NodeState.RUNNING, NodeState.RUNNING)
         node = self._next_in_line()
+        self._give_up()
         self._change(
             "Stop the node",
             lambda: self._manager.stop_node(self._region, self._auth, node.instance_id),
@@ -125,7 +127,9 @@ class Ec2Tour:
             step.say("The nodes enter the registry with the next refresh; as launched they are:")
             step.show_nodes(launched)
 
-    def _refresh(self, name: str, healthy_state: NodeState) -> None:
+    def _refresh(
+        self, name: str, healthy_state: NodeState, silent_state: NodeState = NodeState.TERMINATED
+    ) -> None:
         with self._report.step(name) as step:
             result = self._manager.refresh_node_list(self._region, self._auth, USER_NAME)
             step.expect("success", result.success, True)
@@ -135,7 +139,7 @@ class Ec2Tour:
                 "name, state and readiness",
                 [(node.name, node.state, node.ready) for node in self._manager.get_node_list(self._region)],
                 [
-                    (SILENT, NodeState.RUNNING, False),
+                    (SILENT, silent_state, False),
                     (HEALTHY, healthy_state, healthy_state is NodeState.RUNNING),
                     (UNREACHABLE, NodeState.RUNNING, False),
                 ],
@@ -150,10 +154,25 @@ class Ec2Tour:
             step.say(f"{node.name} ({node.instance_id}): its worker answered the ping")
         return node
 
-    def _change(self, name: str, call: Callable[[], object], state: NodeState) -> None:
+    def _give_up(self) -> None:
+        # Every further refresh would wait for this worker until its time limit.
+        silent = self._node(SILENT)
+        self._change(
+            "Terminate the node whose worker never answers",
+            lambda: self._manager.terminate_node(self._region, self._auth, silent.instance_id),
+            NodeState.SHUTTING_DOWN,
+            SILENT,
+        )
+
+    def _node(self, name: str) -> CloudNode:
+        return next(node for node in self._manager.get_node_list(self._region) if node.name == name)
+
+    def _change(
+        self, name: str, call: Callable[[], object], state: NodeState, node_name: str = HEALTHY
+    ) -> None:
         with self._report.step(name) as step:
             call()
-            node = next(node for node in self._manager.get_node_list(self._region) if node.name == HEALTHY)
+            node = self._node(node_name)
             step.expect("recorded state and readiness", (node.state, node.ready), (state, False))
             self._show_registry(step)
 
@@ -203,6 +222,8 @@ def run_ec2_demo(json_lines: bool, manager: CloudManager = cloud_manager_glbl) -
     region = CloudRegion(name=REGION_NAME, cloud="AWS")
     auth = AWSCloudAuth(aws_access_key_id=ACCESS_KEY_ID, aws_secret_access_key=SECRET_ACCESS_KEY)
     with ExitStack() as stack:
+        # Without it each of the many clients reads the SDK's description of EC2 again, a third of a second.
+        stack.enter_context(service_descriptions_shared())
         endpoint = stack.enter_context(Ec2Endpoint())
         healthy = stack.enter_context(ReferenceWorker())
         silent = stack.enter_context(ReferenceWorker(answer=False))

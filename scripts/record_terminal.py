@@ -1,7 +1,8 @@
-"""Draws a terminal at work as an SVG: `python -m scripts.record_terminal SCENE`, or `--all`.
+"""Draws a terminal at work as an SVG: `python -m scripts.record_terminal SCENE ...`, or `--all`.
 
-A scene is a list of commands, run one after the other in the playground, each in a real terminal. The picture
-shows the last screen; its lines appear in their order, and about at the times at which they were written.
+`--all` draws those of the documentation, into it; others go into the current folder, to be looked at. A scene
+is a list of commands, run one after the other in the playground, each in a real terminal. The picture shows
+the last screen; its lines appear in their order, and about at the times at which they were written.
 """
 
 from __future__ import annotations
@@ -15,6 +16,7 @@ import subprocess
 import sys
 import termios
 import time
+from dataclasses import dataclass
 from itertools import groupby
 from pathlib import Path
 
@@ -26,25 +28,53 @@ from rich.text import Text
 from demo.playground import playground
 
 PICTURES = Path(__file__).parent.parent / "docs" / "pictures"
-COLUMNS, LINES = 96, 60
+LINES = 90
 # Nobody wants to wait as long as the machine did.
 LONGEST_PAUSE_SECONDS = 1.2
 
+CONFIGURE = "tovarin-nodes configure us-east-1 --user-name ada --sdk"
+
+
+@dataclass(frozen=True)
+class Scene:
+    """Commands that are shown, on a terminal of so many columns, after others that are not."""
+
+    shown: tuple[str, ...]
+    columns: int = 96
+    before: tuple[str, ...] = ()
+    in_docs: bool = False
+
+
+THREE_NODES = (
+    CONFIGURE,
+    "tovarin-nodes launch us-east-1 --type t3.small --name trainer-{} --count 2",
+    "tovarin-nodes launch us-east-1 --type t3.small --name silent-with-a-long-name",
+)
 SCENES = {
-    "first-node": [
-        "tovarin-nodes configure us-east-1 --user-name ada --sdk",
-        "tovarin-nodes launch us-east-1 --type t3.small --name first --wait",
-        "tovarin-nodes list us-east-1",
-        "tovarin-nodes terminate us-east-1 first --yes",
-    ],
+    "first-node": Scene(
+        (
+            CONFIGURE,
+            "tovarin-nodes launch us-east-1 --type t3.small --name first --wait",
+            "tovarin-nodes list us-east-1",
+            "tovarin-nodes terminate us-east-1 first --yes",
+        ),
+        in_docs=True,
+    ),
+    "help": Scene(("tovarin-nodes --help",), 80),
+    "page": Scene(("PAGER=cat tovarin-nodes help troubleshooting",), 100),
+    **{
+        f"list-{columns}": Scene(("tovarin-nodes list us-east-1",), columns, THREE_NODES)
+        for columns in (60, 80, 160)
+    },
 }
 
 
 class Recording:
     """A screen, and the moment at which each of its lines was first written."""
 
-    def __init__(self) -> None:
-        self.screen = pyte.Screen(COLUMNS, LINES)
+    def __init__(self, columns: int) -> None:
+        self._columns = columns
+        self.screen = pyte.Screen(columns, LINES)
         self._stream = pyte.ByteStream(self.screen)
         self._moments: dict[int, float] = {}
         self._clock = 0.0
@@ -65,8 +95,8 @@ class Recording:
         """Show a prompt and a command, run it, and show what it writes."""
         self.feed(b"\x1b[32m$\x1b[0m " + command.encode() + b"\r\n")
         controller, terminal = pty.openpty()
-        fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", LINES, COLUMNS, 0, 0))
-        environment = {**os.environ, "TERM": "xterm-256color", "COLUMNS": str(COLUMNS)}
+        fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", LINES, self._columns, 0, 0))
+        environment = {**os.environ, "TERM": "xterm-256color", "COLUMNS": str(self._columns)}
         with subprocess.Popen(
             ["sh", "-c", command], stdin=terminal, stdout=terminal, stderr=terminal, env=environment
         ):
@@ -82,7 +112,7 @@ class Recording:
     def svg(self, title: str) -> str:
         """Return the picture."""
         used = max(self._moments, default=0) + 1
-        console = Console(record=True, width=COLUMNS, file=open(os.devnull, "w"))
+        console = Console(record=True, width=self._columns, file=open(os.devnull, "w"))
         for number in range(used):
             console.print(self._line(number), soft_wrap=True)
         picture = console.export_svg(title=title, unique_id="terminal")
@@ -93,7 +123,7 @@ class Recording:
     def _line(self, number: int) -> Text:
         line = Text()
         row = self.screen.buffer[number]
-        cells = (row[column] for column in range(COLUMNS))
+        cells = (row[column] for column in range(self._columns))
         for (colour, bold, reverse), run in groupby(cells, lambda cell: (cell.fg, cell.bold, cell.reverse)):
             text = "".join(cell.data for cell in run)
             line.append(text, Style(color=_colour(colour), bold=bold, reverse=reverse))
@@ -127,15 +157,19 @@ def _with_moments(picture: str, moments: dict[int, float]) -> str:
 
 def main() -> None:
     """Record the scenes that the command line names."""
-    names = list(SCENES) if sys.argv[1:] == ["--all"] else sys.argv[1:]
+    every = sys.argv[1:] == ["--all"]
+    names = [name for name, scene in SCENES.items() if scene.in_docs] if every else sys.argv[1:]
     if not names or not set(names) <= set(SCENES):
         raise SystemExit(f"usage: python -m scripts.record_terminal --all | {' | '.join(SCENES)}")
     for name in names:
-        recording = Recording()
+        scene = SCENES[name]
+        recording = Recording(scene.columns)
         with playground():
-            for command in SCENES[name]:
+            for command in scene.before:
+                subprocess.run(["sh", "-c", command], check=True, capture_output=True)
+            for command in scene.shown:
                 recording.run(command)
-        path = PICTURES / f"terminal-{name}.svg"
+        path = (PICTURES if scene.in_docs else Path()) / f"terminal-{name}.svg"
         path.write_text(recording.svg("tovarin-nodes"), encoding="utf-8")
         print(path)
 

@@ -52,6 +52,8 @@ def settings_of(folder: Path, sections: Mapping[str, Any], **variables: str) -> 
         "AWS_CONFIG_FILE": str(folder / "aws-config"),
         "AWS_SHARED_CREDENTIALS_FILE": str(folder / "aws-credentials"),
         "AWS_EC2_METADATA_DISABLED": "true",
+        # Nor is anything put into the user's cache.
+        "XDG_CACHE_HOME": str(folder / "cache"),
         "TOVARIN_CONF": str(configuration),
         "TOVARIN_CLOUD_CONF": str(folder / "cloud.toml"),
     }

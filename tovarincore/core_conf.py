@@ -6,6 +6,7 @@ overrides the file. Nothing is read before the first setting is asked for.
 """
 
 import logging
+import os
 import threading
 from collections.abc import Callable, Iterator
 from pathlib import Path
@@ -32,6 +33,8 @@ __all__ = [
 
 T = TypeVar("T")
 
+_FILE_VARIABLE = "TOVARIN_CONF"
+
 
 class CoreConf:
     """The settings, each an attribute named ``section__key``, for example ``core_conf_glbl.worker__port``.
@@ -51,7 +54,7 @@ class CoreConf:
     @property
     def path(self) -> Path:
         """The configuration file, whether it exists or not."""
-        return configured_path("TOVARIN_CONF", "core.toml")
+        return configured_path(_FILE_VARIABLE, "core.toml")
 
     @property
     def proxy_enabled(self) -> bool:
@@ -105,7 +108,8 @@ class CoreConf:
             with self._lock:
                 settings = self._settings
                 if settings is None:
-                    settings = self._settings = read_settings(self.path)
+                    named_by = _FILE_VARIABLE if os.environ.get(_FILE_VARIABLE) else ""
+                    settings = self._settings = read_settings(self.path, named_by)
         return settings
 
     def __getattr__(self, name: str) -> Any:

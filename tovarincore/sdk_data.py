@@ -6,7 +6,7 @@ descriptions are files of the SDK's installation; they hold nothing of any accou
 """
 
 import threading
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from typing import Any
 
@@ -57,14 +57,16 @@ def stop_sharing_service_descriptions() -> None:
 
 
 @contextmanager
-def service_descriptions_shared() -> Iterator[None]:
+def service_descriptions_shared(loader: Callable[..., Any] | None = None) -> Iterator[None]:
     """Share descriptions while the body runs, among all threads; bodies may overlap.
 
+    :param loader: makes what reads them, as ``botocore.loaders.Loader`` does; it has no effect while they are
+        shared already
     :raises ImportError: the SDK is not installed
     """
     global _bodies
     with _lock:
-        _begin()
+        _begin(loader)
         _bodies += 1
     try:
         yield
@@ -74,13 +76,13 @@ def service_descriptions_shared() -> Iterator[None]:
             _end_unless_needed()
 
 
-def _begin() -> None:
+def _begin(loader: Callable[..., Any] | None = None) -> None:
     import boto3
 
     global _replaced, _replacement
     if _replaced is None:
         _replaced = boto3.Session
-        _replacement = _sharing_session(_replaced)
+        _replacement = _sharing_session(_replaced, loader)
         setattr(boto3, "Session", _replacement)  # noqa: B010  a class that type checkers know as final here
 
 
@@ -103,9 +105,11 @@ class _SearchPaths(list[str]):
             super().append(folder)
 
 
-def _sharing_session(base: type[Any]) -> type[Any]:
+def _sharing_session(base: type[Any], make_loader: Callable[..., Any] | None) -> type[Any]:
     import botocore.loaders
     import botocore.session
+
+    make_loader = make_loader or botocore.loaders.Loader
 
     loaders: dict[str | None, botocore.loaders.Loader] = {}
 
@@ -114,7 +118,7 @@ def _sharing_session(base: type[Any]) -> type[Any]:
         with _lock:
             if path not in loaders:
                 paths = _SearchPaths(botocore.loaders.create_loader(path).search_paths)
-                loaders[path] = botocore.loaders.Loader(paths, include_default_search_paths=False)
+                loaders[path] = make_loader(paths, include_default_search_paths=False)
             return loaders[path]
 
     class SharingSession(base):  # type: ignore[misc]  # a variable: whichever class stands there

@@ -1,23 +1,25 @@
 """The client of the workers' web-socket."""
 
+from __future__ import annotations
+
 import os
-import secrets
 import threading
 import time
 from collections.abc import Callable
 from types import TracebackType
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 from tovarincore._transport.deadline import Deadline
 from tovarincore._transport.failure import Failure
-from tovarincore._webs_client.connection import Connection
 from tovarincore._webs_client.errors import ConnectionLost
-from tovarincore._webs_client.messages import read_reply, read_system_stat, write_request
-from tovarincore._webs_client.target import Target, read_target
 from tovarincore.api_def import PingRequest, SystemStatRequest
 from tovarincore.cloud_def import CloudNode
 from tovarincore.core_conf import ConfigError
 from tovarincore.core_def import OPResult, OPResultErrorCode
+
+if TYPE_CHECKING:
+    from tovarincore._webs_client.connection import Connection
+    from tovarincore._webs_client.target import Target
 
 __all__ = ["WebSocketClient"]
 
@@ -72,6 +74,8 @@ class WebSocketClient:
         """
 
         def refresh() -> None:
+            from tovarincore._webs_client.messages import read_system_stat
+
             cpu_percent, used, total = read_system_stat(self._ask(SystemStatRequest()))
             self.node.cpu_percent = cpu_percent
             self.node.memory_used_bytes = used
@@ -86,7 +90,7 @@ class WebSocketClient:
         with self._own_lock():
             self._drop()
 
-    def __enter__(self) -> "WebSocketClient":
+    def __enter__(self) -> WebSocketClient:
         return self
 
     def __exit__(
@@ -99,6 +103,10 @@ class WebSocketClient:
 
     def _result_of(self, body: Callable[[], object]) -> OPResult:
         """The boundary: what a body raises leaves as a result, except for errors of the configuration."""
+        # Programs that never speak to a worker save a third of the import. Done here: a package that
+        # is missing must not look like the worker's fault, and the time is not the worker's.
+        import tovarincore._webs_client.connection  # noqa: F401
+
         try:
             body()
         except Failure as failure:
@@ -120,6 +128,8 @@ class WebSocketClient:
         return f"Worker of node {name if name.isprintable() else ascii(name)}: "
 
     def _ask(self, request: PingRequest | SystemStatRequest) -> dict[str, Any]:
+        from tovarincore._webs_client.target import read_target
+
         deadline = Deadline(self.client_timeout_sec)
         target = read_target(self.node)
         deadline.enter("waiting for another thread's request", "use a client for each thread")
@@ -141,6 +151,10 @@ class WebSocketClient:
         return self._lock
 
     def _exchange(self, kind: str, target: Target, deadline: Deadline) -> dict[str, Any]:
+        import secrets
+
+        from tovarincore._webs_client.messages import read_reply, write_request
+
         request_id = secrets.token_hex(8)
         text = write_request(kind, request_id)
         answered = False
@@ -162,6 +176,8 @@ class WebSocketClient:
             except ConnectionLost:
                 # It was broken since the last request, which is nobody's failure.
                 pass
+        from tovarincore._webs_client.connection import Connection
+
         self._drop()
         self._connection = Connection(target, deadline)
         return self._connection.exchange(text, deadline)

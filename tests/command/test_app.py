@@ -19,7 +19,7 @@ from tovarincore.command.subcommands import listing
 
 COMMANDS = (
     "configure regions templates types list show launch try wait watch start stop reboot terminate keypair"
-    " orphans history doctor config completion"
+    " orphans history doctor config completion help"
 )
 
 

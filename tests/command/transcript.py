@@ -73,7 +73,9 @@ class Stage:
         closed = cleanup.enter_context(refusing_port())
         self.worker, self.closed = f"127.0.0.1:{worker.port}", f"127.0.0.1:{closed}"
         self._settings: dict[str, Any] = {
-            "worker_addresses": {"trainer-1": self.worker, "*": self.closed, "127.0.0.1": self.worker}
+            # Whatever engine this machine has is not looked at.
+            "container": {"engine_url": f"tcp://{self.closed}"},
+            "worker_addresses": {"trainer-1": self.worker, "*": self.closed, "127.0.0.1": self.worker},
         }
         self._patched = cleanup.enter_context(pytest.MonkeyPatch.context())
         self.engine: ContainerEngineServer | None = None

@@ -61,6 +61,8 @@ def test_the_demo_shows_every_step_as_json_lines() -> None:
     assert states == [
         "Starting",
         "Running",
+        # The table of the step that ends the silent one.
+        "Running",
         "Stopping",
         "Stopped",
         "Starting",

@@ -140,7 +140,7 @@ def ask(value: tuple[str, list[bytes], bool]) -> None:
     client = WebSocketClient(node_at("10.0.0.1"), 5)
     with (
         mock.patch.object(connection, "_open_stream", lambda target, deadline: Script(handshake, sent)),
-        mock.patch("tovarincore.webs_client.secrets.token_hex", lambda size: "ID"),
+        mock.patch("secrets.token_hex", lambda size: "ID"),
     ):
         result = client.refresh_system_stat() if stat else client.api_get_op_result(PingRequest())
     assert result.success is not result.error

@@ -87,10 +87,13 @@ def test_a_wheel_imports_in_an_environment_of_its_own(wheel: Path, tmp_path: Pat
     said = run(python, "-I", "-X", "dev", "-W", "error", "-c", code, cwd=tmp_path).split()
     assert said[0].startswith(str(tmp_path / "venv"))
     assert said[1] == version("tovarincore")
+    page = run(python, "-I", "-m", "tovarincore", "help", "iam-policy", cwd=tmp_path)
+    assert "ec2:RunInstances" in page
+    assert (tmp_path / "venv" / "share" / "man" / "man1" / "tovarin-nodes.1").is_file()
 
 
 def test_the_check_of_a_wheel_names_each_fault() -> None:
-    """Sources, files outside the package, a missing module, stub, marker or data file are all named."""
+    """Sources, files outside the package, and whatever is missing are all named."""
     names = [
         "tovarincore/cloud_node/module/module.cpp",
         "tovarincore/cloud_node.py",
@@ -106,6 +109,8 @@ def test_the_check_of_a_wheel_names_each_fault() -> None:
         "tovarincore/py.typed",
         "tovarincore/cloud_node.pyi",
         "tovarincore/data/*.toml",
+        "tovarincore/pages/*.md",
+        "share/man/man1/tovarin-nodes.1",
     ]
 
 

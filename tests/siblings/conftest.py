@@ -22,8 +22,10 @@ def conf_file(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Iterator[Path]
     mask = os.umask(0o077)
     for variable in [name for name in os.environ if name.startswith("TOVARIN_")]:
         monkeypatch.delenv(variable)
-    path = tmp_path / "core.toml"
-    monkeypatch.setenv("TOVARIN_CONF", str(path))
+    # In the user's folder: a file that TOVARIN_CONF names has to exist.
+    path = tmp_path / "tovarin" / "core.toml"
+    path.parent.mkdir()
+    monkeypatch.setenv("XDG_CONFIG_HOME", str(tmp_path))
     monkeypatch.setenv("TOVARIN_CLOUD_CONF", str(tmp_path / "cloud.toml"))
     core_conf_glbl.reload()
     yield path

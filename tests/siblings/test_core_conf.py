@@ -54,9 +54,25 @@ class TestDefaults:
         self, monkeypatch: pytest.MonkeyPatch, tmp_path: Path
     ) -> None:
         """The platform says where that is."""
-        monkeypatch.delenv("TOVARIN_CONF")
-        monkeypatch.setenv("XDG_CONFIG_HOME", str(tmp_path))
-        assert core_conf_glbl.path == tmp_path / "tovarin" / "core.toml"
+        monkeypatch.setenv("XDG_CONFIG_HOME", str(tmp_path / "elsewhere"))
+        assert core_conf_glbl.path == tmp_path / "elsewhere" / "tovarin" / "core.toml"
+
+    def test_a_file_that_a_variable_names_has_to_exist(
+        self, conf_file: Path, monkeypatch: pytest.MonkeyPatch, tmp_path: Path
+    ) -> None:
+        """With the defaults in its place, requests would go elsewhere; the error says both ways out."""
+        named = tmp_path / "my settings.toml"
+        monkeypatch.setenv("TOVARIN_CONF", str(named))
+        message = refusal()
+        assert message.startswith(f"{named}: no such file, though the environment variable TOVARIN_CONF")
+        assert f"touch '{named}', or unset TOVARIN_CONF" in message
+        named.touch()
+        assert core_conf_glbl.worker__port == 8855
+
+    def test_an_empty_variable_names_no_file(self, monkeypatch: pytest.MonkeyPatch) -> None:
+        """As if it were not set."""
+        monkeypatch.setenv("TOVARIN_CONF", "")
+        assert core_conf_glbl.worker__port == 8855
 
 
 class TestFileAndEnvironment:

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+from collections.abc import Callable
 from typing import Any
 
 import pytest
@@ -266,3 +267,27 @@ def test_each_region_has_its_own_ec2() -> None:
         launched()
         assert states(CloudRegion(name="us-east-1", cloud="AWS")) == []
         assert isinstance(cloud, FakeCloud)
+
+
+@pytest.mark.parametrize(
+    "lay_down",
+    [
+        lambda cloud: cloud.answers.__setitem__("ec2.run_instance", None),
+        lambda cloud: cloud.answers.update({"ec2.run_instance": None}),
+        lambda cloud: setattr(cloud, "answers", {"ec2.run_instance": None}),
+    ],
+    ids=["item", "update", "attribute"],
+)
+def test_a_misspelt_answer_is_refused_with_the_right_name(lay_down: Callable[[FakeCloud], object]) -> None:
+    """An answer that no call would ever ask for must not let a test pass."""
+    with patched_cloud_node() as cloud, pytest.raises(ValueError, match='"ec2.run_instances"'):
+        lay_down(cloud)
+
+
+def test_every_recorded_call_can_be_answered() -> None:
+    """The names that are accepted are those of all fakes."""
+    with patched_cloud_node() as cloud:
+        for name in ("ec2.get_waiter", "local.get_existing_node", "k8s.launch_node"):
+            cloud.answers[name] = None
+        cloud.answers.update({"worker.refresh_system_stat": None, "cloud_conf.get_cloud_conf": None})
+        assert len(cloud.answers) == 5

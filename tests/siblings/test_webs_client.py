@@ -290,7 +290,7 @@ def test_an_interrupt_gives_the_connection_up(configure: Configure, monkeypatch:
         configure(port=peer.port)
         assert ping(client).success
         with monkeypatch.context() as patch:
-            patch.setattr("tovarincore.webs_client.read_reply", interrupt)
+            patch.setattr("tovarincore._webs_client.messages.read_reply", interrupt)
             with pytest.raises(KeyboardInterrupt):
                 ping(client)
         assert ping(client).success
@@ -358,7 +358,7 @@ def test_whatever_makes_the_client_stumble_becomes_a_result(
     def stumble(*arguments: object) -> NoReturn:
         raise error
 
-    monkeypatch.setattr("tovarincore.webs_client.read_reply", stumble)
+    monkeypatch.setattr("tovarincore._webs_client.messages.read_reply", stumble)
     with ReferenceWorker(token="canary-4711") as worker, client_of() as client:
         configure(port=worker.port, token="canary-4711")
         for result in (ping(client), client.refresh_system_stat()):

@@ -73,7 +73,7 @@ def run(
     environment = {name: value for name, value in os.environ.items() if not name.startswith("TOVARIN_")}
     environment |= {
         "PYTHONPATH": str(_ROOT),
-        "TOVARIN_CONF": str(folder / "core.toml"),
+        "TOVARIN_CONF": os.devnull,
         "TOVARIN_CLOUD_CONF": str(folder / "cloud.toml"),
         "TOVARIN_WORKER__PORT": str(port),
     }

@@ -11,6 +11,7 @@ import requests
 
 from tovarincore._container_helper.limit import TimeLimit
 from tovarincore._transport.inflating import read_body
+from tovarincore._transport.telling import told
 
 # A few thousand images; a list of empty lists of this size takes about a hundred megabytes.
 MOST_ANSWER_BYTES = 4 << 20
@@ -24,6 +25,8 @@ class BoundedClient(docker.APIClient):
     def __init__(self, limit: TimeLimit, **settings: Any) -> None:
         # Making a client sends a request.
         self._limit = limit
+        self._address = settings["base_url"]
+        self._credentials = "a TLS certificate" if settings.get("tls") else "no credentials"
         super().__init__(**settings)
 
     def _retrieve_server_version(self) -> str:
@@ -37,7 +40,14 @@ class BoundedClient(docker.APIClient):
     def send(self, request: requests.PreparedRequest, **options: Any) -> requests.Response:
         """Send a request; engines redirect nothing, and what a redirection led to would get the token."""
         request.headers["Accept-Encoding"] = "identity"
-        response = super().send(request, **{**options, "stream": True, "allow_redirects": False})
+        what = f"{request.method} {request.path_url}"
+        with told(what, self._address, self._credentials) as answered:
+            response = super().send(request, **{**options, "stream": True, "allow_redirects": False})
+            answered(response.status_code)
+            self._read_whole(response)
+        return response
+
+    def _read_whole(self, response: requests.Response) -> None:
         try:
             body = read_body(
                 response.raw.stream(_CHUNK_BYTES, decode_content=False),
@@ -50,4 +60,3 @@ class BoundedClient(docker.APIClient):
             response.raw.close()
         response.headers.pop("Content-Encoding", None)
         response.raw = BytesIO(body)
-        return response

@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import time
-import uuid
 from contextlib import suppress
 
 from tovarincore._container_helper.engine import (
@@ -104,6 +103,9 @@ def remove(engine: ContainerEngine) -> None:
 
 
 def _create_and_start(engine: ContainerEngine, version: str) -> ContainerSummary:
+    # Imported here: few processes create a container.
+    import uuid
+
     token = choose_token()
     container_id = engine.create_container(
         ContainerRequest(

@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import dataclasses
-import secrets
 from dataclasses import dataclass
 
 from tovarincore._container_helper.records import local_region
@@ -33,4 +32,9 @@ def choose_token() -> WorkerToken:
     """The token stored for the local region, or else of [worker] token, or else a new one."""
     stored = CloudConfManager().get_cloud_conf(local_region())
     known = (stored and stored.worker_token) or core_conf_glbl.worker__token
-    return WorkerToken(Secret(known or secrets.token_urlsafe(_TOKEN_BYTES)), is_new=not known)
+    if known:
+        return WorkerToken(Secret(known), is_new=False)
+    # Imported here: few containers get a new one.
+    import secrets
+
+    return WorkerToken(Secret(secrets.token_urlsafe(_TOKEN_BYTES)), is_new=True)

@@ -122,6 +122,8 @@ SETTINGS: tuple[Setting, ...] = (
             "Accounts whose images the command uses, ids or words such as self, separated by commas; empty "
             "means everybody's."),
 
+    Setting("command", "context", str, "",
+            "Named context whose credentials and ledger tovarin-nodes uses; empty means none."),
     Setting("command", "region", str, "", "Region that tovarin-nodes works in when none is given."),
     Setting("command", "profile", str, "",
             "Profile of the AWS configuration that tovarin-nodes uses in place of the stored credentials."),

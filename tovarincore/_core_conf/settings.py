@@ -1,6 +1,7 @@
 """Puts the settings together: defaults, the file on top of them, the environment on top of that."""
 
 import os
+import shlex
 from collections.abc import Mapping
 from pathlib import Path
 from typing import Any
@@ -29,12 +30,13 @@ class Settings:
         self.worker_addresses = worker_addresses
 
 
-def read_settings(path: Path) -> Settings:
+def read_settings(path: Path, named_by: str = "") -> Settings:
     """Read the configuration file and the environment.
 
-    :param path: the TOML file; a missing one leaves the defaults
-    :raises ConfigError: the file cannot be read, or holds secrets and is not its owner's alone; or it or the
-        environment holds something not allowed
+    :param path: the TOML file; a missing one leaves the defaults, unless somebody asked for it
+    :param named_by: the environment variable that names the file; empty for the usual place
+    :raises ConfigError: the file is missing though a variable names it, cannot be read, or holds secrets and
+        is not its owner's alone; or it or the environment holds something not allowed
     """
     values = {name: row.default for name, row in SETTINGS_BY_NAME.items()}
     read = read_file(path)
@@ -45,6 +47,12 @@ def read_settings(path: Path) -> Settings:
         _apply_file(values, tables, path)
         if any(row.secret and _is_secret(values[row.name]) for row in SETTINGS_BY_NAME.values()):
             require_private(status, path)
+    elif named_by:
+        # Who names a file means what is in it: with the defaults, requests would go elsewhere.
+        raise ConfigError(
+            f"{path}: no such file, though the environment variable {named_by} names it; create it, for"
+            f" example with: touch {shlex.quote(str(path))}, or unset {named_by}"
+        )
     else:
         addresses = WorkerAddresses({})
     _apply_environment(values)

@@ -38,6 +38,7 @@ class Access:
     :param key: the key of that
     :param authorization: the header ``Authorization``, ``None`` for none
     :param impersonation: the headers that say as whom the user asks
+    :param source: where the credentials come from, for people
     """
 
     server: str
@@ -50,6 +51,7 @@ class Access:
     key: Secret = field(default=Secret(), repr=False)
     authorization: Secret | None = None
     impersonation: tuple[tuple[str, str], ...] = ()
+    source: str = "no credentials"
 
 
 def read_access(region: K8sRegion, deadline: Deadline) -> Access:
@@ -65,10 +67,12 @@ def read_access(region: K8sRegion, deadline: Deadline) -> Access:
     try:
         if region.in_cluster:
             cluster, user, folder = _in_cluster()
+            source = f"the service account in {SERVICE_ACCOUNT_FOLDER}"
         else:
             path = _kubeconfig_path(region)
             cluster, user = read_kubeconfig(path, region.context, deadline)
             folder = path.parent
+            source = f"credentials of {path}"
         _check_supported(cluster, user)
     except (UnusableKubeconfig, OSError) as error:
         source = "in-cluster credentials" if region.in_cluster else "kubeconfig"
@@ -79,6 +83,7 @@ def read_access(region: K8sRegion, deadline: Deadline) -> Access:
         if secret:
             know_secret(secret)
     if user.exec is not None:
+        source += ", from its plugin"
         user = run_exec_plugin(user.exec, cluster, folder, deadline)
     try:
         certificate = _pem(user.client_certificate_data, user.client_certificate, folder)
@@ -93,6 +98,7 @@ def read_access(region: K8sRegion, deadline: Deadline) -> Access:
             key=Secret(_pem(user.client_key_data, user.client_key, folder) if certificate else ""),
             authorization=_authorization(user, folder),
             impersonation=_impersonation(user),
+            source=source,
         )
     except (OSError, ValueError) as error:
         raise KubernetesError(

@@ -23,6 +23,7 @@ from tovarincore._k8s_console_client.failures import failure_of
 from tovarincore._k8s_console_client.tls import tls_context
 from tovarincore._transport.connecting import connect, wait_for
 from tovarincore._transport.inflating import read_body
+from tovarincore._transport.telling import told
 from tovarincore.core_def import OPResultErrorCode
 
 __all__ = ["Answer", "Connection"]
@@ -126,9 +127,13 @@ class Connection:
             headers = [
                 (name.encode("ascii"), value.encode()) for name, value in self._headers(body, content_type)
             ]
-            with self._pool.stream(
-                method, url, headers=headers, content=body or b"", extensions=extensions
-            ) as response:
+            with (
+                told(f"{method} {target}", self._access.server, self._access.source) as answered,
+                self._pool.stream(
+                    method, url, headers=headers, content=body or b"", extensions=extensions
+                ) as response,
+            ):
+                answered(response.status)
                 received = {name.lower(): value for name, value in response.headers}
                 encoding = received.get(b"content-encoding", b"").decode("ascii", "replace")
                 content = read_body(

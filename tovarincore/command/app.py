@@ -5,7 +5,7 @@ from __future__ import annotations
 import os
 import sys
 from collections.abc import Iterator, Sequence
-from contextlib import contextmanager
+from contextlib import ExitStack, contextmanager
 from typing import Any, NoReturn
 
 import click
@@ -39,6 +39,7 @@ SUBCOMMANDS: dict[str, tuple[str, str]] = {
     "doctor": (_HOME + "doctor:doctor", "Look at everything that a launch needs."),
     "config": (_HOME + "config:config", "Show and change the settings."),
     "completion": (_HOME + "completion:completion", "Print what makes a shell complete words."),
+    "help": (_HOME + "help:help_command", "Show a page of the documentation."),
 }
 """Each sub-command: where it is, as ``module:attribute``, and its line in the list.
 
@@ -68,7 +69,7 @@ class _Command(NodesGroup):
         invocation = Invocation(given)
         extra |= {"prog_name": "tovarin-nodes", "obj": invocation, "standalone_mode": False}
         try:
-            with _log_shown(invocation):
+            with _log_shown(invocation), _in_context(invocation):
                 # For --help and the like click returns the code, for commands what they return: None.
                 sys.exit(super().main(given, *arguments, **extra) or ExitCode.DONE)
         except BrokenPipeError:
@@ -134,12 +135,28 @@ def _wrong_usage(error: click.ClickException) -> CommandFailure:
 
 
 @contextmanager
+def _in_context(invocation: Invocation) -> Iterator[None]:
+    """Work in a named context, if one is asked for; help needs none, and does not wait for settings."""
+    if not invocation.arguments or {"-h", "--help", "--version"} & set(invocation.arguments):
+        yield
+        return
+    from tovarincore.command.context.contexts import context_entered
+
+    with context_entered(invocation):
+        yield
+
+
+@contextmanager
 def _log_shown(invocation: Invocation) -> Iterator[None]:
-    """Write the package's log and the requests to EC2 to standard error, if that is wanted."""
+    """Write the package's log and the requests to engines and clusters to standard error, if wanted."""
     if not (invocation.debug or invocation.verbose):
         yield
         return
+    from tovarincore._transport.telling import requests_told_to
     from tovarincore.command.output.log import log_shown
 
-    with log_shown(invocation.debug):
+    with ExitStack() as stack:
+        if invocation.verbose:
+            stack.enter_context(requests_told_to(invocation.tell))
+        stack.enter_context(log_shown(invocation.debug))
         yield

@@ -4,7 +4,7 @@ import itertools
 from types import SimpleNamespace
 from typing import Any
 
-from tovarincore.testing._recording import Record, client_error, recorded
+from tovarincore.testing._recording import Record, answerable, client_error, recorded
 
 __all__ = ["FakeEc2Client"]
 
@@ -15,6 +15,7 @@ IMAGE_NAMES = tuple(
 _SETTLED = {"pending": "running", "stopping": "stopped", "shutting-down": "terminated"}
 
 
+@answerable
 class FakeEc2Client:
     """EC2 of one region: answers the requests that the provider sends, and validates nothing.
 

@@ -2,13 +2,18 @@
 
 import functools
 import inspect
-from collections.abc import Callable
+from collections.abc import Callable, Iterator, Mapping, MutableMapping
 from dataclasses import dataclass, field
 from typing import Any, TypeVar, cast
 
-__all__ = ["Call", "Record", "client_error", "recorded"]
+from tovarincore._config_files.names import did_you_mean
+
+__all__ = ["Call", "Record", "answerable", "client_error", "recorded"]
 
 Method = TypeVar("Method", bound=Callable[..., Any])
+Fake = TypeVar("Fake", bound=type[Any])
+
+_known: set[str] = set()
 
 
 @dataclass(frozen=True)
@@ -25,17 +30,46 @@ class Call:
     kwargs: dict[str, Any]
 
 
+class _Answers(MutableMapping[str, Any]):
+    """Answers by the name of a call; a name that no fake has is an error at once."""
+
+    def __init__(self, given: Mapping[str, Any]) -> None:
+        self._given: dict[str, Any] = {}
+        self.update(given)
+
+    def __setitem__(self, name: str, answer: Any) -> None:
+        if name not in _known:
+            raise ValueError(f'no fake has a call "{name}"; {did_you_mean(name, _known)}')
+        self._given[name] = answer
+
+    def __getitem__(self, name: str) -> Any:
+        return self._given[name]
+
+    def __delitem__(self, name: str) -> None:
+        del self._given[name]
+
+    def __iter__(self) -> Iterator[str]:
+        return iter(self._given)
+
+    def __len__(self) -> int:
+        return len(self._given)
+
+
 @dataclass
 class Record:
     """Calls that reached the fakes, and the answers laid down for them.
 
     :param calls: every call, in order
     :param answers: by the name of a call, what it gives in place of the fake's own answer; an exception is
-        raised
+        raised. A name that no fake has is refused with ``ValueError``
     """
 
     calls: list[Call] = field(default_factory=list)
-    answers: dict[str, Any] = field(default_factory=dict)
+    answers: MutableMapping[str, Any] = field(default_factory=dict)
+
+    def __setattr__(self, name: str, value: Any) -> None:
+        checked = _Answers(cast(Mapping[str, Any], value)) if name == "answers" else value
+        super().__setattr__(name, checked)
 
     @property
     def names(self) -> list[str]:
@@ -53,6 +87,13 @@ def client_error(code: str, message: str, operation: str = "RunInstances") -> Ex
     from botocore.exceptions import ClientError
 
     return ClientError({"Error": {"Code": code, "Message": message}}, operation)
+
+
+def answerable(fake: Fake) -> Fake:
+    """Let a test lay down answers for the recorded methods of a class."""
+    methods = (name for name, member in vars(fake).items() if hasattr(member, "__wrapped__"))
+    _known.update(f"{fake.service}.{name}" for name in methods)
+    return fake
 
 
 def recorded(method: Method) -> Method:

@@ -34,7 +34,7 @@ from tovarincore.cloud_def import (
 from tovarincore.core_conf import core_conf_glbl
 from tovarincore.core_def import OPResult, OPResultErrorCode
 from tovarincore.testing._fake_ec2 import FakeEc2Client
-from tovarincore.testing._recording import Call, Record, client_error, recorded
+from tovarincore.testing._recording import Call, Record, answerable, client_error, recorded
 
 __all__ = [
     "Call",
@@ -79,6 +79,7 @@ class FakeCloud(Record):
         return self._k8s.setdefault(region.hash_key, FakeK8sConsoleClient(self, region))
 
 
+@answerable
 class FakeCloudConfManager:
     """The credential store: from the start it has credentials of user ``tester`` for every Amazon region."""
 
@@ -110,6 +111,7 @@ class FakeCloudConfManager:
         return self.stored.get(region.hash_key, default)
 
 
+@answerable
 class FakeWebSocketClient:
     """A worker's client: the worker answers unless its node is in ``FakeCloud.silent``."""
 
@@ -141,6 +143,7 @@ class FakeWebSocketClient:
         """Do nothing."""
 
 
+@answerable
 class FakeContainerHelper:
     """The local engine: holds the images ``versions`` and at most one container."""
 
@@ -201,6 +204,7 @@ class FakeContainerHelper:
             self.node.state = state
 
 
+@answerable
 class FakeK8sConsoleClient:
     """A cluster: a launched node is ``STARTING`` in the launch's answer and ``RUNNING`` in listings."""
 

@@ -67,7 +67,7 @@ def test_a_region_or_node_that_is_missing_is_said_to_be(
 def test_several_regions_are_listed_in_one_table(
     run: Run, run_json: Callable[..., Any], two_regions: Ec2World
 ) -> None:
-    """A column names the region; -A lists all that can be used."""
+    """A column names the region; -A lists all that can be used, which a region without its engine cannot."""
     two_regions.run_instance("cold-1")
     result = run("list", "us-east-1", "-r", "eu-west-1")
     assert result.exit_code == 0, result.output
@@ -75,8 +75,7 @@ def test_several_regions_are_listed_in_one_table(
     assert (header.split()[0], row.split()[:2]) == ("REGION", ["AWS:us-east-1", "cold-1"])
     two_regions.set_setting("CONTAINER__ENGINE_URL", "unix:///nowhere/engine.sock")
     everywhere = run("list", "-A", "--no-probe")
-    assert everywhere.exit_code == 5
-    assert "local:local: " in everywhere.stderr
+    assert (everywhere.exit_code, everywhere.stderr) == (0, "")
     assert "cold-1" in everywhere.stdout
 
 
@@ -107,6 +106,6 @@ def test_verbose_tells_of_each_request(run: Run, ec2: Ec2World) -> None:
         endpoint.script("DescribeInstances", unauthorized())
         result = run("list", "us-east-1", "--verbose")
     first, second, *_ = result.stderr.splitlines()
-    assert first == f"DescribeInstances: asking {endpoint.url}/, signed with credentials of explicit"
+    assert first == f"DescribeInstances: asking {endpoint.url}/, signed with the stored access key"
     assert second.startswith("DescribeInstances: status 403 after ")
     assert run("list", "us-east-1").stderr == ""

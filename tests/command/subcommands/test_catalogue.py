@@ -2,24 +2,75 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable
+import re
+import threading
+from collections.abc import Callable, Iterator
+from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from pathlib import Path
 from typing import Any
 
 import pytest
 
 from stage.ec2 import IMAGE_NAME, Ec2World
+from stage.ports import refusing_port
 from tests.command.conftest import Run
 from tovarincore.command.context import access
+from tovarincore.core_conf import core_conf_glbl
 
 
-def test_regions_say_which_can_be_used(run_json: Callable[..., Any], ec2: Ec2World) -> None:
-    """A region with stored credentials and the local one are usable, Amazon's others say what they lack."""
+class _Engine(BaseHTTPRequestHandler):
+    """What a container engine says when it is asked whether it is there."""
+
+    def do_GET(self) -> None:
+        self.send_response(200)
+        self.send_header("Api-Version", "1.43")
+        self.send_header("Content-Length", "2")
+        self.end_headers()
+        self.wfile.write(b"OK")
+
+    def log_message(self, format: str, *arguments: object) -> None:
+        pass
+
+
+@pytest.fixture
+def engine_url() -> Iterator[str]:
+    """Where an engine answers."""
+    with ThreadingHTTPServer(("127.0.0.1", 0), _Engine) as server:
+        thread = threading.Thread(target=server.serve_forever)
+        thread.start()
+        yield f"tcp://127.0.0.1:{server.server_port}"
+        server.shutdown()
+        thread.join()
+
+
+def test_regions_say_which_can_be_used(run_json: Callable[..., Any], ec2: Ec2World, engine_url: str) -> None:
+    """A region with stored credentials and one whose engine answers; the others say what they lack."""
+    ec2.set_setting("CONTAINER__ENGINE_URL", engine_url)
     regions = {entry["key"]: (entry["usable"], entry["why_not"]) for entry in run_json("regions")}
     assert regions["local:local"] == (True, None)
     assert regions["AWS:us-east-1"] == (True, None)
     assert regions["AWS:eu-central-1"] == (False, "no credentials stored")
     assert len(run_json("regions", "--usable")) == 2
+
+
+def test_a_region_without_an_engine_is_not_usable(run_json: Callable[..., Any], ec2: Ec2World) -> None:
+    """An installed package makes no engine; listings of all regions leave the region out."""
+    with refusing_port() as port:
+        ec2.set_setting("CONTAINER__ENGINE_URL", f"tcp://127.0.0.1:{port}")
+        regions = {entry["key"]: entry["why_not"] for entry in run_json("regions")}
+        assert regions["local:local"] == f"no container engine answers at tcp://127.0.0.1:{port}"
+        assert [entry["name"] for entry in run_json("regions", "--usable")] == ["us-east-1"]
+
+
+def test_verbose_tells_of_requests_to_the_engine(
+    run: Run, no_account: Path, engine_url: str, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """Where it listens, what came of it and how long it took."""
+    monkeypatch.setenv("TOVARIN_CONTAINER__ENGINE_URL", engine_url)
+    core_conf_glbl.reload()
+    first, second, *_ = run("regions", "--verbose").stderr.splitlines()
+    assert first == f"GET /_ping: asking {engine_url}, with no credentials"
+    assert re.fullmatch(r"GET /_ping: status 200 after \d+\.\d\d s", second)
 
 
 def test_a_region_whose_package_is_missing_is_not_usable(

@@ -49,6 +49,16 @@ def test_a_pod_is_launched_listed_and_terminated(
     assert run("list", "lab").stdout == "No nodes in the region lab.\n"
 
 
+def test_verbose_tells_of_requests_to_the_cluster(run: Run, lab: KubeWorld) -> None:
+    """Which server is asked, where the credentials come from, and what came of it; no token is shown."""
+    result = run("list", "lab", "--verbose", "--no-probe")
+    first, second, *_ = result.stderr.splitlines()
+    assert first.startswith(f"GET /api/v1/namespaces/{lab.namespace}/pods")
+    assert first.endswith(f", with credentials of {lab.kubeconfig}")
+    assert ": status 200 after " in second
+    assert "Bearer" not in result.stderr
+
+
 def test_orphans_are_the_user_s_own(
     run_json: Callable[..., Any], lab: KubeWorld, monkeypatch: pytest.MonkeyPatch
 ) -> None:
@@ -90,7 +100,9 @@ def test_missing_rights_are_one_line(run: Run, lab: KubeWorld) -> None:
     assert result.exit_code == 6
     first, second = result.stderr.splitlines()
     assert 'User "powerless" cannot list resource "pods"' in first
-    assert second == "  try: ask the cluster's administrator for the rights that docs/kubernetes.md lists"
+    assert second == (
+        "  try: ask the cluster's administrator for the rights that this lists: tovarin-nodes help kubernetes"
+    )
 
 
 def test_a_cluster_that_is_down_is_one_line(run: Run, lab: KubeWorld, kube_api: KubeApi) -> None:

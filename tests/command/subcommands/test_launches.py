@@ -30,8 +30,7 @@ def test_a_launch_carries_the_stored_user_name_and_is_noted(run: Run, ec2: Ec2Wo
     assert (entry.instance_id, entry.uuid) == (instance["InstanceId"], tags["tovarin_uuid"])
     assert result.stdout == f"cold-1 ({entry.instance_id}) is starting\n"
     assert result.stderr.splitlines() == [
-        "note: a launch completes the security group tovarin-security-group, whose rule opens port 8855 to"
-        " every address; it stays",
+        "note: a launch opens port 8855 to every address: a rule of tovarin-security-group, which stays",
         f"wait for it with: tovarin-nodes wait us-east-1 {entry.instance_id}",
     ]
 
@@ -113,8 +112,7 @@ def test_a_dry_run_says_first_what_it_creates(run: Run, ec2: Ec2World) -> None:
     result = run("try", "us-east-1", "--type", "t3.small")
     assert result.exit_code == 0
     assert result.stderr == (
-        "note: a dry run completes the security group tovarin-security-group, whose rule opens port 8855 to"
-        " every address; it stays\n"
+        "note: a dry run opens port 8855 to every address: a rule of tovarin-security-group, which stays\n"
     )
     assert result.stdout == "EC2 would launch a t3.small from TOVARIN_AI_CPU_PLAN_A_1.0.0\n"
     assert ec2.instances() == []

@@ -24,6 +24,8 @@ __all__ = [
     "why_not_usable",
 ]
 
+_ENGINE_SECONDS = 2.0
+
 
 @dataclass(frozen=True)
 class Access:
@@ -115,13 +117,19 @@ def require_amazon(region: CloudRegion, what: str) -> None:
         )
 
 
-def usable_regions() -> list[CloudRegion]:
-    """Return the regions that have what they need on this machine; no service is asked."""
-    return [region for region in CloudRegions.get_all() if not why_not_usable(region)]
+def usable_regions(ask_engine: bool = True) -> list[CloudRegion]:
+    """Return the regions that have what they need on this machine.
+
+    :param ask_engine: as for :func:`why_not_usable`
+    """
+    return [region for region in CloudRegions.get_all() if not why_not_usable(region, ask_engine)]
 
 
-def why_not_usable(region: CloudRegion) -> str:
-    """Return what a region lacks on this machine; empty when it lacks nothing. No service is asked."""
+def why_not_usable(region: CloudRegion, ask_engine: bool = True) -> str:
+    """Return what a region lacks on this machine; empty when it lacks nothing.
+
+    :param ask_engine: see whether this machine's container engine answers; no other service is asked
+    """
     if region.cloud == "AWS":
         if not _is_installed("boto3"):
             return "the package boto3 is not installed"
@@ -136,6 +144,21 @@ def why_not_usable(region: CloudRegion) -> str:
         return "the kubeconfig file is missing" if missing else ""
     if not _is_installed("docker"):
         return "the package docker is not installed"
+    return _why_no_engine() if ask_engine else ""
+
+
+def _why_no_engine() -> str:
+    # Imported here: few commands ask for it.
+    from tovarincore._container_helper.docker_engine import client_settings, open_docker_engine
+    from tovarincore._container_helper.errors import ContainerError
+    from tovarincore._container_helper.limit import TimeLimit
+    from tovarincore._transport.deadline import run_within
+
+    limit = TimeLimit(_ENGINE_SECONDS, "looking for the engine")
+    try:
+        run_within(limit, lambda: open_docker_engine(limit).close(), "engine-look")
+    except ContainerError:
+        return f"no container engine answers at {client_settings()['base_url']}"
     return ""
 
 

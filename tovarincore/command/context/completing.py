@@ -6,14 +6,15 @@ from collections.abc import Callable, Iterable, Iterator
 from typing import TYPE_CHECKING
 
 import click
-from click.shell_completion import CompletionItem
 
 if TYPE_CHECKING:
+    from click.shell_completion import CompletionItem
+
     from tovarincore.cloud_def import CloudRegion
 
-__all__ = ["complete_images", "complete_types", "completing", "keep_words"]
+__all__ = ["complete_contexts", "complete_images", "complete_types", "completing", "keep_words"]
 
-Complete = Callable[[click.Context, click.Parameter, str], list[CompletionItem]]
+Complete = Callable[[click.Context, click.Parameter, str], "list[CompletionItem]"]
 
 _WORDS = "tovarincore.command.words"
 _NODE_NAMES = ("node", "names")
@@ -63,9 +64,20 @@ def complete_images(
     return _items(seen(IMAGES), incomplete)
 
 
+def complete_contexts(
+    context: click.Context, parameter: click.Parameter, incomplete: str
+) -> list[CompletionItem]:
+    """Complete the name of a context."""
+    from tovarincore.command.context.contexts import context_names
+
+    return _items(context_names(), incomplete)
+
+
 def _region(text: str) -> CloudRegion | None:
     from tovarincore.cloud_def import CloudRegions
+    from tovarincore.command.context.regions import prepare_regions
 
+    prepare_regions(text)
     return CloudRegions.find(text)
 
 
@@ -83,4 +95,6 @@ def _regions(context: click.Context) -> Iterator[str]:
 
 
 def _items(names: Iterable[str], incomplete: str) -> list[CompletionItem]:
+    from click.shell_completion import CompletionItem
+
     return [CompletionItem(name) for name in dict.fromkeys(names) if name.startswith(incomplete)]

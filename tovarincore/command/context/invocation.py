@@ -29,7 +29,9 @@ class Invocation:
 
     def __init__(self, arguments: Sequence[str] = ()) -> None:
         # Looked for here too: an argument that cannot be parsed is reported before the options are known.
+        self.arguments = tuple(arguments)
         self.form = _early_form(arguments)
+        self.context = _early_context(arguments)
         self.debug = "--debug" in arguments
         self.verbose = "--verbose" in arguments or "-v" in arguments
         self.region: CloudRegion | None = None
@@ -66,7 +68,7 @@ class Invocation:
         if lines:
             write("\n".join(lines))
         if left_out:
-            self.note(f"columns that do not fit: {', '.join(left_out)} (-o wide shows all)")
+            self.note(f"left out: {', '.join(left_out)}; -o wide shows all")
         return len(shown)
 
     def emit_items(self, kind: str, items: Sequence[Mapping[str, Any]]) -> None:
@@ -199,3 +201,14 @@ def _early_form(arguments: Sequence[str]) -> str:
         if word in ("-o", "--output") and arguments[index + 1 : index + 2] == ["json"]:
             return "json"
     return "table"
+
+
+def _early_context(arguments: Sequence[str]) -> str:
+    """The context, which has to be known before anything that stands in its store is looked for."""
+    found = ""
+    for index, word in enumerate(arguments):
+        if word == "--context" and index + 1 < len(arguments):
+            found = arguments[index + 1]
+        elif word.startswith("--context="):
+            found = word.partition("=")[2]
+    return found

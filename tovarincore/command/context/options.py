@@ -10,6 +10,7 @@ from typing import TYPE_CHECKING, Any
 
 import click
 
+from tovarincore.command.context.completing import complete_contexts
 from tovarincore.command.context.invocation import FORMS, Invocation
 from tovarincore.command.errors.failures import TimeIsUp
 
@@ -24,8 +25,16 @@ _LONGEST_SECONDS = 86400
 
 
 def output_options() -> list[click.Parameter]:
-    """Return ``--json``, ``--debug`` and ``--verbose``, which the command and every sub-command have."""
+    """Return the options that the command and every sub-command have."""
     return [
+        click.Option(
+            # Its value is looked for before the options are parsed.
+            ["--context"],
+            metavar="NAME",
+            expose_value=False,
+            shell_complete=complete_contexts,
+            help="Use the credentials and the ledger of this named context.",
+        ),
         click.Option(
             ["--json"],
             is_flag=True,

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import importlib.util
 from collections.abc import Callable, Sequence
 from typing import TYPE_CHECKING, Any
 
@@ -14,7 +15,7 @@ from tovarincore.command.errors.failures import CommandFailure, ExitCode
 if TYPE_CHECKING:
     from tovarincore.cloud_def import CloudRegion
 
-__all__ = ["find_region", "region_and", "regions_argument"]
+__all__ = ["find_region", "prepare_regions", "region_and", "regions_argument"]
 
 Decorator = Callable[[Callable[..., Any]], Callable[..., Any]]
 
@@ -30,6 +31,7 @@ def find_region(text: str) -> CloudRegion:
     from tovarincore.cloud_def import CloudRegions
     from tovarincore.command.output.text import one_line
 
+    prepare_regions(text)
     region = CloudRegions.find(text)
     if region is None:
         near = nearest(text, [known.name for known in CloudRegions.get_all()])
@@ -39,6 +41,18 @@ def find_region(text: str) -> CloudRegion:
             ExitCode.USAGE,
         )
     return region
+
+
+def prepare_regions(text: str = "") -> None:
+    """Let the search for a region read no more of the SDK's data than it needs.
+
+    :param text: what is searched for
+    """
+    if text == "local" or importlib.util.find_spec("botocore") is None:
+        return
+    from tovarincore.command.context.lean_sdk import use_kept_regions
+
+    use_kept_regions()
 
 
 def region_and(
@@ -179,6 +193,7 @@ def _split(
 def _is_region(text: str) -> bool:
     from tovarincore.cloud_def import CloudRegions
 
+    prepare_regions(text)
     return CloudRegions.find(text) is not None
 
 

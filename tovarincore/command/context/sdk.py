@@ -21,6 +21,14 @@ Owners = dict[str, "str | None"]
 
 _PREPARED = "tovarincore.command.sdk"
 _STARTED = "tovarincore.command.started"
+# What the SDK calls the places of credentials, in plain words; its other names speak for themselves.
+_SOURCES = {
+    "none": "nothing",
+    "explicit": "the stored access key",
+    "env": "credentials of the environment",
+    "shared-credentials-file": "credentials of the SDK's credentials file",
+    "config-file": "credentials of the SDK's configuration file",
+}
 
 
 def prepare_sdk() -> Owners:
@@ -32,8 +40,10 @@ def prepare_sdk() -> Owners:
     if context is None:
         return {}
     if _PREPARED not in context.meta:
+        from tovarincore.command.context.lean_sdk import LeanLoader
+
         root = context.find_root()
-        root.with_resource(service_descriptions_shared())
+        root.with_resource(service_descriptions_shared(LeanLoader))
         owners: Owners = {}
         root.with_resource(owners_noted(owners))
         context.meta[_PREPARED] = owners
@@ -76,7 +86,8 @@ def requests_told(tell: Callable[[str], None]) -> Iterator[None]:
         def begin(model: Any, params: Any, context: Any, **_: Any) -> None:
             context[_STARTED] = time.monotonic()
             credentials = session.get_credentials()
-            source = "nothing" if credentials is None else f"credentials of {credentials.method}"
+            method = "none" if credentials is None else credentials.method
+            source = _SOURCES.get(method, f"credentials of {method}")
             tell(f"{model.name}: asking {params['url']}, signed with {source}")
 
         session.events.register("before-call.ec2", begin)

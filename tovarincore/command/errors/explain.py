@@ -31,7 +31,7 @@ _CODES = {
 }
 _REMEDIES = {
     OPResultErrorCode.UNAUTHORIZED_OPERATION: "ask the cluster's administrator for the rights that"
-    " docs/kubernetes.md lists",
+    " this lists: tovarin-nodes help kubernetes",
     OPResultErrorCode.RESOURCE_EXHAUSTED: "end nodes that are not needed, or have the quota raised",
     OPResultErrorCode.THROTTLED: "wait a minute, then try again; other programs ask the same service",
     OPResultErrorCode.UNAVAILABLE: "wait until the service has started, then try again",

@@ -14,7 +14,7 @@ __all__ = ["refusal"]
 
 _ENCODED_REFUSAL = re.compile(r"\s*Encoded authorization failure message: (?P<blob>\S+)")
 
-_RIGHTS = "ask the account's owner for the right to do this; docs/command.md lists the rights"
+_RIGHTS = "ask the account's owner for the right to do this; tovarin-nodes help iam-policy lists the rights"
 _CREDENTIALS = "store working credentials with: tovarin-nodes configure {region}"
 _CLOCK = _CREDENTIALS + "; check this machine's clock, too"
 _BUSY = "EC2 asks for fewer requests: try again in a minute"

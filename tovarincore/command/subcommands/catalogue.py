@@ -24,7 +24,8 @@ __all__ = ["regions", "templates"]
 def regions(invocation: Invocation, usable: bool) -> None:
     """List the regions, and what those lack that cannot be used.
 
-    Looks at this machine alone: no service is asked whether it answers. tovarin-nodes doctor asks.
+    Of all services only this machine's container engine is asked whether it answers. tovarin-nodes doctor
+    asks the others, too.
     """
     from tovarincore.cloud_def import CloudRegions
 

@@ -7,6 +7,7 @@ import click
 
 from tovarincore._config_files.names import nearest
 from tovarincore.cloud_conf import CloudConfManager
+from tovarincore.command.context.contexts import context_names, contexts_folder
 from tovarincore.command.context.groups import NodesGroup
 from tovarincore.command.context.invocation import Invocation, pass_invocation
 from tovarincore.command.context.options import ListCommand, NodesCommand, view_of
@@ -31,6 +32,11 @@ _COLUMNS = (
     Column("value", "value"),
     Column("source", "source", 1),
     Column("meaning", "meaning", wide=True),
+)
+_CONTEXTS = (
+    Column("name", "context"),
+    Column("in_use", "in use", 0, lambda used: "yes" if used else None),
+    Column("store", "credentials", 1),
 )
 
 
@@ -99,6 +105,22 @@ def unset(invocation: Invocation, key: str) -> None:
     invocation.emit(
         "setting", {"key": name, "removed": removed, "file": str(path)}, lambda: invocation.say(text)
     )
+
+
+@config.command(cls=ListCommand, examples=("config contexts",))
+@pass_invocation
+def contexts(invocation: Invocation) -> None:
+    """List the named contexts, each with credentials and a ledger of its own.
+
+    Storing credentials with --context NAME makes one. --context NAME uses it for one command, the setting
+    [command] context for all; without either the store beside the settings is used.
+    """
+    folder = contexts_folder()
+    documents = [
+        {"name": name, "in_use": name == invocation.context, "store": str(folder / name / "cloud.toml")}
+        for name in context_names()
+    ]
+    invocation.emit_list(Listing("contexts", _CONTEXTS, "No context."), documents, view_of(invocation))
 
 
 @config.command(cls=NodesCommand, examples=("config path",))

@@ -73,7 +73,7 @@ def _examine(region: CloudRegion | None, dry_run: bool, options: dict[str, Any])
         return
     yield from check_worker_settings()
     try:
-        regions = [region] if region is not None else usable_regions()
+        regions = [region] if region is not None else usable_regions(ask_engine=False)
     except Exception as error:
         yield failed("credential store", error)
         return

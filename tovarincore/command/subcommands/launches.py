@@ -54,7 +54,7 @@ _logger = logging.getLogger("tovarincore.command")
 @click.option(
     "--params",
     metavar="JSON",
-    help="Kubernetes: JSON object with node_selector, tolerations, env and more, see docs/kubernetes.md.",
+    help="Kubernetes: JSON object, as tovarin-nodes help kubernetes describes it.",
 )
 @click.option("--count", type=click.IntRange(1, 1000), help="So many, with {} in the name for the number.")
 @click.option(
@@ -214,8 +214,8 @@ def open_rule_note(what: str) -> str:
     :param what: what completes it
     """
     return (
-        f"note: {what} completes the security group tovarin-security-group, whose rule opens port"
-        f" {core_conf_glbl.worker__port} to every address; it stays"
+        f"note: {what} opens port {core_conf_glbl.worker__port} to every address:"
+        " a rule of tovarin-security-group, which stays"
     )
 
 

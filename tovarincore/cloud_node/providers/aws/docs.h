@@ -60,7 +60,7 @@ inline constexpr const char* terminate_node = R"(Terminate an instance (Terminat
 
 inline constexpr const char* list_instance_templates = R"(List the product's machine images (DescribeImages).
 
-These are the images whose names begin with TOVARIN_AI_, in EC2's order.
+These are the images whose names begin with ``TOVARIN_AI_``, in EC2's order.
 
 :param is_public: list public images only; otherwise every image of such a name that the account can see
 :return: (list of InstanceTemplate, OPResult); creation dates are in UTC, without a time zone)";
