@@ -62,6 +62,25 @@ def test_a_region_without_an_engine_is_not_usable(run_json: Callable[..., Any], 
         assert [entry["name"] for entry in run_json("regions", "--usable")] == ["us-east-1"]
 
 
+@pytest.mark.parametrize("named", [True, False], ids=["of the region", "of the user"])
+def test_a_missing_kubeconfig_is_a_fault_of_the_configuration(
+    run: Run, run_json: Callable[..., Any], no_account: Path, monkeypatch: pytest.MonkeyPatch, named: bool
+) -> None:
+    """It is told which file is missing and where that is said; nobody has refused anything."""
+    path = no_account / "config-of-a-cluster"
+    region = '[[region]]\ncloud = "k8s"\nname = "lab"\n' + (f'kubeconfig = "{path}"\n' if named else "")
+    (no_account / "regions.toml").write_text(region)
+    monkeypatch.setenv("TOVARIN_CLOUD__REGIONS_FILE", str(no_account / "regions.toml"))
+    monkeypatch.setenv("KUBECONFIG", str(path))
+    core_conf_glbl.reload()
+    result = run("list", "lab")
+    assert result.exit_code == 4
+    assert f"the kubeconfig file {path} of the region lab does not exist" in result.stderr
+    assert "[cloud] regions_file" in result.stderr
+    (entry,) = run_json("regions", "--filter", "name=lab")
+    assert entry["why_not"] == "the kubeconfig file is missing"
+
+
 def test_verbose_tells_of_requests_to_the_engine(
     run: Run, no_account: Path, engine_url: str, monkeypatch: pytest.MonkeyPatch
 ) -> None:

@@ -2,7 +2,6 @@
 
 import importlib.util
 from dataclasses import dataclass, field, replace
-from pathlib import Path
 
 import click
 
@@ -11,7 +10,7 @@ from tovarincore.cloud_conf import CloudConf, CloudConfManager
 from tovarincore.cloud_def import AWSCloudAuth, CloudAuth, CloudRegion, CloudRegions, K8sRegion
 from tovarincore.command.context.invocation import Invocation
 from tovarincore.command.context.sdk import Owners, prepare_sdk
-from tovarincore.command.errors.advice import command_for
+from tovarincore.command.errors.advice import command_for, missing_kubeconfig
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
 from tovarincore.core_conf import core_conf_glbl
 
@@ -140,8 +139,7 @@ def why_not_usable(region: CloudRegion, ask_engine: bool = True) -> str:
     if isinstance(region, K8sRegion):
         if not _is_installed("lightkube"):
             return "the package lightkube is not installed"
-        missing = region.kubeconfig and not Path(region.kubeconfig).expanduser().is_file()
-        return "the kubeconfig file is missing" if missing else ""
+        return "the kubeconfig file is missing" if missing_kubeconfig(region) else ""
     if not _is_installed("docker"):
         return "the package docker is not installed"
     return _why_no_engine() if ask_engine else ""

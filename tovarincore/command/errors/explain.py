@@ -5,8 +5,8 @@ from collections.abc import Callable
 
 from tovarincore._transport.gate import RefusedName
 from tovarincore.cloud_conf import ConfigError
-from tovarincore.cloud_def import CloudRegion
-from tovarincore.command.errors.advice import command_for
+from tovarincore.cloud_def import CloudRegion, K8sRegion
+from tovarincore.command.errors.advice import command_for, missing_kubeconfig
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
 from tovarincore.command.errors.refusals import refusal
 from tovarincore.command.errors.sdk import explain_sdk
@@ -73,6 +73,14 @@ def failure_of(result: OPResult, region: CloudRegion) -> CommandFailure:
         if error_code is OPResultErrorCode.UNAUTHORIZED_OPERATION:
             code = error_code.value
         return refusal(msg, code, region=region)
+    if isinstance(region, K8sRegion) and error_code is OPResultErrorCode.UNAUTHENTICATED:
+        missing = missing_kubeconfig(region)
+        if missing is not None:
+            return CommandFailure(
+                f"the kubeconfig file {one_line(missing)} of the region {region.name} does not exist",
+                "put it there, or correct kubeconfig of the region in the file of [cloud] regions_file",
+                ExitCode.NOT_CONFIGURED,
+            )
     # The container helper and the Kubernetes client mostly say in the message what to do.
     remedy = _REMEDIES.get(error_code, "") if error_code else ""
     return CommandFailure(one_line(msg), remedy, _exit_code(error_code))
