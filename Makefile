@@ -93,6 +93,10 @@ bench: build ## measures every operation beside plain Python (ARGS=--instruction
 docs: build ## builds the documentation into docs/_build/html
 	@scripts/docs
 
+.PHONY: first-hour
+first-hour: build ## does all that README and Getting started say, in empty homes on bash and zsh (ARGS=--clone)
+	@$(python) -m scripts.first_hour $(ARGS)
+
 .PHONY: recordings
 recordings: build ## draws the terminal recordings of the documentation
 	@scripts/extra docs
