@@ -118,7 +118,7 @@ def hostile(tmp_path: Path) -> Iterator[None]:
 @pytest.mark.parametrize("kind", COMMANDS)
 def test_no_canary_leaves_the_command(hostile: None, tmp_path: Path, kind: str) -> None:
     """Neither in lines for people nor in documents, in the log, in a traceback or in a new file."""
-    before = set(tmp_path.iterdir())
+    before = set(tmp_path.rglob("*"))
     runs = [
         [word.format(folder=tmp_path) for word in command] + options
         for command in COMMANDS[kind]
@@ -137,7 +137,7 @@ def test_no_canary_leaves_the_command(hostile: None, tmp_path: Path, kind: str) 
     assert text.count("ended with") == len(runs)
     # The peers were asked, and their words were shown.
     assert "***" in text
-    for path in set(tmp_path.iterdir()) - before:
+    for path in filter(Path.is_file, set(tmp_path.rglob("*")) - before):
         text += path.read_text(encoding="utf-8", errors="replace")
     found = [(name, form) for name, canary in CANARIES.items() for form in forms(canary) if form in text]
     assert not found, text
