@@ -257,6 +257,19 @@ def test_a_refused_value_is_passed_on_in_the_engines_words(api: EngineApi, engin
         engine.create_container(REQUEST)
 
 
+@pytest.mark.parametrize(
+    ("status", "code"), [(429, OPResultErrorCode.THROTTLED), (503, OPResultErrorCode.UNAVAILABLE)]
+)
+def test_a_busy_engine_has_a_code_of_its_own(
+    api: EngineApi, engine: ContainerEngine, status: int, code: OPResultErrorCode
+) -> None:
+    """It is no refusal: the same request may be accepted in a moment."""
+    api.answers["POST", "/containers/create"] = (status, {"message": "swarm is starting"})
+    with pytest.raises(ContainerError, match=r"is busy or starting: swarm is starting\. Try again") as caught:
+        engine.create_container(REQUEST)
+    assert caught.value.error_code is code
+
+
 def test_a_container_that_vanished_is_not_found(api: EngineApi, engine: ContainerEngine) -> None:
     """Somebody removed it between the look-up and the change."""
     api.answers["POST", "/containers/id-1/stop"] = NO_SUCH_CONTAINER

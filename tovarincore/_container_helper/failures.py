@@ -23,6 +23,10 @@ _PORT_IN_USE = re.compile(
 _NAME_IN_USE = re.compile(r"\bname\b.*\bis already in use\b", re.DOTALL)
 # Podman says this with status 500 as well.
 _NO_CONTAINER = "no such container"
+_BUSY = {
+    HTTPStatus.TOO_MANY_REQUESTS: OPResultErrorCode.THROTTLED,
+    HTTPStatus.SERVICE_UNAVAILABLE: OPResultErrorCode.UNAVAILABLE,
+}
 # An engine's own words, of which the first say the most.
 _SHOWN_CHARACTERS = 500
 
@@ -75,6 +79,11 @@ def _refusal(error: docker.errors.APIError) -> ContainerError:
         return ContainerError(
             f"The container engine no longer has what was asked for: {text}. Refresh and try again.",
             OPResultErrorCode.NOT_FOUND,
+        )
+    if error.status_code in _BUSY:
+        return ContainerError(
+            f"The container engine is busy or starting: {text}. Try again in a moment.",
+            _BUSY[error.status_code],
         )
     return ContainerError(
         f"The container engine refused the request: {text}. If it names a value, change that in [container]."
