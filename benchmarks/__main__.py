@@ -45,6 +45,11 @@ def main() -> None:
         "--growth", action="store_true", help="cost per node from 10 to 100,000 nodes instead"
     )
     parser.add_argument("--launch", action="store_true", help="launch latency on a loopback EC2 instead")
+    parser.add_argument(
+        "--fleet",
+        action="store_true",
+        help="operations on many nodes, one after the other and together, instead",
+    )
     parser.add_argument("--write", action="store_true", help=f"put the table into {PAGE.relative_to(ROOT)}")
     parser.add_argument("--count-side", choices=["twin", "ours"], help=argparse.SUPPRESS)
     options = parser.parse_args()
@@ -57,6 +62,10 @@ def main() -> None:
         from benchmarks import launch
 
         name, text = "launches", launch.table()
+    elif options.fleet:
+        from benchmarks import fleet
+
+        name, text = "fleet", fleet.table(options.pattern)
     elif options.growth:
         measuring.pin_to_one_processor()
         name, text = "growth", report.growth_table([memory.growth(size) for size in SIZES])
