@@ -16,16 +16,19 @@ import subprocess
 import sys
 import termios
 import time
+from collections.abc import Callable
 from dataclasses import dataclass
 from itertools import groupby
 from pathlib import Path
 
 import pyte
+import tomli_w
 from rich.console import Console
 from rich.style import Style
 from rich.text import Text
 
 from demo.playground import playground
+from tovarincore._config_files.toml_file import read_toml
 
 PICTURES = Path(__file__).parent.parent / "docs" / "pictures"
 LINES = 90
@@ -35,11 +38,24 @@ LONGEST_PAUSE_SECONDS = 1.2
 CONFIGURE = "tovarin-nodes configure us-east-1 --user-name ada --sdk"
 
 
+def fall_silent() -> None:
+    """Let the worker of one node say nothing any more."""
+    path = Path(os.environ["TOVARIN_CONF"])
+    settings = read_toml(path)
+    assert settings is not None
+    addresses = settings["worker_addresses"]
+    addresses["web-07"] = addresses["silent*"]
+    path.write_text(tomli_w.dumps(settings), encoding="utf-8")
+
+
 @dataclass(frozen=True)
 class Scene:
-    """Commands that are shown, on a terminal of so many columns, after others that are not."""
+    """Commands that are shown, on a terminal of so many columns, after others that are not.
 
-    shown: tuple[str, ...]
+    What happens unseen between two of them stands between them as a function.
+    """
+
+    shown: tuple[str | Callable[[], None], ...]
     columns: int = 96
     before: tuple[str, ...] = ()
     in_docs: bool = False
@@ -57,6 +73,19 @@ SCENES = {
             "tovarin-nodes launch us-east-1 --type t3.small --name first --wait",
             "tovarin-nodes list us-east-1",
             "tovarin-nodes terminate us-east-1 first --yes",
+        ),
+        in_docs=True,
+    ),
+    "fleet": Scene(
+        (
+            CONFIGURE,
+            "tovarin-nodes launch us-east-1 --type t3.small --count 10 --name 'web-{:02}' --wait",
+            "tovarin-nodes watch us-east-1 --every 5 --count 2 --columns name,state,worker,address",
+            fall_silent,
+            "tovarin-nodes watch us-east-1 --every 5 --count 2 --columns name,state,worker,address",
+            "tovarin-nodes terminate us-east-1 web-07 --yes",
+            "tovarin-nodes terminate us-east-1 --match 'web-*' --yes",
+            "tovarin-nodes list us-east-1",
         ),
         in_docs=True,
     ),
@@ -167,8 +196,11 @@ def main() -> None:
         with playground():
             for command in scene.before:
                 subprocess.run(["sh", "-c", command], check=True, capture_output=True)
-            for command in scene.shown:
-                recording.run(command)
+            for step in scene.shown:
+                if isinstance(step, str):
+                    recording.run(step)
+                else:
+                    step()
         path = (PICTURES if scene.in_docs else Path()) / f"terminal-{name}.svg"
         path.write_text(recording.svg("tovarin-nodes"), encoding="utf-8")
         print(path)

@@ -158,9 +158,10 @@ def _names(config: CloudInstanceConfig, count: int, pattern: str | None) -> list
         pattern = (config.name or "tovarin-node").replace("{", "{{").replace("}", "}}")
         pattern += "" if count == 1 else "-{}"
     try:
-        names = [check_node_name(pattern.format(number)) for number in range(1, count + 1)]
-    except (IndexError, KeyError, AttributeError) as error:
+        texts = [pattern.format(number) for number in range(1, count + 1)]
+    except (IndexError, KeyError, AttributeError, ValueError) as error:
         raise ValueError(f'"{pattern}" is no pattern of names; allowed is one like web-{{:02}}') from error
+    names = [check_node_name(text) for text in texts]
     if len(set(names)) < count:
         raise ValueError(f'"{pattern}" gives several nodes one name; put {{}} where the number goes')
     return names

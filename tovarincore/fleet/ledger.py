@@ -9,6 +9,7 @@ import errno
 import json
 import os
 import threading
+from collections import Counter
 from collections.abc import Iterable
 from dataclasses import asdict, dataclass, replace
 from datetime import datetime, timezone
@@ -75,6 +76,17 @@ class Ledger:
         """
         return self._read()[1]
 
+    def outcomes(self) -> Counter[tuple[str, str]]:
+        """Return how many launches each region has, by outcome: ``launched``, ``refused`` or ``open``.
+
+        :raises ConfigError: a file cannot be used
+        """
+        launched, intents, refused = self._read()
+        found = Counter((entry.region, "launched") for entry in launched)
+        found.update((entry.region, "open") for entry in intents)
+        found.update((region, "refused") for region in refused)
+        return found
+
     def prepare(self) -> None:
         """See that launches can be noted, before there is one.
 
@@ -133,9 +145,11 @@ class Ledger:
             self.launched(node)
         return found
 
-    def _read(self) -> tuple[list[LedgerEntry], list[LedgerEntry]]:
+    def _read(self) -> tuple[list[LedgerEntry], list[LedgerEntry], list[str]]:
+        """Return what was launched, what is open, and the region of each request of which nothing came."""
         launched = {(entry.region, entry.instance_id): entry for entry in self._read_old()}
         intents: dict[tuple[str, str], LedgerEntry] = {}
+        refused: list[str] = []
         data = self._read_whole_lines()
         for line in data.splitlines():
             try:
@@ -152,10 +166,11 @@ class Ledger:
                         (entry.region, entry.instance_id), replace(entry, launched=begun.launched)
                     )
                 elif kind == _REFUSED:
-                    intents.pop(key, None)
+                    if intents.pop(key, None) is not None:
+                        refused.append(key[0])
             except (ValueError, TypeError, KeyError, AttributeError, RecursionError) as error:
                 raise _no_ledger(self.path) from error
-        return list(launched.values()), list(intents.values())
+        return list(launched.values()), list(intents.values()), refused
 
     def _read_whole_lines(self) -> bytes:
         """Return the file without what was being written when its program was killed."""
