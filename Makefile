@@ -98,9 +98,10 @@ first-hour: build ## does all that README and Getting started say, in empty home
 	@$(python) -m scripts.first_hour $(ARGS)
 
 .PHONY: recordings
-recordings: build ## draws the terminal recordings of the documentation
+recordings: build ## draws the terminal recordings and screens of the documentation
 	@scripts/extra docs
 	@$(python) -m scripts.record_terminal --all
+	@$(python) -m tests.command.top.pictures
 
 .PHONY: wheel
 wheel: setup ## builds and tries a wheel for each CPython 3.10 to 3.13 on this machine, into dist/

@@ -45,6 +45,23 @@ def test_a_missing_extra_gives_one_line_that_names_it(
     )
 
 
+@pytest.mark.parametrize(
+    "name, arguments, extra",
+    [("prometheus_client", ["exporter"], "metrics"), ("textual", ["top"], "top")],
+    ids=["exporter", "top"],
+)
+def test_a_missing_extra_of_one_sub_command_is_named_by_it(
+    no_account: Path, name: str, arguments: list[str], extra: str
+) -> None:
+    """The others need none of its packages."""
+    code, stdout, stderr = without(name, *arguments)
+    assert (code, stdout) == (4, "")
+    assert stderr == (
+        f"error: tovarin-nodes needs the package {name}, which is not installed:"
+        f" pip install 'tovarincore[{extra}]'\n"
+    )
+
+
 def test_a_listing_needs_no_package_for_moving_tables(no_account: Path) -> None:
     """What draws in place is imported only when something is drawn in place."""
     code, stdout, stderr = without("rich", "regions", "--json")

@@ -29,6 +29,8 @@ SUBCOMMANDS: dict[str, tuple[str, str]] = {
     "try": (_HOME + "launches:try_command", "Ask EC2 whether a launch would succeed, by a dry run."),
     "wait": (_HOME + "waiting:wait", "Wait until a node's worker answers."),
     "watch": (_HOME + "waiting:watch", "List the nodes again and again until Ctrl-C."),
+    "top": (_HOME + "top:top", "Show all nodes on the full screen, and work with them."),
+    "exporter": (_HOME + "exporter:exporter", "Serve metrics of nodes for Prometheus."),
     "start": (_HOME + "lifecycle:start", "Start stopped nodes."),
     "stop": (_HOME + "lifecycle:stop", "Stop nodes by force; their disks stay."),
     "reboot": (_HOME + "lifecycle:reboot", "Reboot nodes."),

@@ -7,6 +7,7 @@ from typing import Any
 
 from stage.ec2 import Ec2World
 from tests.command.conftest import Run
+from tovarincore.fleet import Ledger
 
 
 def test_only_nodes_that_are_not_in_the_ledger_are_listed(
@@ -40,3 +41,14 @@ def test_only_a_named_orphan_is_ended_after_asking(run: Run, ec2: Ec2World) -> N
 def test_no_orphans_is_a_sentence(run: Run, ec2: Ec2World) -> None:
     """An empty account has none."""
     assert run("orphans", "us-east-1").stdout == "No orphans in the region us-east-1.\n"
+
+
+def test_launches_that_were_cut_short_are_no_orphans(run: Run, ec2: Ec2World) -> None:
+    """A node with the uuid of an open request is noted, and told."""
+    instance_id = ec2.run_instance("cold-1")
+    Ledger().intend("AWS:us-east-1", "uuid-of-cold-1", "cold-1", "t3.small")
+    result = run("orphans", "us-east-1")
+    assert result.stdout == "No orphans in the region us-east-1.\n"
+    assert f"cold-1 ({instance_id}) belongs to a launch that was cut short: noted" in result.stderr
+    assert [entry.instance_id for entry in Ledger().entries()] == [instance_id]
+    assert Ledger().open_intents() == []

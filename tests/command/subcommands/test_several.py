@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import signal
 from collections.abc import Callable
 from typing import Any
 
@@ -9,7 +10,7 @@ import pytest
 
 from stage.ec2 import Ec2World
 from stage.fault import SERVED, ec2_error
-from tests.command.conftest import Run
+from tests.command.conftest import Run, finish, start_command
 from tovarincore.fleet import Ledger
 
 LAUNCH = ("launch", "us-east-1", "--type", "t3.small")
@@ -58,7 +59,7 @@ def test_what_was_not_launched_is_named(run: Run, ec2: Ec2World) -> None:
 @pytest.mark.parametrize(
     "arguments, words",
     [
-        (("--count", "2", "--wait"), "--wait is for one node"),
+        (("--count", "2", "--name", "web{"), "is no pattern of names"),
         (("--count", "2", "--name", "*"), "name of a node"),
     ],
 )
@@ -70,3 +71,30 @@ def test_what_makes_no_sense_is_refused(
     assert result.exit_code == 2
     assert words in result.stderr
     assert ec2.instances() == []
+
+
+def test_several_are_waited_for(run: Run, ec2: Ec2World) -> None:
+    """With --wait each is told once it is launched, and again once it is ready."""
+    result = run(*LAUNCH, "--count", "3", "--name", "ready-{}", "--wait")
+    assert result.exit_code == 0, result.output
+    lines = result.stdout.splitlines()
+    assert lines[0] == "3 launched"
+    assert sorted(line.split(" (")[0] for line in lines[1:]) == ["ready-1", "ready-2", "ready-3"]
+    assert all(line.endswith(" is ready") for line in lines[1:])
+
+
+def test_ctrl_c_lets_no_launch_be_forgotten(ec2: Ec2World) -> None:
+    """What is under way ends and is noted; the text says so, and the exit code is 130."""
+    process = start_command(*LAUNCH, "--count", "40", "--at-once", "2", "--name", "cold-{}")
+    assert process.stderr is not None
+    while not process.stderr.readline().startswith("launched"):
+        assert process.poll() is None
+    process.send_signal(signal.SIGINT)
+    code, _, stderr = finish(process)
+    assert code == 130
+    assert "interrupted: nodes may have been launched all the same, and the ledger has all of them" in stderr
+    assert {entry.instance_id for entry in Ledger().entries()} == {
+        instance["InstanceId"] for instance in ec2.instances()
+    }
+    assert Ledger().open_intents() == []
+    assert 0 < len(ec2.instances()) < 40

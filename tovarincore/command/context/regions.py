@@ -15,7 +15,7 @@ from tovarincore.command.errors.failures import CommandFailure, ExitCode
 if TYPE_CHECKING:
     from tovarincore.cloud_def import CloudRegion
 
-__all__ = ["find_region", "prepare_regions", "region_and", "regions_argument"]
+__all__ = ["all_regions_argument", "find_region", "prepare_regions", "region_and", "regions_argument"]
 
 Decorator = Callable[[Callable[..., Any]], Callable[..., Any]]
 
@@ -107,7 +107,17 @@ def region_and(
 
 def regions_argument(function: Callable[..., Any]) -> Callable[..., Any]:
     """Give a command one region as its argument, several by ``-r``, or all by ``-A``: ``regions``, a list."""
+    return _regions(function, lambda context: [_default_region(context)])
 
+
+def all_regions_argument(function: Callable[..., Any]) -> Callable[..., Any]:
+    """Do the same, where a command that is given none works in all regions that can be used."""
+    return _regions(function, lambda context: _usable_regions())
+
+
+def _regions(
+    function: Callable[..., Any], without: Callable[[click.Context], list[CloudRegion]]
+) -> Callable[..., Any]:
     def place(context: click.Context, parameter: click.Parameter, words: tuple[str, ...]) -> None:
         if context.resilient_parsing:
             keep_words(context, words)
@@ -118,7 +128,7 @@ def regions_argument(function: Callable[..., Any]) -> Callable[..., Any]:
                 raise click.UsageError("-A means all regions: name none.", context)
             regions = _usable_regions()
         else:
-            regions = [find_region(text) for text in given] or [_default_region(context)]
+            regions = [find_region(text) for text in given] or without(context)
         if len(regions) == 1:
             context.ensure_object(Invocation).region = regions[0]
         context.params["regions"] = list(dict.fromkeys(regions))

@@ -37,6 +37,12 @@ _REMEDIES = {
     OPResultErrorCode.UNAVAILABLE: "wait until the service has started, then try again",
     OPResultErrorCode.EXPIRED: "try again; for a large namespace raise page_size in [kubernetes]",
 }
+_EXTRAS = {
+    **dict.fromkeys(("click", "rich", "yaml", "tomlkit"), "cli"),
+    "prometheus_client": "metrics",
+    "textual": "top",
+}
+"""The optional packages of the command, and the extra that brings each along."""
 _DISK_FULL = (errno.ENOSPC, errno.EDQUOT)
 
 
@@ -127,9 +133,10 @@ def _unsupported(error: BaseException, region: CloudRegion | None) -> CommandFai
 
 def _missing(error: BaseException, region: CloudRegion | None) -> CommandFailure:
     name = (getattr(error, "name", None) or one_line(error)).partition(".")[0]
-    if name in ("click", "rich", "yaml", "tomlkit"):
+    if name in _EXTRAS:
         return CommandFailure(
-            f"tovarin-nodes needs the package {name}, which is not installed: pip install 'tovarincore[cli]'",
+            f"tovarin-nodes needs the package {name}, which is not installed:"
+            f" pip install 'tovarincore[{_EXTRAS[name]}]'",
             "",
             ExitCode.NOT_CONFIGURED,
         )

@@ -12,10 +12,10 @@ from typing import Any
 
 from tovarincore._config_files.private_file import locked, read_private, write_private
 from tovarincore.cloud_def import CloudNode
-from tovarincore.core_conf import ConfigError
+from tovarincore.core_conf import ConfigError, log_manager_glbl
 from tovarincore.fleet.ledger import Ledger
 
-__all__ = ["IDLE_PERCENT", "LONGEST_GAP", "idle_since", "note_activity"]
+__all__ = ["IDLE_PERCENT", "LONGEST_GAP", "idle_since", "note_activity", "note_if_possible"]
 
 IDLE_PERCENT = 5.0
 """Load of the processors below which a worker has nothing to do."""
@@ -47,6 +47,14 @@ def note_activity(nodes: Iterable[CloudNode]) -> None:
             since = before["idle_since"] if before and goes_on else now.isoformat()
             looks[key] = {"seen": now.isoformat(), "idle_since": since}
         write_private(path, json.dumps(looks).encode())
+
+
+def note_if_possible(nodes: Iterable[CloudNode]) -> None:
+    """Do the same for a look that has another purpose, which a file that cannot be used must not end."""
+    try:
+        note_activity(nodes)
+    except ConfigError as error:
+        log_manager_glbl.get_logger().debug("The look is not noted: %s", error)
 
 
 def idle_since(node: CloudNode) -> datetime | None:

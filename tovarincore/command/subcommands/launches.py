@@ -99,10 +99,6 @@ def launch(
         )
     access = open_region(region)
     if count is not None or if_absent or other_types:
-        if wait:
-            raise CommandFailure(
-                "--wait is for one node", "wait for several with the sub-command wait", ExitCode.USAGE
-            )
         several = build_request(access, name=name or "tovarin-node", **options)
         if region.cloud == "AWS":
             invocation.note(open_rule_note("a launch"))
@@ -114,6 +110,7 @@ def launch(
             at_once,
             if_absent,
             [find_type(access, other) for other in other_types],
+            wait,
             additional_params=params,
             startup_script=None if startup_script is None else _read_script(startup_script),
         )

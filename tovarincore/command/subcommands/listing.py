@@ -43,9 +43,11 @@ def list_command(
     shown = [node for node in nodes if everything or node.state not in GONE]
     probes = {}
     if not no_probe:
+        from tovarincore.command.nodes.activity import note_if_possible
         from tovarincore.command.nodes.probes import probe_nodes
 
         probes = probe_nodes(shown)
+        note_if_possible(shown)
     hidden = len(nodes) - len(shown)
     invocation.emit_list(
         node_listing(regions),

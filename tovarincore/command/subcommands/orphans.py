@@ -4,6 +4,7 @@ from datetime import datetime
 
 import click
 
+from tovarincore import fleet
 from tovarincore.cloud_def import CloudNode, CloudRegion
 from tovarincore.command.context.access import Access, open_region
 from tovarincore.command.context.ec2_client import open_client
@@ -37,14 +38,16 @@ def orphans(invocation: Invocation, region: CloudRegion, ended: tuple[str, ...],
     """List nodes under your user name that are not in the ledger of launches.
 
     The ledger, launches.jsonl beside the credential store, holds what this command has launched on this
-    machine. A node that a program or another machine launched is an orphan too: end only what you know.
+    machine; launches of which it did not know what came are looked up first. A node that a program or
+    another machine launched is an orphan too: end only what you know.
     """
     access = open_region(region)
+    own = list_own_nodes(access)
+    for node in fleet.settle([region]):
+        invocation.note(f"{node.name} ({node.instance_id}) belongs to a launch that was cut short: noted")
     launched = {(entry.region, entry.instance_id) for entry in Ledger().entries()}
     found = [
-        node
-        for node in list_own_nodes(access)
-        if node.state not in GONE and (region.key, node.instance_id) not in launched
+        node for node in own if node.state not in GONE and (region.key, node.instance_id) not in launched
     ]
     if ended:
         end_nodes(invocation, access, [_orphan(found, wanted, region) for wanted in ended], "orphan", yes)

@@ -10,6 +10,8 @@ from tovarincore.command.context.invocation import Invocation
 from tovarincore.command.errors.advice import command_for
 from tovarincore.command.errors.explain import explain, failure_of
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
+from tovarincore.command.nodes.readiness import DEFAULT_WAIT_SECONDS
+from tovarincore.command.nodes.waits import wait_for
 from tovarincore.command.output.documents import node_document
 from tovarincore.command.output.steps import steps
 from tovarincore.command.output.text import one_line
@@ -26,11 +28,13 @@ def launch_several(
     at_once: int,
     if_absent: bool,
     other_types: Sequence[CloudInstanceTypeDef],
+    wait: bool,
     **arguments: Any,
 ) -> None:
     """Launch nodes side by side, and tell of each.
 
-    :raises CommandFailure: a node was not launched, or a name cannot be used
+    :param wait: wait until the workers answer, also of nodes that were there
+    :raises CommandFailure: a node was not launched or does not become ready, or a name cannot be used
     """
     name = request.config.name or ""
     with (
@@ -71,6 +75,8 @@ def launch_several(
     invocation.emit_items("nodes", [node_document(node) for node in nodes])
     if not invocation.structured:
         invocation.say(", ".join(counts))
+    if wait and nodes:
+        wait_for(invocation, access, nodes, "ready", DEFAULT_WAIT_SECONDS, " that were launched")
     for missing in report.not_launched:
         raise _failure_of(missing, access.region)
 

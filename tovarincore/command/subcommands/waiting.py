@@ -6,6 +6,7 @@ from typing import TYPE_CHECKING, Any
 
 import click
 
+from tovarincore import fleet
 from tovarincore._transport.masker import mask
 from tovarincore.cloud_def import CloudRegion
 from tovarincore.command.context.access import open_region
@@ -14,11 +15,13 @@ from tovarincore.command.context.options import ListCommand, NodesCommand, view_
 from tovarincore.command.context.regions import region_and, regions_argument
 from tovarincore.command.errors.explain import explain
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
+from tovarincore.command.nodes.activity import note_if_possible
 from tovarincore.command.nodes.backoff import Backoff
-from tovarincore.command.nodes.inventory import GONE, list_nodes
+from tovarincore.command.nodes.inventory import GONE, find_node, list_nodes
 from tovarincore.command.nodes.probes import probe_nodes
 from tovarincore.command.nodes.readiness import DEFAULT_WAIT_SECONDS, wait_until_ready
 from tovarincore.command.nodes.regions import in_every_region
+from tovarincore.command.nodes.waits import wait_for
 from tovarincore.command.output import progress
 from tovarincore.command.output.documents import node_document
 from tovarincore.command.output.listings import choose, draw
@@ -35,8 +38,20 @@ FLOOR_SECONDS = 5.0
 _MAY_PASS = (ExitCode.UNREACHABLE, ExitCode.BUSY)
 
 
-@click.command(cls=NodesCommand, own_timeout=True, examples=("wait us-east-1 trainer-1 --timeout 300",))
-@region_and("node")
+@click.command(
+    cls=NodesCommand,
+    own_timeout=True,
+    examples=("wait us-east-1 trainer-1 --timeout 300", "wait us-east-1 web-1 web-2 --for stopped"),
+)
+@region_and("nodes", many=True)
+@click.option(
+    "--for",
+    "until",
+    type=click.Choice(["ready", "running", "stopped", "terminated"]),
+    default="ready",
+    show_default=True,
+    help="What to wait for; ready means that the worker answers.",
+)
 @click.option(
     "--timeout",
     type=click.FloatRange(0, 86400),
@@ -45,10 +60,18 @@ _MAY_PASS = (ExitCode.UNREACHABLE, ExitCode.BUSY)
     help="Longest time in seconds.",
 )
 @pass_invocation
-def wait(invocation: Invocation, region: CloudRegion, node: str, timeout: float) -> None:
-    """Wait until a node's worker answers, and tell meanwhile why it does not yet."""
-    found, probe = wait_until_ready(invocation, open_region(region), node, timeout)
-    invocation.emit("node", node_document(found, probe), lambda: invocation.say(f"{found.name} is ready"))
+def wait(
+    invocation: Invocation, region: CloudRegion, nodes: tuple[str, ...], until: fleet.Until, timeout: float
+) -> None:
+    """Wait until a node's worker answers, and tell meanwhile why it does not; or wait for several nodes."""
+    access = open_region(region)
+    if len(nodes) == 1 and until == "ready":
+        found, probe = wait_until_ready(invocation, access, nodes[0], timeout)
+        invocation.emit("node", node_document(found, probe), lambda: invocation.say(f"{found.name} is ready"))
+        return
+    listed = list_nodes(access)
+    named = {node.instance_id: node for node in (find_node(listed, name, region) for name in nodes)}
+    wait_for(invocation, access, list(named.values()), until, timeout)
 
 
 @click.command(cls=ListCommand, examples=("watch us-east-1 --every 30", "watch -A --json --count 3"))
@@ -127,6 +150,7 @@ class _Display:
             raise failure
         nodes = [node for node in nodes if self._everything or node.state not in GONE]
         probes = probe_nodes(nodes)
+        note_if_possible(nodes)
         documents = [node_document(node, probes[node.instance_id]) for node in nodes]
         return choose(self._view, self._listing, documents)
 

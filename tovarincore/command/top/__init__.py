@@ -1,0 +1,1 @@
+"""``tovarin-nodes top``: all nodes on the full screen."""

@@ -1,0 +1,1 @@
+"""Following regions in the background, for what lasts: a screen, or metrics."""
