@@ -59,7 +59,7 @@ class OPResult:
     :param success: the operation did what was asked
     :param error: the operation failed
     :param error_code: the kind of failure, where the caller can act on it
-    :param msg: what went wrong, for people
+    :param msg: what went wrong, for people; secrets in it are masked
     :param exc_info: ``True`` inside an ``except`` block keeps the traceback of the exception being handled as
         text in :attr:`traceback_text`, without secrets; a text is kept there as it is. Only text is kept: a
         traceback object would keep alive the local variables of every frame it passes through, credentials
@@ -83,11 +83,17 @@ class OPResult:
             response = getattr(sys.exc_info()[1], "__dict__", {}).get("response")
             details = response.get("Error") if isinstance(response, dict) else None
             code = details.get("Code") if isinstance(details, dict) else None
-            self.provider_code = code if isinstance(code, str) else None
+            # Both may be a peer's words, which can repeat what it was sent.
+            self.provider_code = _masked(code) if isinstance(code, str) else None
+            self.msg = _masked(self.msg) if isinstance(self.msg, str) else self.msg
         if isinstance(self.exc_info, str):
             self.traceback_text = self.exc_info
         elif self.exc_info and sys.exc_info()[1] is not None:
-            # Imported here: only failures need it.
-            from tovarincore._transport.masker import mask
+            self.traceback_text = _masked(traceback.format_exc())
 
-            self.traceback_text = mask(traceback.format_exc())
+
+def _masked(text: str) -> str:
+    # Imported here: only failures need it.
+    from tovarincore._transport.masker import mask
+
+    return mask(text)

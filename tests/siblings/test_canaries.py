@@ -13,6 +13,7 @@ import logging
 import traceback
 from collections.abc import Callable, Iterator
 from contextlib import ExitStack
+from datetime import datetime
 from pathlib import Path
 from typing import Any
 from urllib.parse import quote
@@ -27,7 +28,15 @@ from stage.settings import settings_of
 from stage.worker_timeouts import node_at
 from tovarincore.api_def import PingRequest
 from tovarincore.cloud_conf import CloudConf, CloudConfManager
-from tovarincore.cloud_def import AWSCloudAuth, CloudRegion, CloudRegions
+from tovarincore.cloud_def import (
+    AWSCloudAuth,
+    CloudInstanceConfig,
+    CloudInstances,
+    CloudRegion,
+    CloudRegions,
+    InstanceTemplate,
+    InstanceTemplatePayType,
+)
 from tovarincore.container_helper import ContainerHelper
 from tovarincore.core_conf import ConfigError, core_conf_glbl
 from tovarincore.testing.reference_worker import ReferenceWorker
@@ -217,6 +226,34 @@ def test_ec2_that_cannot_be_reached(
         seen.run(lambda: manager.get_node_manager(AWS).list_instances())
         seen.run(lambda: manager.refresh_node_list(AWS))
         seen.note(vars(manager.get_node_manager(AWS)))
+
+
+def test_ec2_that_refuses_a_launch_in_the_words_of_the_request(
+    seen: Seen, configure: Callable[..., None], monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """A result carries EC2's message and its code: both may repeat what was sent."""
+    pytest.importorskip("boto3", reason="the SDK is not installed")
+    from tovarincore.cloud_node import CloudManager
+
+    canary = f"{CANARIES['session']} {CANARIES['key-id']}"
+    error = f"<Error><Code>{canary}</Code><Message>you sent {canary}</Message></Error>"
+    body = f"<Response><Errors>{error}</Errors></Response>".encode()
+
+    def refuse(conversation: peers.Conversation) -> None:
+        conversation.connected.recv(65536)
+        head = f"HTTP/1.1 403 no\r\nConnection: close\r\nContent-Length: {len(body)}\r\n\r\n"
+        conversation.connected.sendall(head.encode() + body)
+
+    with peers.Peer(refuse) as peer:
+        configure()
+        monkeypatch.setenv("AWS_ENDPOINT_URL_EC2", f"http://127.0.0.1:{peer.port}")
+        auth = AWSCloudAuth("", CANARIES["key-id"], CANARIES["secret"], CANARIES["session"])
+        template = InstanceTemplate("ami-1", "i", InstanceTemplatePayType.DEV, datetime(2026, 1, 1), AWS, "1")
+        config = CloudInstanceConfig(20, {}, template)
+        kind = CloudInstances.get_default_local_instance_type()
+        node, result = CloudManager().launch_node(AWS, auth, kind, config, "ada")
+        seen.note(result)
+    assert (node, result.msg) == (None, "you sent *** ***")
 
 
 def test_ec2_that_sends_the_request_s_headers_back(
