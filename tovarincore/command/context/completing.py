@@ -17,7 +17,7 @@ __all__ = ["complete_contexts", "complete_images", "complete_types", "completing
 Complete = Callable[[click.Context, click.Parameter, str], "list[CompletionItem]"]
 
 _WORDS = "tovarincore.command.words"
-_NODE_NAMES = ("node", "names")
+_NODE_NAMES = ("node", "nodes", "names")
 
 
 def keep_words(context: click.Context, words: tuple[str, ...]) -> None:
