@@ -141,6 +141,16 @@ def _check_supported(cluster: Cluster, user: User) -> None:
     scheme = (cluster.proxy_url or "").partition("://")[0]
     if cluster.proxy_url and scheme != "http":
         raise UnusableKubeconfig("its proxy-url is not supported; it has to be like http://host:3128")
+    if cluster.tls_server_name and not _is_certificate_name(cluster.tls_server_name):
+        raise UnusableKubeconfig("its tls-server-name is no name that a certificate can carry")
+
+
+def _is_certificate_name(name: str) -> bool:
+    """Whether the TLS library takes a name; one that it stumbles over it would leave with an open socket."""
+    try:
+        return name.encode("idna").isascii() and name.isprintable()
+    except UnicodeError:
+        return False
 
 
 def _pem(data: str | None, file: str | None, folder: Path) -> str:
