@@ -12,6 +12,7 @@ import threading
 import time
 from collections import Counter
 from contextlib import ExitStack
+from itertools import cycle
 
 from benchmarks.launch import account, config_of
 from benchmarks.report import seconds
@@ -34,8 +35,8 @@ class Crowd:
         self.taken: dict[str, list[float]] = {name: [] for name in OPERATIONS}
 
     def run(self, threads: int, length: float) -> None:
-        """Run the threads; each ends what it has begun."""
-        self._live(0.0)  # makes the security group, and reads what is read once
+        """Run the threads; each ends the operation that it has begun."""
+        self._live(time.monotonic() + 1)  # makes the security group, and reads what is read once
         for name in OPERATIONS:
             self.outcomes[name].clear()
             self.taken[name].clear()
@@ -47,13 +48,14 @@ class Crowd:
             thread.join()
 
     def _live(self, end: float) -> None:
-        while True:
-            node = self._try("launch")
-            self._try("list")
-            if node:
-                self._try("terminate", node)
+        node = ""
+        for operation in cycle(OPERATIONS):
             if time.monotonic() >= end:
                 return
+            if operation == "launch":
+                node = self._try(operation)
+            elif operation == "list" or node:
+                self._try(operation, node)
 
     def _try(self, operation: str, instance_id: str = "") -> str:
         """Do one operation and count its outcome; return the id of a launched node."""
