@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import threading
-import time
 import urllib.error
 import urllib.request
 from collections.abc import Mapping
@@ -91,6 +90,8 @@ class FaultEndpoint:
         self._launches: dict[str, Answer] = {}
         self._lock = threading.Lock()
         self._cleanup = ExitStack()
+        # Nobody waits any more for the answers that are still delayed then.
+        self._ended = threading.Event()
 
     def script(self, action: str, *answers: Answer) -> None:
         """Answer `action` from now on with these, one after the other."""
@@ -112,7 +113,7 @@ class FaultEndpoint:
                 """Answer one EC2 request."""
                 body = self.rfile.read(int(self.headers["Content-Length"]))
                 answer = endpoint._answer(body, dict(self.headers))
-                time.sleep(answer.delay)
+                endpoint._ended.wait(answer.delay)
                 self.close_connection = True
                 if answer.hang_up:
                     return
@@ -133,6 +134,7 @@ class FaultEndpoint:
         return self
 
     def __exit__(self, *exception: object) -> None:
+        self._ended.set()
         self._cleanup.close()
 
     def _answer(self, body: bytes, headers: Mapping[str, str]) -> Answer:

@@ -16,6 +16,7 @@ import pytest
 
 from stage.settings import settings_of
 from tests.fakes import CallLog, recording_logger
+from tests.leftovers import forget_what_is_kept, process_state
 from tests.thorough import skip_thorough
 
 MODULES = {"extension": "tovarincore.cloud_node", "twin": "tests.twin.cloud_node"}
@@ -64,6 +65,17 @@ def pytest_collection_finish() -> None:
     """Take what the imports made out of the collector's sight: many tests collect, each time all of it."""
     gc.collect()
     gc.freeze()
+
+
+@pytest.fixture(autouse=True)
+def nothing_left_behind() -> Iterator[None]:
+    """Fail a test that changes the process for those after it."""
+    before = process_state()
+    yield
+    forget_what_is_kept()
+    after = process_state()
+    left = [f"{name}: {before[name]}, then {after[name]}" for name in before if before[name] != after[name]]
+    assert left == [], "\n".join(["left behind by the test:", *left])
 
 
 @pytest.fixture

@@ -19,7 +19,6 @@ from stage.ec2_fixtures import ec2, ec2_endpoint, healthy_worker, sdk_data_read_
 from stage.settings import settings_of
 from tests.conftest import ROOT
 from tovarincore._config_files.toml_file import read_toml
-from tovarincore.cloud_node import cloud_manager_glbl
 from tovarincore.command.app import cli
 from tovarincore.core_conf import core_conf_glbl
 
@@ -28,14 +27,6 @@ __all__ = ["ec2", "ec2_endpoint", "healthy_worker", "sdk_data_read_once"]
 
 SCHEMA = json.loads((ROOT / "docs" / "command.schema.json").read_bytes())
 Run = Callable[..., click.testing.Result]
-
-
-@pytest.fixture(autouse=True)
-def fresh_providers() -> Iterator[None]:
-    """No provider that another test made with other credentials, and none left for the next test."""
-    vars(cloud_manager_glbl)["_node_manager_hashset"].clear()
-    yield
-    vars(cloud_manager_glbl)["_node_manager_hashset"].clear()
 
 
 @pytest.fixture

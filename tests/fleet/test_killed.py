@@ -83,6 +83,7 @@ def kill_when_noted(process: subprocess.Popen[bytes], path: Path, number: int) -
         time.sleep(0.002)
 
 
+late = pytest.mark.thorough(reason="kills later what is killed early, too")
 MOMENTS = [
     ("CreateSecurityGroup is served", 1),
     ("AuthorizeSecurityGroupIngress arrives", 1),
@@ -91,9 +92,9 @@ MOMENTS = [
     ("id is noted", 1),
     ("RunInstances arrives", 6),
     ("RunInstances is served", 9),
-    ("id is noted", 12),
-    ("RunInstances is served", 15),
-    ("RunInstances is served", 20),
+    pytest.param("id is noted", 12, marks=late),
+    pytest.param("RunInstances is served", 15, marks=late),
+    pytest.param("RunInstances is served", 20, marks=late),
 ]
 
 

@@ -27,6 +27,18 @@ from tovarincore.core_def import OPResult
 FAILED = "Exception occurred when tyring to starting Cloud Worker"
 SUCCESS = OPResult(success=True)
 
+# What the record of a launched instance is made of, in this order.
+OF_THE_NODE: dict[str, Any] = {
+    "region": AWS_REGION,
+    "instance_id": "i-7",
+    "instance_type_def": SMALL,
+    "uuid": "u-1",
+    "name": "node",
+    "dns_address": "ec2.example",
+    "state": NodeState.STARTING,
+    "key_pair_name": "key",
+}
+
 
 def test_a_launch_makes_one_request_with_these_arguments_in_this_order(launching: Amazon) -> None:
     """Client, security group, request, and a debug line with the response; the node is STARTING."""
@@ -61,16 +73,7 @@ def test_a_launch_makes_one_request_with_these_arguments_in_this_order(launching
         ),
         Logged("debug", f"Start new Cloud Worker response:\n {LAUNCHED}"),
     ]
-    node = AWSCloudNode(
-        region=AWS_REGION,
-        instance_id="i-7",
-        instance_type_def=SMALL,
-        uuid="u-1",
-        name="node",
-        dns_address="ec2.example",
-        state=NodeState.STARTING,
-        key_pair_name="key",
-    )
+    node = AWSCloudNode(**OF_THE_NODE)
     assert result == (node, SUCCESS)
     assert type(result) is tuple
     assert result[0].region is AWS_REGION
@@ -106,17 +109,7 @@ def test_the_node_record_is_made_by_keyword_in_this_order(
     """A replaced record class of the module takes effect."""
     monkeypatch.setattr(launching.module, "AWSCloudNode", recording(launching.log, "AWSCloudNode", "node"))
     assert launching.manager.launch_node(SMALL, make_config()) == ("node", SUCCESS)
-    assert launching.log[-1] == call(
-        "AWSCloudNode",
-        region=AWS_REGION,
-        instance_id="i-7",
-        instance_type_def=SMALL,
-        uuid="u-1",
-        name="node",
-        dns_address="ec2.example",
-        state=NodeState.STARTING,
-        key_pair_name="key",
-    )
+    assert launching.log[-1] == call("AWSCloudNode", **OF_THE_NODE)
 
 
 @pytest.mark.parametrize("size", [0, None, ""])
