@@ -35,11 +35,11 @@ build-tests: setup ## builds the extension that only tests import, too
 
 .PHONY: test
 test: build-tests ## runs the tests, in several processes (ARGS="-n 0" in one, ARGS="-k launch" some of them)
-	@$(python) -X dev -W error -m pytest -n auto --dist loadgroup $(ARGS)
+	@$(python) -X dev -W error -m pytest -n auto $(ARGS)
 
 .PHONY: test-thorough
 test-thorough: build-tests ## runs the tests with their long searches, on both container engines and a built wheel
-	@TOVARIN_THOROUGH=1 $(python) -X dev -W error -m pytest -n auto --dist loadgroup $(ARGS)
+	@TOVARIN_THOROUGH=1 $(python) -X dev -W error -m pytest -n auto $(ARGS)
 
 .PHONY: demo
 demo: setup-demo ## works through a node's life on an EC2 endpoint of its own (ARGS=--json, ARGS=--local)

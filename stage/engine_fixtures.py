@@ -22,15 +22,11 @@ VERSIONS = ["1.2.0", "1.10.0", "1.9.0"]
 IMAGE = "tovarin-worker"
 
 
-# The groups keep an engine in one process of a parallel run.
-DOCKER = pytest.param(DockerServer, id="docker", marks=pytest.mark.xdist_group("container engine docker"))
+DOCKER = pytest.param(DockerServer, id="docker")
 PODMAN = pytest.param(
     PodmanServer,
     id="podman",
-    marks=[
-        pytest.mark.xdist_group("container engine podman"),
-        pytest.mark.thorough(reason="Podman runs what differs between the engines only"),
-    ],
+    marks=pytest.mark.thorough(reason="Podman runs what differs between the engines only"),
 )
 
 

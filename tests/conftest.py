@@ -17,6 +17,7 @@ import pytest
 from stage.settings import settings_of
 from tests.fakes import CallLog, recording_logger
 from tests.leftovers import forget_what_is_kept, process_state
+from tests.scheduling import GroupScheduling, rank_of
 from tests.thorough import skip_thorough
 
 MODULES = {"extension": "tovarincore.cloud_node", "twin": "tests.twin.cloud_node"}
@@ -51,10 +52,14 @@ def pytest_xdist_auto_num_workers(config: pytest.Config) -> int:
     return max(2, round(2 * cores - min(os.getloadavg()[0], cores)))
 
 
+def pytest_xdist_make_scheduler(config: pytest.Config, log: object) -> GroupScheduling:
+    """Keep in one process what shares a server."""
+    return GroupScheduling(config, log)
+
+
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
-    """Refuse ids with addresses, which no two processes share; skip what takes long; put groups first."""
-    # Those of a group run one after the other in one process, so they begin first.
-    items.sort(key=lambda item: item.get_closest_marker("xdist_group") is None)
+    """Refuse ids with addresses, which no two processes share; skip and order the long ones."""
+    items.sort(key=lambda item: rank_of(item.nodeid))
     for item in items:
         skip_thorough(item)
         if " at 0x" in item.nodeid:

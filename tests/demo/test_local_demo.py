@@ -16,7 +16,6 @@ from stage.engine_docker import DockerServer
 ROOT = Path(__file__).resolve().parents[2]
 
 
-@pytest.mark.xdist_group("container engine")
 def test_the_local_demo_shows_a_workers_life() -> None:
     """Every step checks what it shows; the end says that all were right."""
     done = subprocess.run(

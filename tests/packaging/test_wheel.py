@@ -30,8 +30,6 @@ def pip(*arguments: str | Path) -> None:
     run(sys.executable, "-m", "pip", "--disable-pip-version-check", "--quiet", *arguments)
 
 
-# One process builds the wheel for both of its tests.
-of_the_wheel = pytest.mark.xdist_group("wheel")
 compiles = pytest.mark.thorough(reason="compiles the whole module")
 
 
@@ -63,7 +61,6 @@ def test_a_wheel_carries_what_it_should_beside_the_module(tmp_path: Path) -> Non
     ]
 
 
-@of_the_wheel
 @compiles
 @pytest.mark.no_sanitizer  # the wheel's module is compiled as users compile it
 def test_a_wheel_carries_the_package_and_no_source_of_the_module(
@@ -74,7 +71,6 @@ def test_a_wheel_carries_the_package_and_no_source_of_the_module(
     assert (main(), capsys.readouterr().err) == (0, "")
 
 
-@of_the_wheel
 @compiles
 @pytest.mark.no_sanitizer  # as above
 def test_a_wheel_imports_in_an_environment_of_its_own(wheel: Path, tmp_path: Path) -> None:

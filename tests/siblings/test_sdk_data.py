@@ -83,14 +83,15 @@ def test_what_a_program_asked_for_outlasts_a_body(sharing: None) -> None:
 def test_a_session_class_that_somebody_put_there_meanwhile_stays(monkeypatch: pytest.MonkeyPatch) -> None:
     """Undoing does not undo what others did."""
     mine = type("Mine", (GENUINE,), {})
+    # First of all, so that this is what comes back at the end.
+    monkeypatch.setattr(boto3, "Session", GENUINE)
     share_service_descriptions()
     monkeypatch.setattr(boto3, "Session", mine)
     stop_sharing_service_descriptions()
     assert boto3.Session is mine
-    monkeypatch.setattr(boto3, "Session", GENUINE)
 
 
-def test_credentials_and_profiles_are_read_anew_by_each_session(
+def test_credentials_and_profiles_are_read_again_by_each_session(
     sharing: None, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     """A changed file, environment or profile is seen by the next session."""
