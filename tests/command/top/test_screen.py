@@ -18,6 +18,7 @@ from tovarincore.cloud_def import NodeState
 from tovarincore.command.top.app import TopApp
 from tovarincore.command.top.dialogs import Question, Sheet
 from tovarincore.command.watching.looks import Lookout
+from tovarincore.testing.fakes import patched_cloud_node
 
 PICTURES = ROOT / "docs" / "pictures"
 
@@ -211,3 +212,25 @@ def test_a_state_that_changed_ends_what_was_being_done() -> None:
     row.node.state = NodeState.STOPPED
     MadeUpLookout.look(app._lookout, app.book.take)  # type: ignore[arg-type]
     assert app.book.rows()[0].doing == ""
+
+
+def test_who_quits_in_the_middle_is_told_what_was_left_out() -> None:
+    """Requests under way end; the others are not made, and their nodes are named."""
+
+    def slow(**_: object) -> None:
+        time.sleep(1)
+        raise TimeoutError
+
+    async def scene(app: TopApp, pilot: Pilot[None]) -> None:
+        await until(pilot, lambda: table(app).row_count == 300)
+        await pilot.press(*["space"] * 40, "T", "y")
+        await until(pilot, lambda: column(app, "STATE").count("ending") == 40)
+        await pilot.press("q")
+
+    app = made_up(300)
+    with patched_cloud_node() as cloud:
+        cloud.answers["ec2.terminate_instances"] = slow
+        play(app, scene)
+        asked = cloud.names.count("ec2.terminate_instances")
+    assert 0 < asked < 40
+    assert len(app.left_out) == 40

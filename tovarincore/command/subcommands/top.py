@@ -40,4 +40,11 @@ def top(invocation: Invocation, regions: list[CloudRegion], every: float) -> Non
     if not regions:
         raise CommandFailure("no region can be used", "see: tovarin-nodes regions", ExitCode.NOT_CONFIGURED)
     progress.clear()
-    TopApp(Lookout(regions), every).run()
+    app = TopApp(Lookout(regions), every)
+    app.run()
+    if app.left_out:
+        names = ", ".join(f"{node.name} ({node.instance_id})" for node in app.left_out)
+        raise CommandFailure(
+            f"top was quit before this was done with all nodes; left out: {names}",
+            "look at them: tovarin-nodes list -A",
+        )

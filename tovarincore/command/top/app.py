@@ -23,6 +23,7 @@ from tovarincore.command.top.dialogs import Question, Sheet
 from tovarincore.command.top.rows import ORDERS, Book, Row, chosen
 from tovarincore.command.top.table import NodeTable, details
 from tovarincore.command.watching.looks import Look, Lookout
+from tovarincore.core_conf import log_manager_glbl
 from tovarincore.fleet.ledger import Ledger
 
 __all__ = ["TopApp"]
@@ -84,6 +85,8 @@ class TopApp(App[None]):
         self._marked: set[tuple[str, str]] = set()
         self._looked: float | None = None
         self._ended = threading.Event()
+        self.left_out: list[CloudNode] = []
+        """Nodes that were to be changed when the screen was left."""
 
     def compose(self) -> ComposeResult:
         """Lay the screen out."""
@@ -139,7 +142,12 @@ class TopApp(App[None]):
             ]
             if look is None or look.failure or not unknown:
                 continue
-            times = launch_times(access, unknown, entries)
+            try:
+                times = launch_times(access, unknown, entries)
+            except Exception as error:
+                # An instance may be gone since it was listed; its age is worth no message.
+                log_manager_glbl.get_logger().debug("Ages in %s are not known: %s", region.key, error)
+                continue
             self._hand_over(
                 self.book.launched.update,
                 {(region.key, instance_id): moment for instance_id, moment in times.items()},
@@ -283,7 +291,9 @@ class TopApp(App[None]):
         """Change nodes; tells of each with which it cannot be done."""
 
         def tell(outcome: CloudNode | fleet.NotDone) -> None:
-            if isinstance(outcome, fleet.NotDone):
+            if isinstance(outcome, fleet.NotDone) and self._ended.is_set():
+                self.left_out.append(outcome.node)
+            elif isinstance(outcome, fleet.NotDone):
                 self._hand_over(self._not_done, (outcome.node, f"{outcome.node.name}: {outcome.why}"))
 
         try:
