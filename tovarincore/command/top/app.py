@@ -94,7 +94,9 @@ class TopApp(App[None]):
         yield Static("", id="lost", markup=False)
         yield NodeTable()
         yield Input(placeholder="words that a node has; Enter keeps them, Esc drops them", id="filter")
-        yield Footer(compact=True)
+        footer = Footer()
+        footer.compact = True
+        yield footer
 
     def on_mount(self) -> None:
         """Begin to look."""
