@@ -12,7 +12,7 @@ import json
 import logging
 import traceback
 from collections.abc import Callable, Iterator
-from contextlib import ExitStack
+from contextlib import ExitStack, contextmanager
 from datetime import datetime
 from pathlib import Path
 from typing import Any
@@ -228,15 +228,10 @@ def test_ec2_that_cannot_be_reached(
         seen.note(vars(manager.get_node_manager(AWS)))
 
 
-def test_ec2_that_refuses_a_launch_in_the_words_of_the_request(
-    seen: Seen, configure: Callable[..., None], monkeypatch: pytest.MonkeyPatch
-) -> None:
-    """A result carries EC2's message and its code: both may repeat what was sent."""
-    pytest.importorskip("boto3", reason="the SDK is not installed")
-    from tovarincore.cloud_node import CloudManager
-
-    canary = f"{CANARIES['session']} {CANARIES['key-id']}"
-    error = f"<Error><Code>{canary}</Code><Message>you sent {canary}</Message></Error>"
+@contextmanager
+def refusing_ec2(code: str, message: str, monkeypatch: pytest.MonkeyPatch) -> Iterator[None]:
+    """An EC2 that refuses every request in these words."""
+    error = f"<Error><Code>{code}</Code><Message>{message}</Message></Error>"
     body = f"<Response><Errors>{error}</Errors></Response>".encode()
 
     def refuse(conversation: peers.Conversation) -> None:
@@ -245,8 +240,20 @@ def test_ec2_that_refuses_a_launch_in_the_words_of_the_request(
         conversation.connected.sendall(head.encode() + body)
 
     with peers.Peer(refuse) as peer:
-        configure()
         monkeypatch.setenv("AWS_ENDPOINT_URL_EC2", f"http://127.0.0.1:{peer.port}")
+        yield
+
+
+def test_ec2_that_refuses_a_launch_in_the_words_of_the_request(
+    seen: Seen, configure: Callable[..., None], monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """A result carries EC2's message and its code: both may repeat what was sent."""
+    pytest.importorskip("boto3", reason="the SDK is not installed")
+    from tovarincore.cloud_node import CloudManager
+
+    canary = f"{CANARIES['session']} {CANARIES['key-id']}"
+    configure()
+    with refusing_ec2(canary, f"you sent {canary}", monkeypatch):
         auth = AWSCloudAuth("", CANARIES["key-id"], CANARIES["secret"], CANARIES["session"])
         template = InstanceTemplate("ami-1", "i", InstanceTemplatePayType.DEV, datetime(2026, 1, 1), AWS, "1")
         config = CloudInstanceConfig(20, {}, template)
@@ -263,17 +270,8 @@ def test_ec2_that_sends_the_request_s_headers_back(
     pytest.importorskip("boto3", reason="the SDK is not installed")
     from tovarincore.cloud_node import CloudManager
 
-    error = f"<Error><Code>X</Code><Message>{CANARIES['session']}</Message></Error>"
-    body = f"<Response><Errors>{error}</Errors></Response>".encode()
-
-    def refuse(conversation: peers.Conversation) -> None:
-        conversation.connected.recv(65536)
-        head = f"HTTP/1.1 403 no\r\nConnection: close\r\nContent-Length: {len(body)}\r\n\r\n"
-        conversation.connected.sendall(head.encode() + body)
-
-    with peers.Peer(refuse) as peer:
-        configure()
-        monkeypatch.setenv("AWS_ENDPOINT_URL_EC2", f"http://127.0.0.1:{peer.port}")
+    configure()
+    with refusing_ec2("X", CANARIES["session"], monkeypatch):
         manager = CloudManager()
         seen.run(lambda: manager.refresh_node_list(AWS))
         result = manager.refresh_node_list(AWS)
