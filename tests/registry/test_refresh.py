@@ -385,3 +385,29 @@ def test_the_debug_record_is_made_by_the_standard_logger_with_a_traceback(
         manager.refresh_node_list()
     assert LIST_FAILED in caplog.text
     assert "RuntimeError: unreachable" in caplog.text
+
+
+def test_the_variables_of_a_refresh_live_until_it_returns(manager: Any) -> None:
+    """The old record that the loop ended with outlives the list of old records."""
+    dropped: list[str] = []
+
+    class Copied:
+        worker_id_list = ()
+
+        def __init__(self, name: str) -> None:
+            self.name = name
+
+        def __del__(self) -> None:
+            dropped.append(self.name)
+
+    class Old:
+        def __init__(self, name: str) -> None:
+            self.name = name
+
+        def __deepcopy__(self, memo: Any) -> Copied:
+            return Copied(self.name)
+
+    manager._NodeManager__node_list = [Old("first"), Old("second"), Old("last")]
+    listing(manager, ([], GOOD))
+    manager.refresh_node_list()
+    assert dropped == ["second", "first", "last"]

@@ -2,8 +2,9 @@
 
 #include "builders.h"
 #include "globals.h"
+#include "iteration.h"
 
-#include <string>
+#include <array>
 #include <string_view>
 
 namespace py {
@@ -27,16 +28,28 @@ Object default_in_row(const Parameter& parameter)
 
 Object text(const char* characters) { return steal(PyUnicode_FromString(characters)); }
 
-// lambda a, b: (a, b,)
-Object code_for(const Method& method)
+// By the number of parameters. Compiled when the module starts: the compiler of CPython 3.10 frees memory twice where
+// there is none left, and later on there may be none. Kept for the life of the process.
+std::array<PyObject*, most_parameters + 1> codes;
+
+constexpr const char* source_of_codes = "(lambda:(),"
+                                        "lambda a:(a,),"
+                                        "lambda a,b:(a,b),"
+                                        "lambda a,b,c:(a,b,c),"
+                                        "lambda a,b,c,d:(a,b,c,d),"
+                                        "lambda a,b,c,d,e:(a,b,c,d,e),"
+                                        "lambda a,b,c,d,e,f:(a,b,c,d,e,f),"
+                                        "lambda a,b,c,d,e,f,g:(a,b,c,d,e,f,g),"
+                                        "lambda a,b,c,d,e,f,g,h:(a,b,c,d,e,f,g,h),"
+                                        "lambda a,b,c,d,e,f,g,h,i:(a,b,c,d,e,f,g,h,i))";
+
+// lambda a, b: (a, b)        with the names of the parameters
+Object code_for(FunctionObject* self)
 {
-    std::string names;
-    for (std::size_t i = 0; i < method.count; ++i)
-        names.append(method.parameters[i].name).append(",");
-    std::string source = "lambda " + names + ": (" + names + ")";
-    Object module_code = steal(Py_CompileString(source.c_str(), "tovarincore/cloud_node", Py_eval_input));
-    Object code = module_code.get("co_consts"_s).item(Py_ssize_t{0});
-    return code.method("replace"_s)({"co_name"_k = method.name});
+    if (!has_parameter_names(self))
+        raise_failure(CallSite::here());
+    return borrow(codes.at(self->method->count))
+        .method("replace"_s)({"co_name"_k = self->method->name, "co_varnames"_k = borrow(self->names)});
 }
 
 Object defaults_for(const Method& method)
@@ -45,7 +58,7 @@ Object defaults_for(const Method& method)
     for (std::size_t i = 0; i < method.count; ++i)
         if (Object value = default_in_row(method.parameters[i]))
             append(defaults, value);
-    return len(defaults) == 0 ? none() : steal(PyList_AsTuple(defaults.ptr()));
+    return PyList_GET_SIZE(defaults.ptr()) == 0 ? none() : steal(PyList_AsTuple(defaults.ptr()));
 }
 
 Object annotations_for(const Method& method)
@@ -95,12 +108,23 @@ bool has_parameter_names(FunctionObject* self)
     return names != nullptr;
 }
 
+void ready_function_codes()
+{
+    Object module_code = steal(Py_CompileString(source_of_codes, "tovarincore/cloud_node", Py_eval_input));
+    Object constants = module_code.get("co_consts"_s);
+    for (Object constant : each(constants))
+        if (PyCode_Check(constant.ptr())) {
+            auto* code = reinterpret_cast<PyCodeObject*>(constant.ptr());
+            Py_XSETREF(codes.at(static_cast<std::size_t>(code->co_argcount)), constant.release());
+        }
+}
+
 Object shape_of(FunctionObject* self)
 {
     if (self->shape == nullptr) {
         const Method& method = *self->method;
         Object name = qualified_name(self);
-        Object code = code_for(method);
+        Object code = code_for(self);
         Object shape = steal(PyFunction_NewWithQualName(code.ptr(), module_dictionary().ptr(), name.ptr()));
         shape.set("__name__"_s, method.name);
         shape.set("__module__"_s, borrow(self->module));

@@ -42,6 +42,13 @@ Parked::~Parked() noexcept(false)
     PyMem_RawFree(objects_.allocated);
 }
 
+void raise_failure(CallSite site)
+{
+    if (!PyErr_Occurred())
+        PyErr_NoMemory();
+    throw Raised{site};
+}
+
 Object Handle::get(Name name, CallSite site) const
 {
     if (PyObject* value = fast::stored_attribute(name.memory(), pointer_)) [[likely]]

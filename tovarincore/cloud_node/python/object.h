@@ -142,11 +142,14 @@ inline Handle borrow(PyObject* pointer) { return Handle(pointer); }
 // Takes a reference over; null is allowed and gives an empty Object.
 inline Object adopt(PyObject* pointer) { return Object(Object::Owned{}, pointer); }
 
+// An API call has failed. Some of the interpreter's do so without an error when there is no memory: MemoryError then.
+[[noreturn]] void raise_failure(CallSite site);
+
 // Takes over the new reference that an API call returned; null means that the call failed.
 inline Object steal(PyObject* pointer, CallSite site = CallSite::here())
 {
     if (pointer == nullptr) [[unlikely]]
-        throw Raised{site};
+        raise_failure(site);
     return adopt(pointer);
 }
 

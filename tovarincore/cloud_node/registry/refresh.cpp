@@ -14,13 +14,19 @@ Object refresh_failed(Handle self, Name msg)
 
 bool is_running(Handle node) { return node.get("state"_s).equals(global("NodeState"_s).get("RUNNING"_s)); }
 
-void probe_running_nodes(Handle new_node_list)
+// The variables of a refresh, which live until it returns, as in Python: what they name may have finalisers.
+struct Locals {
+    Object old_node, ping_op_result, webs_client, new_node; // dropped from the last to the first
+};
+
+void probe_running_nodes(Handle new_node_list, Locals& locals)
 {
-    for (Object new_node : each(new_node_list)) {
+    auto& [old_node, ping_op_result, webs_client, new_node] = locals;
+    for (Each rest = each(new_node_list); rest.next(new_node);) {
         if (!is_running(new_node))
             continue;
-        Object webs_client = probe_client(new_node);
-        Object ping_op_result = webs_client.method("api_get_op_result"_s)({global("PingRequest"_s)()});
+        webs_client = probe_client(new_node);
+        ping_op_result = webs_client.method("api_get_op_result"_s)({global("PingRequest"_s)()});
         if (ping_op_result.get("success"_s).truthy()) {
             new_node.set("ready"_s, true_());
             webs_client.method("refresh_system_stat"_s)();
@@ -29,12 +35,13 @@ void probe_running_nodes(Handle new_node_list)
 }
 
 // Only the registry knows which workers run on a node: their list moves on to the fresh record.
-void carry_worker_ids_over(Handle prev_node_list, Handle new_node_list)
+void carry_worker_ids_over(Handle prev_node_list, Handle new_node_list, Locals& locals)
 {
-    for (Object old_node : each(prev_node_list)) {
+    auto& [old_node, ping_op_result, webs_client, new_node] = locals;
+    for (Each rest = each(prev_node_list); rest.next(old_node);) {
         if (len(old_node.get("worker_id_list"_s)) < 1)
             continue;
-        for (Object new_node : each(new_node_list))
+        for (Each fresh = each(new_node_list); fresh.next(new_node);)
             if (new_node.get("instance_id"_s).equals(old_node.get("instance_id"_s)))
                 new_node.set("worker_id_list"_s, old_node.get("worker_id_list"_s).method("copy"_s)());
     }
@@ -65,13 +72,14 @@ Object refresh_node(Handle self, Handle node)
 
 Object refresh_node_list(Handle self)
 {
+    Locals locals;
     try {
         Object prev_node_list = self.method("get_node_list"_s)();
         auto [new_node_list, op_result] = unpack<2>(self.method("list_instances"_s)());
         if (new_node_list.is_none())
             return op_result;
-        probe_running_nodes(new_node_list);
-        carry_worker_ids_over(prev_node_list, new_node_list);
+        probe_running_nodes(new_node_list, locals);
+        carry_worker_ids_over(prev_node_list, new_node_list, locals);
         self.method("set_node_list"_s)({new_node_list});
         return op_result;
     } catch (const Raised& raised) {
