@@ -2,51 +2,59 @@
 
 python -m tests.differential --programs 100000            a long run
 python -m tests.differential --seed 17 --at 12 --failure base    one case again, with its events
+python -m tests.differential --kind "class keys" --seed 17       one hostile case again, with its events
 """
 
 from __future__ import annotations
 
 import argparse
+import faulthandler
+import os
 import sys
-import time
 
-from tests.differential.runner import Case, cases, difference, run
-from tests.twin import cloud_node as twin
-from tovarincore import cloud_node as extension
+from tests.differential.hostile import allocations
+
+
+def again(options: argparse.Namespace) -> int:
+    """Runs one case and prints the twin's events, and where the extension differs from it."""
+    from tests.differential import runner, search
+    from tests.differential.hostile import programs
+    from tests.twin import cloud_node as twin
+
+    case: object
+    if options.kind:
+        case = programs.HostileCase(options.kind, options.seed)
+        events = programs.run(twin, case).events
+    else:
+        case = runner.Case(options.seed, options.at, options.failure)
+        events = runner.run(twin, case).events
+    for event in events:
+        print("  ", event)
+    found = search.judge(case)
+    print(found or f"{case}: no difference")
+    return 1 if found else 0
 
 
 def main() -> int:
     parser = argparse.ArgumentParser(prog="python -m tests.differential", description=__doc__)
     parser.add_argument("--programs", type=int, default=10_000, help="how many programs to run")
-    parser.add_argument("--first-seed", type=int, default=0, help="the seed to begin with")
+    parser.add_argument("--seconds", type=float, default=1e9, help="stop after so long")
+    parser.add_argument("--first", type=int, default=0, help="the block of programs to begin with")
     parser.add_argument("--seed", type=int, help="run one program and print its events")
     parser.add_argument("--at", type=int, help="the event at which to inject a failure")
     parser.add_argument("--failure", default="exception", help="the kind of failure")
+    parser.add_argument("--kind", help="the kind of hostile program; without --seed, run this kind alone")
     parser.add_argument("--most", type=int, default=5, help="stop after so many differences")
     options = parser.parse_args()
+    if os.environ.get("LD_PRELOAD") != (environment := allocations.environment()).get("LD_PRELOAD"):
+        os.execve(sys.executable, [sys.executable, "-m", "tests.differential", *sys.argv[1:]], environment)
+    faulthandler.enable()
     if options.seed is not None:
-        case = Case(options.seed, options.at, options.failure)
-        for event in run(twin, case).events:
-            print("  ", event)
-        found = difference(extension, twin, case)
-        print(found or f"{case}: no difference")
-        return 1 if found else 0
-    started = time.monotonic()
-    differences = 0
-    count = 0
-    for count, case in enumerate(cases(twin, options.first_seed, options.programs), 1):
-        found = difference(extension, twin, case)
-        if found:
-            differences += 1
-            print(found, flush=True)
-            if differences >= options.most:
-                break
-        if count % 10_000 == 0:
-            print(
-                f"{count} programs, {differences} differences, {time.monotonic() - started:.0f} s", flush=True
-            )
-    print(f"{count} programs, {differences} differences, {time.monotonic() - started:.0f} s")
-    return 1 if differences else 0
+        return again(options)
+    from tests.differential.search import search
+
+    kinds = [options.kind] if options.kind else None
+    return 1 if search(options.programs, options.first, options.most, kinds, options.seconds).found else 0
 
 
 if __name__ == "__main__":

@@ -159,3 +159,16 @@ def test_no_log_line_shows_a_private_key(aws: Amazon) -> None:
             assert "MARKER" not in str(error)
     assert "MARKER" not in str(aws.log.events)
     assert "MARKER" not in repr(vars(aws.manager))
+
+
+@pytest.mark.parametrize("odd", [5, int, "ClientError", None, (ValueError, 5)], ids=repr)
+def test_an_except_with_what_is_no_class_of_errors_is_a_type_error(
+    aws: Amazon, monkeypatch: pytest.MonkeyPatch, odd: Any
+) -> None:
+    """As the interpreter has it for every `except`; the error that was to be caught is its context."""
+    monkeypatch.setattr("botocore.exceptions.ClientError", odd)
+    error = RuntimeError("broken")
+    with pytest.raises(TypeError, match="catching classes that do not inherit from BaseException") as caught:
+        create(aws, error)
+    assert caught.value.__context__ is error
+    assert handled() is None

@@ -1,0 +1,74 @@
+"""No level of the recursion limit is lost where memory is: in copies, in the lock, in other calls."""
+
+from __future__ import annotations
+
+from types import ModuleType
+
+import pytest
+
+from tests.conftest import Child
+from tests.interpreter.test_crashes import PROLOGUE
+
+pytest.importorskip("_testcapi", reason="this CPython has no _testcapi, which makes allocations fail")
+
+PROGRAM = """
+import _testcapi
+def depth(level=0):
+    try:
+        return depth(level + 1)
+    except RecursionError:
+        return level
+
+class Hooked:
+    def __deepcopy__(self, memo):
+        return [self]
+class Slots:
+    __slots__ = ("a",)
+class Record: ...
+def record():
+    made = Record()
+    made.uuid, made.instance_id, made.ready = "u", "i", False
+    made.many = [([{"k": (1, [2])}], Hooked(), {3}, Slots())]
+    return made
+manager._NodeManager__node_list = [node("i-1"), record()]
+class Quiet:
+    def debug(self, *_, **__): ...
+manager.logger = Quiet()
+
+def failing(operation, start, lasting):
+    _testcapi.set_nomemory(start, 0 if lasting else start + 1)
+    try:
+        operation()
+    except (MemoryError, TypeError, RuntimeError):  # CPython's own: "can't allocate lock"
+        pass
+    finally:
+        _testcapi.remove_mem_hooks()
+
+before = depth()
+for start in range(160):
+    for lasting in (False, True):
+        failing(OPERATION, start, lasting)
+    assert not manager._NodeManager__node_list_lock.locked()
+assert depth() == before, (depth(), before)
+print("as it should be")
+"""
+OPERATIONS = {
+    "a copy": "manager.get_node_list",
+    "a copy into the registry": "lambda: manager.set_node(record())",
+    "a lock that is free": "lambda: manager.find_node_by_uuid('nobody')",
+    "a call that lacks an argument": "lambda: manager.find_node_by_uuid()",
+    "a lock of another kind": (
+        "lambda: (vars(manager).update(_NodeManager__node_list_lock=threading.Lock()), "
+        "manager.get_ready_node_next_in_line())"
+    ),
+}
+
+
+@pytest.mark.parametrize("operation", OPERATIONS.values(), ids=OPERATIONS.keys())
+def test_no_level_is_lost_when_an_allocation_fails_in(
+    cloud_node: ModuleType, run_child: Child, operation: str
+) -> None:
+    """Each allocation in turn, alone and with all behind it."""
+    prologue = PROLOGUE.replace("PACKAGE", cloud_node.__name__.rpartition(".")[0])
+    child = run_child(prologue + PROGRAM.replace("OPERATION", operation))
+    assert (child.returncode, child.stdout) == (0, "as it should be\n"), child.stderr[-3000:]
