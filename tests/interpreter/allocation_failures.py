@@ -5,12 +5,10 @@ Run in a separate process by test_allocation_failures.py: a crash ends the proce
 """
 
 import _testcapi  # type: ignore[import-not-found]
-import os
 import sys
 from collections.abc import Callable
 from typing import Any
 
-from tests.differential.hostile import allocations
 from tovarincore import cloud_node
 from tovarincore.cloud_def import CloudInstances, CloudNode, CloudRegion, NodeState
 from tovarincore.core_def import OPResult
@@ -113,54 +111,16 @@ def failures_of(operation: Callable[[], Any], lasting: bool, most: int = 600) ->
         untouched = 0 if memory_error else untouched + 1
         if untouched > 40:
             break
-        for lock in locks():
+        for lock in (
+            manager._NodeManager__node_list_lock,
+            facade.webs_client_pool_lock,
+            facade._node_manager_hashset_lock,
+        ):  # type: ignore[attr-defined]
             assert not lock.locked(), (start, lasting)
     return failed
 
 
-def locks() -> list[Any]:
-    return [
-        manager._NodeManager__node_list_lock,  # type: ignore[attr-defined]
-        facade.webs_client_pool_lock,
-        facade._node_manager_hashset_lock,
-    ]
-
-
-def first_use(operation: Callable[[], Any], arm: Callable[[int, int], None], start: int, stop: int) -> bool:
-    """Whether the operation, as the first of its process, ends as it may while allocations fail."""
-    child = os.fork()
-    if child == 0:
-        ended_well = True
-        arm(start, stop)
-        try:
-            operation()
-        except EXPECTED:
-            pass
-        except BaseException:
-            ended_well = False
-        finally:
-            allocations.fail_none()
-        os._exit(0 if ended_well and not any(lock.locked() for lock in locks()) else 1)
-    return os.waitpid(child, 0)[1] == 0
-
-
-def first_uses() -> int:
-    """Each operation in fresh processes, without the interpreter's memory, and without C++'s."""
-    ways = [(allocations.fail_interpreter, range(0, 120, 3))]
-    if allocations.reaches_cpp():
-        ways.append((allocations.fail_cpp, range(4)))
-    count = 0
-    for name, operation in OPERATIONS.items():
-        for arm, starts in ways:
-            for start in starts:
-                for stop in (0, start + 1):
-                    assert first_use(operation, arm, start, stop), (name, arm.__name__, start, stop)
-                    count += 1
-    return count
-
-
 def main() -> int:
-    print(f"{first_uses()} first uses, C++ included: {allocations.reaches_cpp()}")
     total = 0
     for name, operation in OPERATIONS.items():
         try:

@@ -5,8 +5,6 @@ import sys
 
 import pytest
 
-from tests.differential.hostile import allocations
-
 pytest.importorskip("_testcapi", reason="this CPython has no _testcapi, which makes allocations fail")
 
 
@@ -14,9 +12,7 @@ def test_every_allocation_of_every_operation_may_fail():
     """In a child process: no crash, every lock free afterwards, and each operation did meet failures."""
     child = subprocess.run(
         [sys.executable, "-m", "tests.interpreter.allocation_failures"],
-        capture_output=True, text=True, timeout=300, check=False, env=allocations.environment(),
+        capture_output=True, text=True, timeout=300, check=False,
     )  # fmt: skip
     assert child.returncode == 0, child.stdout + child.stderr
     assert child.stdout.splitlines()[-1].endswith("no crash")
-    reaches_cpp = "LD_PRELOAD" in allocations.environment()
-    assert f"C++ included: {reaches_cpp}" in child.stdout

@@ -54,7 +54,6 @@ print("as it should be")
 """
 OPERATIONS = {
     "a copy": "manager.get_node_list",
-    "a copy into the registry": "lambda: manager.set_node(record())",
     "a lock that is free": "lambda: manager.find_node_by_uuid('nobody')",
     "a call that lacks an argument": "lambda: manager.find_node_by_uuid()",
     "a lock of another kind": (

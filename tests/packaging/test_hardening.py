@@ -1,5 +1,7 @@
 """The built module has what compilers and linkers offer against the exploitation of faults."""
 
+import ctypes
+import platform
 import shutil
 import subprocess
 
@@ -38,6 +40,14 @@ def test_no_memory_is_both_written_and_executed_and_code_stands_apart() -> None:
 def test_the_stack_is_protected() -> None:
     """Functions with arrays check for overruns."""
     assert "__stack_chk_fail" in read("--dyn-syms")
+
+
+@pytest.mark.skipif(platform.machine() != "x86_64", reason="no other processor here has this protection")
+def test_indirect_calls_may_only_go_to_the_beginning_of_functions() -> None:
+    """They begin with `endbr64`."""
+    entry = ctypes.cast(ctypes.PyDLL(str(cloud_node.__file__)).PyInit_cloud_node, ctypes.c_void_p)
+    assert entry.value is not None
+    assert ctypes.string_at(entry.value, 4) == b"\xf3\x0f\x1e\xfa"
 
 
 def test_one_symbol_leaves_the_module() -> None:
