@@ -23,13 +23,14 @@ from tests.fleet.worlds import (
     random_regions,
     random_workers,
 )
+from tests.thorough import sized
 from tovarincore.cloud_def import CloudRegion, K8sRegion, NodeState
 from tovarincore.cloud_node import CloudManager, cloud_manager_glbl
 from tovarincore.core_def import OPResult
 from tovarincore.fleet import Refreshed, refresh
 from tovarincore.testing.fakes import client_error, patched_cloud_node
 
-WORLDS = int(os.environ.get("TOVARIN_FLEET_WORLDS", "200"))
+WORLDS = int(os.environ.get("TOVARIN_FLEET_WORLDS", str(sized(60, 200))))
 
 pytestmark = pytest.mark.usefixtures("own_settings")
 

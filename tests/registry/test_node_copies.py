@@ -18,6 +18,7 @@ from hypothesis import strategies as st
 
 from tests.fakes import AWS_REGION, CallLog, is_free, make_node
 from tests.registry.conftest import provider_class
+from tests.thorough import sized
 from tovarincore.cloud_def import CloudNode, CloudRegion, InstanceTemplatePayType, NodeState
 
 
@@ -190,7 +191,7 @@ def everything(thing: Any, found: dict[int, Any]) -> dict[int, Any]:
 
 
 @settings(
-    max_examples=150,
+    max_examples=sized(60, 150),
     deadline=None,
     database=None,
     suppress_health_check=[HealthCheck.function_scoped_fixture],
@@ -211,7 +212,7 @@ def test_any_graph_of_objects_is_copied_as_deepcopy_copies_it(
 
 
 @settings(
-    max_examples=100,
+    max_examples=sized(40, 100),
     deadline=None,
     database=None,
     suppress_health_check=[HealthCheck.function_scoped_fixture],
