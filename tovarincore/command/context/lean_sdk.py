@@ -1,6 +1,6 @@
 """Less of the SDK's data for one run: what the command asks EC2 for, kept in a file of the user's cache.
 
-The SDK describes nearly a thousand operations of EC2 and the end points of all services. Reading that takes
+The SDK describes eight hundred operations of EC2 and the end points of all services. Reading that takes
 most of the time of a command that asks one question. What is kept belongs to one version of the SDK, and is
 made again when its files change.
 """
