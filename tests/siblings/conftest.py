@@ -14,7 +14,9 @@ __all__ = ["kube", "kube_api", "shared_kube_api"]
 
 
 @pytest.fixture(autouse=True)
-def conf_file(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Iterator[Path]:
+def conf_file(
+    tmp_path: Path, tmp_path_factory: pytest.TempPathFactory, monkeypatch: pytest.MonkeyPatch
+) -> Iterator[Path]:
     """The configuration file of the test, which does not exist yet; no variable of the product is set.
 
     Files that the test makes are its user's alone, as those with secrets have to be.
@@ -22,10 +24,11 @@ def conf_file(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Iterator[Path]
     mask = os.umask(0o077)
     for variable in [name for name in os.environ if name.startswith("TOVARIN_")]:
         monkeypatch.delenv(variable)
-    # In the user's folder: a file that TOVARIN_CONF names has to exist.
-    path = tmp_path / "tovarin" / "core.toml"
+    # In the user's folder: a file that TOVARIN_CONF names has to exist. The test's own folder stays empty.
+    home = tmp_path_factory.mktemp("config")
+    path = home / "tovarin" / "core.toml"
     path.parent.mkdir()
-    monkeypatch.setenv("XDG_CONFIG_HOME", str(tmp_path))
+    monkeypatch.setenv("XDG_CONFIG_HOME", str(home))
     monkeypatch.setenv("TOVARIN_CLOUD_CONF", str(tmp_path / "cloud.toml"))
     core_conf_glbl.reload()
     yield path
