@@ -190,7 +190,7 @@ def test_a_thousand_nodes_scroll_and_change_in_place() -> None:
 
 
 def test_nothing_is_told_by_colour_alone(monkeypatch: pytest.MonkeyPatch) -> None:
-    """With NO_COLOR the same words stand there, and no colour in the picture but shades of grey."""
+    """With NO_COLOR states and reasons stand there as words, and bars have their numbers."""
     monkeypatch.setenv("NO_COLOR", "1")
     app = made_up(3)
     assert app.no_color
@@ -199,6 +199,7 @@ def test_nothing_is_told_by_colour_alone(monkeypatch: pytest.MonkeyPatch) -> Non
         await until(pilot, lambda: table(app).row_count == 3)
         assert column(app, "STATE") == ["Running"] * 3
         assert column(app, "WORKER")[1].startswith("no answer")
+        assert column(app, "LOAD")[0].endswith("%")
 
     play(app, scene)
 
