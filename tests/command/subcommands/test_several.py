@@ -92,7 +92,7 @@ def test_ctrl_c_lets_no_launch_be_forgotten(ec2: Ec2World) -> None:
     process.send_signal(signal.SIGINT)
     code, _, stderr = finish(process)
     assert code == 130
-    assert "interrupted: nodes may have been launched all the same, and the ledger has all of them" in stderr
+    assert "interrupted: nodes may have been launched anyway, and the ledger has all of them" in stderr
     assert {entry.instance_id for entry in Ledger().entries()} == {
         instance["InstanceId"] for instance in ec2.instances()
     }
