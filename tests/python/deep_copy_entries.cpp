@@ -26,7 +26,7 @@ Object copy_with_memo(Handle value, Handle memo) { return fast::GeneralCopy(memo
 Object plain_copy(Handle value)
 {
     fast::ready_copy_names();
-    PyObject* made = fast::PlainCopy().copy(value.ptr());
+    PyObject* made = fast::PlainCopy().copy_all(value.ptr());
     if (made == nullptr && PyErr_Occurred())
         throw Raised{CallSite::here()};
     return made == nullptr ? Object(borrow(Py_NotImplemented)) : adopt(made);

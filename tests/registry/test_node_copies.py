@@ -8,6 +8,8 @@ import copyreg
 import datetime
 import enum
 import functools
+import gc
+import weakref
 from collections.abc import Callable
 from types import ModuleType
 from typing import Any, NamedTuple
@@ -325,3 +327,35 @@ def test_classes_with_odd_construction_are_rebuilt_without_their_constructor(man
     manager._NodeManager__node_list = [node]
     manager.get_node_list()
     assert called == expected
+
+
+class OwnHook:
+    """A value whose copy takes its own code."""
+
+    def __deepcopy__(self, memo: dict[int, Any]) -> OwnHook:
+        return self
+
+
+def test_a_copy_keeps_nothing_of_a_record_that_refers_to_itself(cloud_node: ModuleType) -> None:
+    """Not until the next collection either: what the record let go of is finalised at once."""
+    Record = type("Record", (), {})
+    manager = provider_class(cloud_node)(AWS_REGION)
+
+    def record() -> Any:
+        made: Any = Record()
+        made.own, made.hook, made.mark = made, OwnHook(), Record()
+        return made
+
+    copy.deepcopy(Record())  # from now on it is known that the class has no slots
+    for _ in range(3):
+        original = record()
+        manager._NodeManager__node_list = [original]
+        gc.collect()
+        gc.disable()
+        try:
+            manager.get_node_list()
+            mark = weakref.ref(original.mark)
+            del original.mark
+            assert mark() is None
+        finally:
+            gc.enable()

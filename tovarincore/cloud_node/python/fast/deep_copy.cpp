@@ -12,7 +12,7 @@ namespace {
 Object plain_copy(Handle value, CallSite site)
 {
     ready_copy_names();
-    PyObject* made = PlainCopy().copy(value.ptr());
+    PyObject* made = PlainCopy().copy_all(value.ptr());
     if (made == nullptr && PyErr_Occurred())
         throw Raised{site};
     return adopt(made);

@@ -18,6 +18,14 @@ PointerMemo::~PointerMemo()
         PyMem_Free(table_);
 }
 
+void PointerMemo::empty_copies()
+{
+    for (std::size_t i = 0, size = std::size_t{1} << bits_; i < size; ++i)
+        if (PyObject* copy = table_[i].copy; copy != nullptr && copy != table_[i].original)
+            if (inquiry clear = Py_TYPE(copy)->tp_clear; clear != nullptr)
+                clear(copy);
+}
+
 PointerMemo::Entry* PointerMemo::find(PyObject* original) const
 {
     std::size_t mask = (std::size_t{1} << bits_) - 1;
@@ -58,6 +66,14 @@ bool PointerMemo::grow()
     if (old != inline_)
         PyMem_Free(old);
     return true;
+}
+
+PyObject* PlainCopy::copy_all(PyObject* original) noexcept
+{
+    PyObject* made = copy(original);
+    if (made == nullptr)
+        memo_.empty_copies();
+    return made;
 }
 
 // Every container costs one level of the recursion limit, as every call does.

@@ -28,6 +28,9 @@ public:
     // False with MemoryError set when the table cannot grow.
     bool add(Entry* free_entry, PyObject* original, PyObject* copy);
 
+    // When copying is given up: unfinished copies may refer to one another in cycles, which nothing else would end.
+    void empty_copies();
+
 private:
     static constexpr unsigned inline_bits = 4;
 
@@ -49,9 +52,10 @@ public:
     PlainCopy& operator=(const PlainCopy&) = delete;
 
     // A new reference. Null with an error set: failed. Null without: something unusual was met.
-    PyObject* copy(PyObject* original) noexcept;
+    PyObject* copy_all(PyObject* original) noexcept;
 
 private:
+    PyObject* copy(PyObject* original) noexcept;
     PyObject* copy_container(PyObject* original);
     PyObject* copy_list(PyObject* original, PointerMemo::Entry* entry);
     PyObject* copy_tuple(PyObject* original);
