@@ -120,7 +120,8 @@ def test_every_type_that_the_installed_sdk_names_is_known() -> None:
     botocore_session = pytest.importorskip("botocore.session", reason="the SDK is not installed")
     named = botocore_session.Session().get_service_model("ec2").shape_for("InstanceType").enum
     listed = [item.instance_type for item in CloudInstances.instance_type_list]
-    assert set(listed) == set(named) and len(listed) == len(named) > 700
+    # An older SDK does not name all types of the file.
+    assert set(listed) >= set(named) and len(listed) == len(set(listed)) > 700
     assert CloudInstances.find(OLD) == CloudInstanceTypeDef(OLD, 0, 0)
 
 
