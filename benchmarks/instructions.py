@@ -16,30 +16,32 @@ from pathlib import Path
 from benchmarks.measuring import Result, loops_for, timer
 from benchmarks.scenario import Scenario
 
-LOOPS = 2  # of the largest scenarios; the smaller ones get more
+LOOPS = (
+    2  # of the largest scenarios; smaller ones get more, so that what begins and ends a batch hardly counts
+)
+MOST_LOOPS = 2_000
+LONGER_THAN_TIMED = 25  # times, for a scenario of middle size
 WARM_UP = 2
 
 
 def count_one_side(side: str, scenarios: Sequence[Scenario]) -> None:
-    """Runs under callgrind: prints, after each scenario, its number of calls; callgrind dumps what they
-    took."""
+    """Runs under callgrind: prints, after each scenario, its number of calls; callgrind dumps what a batch of
+    none, and then one of so many, took."""
 
     def control(*options: str) -> None:
         subprocess.run(["callgrind_control", *options, str(os.getpid())], capture_output=True, check=True)
 
     control("-i", "on")
-    for scenario in [None, *scenarios]:
-        if scenario is None:  # what switching itself takes
-            loops = 0
+    control("-z")  # the first one takes more than those that follow
+    for scenario in scenarios:
+        print(f"counting {side}: {scenario.name}", file=sys.stderr, flush=True)
+        made = timer(scenario, side)
+        made.timeit(WARM_UP)
+        loops = max(LOOPS, min(MOST_LOOPS, LONGER_THAN_TIMED * loops_for(made)))
+        for number in (0, loops):
             control("-z")
-        else:
-            print(f"counting {side}: {scenario.name}", file=sys.stderr, flush=True)
-            made = timer(scenario, side)
-            made.timeit(WARM_UP)
-            loops = max(LOOPS, min(2_000, loops_for(made)))
-            control("-z")
-            made.timeit(loops)
-        control(f"--dump={loops}")
+            made.timeit(number)
+            control(f"--dump={number}")
         print(loops, flush=True)
 
 
@@ -55,12 +57,12 @@ def counted(side: str, pattern: str) -> list[float]:
         done = subprocess.run(command + program, stdout=subprocess.PIPE, text=True, check=True)
         loops = [int(line) for line in done.stdout.split()]
         totals = []
-        for part in range(1, len(loops) + 1):
+        for part in range(1, 2 * len(loops) + 1):
             text = (Path(f"{output}.{part}")).read_text()
             found = re.search(r"^(?:totals|summary): (\d+)", text, re.MULTILINE)
             totals.append(int(found[1]) if found else 0)
-    switching = totals[0]
-    return [(total - switching) / number for total, number in zip(totals[1:], loops[1:], strict=True)]
+    empty, full = totals[::2], totals[1::2]
+    return [(total - none) / number for total, none, number in zip(full, empty, loops, strict=True)]
 
 
 def measure(scenarios: Sequence[Scenario], pattern: str) -> list[Result]:
