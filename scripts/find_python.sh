@@ -10,6 +10,8 @@ elif not (3, 10) <= sys.version_info[:2] <= (3, 13):
     print("is version %d.%d" % sys.version_info[:2])
 elif not os.path.exists(os.path.join(sysconfig.get_path("include"), "Python.h")):
     print("has no Python.h (on Debian: apt-get install python3-dev)")
+elif sysconfig.get_config_var("Py_GIL_DISABLED"):
+    print("is free-threaded, which is not supported: take one that has the global lock")
 else:
     try:
         import ensurepip, venv
