@@ -6,6 +6,7 @@
 #include "python/fast/deep_copy_general.h"
 #include "python/fast/deep_copy_genuine.h"
 #include "python/fast/deep_copy_plain.h"
+#include "python/fast/runtime.h"
 #endif
 
 namespace object_layer {
@@ -17,6 +18,14 @@ namespace {
 bool is_native_now()
 {
     return fast::layout::known && fast::is_genuine_deepcopy(global("deepcopy"_s)) && fast::deepcopy_is_untouched();
+}
+
+// From here on as where the look at the layout has failed: nothing is known that was not remembered before.
+Object distrust_layout(Handle)
+{
+    fast::runtime::is_as_compiled = false;
+    deepcopy_is_bound();
+    return none();
 }
 
 // deepcopy(value, memo)
@@ -35,6 +44,7 @@ Object plain_copy(Handle value)
 #else
 
 bool is_native_now() { return false; }
+Object distrust_layout(Handle) { return none(); }
 Object copy_with_memo(Handle value, Handle memo) { return global("deepcopy"_s)({value, memo}); }
 Object plain_copy(Handle) { return Object(borrow(Py_NotImplemented)); }
 
@@ -65,6 +75,7 @@ PyObject* native_deepcopy(PyObject*, PyObject* arguments, PyObject* keywords)
 } // namespace
 
 PyMethodDef deep_copies[] = {
+    entry<distrust_layout>("distrust_layout"),
     {"native_deepcopy", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&native_deepcopy)),
      METH_VARARGS | METH_KEYWORDS, nullptr},
     entry<plain_copy>("plain_copy"),

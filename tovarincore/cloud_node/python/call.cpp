@@ -1,5 +1,5 @@
 // Calls, by the interpreter's vector call protocol.
-#include "object.h"
+#include "function.h"
 
 namespace py {
 
@@ -36,7 +36,8 @@ Object MethodOfObject::call(PyObject** values, std::size_t positional, Handle na
     if (!self_)
         return call_prepared(function_, values, positional, names, site);
     values[0] = self_.ptr();
-    return steal(PyObject_Vectorcall(function_.ptr(), values, positional + 1, names.ptr()), site);
+    auto call = is_own_function(function_.ptr()) ? call_own_function : PyObject_Vectorcall;
+    return steal(call(function_.ptr(), values, positional + 1, names.ptr()), site);
 }
 
 } // namespace py

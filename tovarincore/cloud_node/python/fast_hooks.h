@@ -22,6 +22,14 @@ namespace fast {
 
 enum class Answer : std::uint8_t { unknown, no, yes };
 
+// Whether the interpreter winds down.
+bool is_finalising();
+
+// One level of the recursion limit, in the running thread. enter_call() answers false with RecursionError set.
+PyThreadState* running_thread();
+bool enter_call(PyThreadState* running, const char* where);
+void leave_call(PyThreadState* running);
+
 struct FoundMethod {
     PyObject* function = nullptr; // borrowed; null: unknown
     bool takes_self = false;
@@ -90,6 +98,10 @@ inline constexpr bool is_on = false;
 
 class MemoryOfName {};
 
+inline bool is_finalising() { return py::is_finalising(); }
+inline PyThreadState* running_thread() { return PyThreadState_Get(); }
+inline bool enter_call(PyThreadState*, const char* where) { return Py_EnterRecursiveCall(where) == 0; }
+inline void leave_call(PyThreadState*) { Py_LeaveRecursiveCall(); }
 inline PyObject* stored_attribute(const MemoryOfName&, PyObject*) { return nullptr; }
 inline PyObject* found_attribute(const MemoryOfName&, PyObject*, PyObject*) { return nullptr; }
 inline Answer set_attribute(const MemoryOfName&, PyObject*, PyObject*, PyObject*) { return Answer::unknown; }

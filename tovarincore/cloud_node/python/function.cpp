@@ -4,8 +4,6 @@
 #include "globals.h"
 #include "recursion.h"
 
-#include <algorithm>
-
 namespace py {
 
 namespace {
@@ -40,8 +38,8 @@ bool bind(const Method& method, PyObject* names, PyObject* const* arguments, std
 {
     if (given > method.count)
         return false;
-    std::copy_n(arguments, given, bound);
-    std::fill(bound + given, bound + method.count, nullptr);
+    for (std::size_t i = 0; i < method.count; ++i) // one loop: two would become calls of the C library
+        bound[i] = i < given ? arguments[i] : nullptr;
     if (keywords != nullptr && !place_keywords(names, arguments + given, keywords, bound))
         return false;
     for (std::size_t i = given; i < method.count; ++i) {

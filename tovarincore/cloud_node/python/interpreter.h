@@ -1,14 +1,21 @@
 // What differs between CPython versions, in one place: 3.10 is the target, 3.11 to 3.13 build from the same source.
 #pragma once
 
-// The structures of these versions are read from the interpreter's own headers (layout_311.h), which ask for this
-// definition before all others. A debug or a free-threaded build lays them out differently.
+// The structures of these versions are read from the interpreter's own headers (runtime.h, layout_311.h), which ask for
+// this definition before all others. A debug build lays them out differently.
 #include <patchlevel.h>
 #include <pyconfig.h>
-#if TOVARIN_FAST && PY_VERSION_HEX >= 0x030B0000 && PY_VERSION_HEX < 0x030E0000 && !defined(Py_DEBUG) &&               \
-    !defined(Py_GIL_DISABLED)
-#define TOVARIN_LAYOUT_311 1
+#ifdef Py_GIL_DISABLED
+#error "tovarincore does not support free-threaded CPython: build it with an interpreter that has the global lock"
+#endif
+#if TOVARIN_FAST && PY_VERSION_HEX < 0x030E0000 && !defined(Py_DEBUG)
+#define TOVARIN_INTERNALS 1
 #define Py_BUILD_CORE
+#else
+#define TOVARIN_INTERNALS 0
+#endif
+#if TOVARIN_INTERNALS && PY_VERSION_HEX >= 0x030B0000
+#define TOVARIN_LAYOUT_311 1
 #else
 #define TOVARIN_LAYOUT_311 0
 #endif

@@ -121,7 +121,7 @@ public:
     [[gnu::always_inline]] ~Object() noexcept(false)
     {
         // A daemon thread is ended by unwinding its frames without the GIL: objects must not be touched then.
-        if (pointer_ == nullptr || thread_is_ending())
+        if (pointer_ == nullptr || (fast::is_finalising() && thread_is_ending()))
             return;
         if (Py_REFCNT(pointer_) > 1) [[likely]]
             Py_DECREF(pointer_);

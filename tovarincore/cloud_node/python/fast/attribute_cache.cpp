@@ -35,6 +35,12 @@ Py_ssize_t index_of(const layout::SharedValues& shared, PyObject* name)
     return index;
 }
 
+// Of a class with a managed __dict__: an instance that never had an attribute has neither values nor a dictionary.
+bool has_attributes(PyObject* instance)
+{
+    return layout::shared_values_of(instance) || layout::dict_of(instance) != nullptr;
+}
+
 } // namespace
 
 void AttributeCache::consider(PyObject* instance, PyObject* name)
@@ -80,34 +86,51 @@ void AttributeCache::learn(PyObject* instance, PyObject* name)
         if (layout::version_of_type(guard) == 0)
             return;
     }
-    layout::SharedValues shared = has_dict ? layout::shared_values_of(instance) : layout::SharedValues{};
-    if (has_dict && !shared && layout::dict_of(instance) != nullptr) {
-        passed_over_ = unlike_the_last;
-        return;
-    }
-    Py_ssize_t index = -1;
-    if (!shared) {
-        keys_.forget();
+    bool same_class = type == type_ && version == version_;
+    if (has_dict && has_attributes(instance)) {
+        if (!learn_place(instance, name, same_class))
+            return;
     } else {
-        index = index_of(shared, name);
-        if (index == -2)
-            return;
-        if (!keys_.are_those_of(shared))
-            keys_.remember(shared);
-        if (!keys_.are_those_of(shared)) {
-            type_ = nullptr;
-            return;
-        }
+        keys_.forget();
+        place_ = {};
     }
     type_ = type;
     version_ = version;
     on_class_ = on_class;
     guard_ = guard;
     guard_version_ = guard == nullptr ? 0 : layout::version_of_type(guard);
-    place_ = index + 1;
     method_ =
         on_class != nullptr && PyType_HasFeature(Py_TYPE(on_class), Py_TPFLAGS_METHOD_DESCRIPTOR) ? on_class : nullptr;
     settable_ = type->tp_setattro == PyObject_GenericSetAttr;
+}
+
+bool AttributeCache::learn_place(PyObject* instance, PyObject* name, bool same_class)
+{
+    if (layout::SharedValues shared = layout::shared_values_of(instance)) {
+        Py_ssize_t index = index_of(shared, name);
+        if (index == -2)
+            return false;
+        if (!keys_.are_those_of(shared))
+            keys_.remember(shared);
+        if (!keys_.are_those_of(shared)) {
+            type_ = nullptr;
+            return false;
+        }
+        place_ = {index < 0 ? nullptr : keys_.table(), index, same_class ? place_.in_dict : PlaceInDict{}};
+        return true;
+    }
+    PyObject* dict = layout::combined_dict_of(instance);
+    Py_ssize_t position = dict == nullptr ? -1 : layout::position_of(dict, name);
+    if (position < 0) {
+        passed_over_ = unlike_the_last;
+        return false;
+    }
+    if (!same_class) {
+        keys_.forget();
+        place_ = {};
+    }
+    place_.in_dict = {name, position};
+    return true;
 }
 
 } // namespace py::fast

@@ -7,20 +7,56 @@
 
 namespace py::fast {
 
+// Where dictionaries that share no keys, as unpickling leaves them, had the name the last time.
+struct PlaceInDict {
+    PyObject* name = nullptr; // borrowed from the source's own, which lives as long as the process; null: unknown
+    Py_ssize_t position = 0;
+
+    // The instance's value, borrowed; null where that is not known to be there.
+    PyObject* value(PyObject* instance) const
+    {
+        if (name == nullptr)
+            return nullptr;
+        PyObject* dict = layout::combined_dict_of(instance);
+        return dict == nullptr ? nullptr : layout::value_at(dict, name, position);
+    }
+};
+
+// Where instances with a managed __dict__ keep an attribute: by the key table that they share, or in a dictionary each.
+struct Place {
+    const void* table = nullptr; // null: not known
+    Py_ssize_t index = 0;
+    PlaceInDict in_dict;
+
+    bool is_known() const { return table != nullptr || in_dict.name != nullptr; }
+
+    // Borrowed; null where the value is not known to be there.
+    PyObject* value(PyObject* instance) const
+    {
+        if (PyObject* value = layout::value_in_table(instance, table, index)) [[likely]]
+            return value;
+        return in_dict.value(instance);
+    }
+};
+
+// The same for the instances of one class that share a key table: what a walk over many of them asks.
+struct SharedSlot {
+    PyTypeObject* type;
+    layout::TableReader in_table;
+
+    PyObject* value(PyObject* instance) const { return Py_TYPE(instance) == type ? in_table.value(instance) : nullptr; }
+};
+
 // Where the instances of one type keep one attribute. Valid as long as no Python code runs.
 struct PlainSlot {
     PyTypeObject* type = nullptr;
-    const void* table = nullptr;
-    Py_ssize_t index = 0;
+    Place place;
 
     // Borrowed; null where it takes the interpreter's lookup to find the value.
-    PyObject* value(PyObject* instance) const
-    {
-        if (Py_TYPE(instance) != type) [[unlikely]]
-            return nullptr;
-        layout::SharedValues shared = layout::shared_values_of(instance);
-        return shared && shared.table() == table ? shared.at(index) : nullptr;
-    }
+    PyObject* value(PyObject* instance) const { return Py_TYPE(instance) == type ? place.value(instance) : nullptr; }
+
+    bool is_shared_alone() const { return place.in_dict.name == nullptr; }
+    SharedSlot shared() const { return {type, layout::TableReader(type, place.table, place.index)}; }
 };
 
 class AttributeCache {
@@ -30,10 +66,17 @@ public:
     {
         if constexpr (!layout::known)
             return nullptr;
-        if (!knows(Py_TYPE(instance)) || place_ == 0) [[unlikely]]
+        return knows(Py_TYPE(instance)) && place_.is_known() ? place_.value(instance) : nullptr;
+    }
+
+    // The same, where the instance shares the key table of its class: the shortest of all reads, and asked first.
+    PyObject* shared_value(PyObject* instance) const
+    {
+        if constexpr (!layout::known)
             return nullptr;
-        layout::SharedValues shared = layout::shared_values_of(instance);
-        return shared && keys_.is_table_of(shared) ? shared.at(place_ - 1) : nullptr;
+        if (!knows(Py_TYPE(instance)) || place_.table == nullptr) [[unlikely]]
+            return nullptr;
+        return layout::value_in_table(instance, place_.table, place_.index);
     }
 
     // The function of the class, to be called with the instance as its first argument; borrowed. Null: as above.
@@ -45,9 +88,8 @@ public:
             return nullptr;
         if (layout::has_no_dict(type_))
             return method_;
-        if (layout::SharedValues shared = layout::shared_values_of(instance)) [[likely]]
-            return place_ == 0 && keys_.cover(shared) ? method_ : nullptr;
-        return layout::dict_of(instance) == nullptr ? method_ : nullptr;
+        const void* table = place_.table == nullptr ? keys_.table() : nullptr; // else the name may be in it
+        return layout::has_only_names_of(instance, table, keys_.count()) ? method_ : nullptr;
     }
 
     // Whether `instance.name = value` puts the value into the place of one that the instance itself has.
@@ -56,17 +98,26 @@ public:
     // Does so, where that is known. False: it failed, with an error set.
     bool set_known_value(PyObject* instance, PyObject* name, PyObject* value) const
     {
-        return layout::replace_value(instance, name, layout::shared_values_of(instance), place_ - 1, value);
+        if (layout::SharedValues shared = layout::shared_values_of(instance)) [[likely]]
+            return layout::replace_value(instance, name, shared, place_.index, value);
+        PyObject* dict = layout::combined_dict_of(instance);
+        if (dict == nullptr)
+            return PyObject_SetAttr(instance, name, value) == 0;
+        Py_INCREF(dict); // the old value's finaliser may replace it
+        int status = PyDict_SetItem(dict, name, value);
+        Py_DECREF(dict);
+        return status == 0;
     }
 
     // The slot that the value of this instance lies in; without a type when the lookup has to be the interpreter's.
     PlainSlot slot(PyObject* instance, PyObject* name)
     {
-        if (known_value(instance) == nullptr)
+        if (known_value(instance) == nullptr) {
             learn(instance, name);
-        if (known_value(instance) == nullptr)
-            return {};
-        return {type_, keys_.table(), place_ - 1};
+            if (known_value(instance) == nullptr)
+                return {};
+        }
+        return {type_, place_};
     }
 
     // What is not known yet is learnt from this instance when its type comes twice running.
@@ -82,6 +133,10 @@ private:
 
     void learn(PyObject* instance, PyObject* name);
 
+    // Where the instance keeps the name. What is known of instances that keep it in the other way stays for the same
+    // class. False: not to be told.
+    bool learn_place(PyObject* instance, PyObject* name, bool same_class);
+
     PyTypeObject* type_ = nullptr;
     PyTypeObject* candidate_ = nullptr;
     unsigned version_ = 0;
@@ -91,7 +146,7 @@ private:
     unsigned guard_version_ = 0;
     unsigned char passed_over_ = 0; // how many instances are still not tried, after one that taught nothing
     bool settable_ = false;
-    Py_ssize_t place_ = 0;       // of the name in the key table, from 1; 0: it is not among the table's known keys
+    Place place_;                // has no table where the name is not among the table's known keys
     PyObject* method_ = nullptr; // lives as long as this version of the type
     SharedKeyTable keys_;
 };

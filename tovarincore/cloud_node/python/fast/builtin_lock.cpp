@@ -53,6 +53,10 @@ Answer acquire(PyObject* lock)
     learn(Py_TYPE(lock));
     if (!is_built_in(lock))
         return Answer::unknown;
+#if PY_VERSION_HEX < 0x030B0000
+    if (layout::has_lock_as_known(built_in.type)) [[likely]]
+        return layout::take_free_lock(lock) ? Answer::yes : Answer::no;
+#endif
     PyObject* taken = built_in.acquire(lock, built_in.at_once, nullptr);
     if (taken == nullptr) {
         PyErr_Clear(); // acquire(timeout=3) says it again
@@ -66,6 +70,10 @@ Answer release(PyObject* lock)
 {
     if (!is_built_in(lock))
         return Answer::unknown;
+#if PY_VERSION_HEX < 0x030B0000
+    if (layout::has_lock_as_known(built_in.type) && layout::give_lock_back(lock)) [[likely]]
+        return Answer::yes;
+#endif
     PyObject* none = built_in.release(lock, nullptr);
     Py_XDECREF(none);
     return none == nullptr ? Answer::no : Answer::yes;

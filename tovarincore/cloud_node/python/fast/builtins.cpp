@@ -1,6 +1,7 @@
 // isinstance, len and str, as long as those names stand for the interpreter's own.
 #include "../fast_hooks.h"
 #include "quiet_lookup.h"
+#include "self_check.h"
 
 #include <cstring>
 
@@ -37,6 +38,7 @@ bool is_plainly_of_its_type(PyObject* object)
 void open(PyObject* builtin_names)
 {
     open_quiet_lookups();
+    look_at_layout();
     genuine_isinstance = genuine(builtin_names, "isinstance");
     genuine_len = genuine(builtin_names, "len");
 }

@@ -20,7 +20,7 @@ PyObject* allocate(PyTypeObject* type)
 
 PyObject* initialiser(PyObject* callable)
 {
-    if (!layout::known || !Py_IS_TYPE(callable, &PyType_Type))
+    if (!runtime::is_as_compiled || !Py_IS_TYPE(callable, &PyType_Type))
         return nullptr;
     auto* type = reinterpret_cast<PyTypeObject*>(callable);
     if (type->tp_new != PyBaseObject_Type.tp_new || PyType_HasFeature(type, Py_TPFLAGS_IS_ABSTRACT) ||

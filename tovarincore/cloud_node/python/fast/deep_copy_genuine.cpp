@@ -228,7 +228,7 @@ PyObject* names_of_enum_module() // borrowed, or null
 
 void deepcopy_is_bound(PyObject* function)
 {
-    deepcopy_is_known = layout::known && find_everything() && function == kept_copy_functions[0].function() &&
+    deepcopy_is_known = runtime::is_as_compiled && find_everything() && function == kept_copy_functions[0].function() &&
                         is_used_by_its_helpers(kept_copy_functions[0].function());
 }
 

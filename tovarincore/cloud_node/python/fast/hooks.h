@@ -3,14 +3,20 @@
 
 #include "comparing.h"
 #include "name_memory.h"
+#include "runtime.h"
 
 namespace py::fast {
 
 inline constexpr bool is_on = true;
 
+inline bool is_finalising() { return runtime::is_finalising(); }
+inline PyThreadState* running_thread() { return runtime::running_thread(); }
+inline bool enter_call(PyThreadState* running, const char* where) { return runtime::enter_call(running, where); }
+inline void leave_call(PyThreadState* running) { runtime::leave_call(running); }
+
 inline PyObject* stored_attribute(const MemoryOfName& memory, PyObject* object)
 {
-    return memory.known().attribute.known_value(object);
+    return memory.known().attribute.shared_value(object);
 }
 
 inline PyObject* known_global(const MemoryOfName& memory, PyObject* module_names, PyObject* builtin_names)

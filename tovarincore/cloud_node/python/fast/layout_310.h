@@ -75,6 +75,88 @@ inline SharedValues shared_values_of(PyObject* instance)
     return dict == nullptr || !PyDict_CheckExact(dict) ? SharedValues{} : shared_values_in(dict);
 }
 
+// The value at an index of an instance whose dictionary shares this table; borrowed or null. Such a dictionary has room
+// for all names of its table.
+inline PyObject* value_in_table(PyObject* instance, const void* table, Py_ssize_t index)
+{
+    auto* dict = reinterpret_cast<PyDictObject*>(dict_of(instance));
+    if (dict == nullptr || dict->ma_keys != table || dict->ma_values == nullptr) [[unlikely]]
+        return nullptr;
+    return dict->ma_values[index];
+}
+
+// The same for many instances of one class.
+class TableReader {
+public:
+    TableReader(PyTypeObject* type, const void* table, Py_ssize_t index)
+        : table_(table), offset_(type == nullptr ? 0 : type->tp_dictoffset), index_(index)
+    {
+    }
+
+    PyObject* value(PyObject* instance) const
+    {
+        auto* dict = *reinterpret_cast<PyDictObject**>(reinterpret_cast<char*>(instance) + offset_);
+        if (dict == nullptr || dict->ma_keys != table_ || dict->ma_values == nullptr) [[unlikely]]
+            return nullptr;
+        return dict->ma_values[index_];
+    }
+
+private:
+    const void* table_;
+    Py_ssize_t offset_, index_;
+};
+
+// The instance has no attributes but those of the first `count` names of the table.
+inline bool has_only_names_of(PyObject* instance, const void* table, Py_ssize_t count)
+{
+    auto* dict = reinterpret_cast<PyDictObject*>(dict_of(instance));
+    return dict == nullptr || (dict->ma_keys == table && dict->ma_values != nullptr && dict->ma_used <= count);
+}
+
+// How the dictionary finds a key: one function for as long as all its keys are texts, others later.
+inline const void* search_of(PyObject* dict)
+{
+    struct KeyTable { // the beginning of it
+        Py_ssize_t references, size;
+        const void* search;
+    };
+    return reinterpret_cast<const KeyTable*>(reinterpret_cast<PyDictObject*>(dict)->ma_keys)->search;
+}
+
+// Those of dictionaries of texts: quiet_lookup.cpp sees them on a dictionary that it makes.
+inline const void* search_for_texts = nullptr;
+inline const void* search_after_deletions = nullptr;
+
+// A combined dictionary of the instance's own, which no key table of the class serves, with texts for keys; null where
+// there is none.
+inline PyObject* combined_dict_of(PyObject* instance)
+{
+    PyObject* dict = dict_of(instance);
+    if (dict == nullptr || !PyDict_CheckExact(dict))
+        return nullptr;
+    if (reinterpret_cast<PyDictObject*>(dict)->ma_values != nullptr)
+        return nullptr;
+    const void* search = search_of(dict);
+    return search == search_for_texts || search == search_after_deletions ? dict : nullptr;
+}
+
+// The value under this very name at a position of a combined dictionary; borrowed, null where another name is there.
+inline PyObject* value_at(PyObject* dict, PyObject* name, Py_ssize_t position)
+{
+    PyObject *other, *value;
+    return PyDict_Next(dict, &position, &other, &value) != 0 && other == name ? value : nullptr;
+}
+
+// Where the dictionary has this very name; -1: nowhere.
+inline Py_ssize_t position_of(PyObject* dict, PyObject* name)
+{
+    PyObject *other, *value;
+    for (Py_ssize_t next = 0; PyDict_Next(dict, &next, &other, &value) != 0;)
+        if (other == name)
+            return next - 1;
+    return -1;
+}
+
 // Keeps a key table alive, by a dictionary that shares it: so its address means it.
 class KeptTable {
 public:
@@ -152,14 +234,34 @@ inline bool give_dict(PyObject* made, PyObject* dict)
     return true;
 }
 
-// How the dictionary finds a key: one function for as long as all its keys are texts, others later.
-inline const void* search_of(PyObject* dict)
+// The interpreter's own lock. Its acquire() and release() take most of their time for their arguments.
+struct BuiltInLock {
+    PyObject_HEAD
+    PyThread_type_lock lock;
+    PyObject* weak_references;
+    char locked;
+};
+
+inline bool has_lock_as_known(PyTypeObject* type) { return type->tp_basicsize == sizeof(BuiltInLock); }
+
+inline bool take_free_lock(PyObject* object)
 {
-    struct KeyTable { // the beginning of it
-        Py_ssize_t references, size;
-        const void* search;
-    };
-    return reinterpret_cast<const KeyTable*>(reinterpret_cast<PyDictObject*>(dict)->ma_keys)->search;
+    auto* lock = reinterpret_cast<BuiltInLock*>(object);
+    if (lock->locked != 0 || PyThread_acquire_lock(lock->lock, NOWAIT_LOCK) != PY_LOCK_ACQUIRED)
+        return false;
+    lock->locked = 1;
+    return true;
+}
+
+// False: it was not taken.
+inline bool give_lock_back(PyObject* object)
+{
+    auto* lock = reinterpret_cast<BuiltInLock*>(object);
+    if (lock->locked == 0)
+        return false;
+    PyThread_release_lock(lock->lock);
+    lock->locked = 0;
+    return true;
 }
 
 // What a static method wraps; borrowed, may be null.

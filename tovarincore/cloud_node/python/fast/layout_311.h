@@ -115,6 +115,64 @@ inline SharedValues shared_values_of(PyObject* instance)
     return dict == nullptr || !PyDict_CheckExact(dict) ? SharedValues{} : shared_values_in(dict);
 }
 
+// The value at an index of an instance that keeps its values by this table; borrowed or null.
+inline PyObject* value_in_table(PyObject* instance, const void* table, Py_ssize_t index)
+{
+    SharedValues shared = shared_values_of(instance);
+    return shared && shared.table() == table ? shared.at(index) : nullptr;
+}
+
+// The same for many instances of one class.
+class TableReader {
+public:
+    TableReader(PyTypeObject*, const void* table, Py_ssize_t index) : table_(table), index_(index) {}
+    PyObject* value(PyObject* instance) const { return value_in_table(instance, table_, index_); }
+
+private:
+    const void* table_;
+    Py_ssize_t index_;
+};
+
+// The instance has no attributes but those of the first `count` names of the table.
+inline bool has_only_names_of(PyObject* instance, const void* table, Py_ssize_t count)
+{
+    if (SharedValues shared = shared_values_of(instance)) [[likely]]
+        return shared.table() == table && shared.count() <= count;
+    return dict_of(instance) == nullptr;
+}
+
+// A combined dictionary of the instance's own, which no key table of the class serves, with texts for keys; null where
+// there is none.
+inline PyObject* combined_dict_of(PyObject* instance)
+{
+    if (own_values(instance) != nullptr)
+        return nullptr;
+    PyObject* dict = dict_of(instance);
+    if (dict == nullptr || !PyDict_CheckExact(dict))
+        return nullptr;
+    auto* inside = reinterpret_cast<PyDictObject*>(dict);
+    return inside->ma_values == nullptr && DK_IS_UNICODE(inside->ma_keys) ? dict : nullptr;
+}
+
+// The value under this very name at a position of a combined dictionary; borrowed, null where another name is there.
+inline PyObject* value_at(PyObject* dict, PyObject* name, Py_ssize_t position)
+{
+    PyDictKeysObject* keys = reinterpret_cast<PyDictObject*>(dict)->ma_keys;
+    if (position >= keys->dk_nentries)
+        return nullptr;
+    const PyDictUnicodeEntry& entry = DK_UNICODE_ENTRIES(keys)[position];
+    return entry.me_key == name ? entry.me_value : nullptr;
+}
+
+// Where the dictionary has this very name; -1: nowhere.
+inline Py_ssize_t position_of(PyObject* dict, PyObject* name)
+{
+    Py_ssize_t position = reinterpret_cast<PyDictObject*>(dict)->ma_keys->dk_nentries - 1;
+    while (position >= 0 && value_at(dict, name, position) == nullptr)
+        --position;
+    return position;
+}
+
 // The key table lives as long as the class does, and is compared for instances of that class alone.
 struct KeptTable {
     bool keep(const SharedValues&) { return true; }

@@ -31,6 +31,15 @@ inline PyObject* new_instance(PyTypeObject*) { return nullptr; }
 inline PyObject* dict_of(PyObject*) { return nullptr; }
 inline SharedValues shared_values_in(PyObject*) { return {}; }
 inline SharedValues shared_values_of(PyObject*) { return {}; }
+inline PyObject* value_in_table(PyObject*, const void*, Py_ssize_t) { return nullptr; }
+struct TableReader {
+    TableReader(PyTypeObject*, const void*, Py_ssize_t) {}
+    PyObject* value(PyObject*) const { return nullptr; }
+};
+inline bool has_only_names_of(PyObject*, const void*, Py_ssize_t) { return false; }
+inline PyObject* combined_dict_of(PyObject*) { return nullptr; }
+inline PyObject* value_at(PyObject*, PyObject*, Py_ssize_t) { return nullptr; }
+inline Py_ssize_t position_of(PyObject*, PyObject*) { return -1; }
 template <class Copy> bool fill(PyObject*, const SharedValues&, Copy) { return false; }
 inline bool give_dict(PyObject*, PyObject*) { return false; }
 inline bool replace_value(PyObject*, PyObject*, const SharedValues&, Py_ssize_t, PyObject*) { return false; }

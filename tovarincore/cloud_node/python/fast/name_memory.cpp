@@ -9,6 +9,8 @@ namespace py::fast {
 
 NameMemory* MemoryOfName::own() const
 {
+    if (!runtime::is_as_compiled)
+        return nullptr;
     if (memory_ != &nothing_known)
         return memory_;
     auto* made = new (std::nothrow) NameMemory{}; // kept for the life of the process, as the name is
@@ -33,9 +35,11 @@ void consider(const MemoryOfName& memory, PyObject* name, PyObject* object)
 
 PyObject* found_attribute(const MemoryOfName& memory, PyObject* name, PyObject* object)
 {
-    if (PyType_Check(object))
-        if (PyObject* value = memory.known().class_attribute.known_value(object))
-            return value;
+    const NameMemory& known = memory.known();
+    PyObject* value =
+        PyType_Check(object) ? known.class_attribute.known_value(object) : known.attribute.known_value(object);
+    if (value != nullptr)
+        return value;
     consider(memory, name, object);
     return nullptr;
 }

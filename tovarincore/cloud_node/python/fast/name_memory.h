@@ -29,7 +29,8 @@ class MemoryOfName {
 public:
     const NameMemory& known() const { return *memory_; }
 
-    // Where to keep what was found; null where there is no memory for it, which must not fail a look-up.
+    // Where to keep what was found; null where nothing must be kept, or there is no memory for it, which must not fail
+    // a look-up.
     NameMemory* own() const;
 
     // The same, but null at the first time: most names are looked up once, at import.

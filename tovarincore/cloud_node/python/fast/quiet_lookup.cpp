@@ -5,20 +5,13 @@
 namespace py::fast {
 
 #if PY_VERSION_HEX < 0x030B0000
-namespace {
-
-const void* search_for_texts = nullptr;
-const void* search_after_deletions = nullptr;
-
-} // namespace
-
 // How the interpreter searches dictionaries of texts, seen on one of our own.
 void open_quiet_lookups()
 {
     Object sample = dict({{"sample"_s, none()}, {"other"_s, none()}});
-    search_for_texts = layout::search_of(sample.ptr());
+    layout::search_for_texts = layout::search_of(sample.ptr());
     check(PyDict_DelItem(sample.ptr(), "other"_s.ptr()));
-    search_after_deletions = layout::search_of(sample.ptr());
+    layout::search_after_deletions = layout::search_of(sample.ptr());
 }
 
 bool has_text_keys_only(PyObject* dict)
@@ -26,7 +19,7 @@ bool has_text_keys_only(PyObject* dict)
     if (layout::shared_values_in(dict))
         return true; // a dictionary shares its keys only as long as all of them are texts
     const void* search = layout::search_of(dict);
-    return search == search_for_texts || search == search_after_deletions;
+    return search == layout::search_for_texts || search == layout::search_after_deletions;
 }
 #else
 void open_quiet_lookups() {}

@@ -19,6 +19,7 @@ public:
     }
 
     const void* table() const { return table_; }
+    Py_ssize_t count() const { return count_; } // of its names when it was remembered
 
     void forget() { table_ = nullptr; }
 

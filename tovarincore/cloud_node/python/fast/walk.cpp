@@ -25,8 +25,10 @@ public:
         if (memory == nullptr)
             return false;
         slot_ = memory->attribute.slot(element, name_.ptr());
-        return value(element) != nullptr;
+        return slot_.type != nullptr;
     }
+
+    const PlainSlot& slot() const { return slot_; }
 
 private:
     Name name_;
@@ -86,6 +88,20 @@ public:
         return owner == nullptr ? nullptr : last_.value(owner);
     }
 
+    // Calls pass() with what reads the value of an element, in the shortest way that serves.
+    template <class Pass> Py_ssize_t read_by(Pass pass) const
+    {
+        if (!hop_.slot().is_shared_alone() || !last_.slot().is_shared_alone())
+            return pass([reader = *this](PyObject* element) { return reader.value(element); });
+        SharedSlot last = last_.slot().shared();
+        if (!hops_)
+            return pass([last](PyObject* element) { return last.value(element); });
+        return pass([last, hop = hop_.slot().shared()](PyObject* element) {
+            PyObject* owner = hop.value(element);
+            return owner == nullptr ? nullptr : last.value(owner);
+        });
+    }
+
     // As PlainReader::learn(), for the reader at which value() failed.
     bool learn(PyObject* element)
     {
@@ -100,18 +116,33 @@ private:
     PlainReader hop_, last_;
 };
 
+// The first position from `start` on of an element whose plain value is not known, or does not pass. Nothing is learnt
+// here, and nothing run: the list stays as it is meanwhile.
+template <class Read, class Passes>
+Py_ssize_t pass_over(PyObject* list, Py_ssize_t start, const Read value_of, const Passes passes, bool& is_known)
+{
+    PyObject** elements = reinterpret_cast<PyListObject*>(list)->ob_item;
+    const Py_ssize_t size = PyList_GET_SIZE(list);
+    Py_ssize_t i = start;
+    for (; i < size; ++i) {
+        PyObject* value = value_of(elements[i]);
+        if (value == nullptr) [[unlikely]] {
+            is_known = false;
+            break;
+        }
+        if (!passes(value)) [[unlikely]]
+            break;
+    }
+    return i;
+}
+
 // Walks on as long as `passes(value)` holds for the element's plain value.
 template <class Passes> Py_ssize_t walk(PyObject* list, Py_ssize_t start, WantedReader reader, Passes passes)
 {
-    Py_ssize_t i = start;
-    for (;;) {
-        PyObject* value = nullptr;
-        for (; i < PyList_GET_SIZE(list); ++i) {
-            value = reader.value(PyList_GET_ITEM(list, i));
-            if (value == nullptr || !passes(value))
-                break;
-        }
-        if (i >= PyList_GET_SIZE(list) || value != nullptr)
+    for (Py_ssize_t i = start;;) {
+        bool is_known = true;
+        i = reader.read_by([&, i](auto value_of) { return pass_over(list, i, value_of, passes, is_known); });
+        if (is_known || i >= PyList_GET_SIZE(list))
             return i;
         Object element(borrow(PyList_GET_ITEM(list, i)));
         if (!reader.learn(element.ptr()))
@@ -127,8 +158,8 @@ Py_ssize_t first_candidate(PyObject* list, Py_ssize_t start, const Wanted& wante
         return start;
     if (!wanted.text)
         return walk(list, start, WantedReader(wanted), [](PyObject* value) { return value == Py_False; });
-    WantedText text(wanted.text);
-    return walk(list, start, WantedReader(wanted), [&](PyObject* value) { return text.certainly_differs(value); });
+    return walk(list, start, WantedReader(wanted),
+                [text = WantedText(wanted.text)](PyObject* value) { return text.certainly_differs(value); });
 }
 
 Py_ssize_t first_like(PyObject* list, const Name& name, PyObject* element)
