@@ -38,7 +38,7 @@ def _page(root: click.Context) -> Iterator[str]:
     yield from (".SH NAME", f"{_PROGRAM} \\- launch, find, watch, stop and end compute nodes")
     yield from (".SH SYNOPSIS", f".B {_PROGRAM}", "[OPTIONS] COMMAND [ARGUMENTS]")
     yield from (".SH DESCRIPTION", *_paragraphs(cli.help or ""))
-    yield from (".SH OPTIONS", *_options(cli, root))
+    yield from (".SH OPTIONS", *_options(cli, root), *_terms({"-h, --help": "Show this message and exit."}))
     yield ".SH COMMANDS"
     for name in SUBCOMMANDS:
         command = cli.get_command(root, name)
@@ -70,8 +70,8 @@ def _command(command: click.Command, parent: click.Context, name: str) -> Iterat
 
 
 def _options(command: click.Command, context: click.Context) -> Iterator[str]:
-    # What every sub-command has is told once.
-    told = {parameter.name for parameter in cli.params} | {"help"} if context.parent is not None else set()
+    # What every sub-command has is told once, and --help by the caller: its names depend on its first user.
+    told = {"help"} | ({parameter.name for parameter in cli.params} if context.parent is not None else set())
     parameters = [parameter for parameter in command.get_params(context) if parameter.name not in told]
     records = (parameter.get_help_record(context) for parameter in parameters)
     yield from _terms(dict(record for record in records if record is not None and record[1]))

@@ -87,10 +87,11 @@ def test_everything_that_is_written_passes_the_writer() -> None:
     """No module but the writer, and the questions of one more, writes to a stream by itself."""
     allowed = {"output/steps.py", "output/writer.py", "output/progress.py", "main.py", "context/groups.py"}
     asking = {"context/invocation.py", "context/secrets.py"}
+    drawing = {"subcommands/help.py"}  # a masked page, into a capture for the pager
     package = ROOT / "tovarincore" / "command"
     for path in package.rglob("*.py"):
         name = path.relative_to(package).as_posix()
         text = path.read_text(encoding="utf-8")
-        if name not in allowed | asking:
+        if name not in allowed | asking | drawing:
             for way in ("click.echo(", "print(", "sys.stdout.write", "sys.stderr.write", "click.prompt("):
                 assert way not in text, f"{name} uses {way}"

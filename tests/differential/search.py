@@ -64,6 +64,7 @@ def search(
     tally = Tally()
     started = time.monotonic()
     number = first
+    spare = allocations.spare_code()  # held for as long as children are made
     while tally.ran.total() < programs and len(tally.found) < most and time.monotonic() - started < seconds:
         cases = block_of(number, kinds or [INJECTED, *KINDS])[: programs - tally.ran.total()]
         before = len(tally.found)
@@ -77,6 +78,7 @@ def search(
                 f"{tally.ran.total()} programs, {len(tally.found)} differences, {seconds_since(started)}",
                 flush=True,
             )
+    del spare
     print(f"blocks {first} to {number - 1}")
     show(tally, seconds_since(started))
     return tally

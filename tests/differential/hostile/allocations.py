@@ -6,9 +6,12 @@ The process must have been started with it: tests/interpreter/failing_malloc.cpp
 from __future__ import annotations
 
 import ctypes
+import gc
 import os
 import sysconfig
+from collections.abc import Iterator
 from pathlib import Path
+from types import CodeType, FunctionType
 from typing import Any
 
 from tovarincore import cloud_node
@@ -73,3 +76,20 @@ def fail_none() -> None:
 def failed_cpp() -> int:
     """How many C++ allocations have failed so far."""
     return int(ctypes.CDLL(None).failed_allocations()) if reaches_cpp() else 0
+
+
+def spare_code() -> list[CodeType]:
+    """Further references to every code object that stands in another one.
+
+    CPython 3.12 and 3.13 drop a reference too many when they have no memory for an inner function, such as a
+    generator expression; the code would be gone while the outer one still holds it.
+    """
+    functions = [found for found in gc.get_objects() if type(found) is FunctionType]
+    return [code for function in functions for code in _inner(function.__code__) for _ in range(50)]
+
+
+def _inner(code: CodeType) -> Iterator[CodeType]:
+    for constant in code.co_consts:
+        if isinstance(constant, CodeType):
+            yield constant
+            yield from _inner(constant)
