@@ -23,7 +23,7 @@ _PORT_IN_USE = re.compile(
 _NAME_IN_USE = re.compile(r"\bname\b.*\bis already in use\b", re.DOTALL)
 # Podman says this with status 500 as well.
 _NO_CONTAINER = "no such container"
-_BUSY = {
+_BUSY: dict[int, OPResultErrorCode] = {
     HTTPStatus.TOO_MANY_REQUESTS: OPResultErrorCode.THROTTLED,
     HTTPStatus.SERVICE_UNAVAILABLE: OPResultErrorCode.UNAVAILABLE,
 }
