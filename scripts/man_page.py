@@ -71,9 +71,13 @@ def _command(command: click.Command, parent: click.Context, name: str) -> Iterat
 
 def _options(command: click.Command, context: click.Context) -> Iterator[str]:
     # What every sub-command has is told once, and --help by the caller: its names depend on its first user.
-    told = {"help"} | ({parameter.name for parameter in cli.params} if context.parent is not None else set())
-    parameters = [parameter for parameter in command.get_params(context) if parameter.name not in told]
-    records = (parameter.get_help_record(context) for parameter in parameters)
+    told = {parameter.name for parameter in cli.params} if context.parent is not None else set()
+    shown = [
+        parameter
+        for parameter in command.get_params(context)
+        if parameter.name not in told and parameter is not command.get_help_option(context)
+    ]
+    records = (parameter.get_help_record(context) for parameter in shown)
     yield from _terms(dict(record for record in records if record is not None and record[1]))
 
 
