@@ -94,6 +94,19 @@ def test_launches_are_counted_by_what_came_of_them(region: Account) -> None:
     assert found("tovarin_launches_open", region=REGION) == 1
 
 
+def test_a_ledger_that_cannot_be_read_costs_the_counts_of_launches_alone(region: Account) -> None:
+    """The page still shows the nodes."""
+    region.launched(1)
+    region.listed()
+    metrics = NodeMetrics()
+    Lookout([region.region]).look(metrics.take)
+    Ledger().path.write_text("no ledger\n", encoding="utf-8")
+    with serving("127.0.0.1", 0, metrics, 60) as port:
+        found = samples(port)
+    assert found("tovarin_nodes", region=REGION, state="Running", ready="true") == 1
+    assert found("tovarin_launches_total", region=REGION, outcome="launched") is None
+
+
 def test_a_failed_refresh_is_counted_and_keeps_what_was_known(region: Account) -> None:
     """Its code is a label; the nodes of the last refresh that went well stay."""
     region.launched(2)

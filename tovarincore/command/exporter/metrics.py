@@ -11,6 +11,7 @@ from prometheus_client.registry import Collector
 
 from tovarincore.cloud_def import CloudNode, CloudRegion, NodeState
 from tovarincore.command.watching.looks import Look
+from tovarincore.core_conf import ConfigError, log_manager_glbl
 from tovarincore.fleet.ledger import Ledger
 
 __all__ = ["NodeMetrics"]
@@ -100,7 +101,13 @@ class NodeMetrics(Collector):
             "Requests in the ledger of which nobody knows what came of them.",
             labels=("region",),
         )
-        for (region, outcome), count in self._ledger.outcomes().items():
+        try:
+            outcomes = self._ledger.outcomes()
+        except ConfigError as error:
+            # The page still shows the nodes.
+            log_manager_glbl.get_logger().warning("Launches are not counted: %s", error)
+            return
+        for (region, outcome), count in outcomes.items():
             if outcome == "open":
                 still_open.add_metric((region,), count)
             else:

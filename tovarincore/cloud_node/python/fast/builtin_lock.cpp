@@ -54,7 +54,7 @@ Answer acquire(PyObject* lock)
     if (!is_built_in(lock))
         return Answer::unknown;
 #if PY_VERSION_HEX < 0x030B0000
-    if (layout::has_lock_as_known(built_in.type)) [[likely]]
+    if (runtime::is_as_compiled && layout::has_lock_as_known(built_in.type)) [[likely]]
         return layout::take_free_lock(lock) ? Answer::yes : Answer::no;
 #endif
     PyObject* taken = built_in.acquire(lock, built_in.at_once, nullptr);
@@ -71,7 +71,7 @@ Answer release(PyObject* lock)
     if (!is_built_in(lock))
         return Answer::unknown;
 #if PY_VERSION_HEX < 0x030B0000
-    if (layout::has_lock_as_known(built_in.type) && layout::give_lock_back(lock)) [[likely]]
+    if (runtime::is_as_compiled && layout::has_lock_as_known(built_in.type) && layout::give_lock_back(lock)) [[likely]]
         return Answer::yes;
 #endif
     PyObject* none = built_in.release(lock, nullptr);
