@@ -117,6 +117,8 @@ def api_server() -> Iterator[tuple[Stage, Act]]:
 
 def _let_run(world: KubeWorld) -> None:
     for pod in world.pods():
+        if pod.spec and pod.spec.nodeName:
+            continue
         name = (pod.metadata.name if pod.metadata else None) or ""
         world.bind(name)
         world.set_status(name, "Running", ready="True", pod_ip="10.0.0.1")

@@ -2,7 +2,8 @@
 
 import queue
 import threading
-from collections.abc import Callable, Sequence
+import time
+from collections.abc import Callable, Iterator, Sequence
 from concurrent.futures import Future, as_completed, wait
 from types import TracebackType
 from typing import Any, TypeVar
@@ -12,6 +13,8 @@ __all__ = ["Crew", "work_through"]
 S = TypeVar("S")
 T = TypeVar("T")
 _Task = tuple["Future[Any]", Callable[..., Any], tuple[Any, ...]]
+_SLOW_SECONDS = 0.01
+"""Threads that take on less than one task each in this time wait for somebody: others can work meanwhile."""
 
 
 class Crew:
@@ -22,27 +25,49 @@ class Crew:
 
     :param size: most threads; each is started when there is something for it
     :param name: name of the threads
+    :param first: threads to begin with; :meth:`results` starts the others while these get on slowly. Tasks
+        that are over at once are done sooner by few threads, which do not contend for the interpreter.
     """
 
-    def __init__(self, size: int, name: str) -> None:
+    def __init__(self, size: int, name: str, first: int | None = None) -> None:
         self._size = size
         self._name = name
         self._tasks: queue.SimpleQueue[_Task | None] = queue.SimpleQueue()
         self._threads = 0
+        self._wanted = size if first is None else min(first, size)
+        self._submitted = 0
+        self._begun = 0
+        self._looked = 0.0
+        self._left = False
         self._lock = threading.Lock()
 
     def submit(self, function: Callable[..., T], *arguments: Any) -> "Future[T]":
         """Have a function called; any thread may submit.
 
-        :return: what becomes of the call
+        :return: what becomes of the call; cancelled when the crew has been left
         :raises RuntimeError: no thread can be started, and there is none yet
         """
-        with self._lock:
-            if self._threads < self._size:
-                self._start_thread()
         future: Future[T] = Future()
-        self._tasks.put((future, function, arguments))
+        with self._lock:
+            if self._left:
+                future.cancel()
+                return future
+            if self._threads < self._wanted:
+                self._start_thread()
+            self._submitted += 1
+            self._tasks.put((future, function, arguments))
         return future
+
+    def results(self, futures: Sequence["Future[T]"]) -> Iterator[T]:
+        """Give what came of tasks, one after the other; any thread may wait.
+
+        :param futures: what :meth:`submit` returned
+        :raises Exception: what a task raised
+        """
+        for future in futures:
+            while not future.done() and not wait([future], _SLOW_SECONDS).done:
+                self._start_more()
+            yield future.result()
 
     def __enter__(self) -> "Crew":
         return self
@@ -50,15 +75,28 @@ class Crew:
     def __exit__(
         self, kind: type[BaseException] | None, value: BaseException | None, trace: TracebackType | None
     ) -> None:
-        while True:
-            try:
-                task = self._tasks.get_nowait()
-            except queue.Empty:
-                break
-            if task is not None:
-                task[0].cancel()
-        for _ in range(self._threads):
-            self._tasks.put(None)
+        with self._lock:
+            self._left = True
+            while True:
+                try:
+                    task = self._tasks.get_nowait()
+                except queue.Empty:
+                    break
+                if task is not None:
+                    task[0].cancel()
+            for _ in range(self._threads):
+                self._tasks.put(None)
+
+    def _start_more(self) -> None:
+        with self._lock:
+            now, begun = time.monotonic(), self._submitted - self._tasks.qsize()
+            if self._left or now - self._looked < _SLOW_SECONDS:
+                return
+            if begun - self._begun < self._threads:
+                self._wanted = min(2 * self._wanted, self._size)
+                for _ in range(min(self._wanted - self._threads, self._tasks.qsize())):
+                    self._start_thread()
+            self._looked, self._begun = now, begun
 
     def _start_thread(self) -> None:
         try:

@@ -6,9 +6,11 @@ from tovarincore import cloud_node
 from tovarincore.cloud_def import CloudNode
 from tovarincore.core_def import OPResult
 
-__all__ = ["ping"]
+__all__ = ["FIRST_PROBES", "ping"]
 
 _SECONDS = 2
+FIRST_PROBES = 4
+"""Pings at the same time as long as workers answer at once."""
 
 
 def ping(node: CloudNode, go_on: Callable[[], None]) -> OPResult:

@@ -11,7 +11,7 @@ from tovarincore.cloud_def import CloudNode, CloudRegion, NodeState
 from tovarincore.cloud_node import CloudManager, NodeManager, cloud_manager_glbl
 from tovarincore.core_def import OPResult
 from tovarincore.fleet.crew import Crew
-from tovarincore.fleet.probing import ping
+from tovarincore.fleet.probing import FIRST_PROBES, ping
 from tovarincore.sdk_data import service_descriptions_shared
 
 __all__ = ["Refreshed", "refresh"]
@@ -56,7 +56,7 @@ def refresh(
     nodes are pinged, and those that answer are ready and tell their load; ids of workers are carried over. A
     region that fails keeps its registry, and does not keep the others. Pings take at most ``ceil(running
     nodes / probes) * 2`` seconds in all, and as much again where workers answer and are slow to tell their
-    load.
+    load. Few threads begin; others follow within hundredths of a second while workers do not answer at once.
 
     Credentials are those that are stored for a region, unless the program has already made a call for it with
     others: the facade keeps its providers.
@@ -80,7 +80,7 @@ def refresh(
     with ExitStack() as stack:
         if any(region.cloud == "AWS" for region in wanted):
             stack.enter_context(service_descriptions_shared())
-        probers = stack.enter_context(Crew(probes, "tovarin-probe"))
+        probers = stack.enter_context(Crew(probes, "tovarin-probe", FIRST_PROBES))
         listers = stack.enter_context(Crew(max(1, len(wanted)), "tovarin-list"))
         # Also when Ctrl-C ends this function: nothing may change behind the back of its caller.
         left = threading.Event()
@@ -144,7 +144,7 @@ class _Run:
     def _ping_all(self, nodes: list[CloudNode]) -> list[OPResult]:
         pings = [self._probers.submit(ping, node, self._go_on) for node in nodes]
         try:
-            return [future.result() for future in pings]
+            return list(self._probers.results(pings))
         finally:
             # A failure that is not a worker's fails the region: its other pings are of no use then.
             for future in pings:

@@ -12,7 +12,7 @@ from tovarincore.cloud_node import CloudManager, cloud_manager_glbl
 from tovarincore.core_def import OPResult
 from tovarincore.fleet.crew import Crew
 from tovarincore.fleet.failures import Failure, failure_of_error, failure_of_result
-from tovarincore.fleet.probing import ping
+from tovarincore.fleet.probing import FIRST_PROBES, ping
 from tovarincore.sdk_data import service_descriptions_shared
 
 __all__ = ["Missed", "Until", "WaitReport", "wait"]
@@ -109,7 +109,7 @@ def wait(
         if any(region.cloud == "AWS" for region, _ in given):
             stack.enter_context(service_descriptions_shared())
         listers = stack.enter_context(Crew(regions_at_once, "tovarin-list"))
-        probers = stack.enter_context(Crew(probes, "tovarin-probe"))
+        probers = stack.enter_context(Crew(probes, "tovarin-probe", FIRST_PROBES))
         while watch.waiting:
             watch.look(manager, listers, probers)
             report = watch.report(time.monotonic() - begin)
@@ -144,8 +144,7 @@ class _Watch:
         for region, listing in listings.items():
             for key in self._judge(region, listing.result()):
                 pings[key] = probers.submit(ping, self._seen[key], lambda: None)
-        for key, future in pings.items():
-            answer = future.result()
+        for key, answer in zip(pings, probers.results(list(pings.values())), strict=True):
             if answer.success:
                 self._reach(key)
             else:
