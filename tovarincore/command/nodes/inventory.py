@@ -12,7 +12,7 @@ from tovarincore.command.errors.failures import CommandFailure, ExitCode
 from tovarincore.command.output.text import one_line
 from tovarincore.core_conf import log_manager_glbl
 
-__all__ = ["GONE", "find_node", "list_nodes", "list_own_nodes", "matching_nodes"]
+__all__ = ["GONE", "find_node", "list_nodes", "list_own_nodes", "matching_nodes", "own_nodes"]
 
 GONE = (NodeState.SHUTTING_DOWN, NodeState.TERMINATED)
 """States of nodes that come to nothing any more."""
@@ -39,14 +39,18 @@ def list_nodes(access: Access) -> list[CloudNode]:
         ) from error
     if nodes is None:
         raise failure_of(result, access.region)
-    if access.region.cloud == "AWS":
-        nodes = _own_instances(access, nodes)
+    nodes = own_nodes(access, nodes)
     remember(NODES, access.region.key, (name for node in nodes for name in (node.name, node.instance_id)))
     return nodes
 
 
-def _own_instances(access: Access, nodes: Sequence[CloudNode]) -> list[CloudNode]:
-    """Leave out what bears another user's name: the listing relies on EC2's filter alone."""
+def own_nodes(access: Access, nodes: Sequence[CloudNode]) -> list[CloudNode]:
+    """Leave out Amazon instances that bear another user's name: the listing relies on EC2's filter alone.
+
+    :param nodes: the nodes as EC2 has just listed them
+    """
+    if access.region.cloud != "AWS":
+        return list(nodes)
     own = [
         node for node in nodes if access.owners.get(node.instance_id, access.user_name) == access.user_name
     ]

@@ -12,6 +12,7 @@ from tovarincore.cloud_node import cloud_manager_glbl
 from tovarincore.command.context.access import Access, open_region
 from tovarincore.command.errors.explain import explain
 from tovarincore.command.nodes.activity import note_if_possible
+from tovarincore.command.nodes.inventory import own_nodes
 from tovarincore.command.output.text import one_line
 from tovarincore.core_def import OPResult
 
@@ -26,7 +27,7 @@ class Look:
     """What one look at a region found.
 
     :param region: the region
-    :param nodes: its nodes, as its registry holds them; those of the look before when this one failed
+    :param nodes: the user's nodes, as its registry holds them; those of the look before when this one failed
     :param silent: by instance id, why the worker of a running node did not answer
     :param failure: why there is no new listing; empty when there is one
     :param code: the same in one word
@@ -97,8 +98,10 @@ class Lookout:
     def _look_of(self, outcome: fleet.Refreshed) -> Look:
         region, now = outcome.region, time.time()
         if outcome.result.success:
-            nodes = cloud_manager_glbl.get_node_list(region)
-            return Look(region, nodes, outcome.silent, seconds=outcome.seconds, at=now)
+            nodes = own_nodes(self.places[region], cloud_manager_glbl.get_node_list(region))
+            own = {node.instance_id for node in nodes}
+            silent = {key: result for key, result in outcome.silent.items() if key in own}
+            return Look(region, nodes, silent, seconds=outcome.seconds, at=now)
         failure, code = _reason(outcome.result)
         before = self._last.get(region, Look(region))
         return replace(before, failure=failure, code=code, seconds=outcome.seconds, at=now)
