@@ -224,6 +224,62 @@ def test_an_odd_file_is_refused_in_little_time(tmp_path: Path, text: bytes) -> N
         reading(text, tmp_path)
 
 
+CONFIG = """\
+current-context: a
+contexts: [{name: a, context: {cluster: c, user: u}}]
+clusters:
+- name: c
+  cluster: {server: "https://one"}
+users:
+- name: u
+  user: {token: t}
+"""
+
+
+@pytest.mark.parametrize(
+    ("added", "refusal"),
+    [
+        ("users: []", "line 9 has the key 'users' again"),
+        ('"users": []', "line 9 has the key 'users' again"),
+        ("!!str users: []", "line 9 has the key 'users' again"),
+        ("current-context: b", "line 9 has the key 'current-context' again"),
+        ("other: {a: 1,\n  b: 2, a: 3}", "line 10 has the key 'a' again"),
+        ("other: [{? [a] : 1}]", "it is no kubeconfig"),
+        ("other: {1: a, 0x1: b}", "line 9 has the key '1' again"),
+    ],
+    ids="list quoted tagged scalar nested unhashable number".split(),
+)
+def test_a_key_that_comes_twice_is_refused(tmp_path: Path, added: str, refusal: str) -> None:
+    """The second would silently count: whoever looks at the first would trust another server or user."""
+    reading(CONFIG.encode(), tmp_path)
+    with pytest.raises(UnusableKubeconfig, match=refusal):
+        reading((CONFIG + added).encode(), tmp_path)
+
+
+def test_a_second_server_is_refused_with_its_line(kube: KubeWorld, kube_api: KubeApi) -> None:
+    """And no request is sent to either."""
+    text = kube.kubeconfig.read_text(encoding="utf-8")
+    server = next(line for line in text.splitlines() if "server:" in line)
+    kube.kubeconfig.write_text(text.replace(server, f"{server}\n    server: https://elsewhere"), "utf-8")
+    line = text.splitlines().index(server) + 2
+    kube_api.requests.clear()
+    result = listing(kube)
+    assert result.error_code is OPResultErrorCode.UNAUTHENTICATED
+    assert f"line {line} has the key 'server' again" in (result.msg or "")
+    assert kube_api.requests == []
+
+
+@pytest.mark.parametrize("kind", ["context", "cluster", "user"])
+@pytest.mark.parametrize("same", [True, False])
+def test_two_entries_of_one_name_are_refused(tmp_path: Path, kind: str, same: bool) -> None:
+    """Whether they differ or not, as kubectl does, and whichever context is asked for."""
+    config = yaml.safe_load(CONFIG)
+    entry = config[f"{kind}s"][0]
+    config[f"{kind}s"].append(entry if same else {"name": entry["name"], kind: {}})
+    with pytest.raises(UnusableKubeconfig, match=f"it has two {kind}s named '{entry['name']}'; remove one"):
+        reading(yaml.safe_dump(config).encode(), tmp_path)
+
+
 def test_reading_ends_with_the_operation(tmp_path: Path) -> None:
     """A long file costs the time limit and no more."""
     began = time.monotonic()

@@ -4,8 +4,9 @@ Every field that the format has is known here: it is honoured, or the file is re
 https://kubernetes.io/docs/reference/config-api/kubeconfig.v1/ lists them.
 """
 
+from collections.abc import Hashable
 from pathlib import Path
-from typing import TypeVar
+from typing import Any, TypeVar
 
 import msgspec
 import yaml
@@ -96,6 +97,7 @@ def read_kubeconfig(path: Path, context: str, deadline: Deadline) -> tuple[Clust
     content = _load(read_small_file(path), deadline)
     if not isinstance(content, dict):
         raise UnusableKubeconfig("it is no kubeconfig")
+    _refuse_two_of_one_name(content)
     wanted = context or content.get("current-context")
     if not wanted:
         raise UnusableKubeconfig("it has no current context")
@@ -118,6 +120,18 @@ def _entry(content: dict[object, object], kind: str, name: object, type_: type[T
     raise UnusableKubeconfig(f"it has no {kind} {str(name)[:100]!r}")
 
 
+def _refuse_two_of_one_name(content: dict[object, object]) -> None:
+    """As kubectl does: others take the first or the last, so nobody can tell which is meant."""
+    for kind in ("context", "user", "cluster"):
+        listed = content.get(f"{kind}s")
+        seen = set()
+        for entry in listed if isinstance(listed, list) else []:
+            name = entry.get("name") if isinstance(entry, dict) else None
+            if isinstance(name, str) and name in seen:
+                raise UnusableKubeconfig(f"it has two {kind}s named {name[:100]!r}; remove one")
+            seen.add(name if isinstance(name, str) else None)
+
+
 def _load(data: bytes, deadline: Deadline) -> object:
     # The loader in C is several times as fast and crashes on deep nesting.
     class Loader(yaml.SafeLoader):
@@ -128,8 +142,22 @@ def _load(data: bytes, deadline: Deadline) -> object:
         def flatten_mapping(self, node: yaml.MappingNode) -> None:
             """Leave the key ``<<`` as it is, which is then refused: merges within merges fill the memory."""
 
+        def construct_mapping(self, node: yaml.MappingNode, deep: bool = False) -> dict[Hashable, Any]:
+            """Refuse a key that comes twice: the second one would silently replace the first."""
+            mapping = super().construct_mapping(node, deep=deep)
+            left = set(mapping)
+            for key_node, _ in node.value:
+                key = self.construct_object(key_node)
+                if key not in left:
+                    line = key_node.start_mark.line + 1
+                    raise UnusableKubeconfig(f"line {line} has the key {str(key)[:100]!r} again; remove one")
+                left.remove(key)
+            return mapping
+
     try:
         return yaml.load(data.decode("utf-8"), Loader)
+    except UnusableKubeconfig:
+        raise
     except (yaml.YAMLError, ValueError, RecursionError, TypeError, KeyError) as error:
         # Their texts quote the file, which holds secrets.
         raise UnusableKubeconfig(f"it is no kubeconfig ({type(error).__name__})") from None
