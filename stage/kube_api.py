@@ -65,6 +65,8 @@ class KubeApi(KubeServer):
         self.tokens = {ADMIN_TOKEN: "admin", MANAGER_TOKEN: "manager", POWERLESS_TOKEN: "powerless"}
         self._faults: dict[str, list[Fault | None]] = {}
         self._server: _Server | None = None
+        self.released = threading.Event()
+        """Ends the delays of faults."""
         self.running = threading.Event()
         self.running.set()
 
@@ -85,6 +87,7 @@ class KubeApi(KubeServer):
         """Refuse connections and break those that are open."""
         if self._server is not None:
             self._server.stopping.set()
+            self.released.set()
             self.running.set()
             self._server.shutdown()
             self._server.server_close()
@@ -105,6 +108,9 @@ class KubeApi(KubeServer):
     def clear_faults(self) -> None:
         """Serve every request."""
         self._faults.clear()
+        # Nobody waits for these answers any more.
+        self.released.set()
+        self.released = threading.Event()
 
     def take_fault(self, request: str) -> Fault | None:
         """Note a request and return what is to happen to it."""
@@ -168,13 +174,14 @@ class _Handler(BaseHTTPRequestHandler):
         if namespace:
             parts.pop(0)
         plural, name, part = [*parts, "", ""][:3]
+        released = self.server.api.released
         fault = self.server.api.take_fault(" ".join(filter(None, (self.command, plural, part)))) or Fault()
         replaced = fault.refusal is not None or fault.body is not None or fault.hang_up
         code, answer = 200, b""
         if fault.before is not None:
             fault.before()
         if fault.delay and not fault.served:
-            self.server.stopping.wait(fault.delay)
+            released.wait(fault.delay)
         if fault.served or not replaced:
             code, answer = self._serve(plural, namespace, name, part, query, body)
         if fault.refusal is not None:
@@ -182,13 +189,13 @@ class _Handler(BaseHTTPRequestHandler):
         elif fault.body is not None:
             code, answer = fault.status, fault.body
         if fault.delay and fault.served:
-            self.server.stopping.wait(fault.delay)
+            released.wait(fault.delay)
         if fault.hang_up or self.server.stopping.is_set():
             self.close_connection = True
             return
-        self._write(code, answer, fault)
+        self._write(code, answer, fault, released)
 
-    def _write(self, code: int, answer: bytes, fault: Fault) -> None:
+    def _write(self, code: int, answer: bytes, fault: Fault, released: threading.Event) -> None:
         kind = "text/html" if fault.body is not None else "application/json"
         headers = {"Content-Type": kind, "Content-Length": str(len(answer)), **fault.headers}
         lines = [f"HTTP/1.1 {code} -", *(f"{name}: {value}" for name, value in headers.items())]
@@ -198,7 +205,7 @@ class _Handler(BaseHTTPRequestHandler):
             return
         for byte in head + answer:
             self.wfile.write(bytes([byte]))
-            if self.server.stopping.wait(fault.drip):
+            if released.wait(fault.drip):
                 return
 
     def _serve(

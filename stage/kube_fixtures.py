@@ -9,6 +9,7 @@ import pytest
 
 from stage.kube_api import KubeApi
 from stage.kube_world import KubeWorld, kube_world
+from stage.patience import HANG_SECONDS
 
 
 @pytest.fixture(scope="session")
@@ -28,9 +29,9 @@ def kube_api(shared_kube_api: KubeApi) -> Iterator[KubeApi]:
 
 @pytest.fixture
 def kube(kube_api: KubeApi, tmp_path: Path) -> Iterator[KubeWorld]:
-    """A fresh namespace; operations may take two seconds and listings come in pages of 100."""
+    """A fresh namespace; operations have plenty of time and listings come in pages of 100."""
     with kube_world(
-        kube_api, tmp_path, {"kubernetes": {"operation_seconds": 2.0, "page_size": 100}}
+        kube_api, tmp_path, {"kubernetes": {"operation_seconds": float(HANG_SECONDS), "page_size": 100}}
     ) as world:
         kube_api.requests.clear()
         yield world

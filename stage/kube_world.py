@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 import uuid
 from collections.abc import Iterator, Mapping
 from contextlib import contextmanager, suppress
@@ -132,6 +133,11 @@ class KubeWorld:
     def add_secret(self, name: str) -> None:
         """Put a Secret there that belongs to somebody else."""
         self.admin.create(Secret(metadata=ObjectMeta(name=name), stringData={"password": "p"}))
+
+    def limit(self, seconds: float) -> None:
+        """Let operations take this long, until the end of the test."""
+        os.environ["TOVARIN_KUBERNETES__OPERATION_SECONDS"] = str(seconds)
+        core_conf_glbl.reload()
 
     def reload(self) -> None:
         """Let changed settings take effect."""

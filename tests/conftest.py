@@ -13,6 +13,7 @@ from pathlib import Path
 from types import ModuleType
 
 import pytest
+from hypothesis import HealthCheck, settings
 
 from stage.settings import settings_of
 from tests.fakes import CallLog, recording_logger
@@ -24,6 +25,9 @@ MODULES = {"extension": "tovarincore.cloud_node", "twin": "tests.twin.cloud_node
 ONLY = os.environ.get("TOVARIN_TESTS_ONLY", "")
 IMPLEMENTATIONS = [ONLY] if ONLY else list(MODULES)
 ROOT = Path(__file__).parent.parent
+# How long an example takes says more about the machine's load than about the code.
+settings.register_profile("tests", deadline=None, suppress_health_check=[HealthCheck.too_slow])
+settings.load_profile("tests")
 
 
 def pytest_configure() -> None:

@@ -19,6 +19,7 @@ from websockets.sync.client import connect
 from stage.engine import ContainerEngineServer
 from stage.engine_fixtures import IMAGE
 from stage.local_region import LIMIT_SECONDS, LocalRegion, local_region, local_settings
+from stage.patience import SLACK_SECONDS
 from stage.ports import free_port
 from stage.settings import settings_of
 from tovarincore._container_helper.docker_engine import DockerEngine
@@ -53,7 +54,7 @@ def _within(seconds: float, call: Callable[[], Any]) -> Any:
         outcome = call()
     except ContainerError as error:
         outcome = error
-    assert time.monotonic() - started < seconds + 1
+    assert time.monotonic() - started < seconds + SLACK_SECONDS
     return outcome
 
 

@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import threading
-import time
 from collections.abc import Callable
 from pathlib import Path
 from typing import Any
@@ -12,6 +11,7 @@ import pytest
 
 from stage.memory_engine import MemoryEngine
 from stage.memory_engine_fixtures import SETTINGS, engine, helper, settings
+from stage.patience import HANG_SECONDS, in_time
 from stage.settings import settings_of
 from tovarincore._container_helper.limit import TimeLimit
 from tovarincore._transport.failure import Failure
@@ -190,16 +190,14 @@ def test_every_call_ends_within_the_limit(
 ) -> None:
     """An engine that hangs costs operation_seconds and gives a time-out, by result or by exception."""
     released = threading.Event()
-    engine.before[hanging] = lambda: released.wait(20)
-    started = time.monotonic()
-    with settings_of(tmp_path, {"container": {**SETTINGS, "operation_seconds": 0.2}}):
+    engine.before[hanging] = lambda: released.wait(HANG_SECONDS)
+    with in_time(0.2), settings_of(tmp_path, {"container": {**SETTINGS, "operation_seconds": 0.2}}):
         try:
             returned = call(ContainerHelper(engine.open))
             result = returned[1] if isinstance(returned, tuple) else returned
             code, text = result.error_code, result.msg
         except ContainerError as error:
             code, text = error.error_code, str(error)
-    assert time.monotonic() - started < 1
     assert code is OPResultErrorCode.TIMEOUT
     assert "did not answer within 0.2 s" in text
     released.set()

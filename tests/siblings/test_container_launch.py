@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import dataclasses
-import time
 from collections.abc import Callable
 from pathlib import Path
 
@@ -11,6 +10,7 @@ import pytest
 
 from stage.memory_engine import MemoryEngine
 from stage.memory_engine_fixtures import SETTINGS, engine, helper, settings
+from stage.patience import in_time
 from stage.settings import settings_of
 from tovarincore._container_helper.engine import ContainerRequest, ContainerSummary, PortBinding
 from tovarincore._container_helper.errors import ContainerNameTakenError
@@ -155,10 +155,8 @@ def test_a_name_that_stays_reserved_is_an_error_within_the_limit(
 ) -> None:
     """Nobody is told to remove a container that cannot be seen."""
     engine.failures["create_container"] = ContainerNameTakenError("taken")
-    started = time.monotonic()
-    with settings_of(tmp_path, {"container": {**SETTINGS, "operation_seconds": 0.6}}):
+    with in_time(0.6), settings_of(tmp_path, {"container": {**SETTINGS, "operation_seconds": 0.6}}):
         node, result = ContainerHelper(engine.open).run_tvr_container_image("1.10")
-    assert time.monotonic() - started < 2
     assert (node, result.error_code) == (None, OPResultErrorCode.TIMEOUT)
     assert 'keeps the name "the-worker" for a container that it does not list' in str(result.msg)
 

@@ -4,21 +4,21 @@ from pathlib import Path
 
 import pytest
 
+from stage.patience import HANG_SECONDS, SLACK_SECONDS
 from stage.worker_timeouts import SCENARIOS, Scenario, is_right, measure
+from tovarincore.core_def import OPResultErrorCode
 
 
 @pytest.mark.parametrize("scenario", SCENARIOS, ids=lambda scenario: scenario.title.replace(" ", "-"))
 def test_the_result_is_right_and_in_time(scenario: Scenario) -> None:
-    """Whoever hangs or drips costs the limit and at most 0.2 s on top; other failures show at once.
+    """Whoever hangs or drips costs the limit; other failures show at once.
 
-    A machine with more to do than the tests may be late by itself, but not three times in a row.
+    How late the client is on an idle machine is measured by `make worker-timeouts`.
     """
-    seconds = 0.5
-    for _ in range(3):
-        result, took = measure(scenario, seconds)
-        if is_right(scenario, result, took, seconds):
-            break
-    assert is_right(scenario, result, took, seconds), (result, took)
+    hangs = scenario.code is OPResultErrorCode.TIMEOUT
+    seconds = 0.5 if hangs else HANG_SECONDS
+    result, took = measure(scenario, seconds)
+    assert is_right(scenario, result, took, seconds, SLACK_SECONDS), (result, took)
     assert result.error is not result.success
     if scenario.code is not None:
         # What was wrong and what to do about it.

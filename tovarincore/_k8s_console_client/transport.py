@@ -22,6 +22,7 @@ from tovarincore._k8s_console_client.errors import KubernetesError
 from tovarincore._k8s_console_client.failures import failure_of
 from tovarincore._k8s_console_client.tls import tls_context
 from tovarincore._transport.connecting import connect, wait_for
+from tovarincore._transport.failure import Failure
 from tovarincore._transport.inflating import read_body
 from tovarincore._transport.telling import told
 from tovarincore.core_def import OPResultErrorCode
@@ -30,6 +31,8 @@ __all__ = ["Answer", "Connection"]
 
 # A page of 10,000 pods of 6 KiB each stays below; nothing that the client asks for is larger.
 _LONGEST_ANSWER_BYTES = 128 * 1024 * 1024
+# Those have half as many. Two bytes of JSON can become a hundred in memory, as in a list of numbers.
+_MOST_VALUES = 8_000_000
 _SHORTEST_PAUSE_SECONDS = 0.2
 
 
@@ -143,6 +146,7 @@ class Connection:
                     self._deadline,
                     "lower page_size in [kubernetes]",
                 )
+                _check_count_of_values(content)
         except Exception as error:
             raise failure_of(error, outcome_unknown=self._backend.sent_bytes > sent) from error
         wait = received.get(b"retry-after", b"").strip()
@@ -162,6 +166,15 @@ class Connection:
         if body is not None:
             yield "Content-Type", content_type
             yield "Content-Length", str(len(body))
+
+
+def _check_count_of_values(content: bytes) -> None:
+    # Each value but the outermost follows one of these, or a key that does.
+    if len(content) > _MOST_VALUES and sum(map(content.count, (b",", b"[", b"{"))) > _MOST_VALUES:
+        raise Failure(
+            f"its answer holds more than {_MOST_VALUES} values; lower page_size in [kubernetes]",
+            OPResultErrorCode.PROTOCOL_ERROR,
+        )
 
 
 def _parse_server(address: str) -> tuple[bytes, bytes, int, str]:

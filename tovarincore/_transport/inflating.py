@@ -2,6 +2,7 @@
 
 import zlib
 from collections.abc import Iterable
+from io import BytesIO
 
 from tovarincore._transport.deadline import Deadline
 from tovarincore._transport.failure import Failure
@@ -36,16 +37,17 @@ def read_body(
     if name not in ("", "identity", "gzip", "x-gzip", "deflate"):
         raise _broken(f"its answer comes in the encoding {name[:40]!r}, which was not asked for")
     inflater = None if name in ("", "identity") else _Inflater()
-    body = bytearray()
+    # Its value is handed over without a copy, which would double what a long body costs.
+    body = BytesIO()
     for chunk in chunks:
         for piece in (chunk,) if inflater is None else inflater.pieces(chunk):
             deadline.remaining()
-            body += piece
-            if len(body) > most_bytes:
+            body.write(piece)
+            if body.tell() > most_bytes:
                 raise _broken(f"its answer is longer than {most_bytes} bytes; {remedy}")
     if inflater is not None and not inflater.done:
         raise _broken("its compressed answer is cut off")
-    return bytes(body)
+    return body.getvalue()
 
 
 class _Inflater:
