@@ -16,7 +16,7 @@ from typing import IO, Any
 import pytest
 
 from stage.engine_api import EngineApi
-from stage.patience import in_time
+from stage.patience import SETUP_SECONDS, in_time
 from stage.settings import settings_of
 from tovarincore._container_helper.docker_engine import open_docker_engine
 from tovarincore._container_helper.errors import ContainerError
@@ -58,11 +58,12 @@ def test_an_answer_that_trickles_in_ends_at_the_limit(api: EngineApi, tmp_path: 
 
 def test_no_request_is_sent_after_the_limit(api: EngineApi) -> None:
     """An operation that was left behind at its limit changes nothing later on."""
-    limit = TimeLimit(0.2, "testing")
+    limit = TimeLimit(SETUP_SECONDS, "testing")
     with closing(open_docker_engine(limit)) as engine:
         api.requests.clear()
-        time.sleep(0.25)
-        with pytest.raises(ContainerError, match=r"within 0\.2 s while testing"):
+        # As if the time were up.
+        limit.reserve = SETUP_SECONDS
+        with pytest.raises(ContainerError, match=rf"within {SETUP_SECONDS} s while testing"):
             engine.start_container("id-1")
     assert api.requests == []
 
@@ -84,7 +85,7 @@ def test_something_else_than_an_engine_is_reported(api: EngineApi, answer: Any) 
     api.answers["GET", "/_ping"] = answer
     api.api_version = None
     with pytest.raises(ContainerError, match=r"No container engine answers at unix://.*engine_url") as caught:
-        open_docker_engine(TimeLimit(5, "testing"))
+        open_docker_engine(TimeLimit(SETUP_SECONDS, "testing"))
     assert caught.value.error_code is OPResultErrorCode.ENGINE_UNAVAILABLE
 
 
@@ -129,7 +130,7 @@ def test_a_socket_that_may_not_be_opened_names_the_group(
 
     monkeypatch.setattr(socket.socket, "connect", refuse)
     with pytest.raises(ContainerError, match=r"add the user to the engine's group \(docker\)"):
-        open_docker_engine(TimeLimit(5, "testing"))
+        open_docker_engine(TimeLimit(SETUP_SECONDS, "testing"))
 
 
 def test_the_environment_names_the_engine_unless_the_setting_does(

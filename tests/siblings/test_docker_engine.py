@@ -11,6 +11,7 @@ from typing import IO, Any
 import pytest
 
 from stage.engine_api import EngineApi, EngineRequest
+from stage.patience import SETUP_SECONDS
 from stage.settings import settings_of
 from tovarincore._container_helper.docker_engine import open_docker_engine
 from tovarincore._container_helper.engine import (
@@ -46,7 +47,7 @@ def api(tmp_path: Path) -> Iterator[EngineApi]:
 @pytest.fixture
 def engine(api: EngineApi) -> Iterator[ContainerEngine]:
     """A connection to the endpoint."""
-    with closing(open_docker_engine(TimeLimit(5, "testing"))) as engine:
+    with closing(open_docker_engine(TimeLimit(SETUP_SECONDS, "testing"))) as engine:
         api.requests.clear()
         yield engine
 

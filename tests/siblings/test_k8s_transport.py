@@ -45,11 +45,11 @@ def peer(behaviour: Callable[[socket.socket], None]) -> Iterator[int]:
             thread.join()
 
 
-def request(server: str, content: bytes = b"", method: str = "POST", seconds: float = SECONDS) -> Answer:
-    """Send one request that may take half a second."""
+def request(server: str, content: bytes = b"", seconds: float = SETUP_SECONDS) -> Answer:
+    """Send one request."""
     access = Access(server=server)
     with Connection(access, ApiDeadline(seconds, "a test"), lambda: access) as connection:
-        return connection.send(method, "/", body=content)
+        return connection.send("POST", "/", body=content)
 
 
 def hold(connection: socket.socket) -> None:
@@ -95,7 +95,7 @@ def drip(start: bytes, endless: bytes) -> Callable[[socket.socket], None]:
 def test_an_answer_in_drips_does_not_stretch_the_time(behaviour: Callable[[socket.socket], None]) -> None:
     """Bytes that keep coming do not move the deadline, in whichever part of the answer they come."""
     with peer(behaviour) as port, timed_out():
-        request(f"http://127.0.0.1:{port}/")
+        request(f"http://127.0.0.1:{port}/", seconds=SECONDS)
 
 
 def test_a_server_that_reads_slowly_does_not_stretch_the_time() -> None:
@@ -108,13 +108,13 @@ def test_a_server_that_reads_slowly_does_not_stretch_the_time() -> None:
             time.sleep(0.02)
 
     with peer(sip) as port, timed_out():
-        request(f"http://127.0.0.1:{port}/", content=bytes(50_000_000))
+        request(f"http://127.0.0.1:{port}/", content=bytes(50_000_000), seconds=SECONDS)
 
 
 def test_a_handshake_that_never_ends_costs_the_time_limit() -> None:
     """A server that accepts a connection and says nothing about TLS is given up at the deadline."""
     with peer(hold) as port, timed_out():
-        request(f"https://127.0.0.1:{port}/")
+        request(f"https://127.0.0.1:{port}/", seconds=SECONDS)
 
 
 def test_a_look_up_that_never_ends_costs_the_time_limit(monkeypatch: pytest.MonkeyPatch) -> None:
@@ -127,7 +127,7 @@ def test_a_look_up_that_never_ends_costs_the_time_limit(monkeypatch: pytest.Monk
 
     monkeypatch.setattr(socket, "getaddrinfo", hang)
     with timed_out():
-        request("http://hanging.example/")
+        request("http://hanging.example/", seconds=SECONDS)
     released.set()
 
 
@@ -192,5 +192,5 @@ def test_a_compressed_answer_is_bounded_after_inflation(monkeypatch: pytest.Monk
         connection.sendall(head.encode() + packed)
 
     with peer(behave) as port, pytest.raises(KubernetesError, match="longer than 1000000 bytes") as caught:
-        request(f"http://127.0.0.1:{port}/", seconds=SETUP_SECONDS)
+        request(f"http://127.0.0.1:{port}/")
     assert caught.value.error_code is OPResultErrorCode.PROTOCOL_ERROR

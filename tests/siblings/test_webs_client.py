@@ -14,7 +14,7 @@ import pytest
 import tomli_w
 
 from stage import worker_peers as peers
-from stage.patience import HANG_SECONDS, in_time
+from stage.patience import HANG_SECONDS, SETUP_SECONDS, in_time
 from stage.ports import refusing_port
 from stage.worker_timeouts import node_at
 from tovarincore.api_def import PingRequest, SystemStatRequest
@@ -39,7 +39,7 @@ def configure(conf_file: Path) -> Configure:
     return write
 
 
-def client_of(seconds: float = 2) -> WebSocketClient:
+def client_of(seconds: float = SETUP_SECONDS) -> WebSocketClient:
     """Return a client of a node on this machine."""
     return WebSocketClient(node_at("127.0.0.1"), client_timeout_sec=seconds)
 
@@ -198,7 +198,7 @@ def test_an_answer_that_comes_too_late_meets_no_later_request(configure: Configu
         configure(port=peer.port)
         assert ping(client).error_code is OPResultErrorCode.TIMEOUT
         late.set()
-        client.client_timeout_sec = 30
+        client.client_timeout_sec = SETUP_SECONDS
         assert ping(client).success
         assert peer.accepted == 2
 
@@ -230,7 +230,7 @@ def test_a_dropped_client_closes_its_connection(configure: Configure) -> None:
             client = client_of()
             assert ping(client).success
             del client
-            assert gone.wait(5)
+            assert gone.wait(SETUP_SECONDS)
         finally:
             gc.enable()
 
@@ -250,7 +250,7 @@ def test_a_closed_client_connects_anew_when_it_is_asked(configure: Configure) ->
 def test_threads_share_a_client(configure: Configure) -> None:
     """Their requests go one after the other over the one connection, none is lost or mixed up."""
     results: list[bool] = []
-    with peers.Peer(peers.echoes) as peer, client_of(10) as client:
+    with peers.Peer(peers.echoes) as peer, client_of() as client:
         configure(port=peer.port)
         start = threading.Barrier(8)
 

@@ -5,6 +5,7 @@ from pathlib import Path
 import pytest
 
 from stage import worker_peers as peers
+from stage.patience import SETUP_SECONDS
 from stage.settings import settings_of
 from stage.worker_timeouts import node_at
 from tovarincore.api_def import PingRequest
@@ -16,7 +17,7 @@ def ping_each(folder: Path, behaviour: peers.Behaviour, *, times: int = 1) -> tu
     """Return the results of pings over one client, and how many connections they took."""
     with peers.Peer(behaviour) as peer:
         settings = {"worker": {"port": peer.port, "max_message_bytes": 1024}}
-        with settings_of(folder, settings), WebSocketClient(node_at("127.0.0.1"), 2) as client:
+        with settings_of(folder, settings), WebSocketClient(node_at("127.0.0.1"), SETUP_SECONDS) as client:
             return [client.api_get_op_result(PingRequest()) for _ in range(times)], peer.accepted
 
 
@@ -141,6 +142,6 @@ def test_the_handshake_asks_for_the_configured_path(tmp_path: Path) -> None:
 
     with peers.Peer(records) as peer:
         settings = {"worker": {"port": peer.port, "path": "/worker?x=1"}}
-        with settings_of(tmp_path, settings), WebSocketClient(node_at("127.0.0.1"), 2) as client:
+        with settings_of(tmp_path, settings), WebSocketClient(node_at("127.0.0.1"), SETUP_SECONDS) as client:
             client.api_get_op_result(PingRequest())
         assert requests == [("/worker?x=1", f"127.0.0.1:{peer.port}")]

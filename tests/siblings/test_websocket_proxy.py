@@ -7,6 +7,7 @@ import pytest
 
 from stage import worker_peers as peers
 from stage.certificates import make_server_certificate
+from stage.patience import SETUP_SECONDS
 from stage.settings import settings_of
 from stage.worker_timeouts import node_at
 from tovarincore.api_def import PingRequest
@@ -21,7 +22,7 @@ def ping_through(folder: Path, proxy: str, **worker: Any) -> OPResult:
         "proxy": {"enabled": True, "http": proxy},
         "worker": {"use_proxy": True, **worker},
     }
-    with settings_of(folder, sections), WebSocketClient(node_at("127.0.0.1"), 2) as client:
+    with settings_of(folder, sections), WebSocketClient(node_at("127.0.0.1"), SETUP_SECONDS) as client:
         return client.api_get_op_result(PingRequest())
 
 

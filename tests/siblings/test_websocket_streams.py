@@ -142,7 +142,7 @@ def test_a_worker_s_certificate_must_carry_the_node_s_address(
         section = {"scheme": "wss", "port": worker.port, "ca_file": str(files.authority), **settings}
         with (
             settings_of(tmp_path, {"worker": section}),
-            WebSocketClient(node_at("127.0.0.1"), 2) as client,
+            WebSocketClient(node_at("127.0.0.1"), SETUP_SECONDS) as client,
         ):
             assert client.api_get_op_result(PingRequest()).success is succeeds
             assert client.api_get_op_result(PingRequest()).success is succeeds
@@ -158,7 +158,7 @@ def test_through_a_tunnel_the_certificate_is_still_the_worker_s(tmp_path: Path) 
         }
         with (
             settings_of(tmp_path, sections),
-            WebSocketClient(node_at("worker.example"), 2) as client,
+            WebSocketClient(node_at("worker.example"), SETUP_SECONDS) as client,
         ):
             assert client.api_get_op_result(PingRequest()).success
 
