@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import os
 import sys
 import time
 from pathlib import Path
@@ -147,6 +148,21 @@ def test_a_plugin_may_ask_for_the_cluster(kube: KubeWorld, kube_api: KubeApi) ->
     user["exec"]["provideClusterInfo"] = True
     write_user(kube, user)
     assert listing(kube).success
+
+
+@pytest.mark.parametrize("file", ["pipe", "/dev/zero"])
+def test_a_plugin_s_authority_that_is_no_file_is_not_waited_for(kube: KubeWorld, file: str) -> None:
+    """Nobody may ever write to a pipe, and a device never ends."""
+    os.mkfifo(kube.kubeconfig.parent / "pipe")
+    user = plugin(kube.kubeconfig.parent, printing({"token": MANAGER_TOKEN}))
+    user["exec"]["provideClusterInfo"] = True
+    config = kube.config_of(MANAGER_TOKEN, **{"certificate-authority": file})
+    config["users"][0]["user"] = user
+    kube.kubeconfig.write_text(json.dumps(config), encoding="utf-8")
+    with in_time():
+        result = listing(kube)
+    assert result.error_code is OPResultErrorCode.CERTIFICATE_INVALID
+    assert "is not a regular file" in (result.msg or "")
 
 
 @pytest.mark.parametrize(

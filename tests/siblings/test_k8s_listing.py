@@ -88,6 +88,15 @@ def test_a_listing_that_outlives_its_state_is_begun_again(kube: KubeWorld, kube_
     assert kube_api.requests == ["GET pods"] * 5
 
 
+def test_the_server_s_mark_of_a_place_is_bounded(kube: KubeWorld, kube_api: KubeApi) -> None:
+    """It goes into the next request: a megabyte of it is no answer."""
+    page = {"items": [], "metadata": {"continue": "x" * 1_000_000}}
+    kube_api.fault("GET pods", Fault(body=json.dumps(page).encode()))
+    nodes, result = kube.client.get_cloud_nodes()
+    assert (nodes, result.error_code) == (None, OPResultErrorCode.PROTOCOL_ERROR)
+    assert kube_api.requests == ["GET pods"]
+
+
 def test_a_listing_is_begun_again_only_once(kube: KubeWorld, kube_api: KubeApi) -> None:
     """A state that is given up twice is an error with a separate code, not a part of the nodes."""
     add_pods(kube, kube_api, 250)

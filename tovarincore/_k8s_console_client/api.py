@@ -1,7 +1,7 @@
 """The requests of the Kubernetes interface that nodes need, in one namespace."""
 
 from collections.abc import Iterator
-from typing import TypeVar
+from typing import Annotated, TypeVar
 
 import msgspec
 from lightkube.resources.core_v1 import ConfigMap, Pod, Secret
@@ -29,7 +29,10 @@ _UNUSABLE = (msgspec.MsgspecError, UnicodeDecodeError, RecursionError)
 
 
 class _ListMetadata(msgspec.Struct):
-    continue_: str | None = msgspec.field(name="continue", default=None)
+    # It is sent back in the next request's path.
+    continue_: Annotated[str, msgspec.Meta(max_length=65536)] | None = msgspec.field(
+        name="continue", default=None
+    )
 
 
 class _Page(msgspec.Struct):

@@ -17,6 +17,7 @@ from pathlib import Path
 import msgspec
 
 from tovarincore._k8s_console_client.errors import KubernetesError
+from tovarincore._k8s_console_client.files import read_small_file
 from tovarincore._k8s_console_client.kubeconfig import Cluster, ExecPlugin, User
 from tovarincore._transport.deadline import Deadline
 from tovarincore._transport.failure import Failure
@@ -122,7 +123,7 @@ def _cluster_info(cluster: Cluster, folder: Path) -> dict[str, object]:
     data = cluster.certificate_authority_data
     if not data and cluster.certificate_authority:
         with suppress(OSError):
-            data = base64.b64encode((folder / cluster.certificate_authority).read_bytes()).decode()
+            data = base64.b64encode(read_small_file(folder / cluster.certificate_authority)).decode()
     fields = {
         "server": cluster.server,
         "tls-server-name": cluster.tls_server_name,

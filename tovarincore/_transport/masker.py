@@ -86,7 +86,7 @@ def mask(text: object) -> str:
     """Return a text with ``***`` in place of every secret.
 
     Secrets are those that are known, also in the forms in which they travel (URL-quoted, as a Basic login, in
-    a JSON text, line by line), and what looks like one: logins in URLs, authorization headers, bearer tokens,
+    a JSON or HTML text, line by line), and what looks like one: logins in URLs, authorization headers, bearer tokens,
     PEM blocks, Amazon's keys, and values beside words such as ``password=``.
 
     :param text: any text, or an object whose text is meant, such as an exception
@@ -129,7 +129,9 @@ def _known_forms(text: str) -> list[str]:
 
 def _forms(value: str) -> Iterator[str]:
     import base64
+    import html
     import json
+    import re
     from urllib.parse import quote, quote_plus
 
     for part in _parts(value):
@@ -138,9 +140,15 @@ def _forms(value: str) -> Iterator[str]:
         yield part
         yield quote(part, safe="", errors="replace")
         yield quote_plus(part, errors="replace")
-        yield json.dumps(part)[1:-1]
+        as_json = json.dumps(part)[1:-1]
+        yield as_json
+        # Some programs escape slashes in JSON, and write the figures of a URL in small letters.
+        yield as_json.replace("/", "\\/")
+        yield re.sub("%..", lambda match: match[0].lower(), quote(part, safe="", errors="replace"))
         yield ascii(part)[1:-1]
+        yield html.escape(part)
         yield base64.b64encode(part.encode("utf-8", "replace")).decode("ascii").rstrip("=")
+        yield base64.urlsafe_b64encode(part.encode("utf-8", "replace")).decode("ascii").rstrip("=")
 
 
 def _parts(value: str) -> Iterator[str]:
