@@ -86,8 +86,8 @@ def mask(text: object) -> str:
     """Return a text with ``***`` in place of every secret.
 
     Secrets are those that are known, also in the forms in which they travel (URL-quoted, as a Basic login, in
-    a JSON or HTML text, line by line), and what looks like one: logins in URLs, authorization headers, bearer tokens,
-    PEM blocks, Amazon's keys, and values beside words such as ``password=``.
+    a JSON or HTML text, line by line), and what looks like one: logins in URLs, authorization headers, bearer
+    tokens, PEM blocks, Amazon's keys, and values beside words such as ``password=``.
 
     :param text: any text, or an object whose text is meant, such as an exception
     """
