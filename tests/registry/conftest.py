@@ -7,7 +7,10 @@ from typing import Any
 
 import pytest
 
-from tests.fakes import AWS_REGION, CallLog
+from tests.fakes import AWS_REGION, CallLog, Workers, recording
+from tovarincore.core_def import OPResult
+
+GOOD, BAD = OPResult(success=True), OPResult(error=True, msg="no answer")
 
 OPERATIONS = (
     "launch_node",
@@ -30,3 +33,22 @@ def provider_class(cloud_node: ModuleType, *left_out: str) -> Any:
 def manager(cloud_node: ModuleType, log: CallLog) -> Any:
     """A manager of an empty registry."""
     return provider_class(cloud_node)(AWS_REGION)
+
+
+@pytest.fixture(params=[RuntimeError, KeyboardInterrupt, SystemExit, GeneratorExit])
+def fault(request: pytest.FixtureRequest) -> Any:
+    """A failure of each kind, those that are no Exception included."""
+    return request.param("broken")
+
+
+@pytest.fixture
+def workers(cloud_node: ModuleType, log: CallLog, monkeypatch: pytest.MonkeyPatch) -> Workers:
+    """The workers that answer the pings of a test."""
+    workers = Workers(log, **{"i-1": GOOD})
+    monkeypatch.setattr(cloud_node, "WebSocketClient", workers)
+    return workers
+
+
+def listing(manager: Any, answer: Any) -> None:
+    """Let the provider answer so."""
+    manager.list_instances = recording(CallLog(), "list_instances", answer)

@@ -55,7 +55,7 @@ Object init(Handle self)
 Object get_node_manager(Handle self, Handle region) { return self.method("_get_node_manager"_s)({region}); }
 
 // Deliberate: lookup and store are two steps. Two threads that miss at the same time each build a provider, and the one
-// that stores last stays cached (test_selection.py holds it).
+// that stores last stays cached (test_provider_cache.py holds it).
 Object _get_node_manager(Handle self, Handle region, Handle auth, Handle username)
 {
     Object node_manager = self.method("_get_cached_node_manager"_s)({region});
