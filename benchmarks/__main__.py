@@ -50,6 +50,7 @@ def main() -> None:
         action="store_true",
         help="operations on many nodes, one after the other and together, instead",
     )
+    parser.add_argument("--top", action="store_true", help="the full screen with 1,000 nodes instead")
     parser.add_argument("--write", action="store_true", help=f"put the table into {PAGE.relative_to(ROOT)}")
     parser.add_argument("--count-side", choices=["twin", "ours"], help=argparse.SUPPRESS)
     options = parser.parse_args()
@@ -66,6 +67,10 @@ def main() -> None:
         from benchmarks import fleet
 
         name, text = "fleet", fleet.table(options.pattern)
+    elif options.top:
+        from benchmarks import top
+
+        name, text = "top", top.table()
     elif options.growth:
         measuring.pin_to_one_processor()
         name, text = "growth", report.growth_table([memory.growth(size) for size in SIZES])

@@ -59,7 +59,7 @@ def table(app: TopApp) -> NodeTable:
 
 def column(app: TopApp, title: str) -> list[str]:
     """The texts of a column, from top to bottom."""
-    return [str(cell) for cell in table(app).get_column(title)]
+    return table(app).column(title)
 
 
 def told(app: TopApp) -> str:

@@ -15,8 +15,10 @@ from tests.command.top.pictures import SCREENS, drawn
 from tests.command.top.screens import column, head, made_up, play, table, text_of, told, until
 from tests.conftest import ROOT
 from tovarincore.cloud_def import NodeState
+from tovarincore.command.top import table as nodetable
 from tovarincore.command.top.app import TopApp
 from tovarincore.command.top.dialogs import Question, Sheet
+from tovarincore.command.top.table import NodeTable
 from tovarincore.command.watching.looks import Lookout
 from tovarincore.testing.fakes import patched_cloud_node
 
@@ -171,22 +173,65 @@ def test_keys_are_heard_while_a_look_takes_long() -> None:
     assert time.monotonic() - begin < 50
 
 
-def test_a_thousand_nodes_scroll_and_change_in_place() -> None:
-    """A look in which only loads change adds and removes no line, and the cursor stays on its node."""
-    app = made_up(1000)
+def test_a_thousand_nodes_cost_no_more_than_those_on_the_screen(monkeypatch: pytest.MonkeyPatch) -> None:
+    """A look, a scroll step and another order work out the lines that are seen, and no others."""
+    app, lines, worked_out = made_up(1000), 24, []
+    cells = nodetable._cells
+    monkeypatch.setattr(nodetable, "_cells", lambda *given: worked_out.append(given[0].key) or cells(*given))  # type: ignore[func-returns-value]
 
     async def scene(app: TopApp, pilot: Pilot[None]) -> None:
         await until(pilot, lambda: table(app).row_count == 1000)
         await pilot.press("end")
         assert table(app).cursor_row == 999
-        await pilot.press(*["pageup"] * 10)
-        where, added = table(app).current, []
-        table(app).add_row = lambda *cells, **named: added.append(cells)  # type: ignore[assignment,method-assign]
-        MadeUpLookout.look(app._lookout, app.book.take)  # type: ignore[arg-type]
-        app.draw()
-        assert (table(app).current, added) == (where, [])
+        await until(pilot, lambda: column(app, "NAME")[-1] in text_of(app))
+        for number, event in enumerate(("look", "pageup", "s", "home")):
+            worked_out.clear()
+            if event == "look":
+                MadeUpLookout.look(app._lookout, app.book.take)  # type: ignore[arg-type]
+                app.draw()
+                await pilot.pause()
+            else:
+                await pilot.press(event)
+            assert 0 < len(set(worked_out)) <= lines, (number, event)
+
+    play(app, scene, lines=lines)
+
+
+def test_the_cursor_stays_on_its_node() -> None:
+    """Whatever the order is, and when other nodes go; where its own node goes, on the line."""
+    app = made_up(300)
+
+    async def scene(app: TopApp, pilot: Pilot[None]) -> None:
+        await until(pilot, lambda: table(app).row_count == 300)
+        await pilot.press(*["down"] * 7)
+        where = table(app).current
+        await pilot.press("s", "s")
+        assert table(app).current == where and table(app).cursor_row != 7
+        await pilot.press("slash", *"running", "enter")
+        assert table(app).current == where
+        line = table(app).cursor_row
+        assert where is not None
+        await pilot.press("slash", *f" {column(app, 'NAME')[line + 1]}", "enter", "escape")
+        assert table(app).current != where
 
     play(app, scene)
+
+
+def test_the_mouse_chooses_a_line_and_opens_its_node() -> None:
+    """A click puts the cursor there, a click at the cursor shows the details; titles are no line."""
+
+    async def scene(app: TopApp, pilot: Pilot[None]) -> None:
+        await until(pilot, lambda: table(app).row_count == 3)
+        await pilot.click(NodeTable, offset=(5, 3))
+        assert table(app).cursor_row == 2
+        await pilot.click(NodeTable, offset=(5, 0))
+        await pilot.click(NodeTable, offset=(5, 9))
+        assert table(app).cursor_row == 2 and not isinstance(app.screen, Sheet)
+        await pilot.click(NodeTable, offset=(5, 3))
+        await until(pilot, lambda: isinstance(app.screen, Sheet))
+        assert column(app, "NAME")[2] in text_of(app)
+
+    play(made_up(3), scene)
 
 
 def test_nothing_is_told_by_colour_alone(monkeypatch: pytest.MonkeyPatch) -> None:

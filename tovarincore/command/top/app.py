@@ -61,7 +61,7 @@ class TopApp(App[None]):
         Binding("q,ctrl+c", "quit", "quit", key_display="q", priority=False),
         Binding("slash", "filter", "filter", key_display="/"),
         Binding("s", "sort", "sort"),
-        Binding("enter", "details", "details", priority=False),
+        Binding("enter", "details", "info", priority=False),
         Binding("g", "gone", "ended"),
         Binding("space", "mark", "mark"),
         Binding("S", "change('start')", "start"),
@@ -171,11 +171,11 @@ class TopApp(App[None]):
         rows = self._shown(now)
         several = len(self._lookout.regions) > 1
         base.query_one(NodeTable).show(rows, self.size.width, now, self._marked, several)
-        base.query_one("#head", Static).update(self._head(rows))
+        _put(base.query_one("#head", Static), self._head(rows))
         lost = [f"{look.region.key}: {look.failure}" for look in self.book.looks.values() if look.failure]
         line = base.query_one("#lost", Static)
         line.display = bool(lost)
-        line.update(printable(mask("   ".join(lost)))[: 2 * self.size.width])
+        _put(line, printable(mask("   ".join(lost)))[: 2 * self.size.width])
 
     def _shown(self, now: datetime) -> list[Row]:
         return chosen(self.book.rows(), self._words, self._order, self._gone, now)
@@ -183,9 +183,9 @@ class TopApp(App[None]):
     def _head(self, rows: Sequence[Row]) -> str:
         if self._looked is None:
             return "looking at the nodes ..."
-        everything = self.book.rows()
-        running = sum(row.node.state is NodeState.RUNNING for row in everything)
-        ready = sum(row.node.ready for row in everything)
+        everything = self.book.nodes()
+        running = sum(node.state is NodeState.RUNNING for node in everything)
+        ready = sum(node.ready for node in everything)
         parts = [f"{len(everything)} nodes", f"{running} running", f"{ready} ready"]
         if len(rows) < len(everything):
             parts.append(f"{len(rows)} shown")
@@ -243,10 +243,10 @@ class TopApp(App[None]):
         table = self.query_one(NodeTable)
         if table.current is not None:
             self._marked ^= {table.current}
-            table.action_cursor_down()
+            table.action_move(1)
             self.draw()
 
-    def on_data_table_row_selected(self) -> None:
+    def on_node_table_chosen(self) -> None:
         """Show all that is known of the node under the cursor."""
         self.action_details()
 
@@ -314,6 +314,12 @@ class TopApp(App[None]):
         if why:
             self._tell(why)
         self.draw()
+
+
+def _put(line: Static, text: str) -> None:
+    # An update lays the whole screen out again.
+    if str(line.content) != text:
+        line.update(text)
 
 
 def _named(node: CloudNode) -> str:

@@ -19,27 +19,43 @@ HISTORY = 12
 """So many loads of the past are shown."""
 
 
-@dataclass(frozen=True)
+@dataclass(frozen=True, eq=False)
 class Row:
-    """One node on the screen.
+    """One node on the screen; everything else is looked up when it is asked for, most of it for few rows.
 
     :param node: the node
-    :param why: why its worker does not answer; empty when it does
-    :param doing: what is being done with it; empty when nothing is
-    :param loads: its loads of the last looks, the newest last
-    :param launched: when it was launched; ``None`` when nobody knows
+    :param look: the look that found it
+    :param book: what else is known
     """
 
     node: CloudNode
-    why: str = ""
-    doing: str = ""
-    loads: tuple[float, ...] = ()
-    launched: datetime | None = None
+    look: Look
+    book: "Book"
 
     @property
     def key(self) -> Key:
         """What tells it from all others."""
-        return self.node.region.key, self.node.instance_id
+        return self.look.region.key, self.node.instance_id
+
+    @property
+    def why(self) -> str:
+        """Why its worker does not answer; empty when it does."""
+        return self.look.why_not_ready(self.node)
+
+    @property
+    def doing(self) -> str:
+        """What is being done with it; empty when nothing is."""
+        return self.book.doing.get(self.key, "")
+
+    @property
+    def loads(self) -> tuple[float, ...]:
+        """Its loads of the last looks, the newest last."""
+        return tuple(self.book.loads.get(self.key, ()))
+
+    @property
+    def launched(self) -> datetime | None:
+        """When it was launched; ``None`` when nobody knows."""
+        return self.book.launched.get(self.key)
 
     @property
     def memory(self) -> float | None:
@@ -66,12 +82,14 @@ class Book:
 
     :param looks: the last look at each region
     :param doing: what is being done with a node, until a look shows another state
+    :param launched: when each node was launched, where that is known
+    :param loads: the last loads of each node
     """
 
     looks: dict[CloudRegion, Look] = field(default_factory=dict)
     doing: dict[Key, str] = field(default_factory=dict)
     launched: dict[Key, datetime] = field(default_factory=dict)
-    _loads: dict[Key, deque[float]] = field(default_factory=dict)
+    loads: dict[Key, deque[float]] = field(default_factory=dict)
     _states: dict[Key, NodeState] = field(default_factory=dict)
 
     def take(self, look: Look) -> None:
@@ -82,24 +100,23 @@ class Book:
         for node in look.nodes:
             key = (look.region.key, node.instance_id)
             if node.ready and node.cpu_percent is not None:
-                self._loads.setdefault(key, deque(maxlen=HISTORY)).append(node.cpu_percent)
+                self.loads.setdefault(key, deque(maxlen=HISTORY)).append(node.cpu_percent)
             if self._states.get(key, node.state) is not node.state:
                 self.doing.pop(key, None)
             self._states[key] = node.state
         here = {(look.region.key, node.instance_id) for node in look.nodes}
-        known: tuple[dict[Key, Any], ...] = (self._loads, self._states, self.doing, self.launched)
+        known: tuple[dict[Key, Any], ...] = (self.loads, self._states, self.doing, self.launched)
         for mapping in known:
             for key in [key for key in mapping if key[0] == look.region.key and key not in here]:
                 del mapping[key]
 
-    def rows(self) -> list[Row]:
+    def nodes(self) -> list[CloudNode]:
         """Return all nodes, region by region in the order of their listings."""
-        return [self._row(look, node) for look in self.looks.values() for node in look.nodes]
+        return [node for look in self.looks.values() for node in look.nodes]
 
-    def _row(self, look: Look, node: CloudNode) -> Row:
-        key = (look.region.key, node.instance_id)
-        loads = tuple(self._loads.get(key, ()))
-        return Row(node, look.why_not_ready(node), self.doing.get(key, ""), loads, self.launched.get(key))
+    def rows(self) -> list[Row]:
+        """Return the same as rows."""
+        return [Row(node, look, self) for look in self.looks.values() for node in look.nodes]
 
 
 def _number(value: float | None) -> float:

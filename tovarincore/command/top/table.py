@@ -1,12 +1,19 @@
-"""The table of nodes: columns that fit the width, and rows that change in place."""
+"""The table of nodes: columns that fit the width, and lines that are drawn when they are seen."""
 
 from collections.abc import Container, Mapping, Sequence
+from dataclasses import dataclass
 from datetime import datetime
 from typing import Any, ClassVar
 
-from rich.text import Text
+from rich.cells import cell_len, set_cell_size
+from rich.segment import Segment
+from rich.style import Style
 from textual.binding import Binding, BindingType
-from textual.widgets import DataTable
+from textual.events import Click
+from textual.geometry import Size
+from textual.message import Message
+from textual.scroll_view import ScrollView
+from textual.strip import Strip
 
 from tovarincore._transport.masker import mask
 from tovarincore.cloud_def import NodeState
@@ -29,19 +36,50 @@ _STYLES = {
 }
 
 
-class NodeTable(DataTable[Text]):
-    """All nodes that are shown, one a line; only what changed is drawn."""
+class NodeTable(ScrollView, can_focus=True):
+    """All nodes that are shown, one a line below the titles; the cursor is a line.
 
+    What a line shows is worked out when it is drawn: 1,000 nodes cost no more than those on the screen.
+    """
+
+    COMPONENT_CLASSES: ClassVar[set[str]] = {"titles", "cursor"}
+    DEFAULT_CSS = """
+    NodeTable {
+        background: $surface;
+        color: $foreground;
+        overflow-x: hidden;
+        &:focus { background-tint: $foreground 5%; }
+        & > .titles { background: $panel; color: $foreground; text-style: bold; }
+        &:focus > .titles { background-tint: $foreground 5%; }
+        &:ansi > .titles { background: ansi_bright_blue; color: ansi_default; }
+        & > .cursor {
+            background: $block-cursor-background;
+            color: $block-cursor-foreground;
+            text-style: $block-cursor-text-style;
+        }
+    }
+    """
     BINDINGS: ClassVar[list[BindingType]] = [
-        Binding("home", "scroll_top", show=False),
-        Binding("end", "scroll_bottom", show=False),
+        Binding("up", "move(-1)", show=False),
+        Binding("down", "move(1)", show=False),
+        Binding("pageup", "page(-1)", show=False),
+        Binding("pagedown", "page(1)", show=False),
+        Binding("home", "to_start", show=False),
+        Binding("end", "to_end", show=False),
     ]
 
+    @dataclass
+    class Chosen(Message):
+        """The node under the cursor was clicked at."""
+
     def __init__(self) -> None:
-        super().__init__(cursor_type="row", zebra_stripes=False, cell_padding=1)
+        super().__init__()
+        self._rows: Sequence[Row] = ()
         self._widths: dict[str, int] = {}
-        self._order: list[Key] = []
-        self._drawn: dict[Key, tuple[str, ...]] = {}
+        self._marked: Container[Key] = ()
+        self._now = datetime.min
+        self._drawn: dict[int, tuple[str, ...]] = {}
+        self.cursor_row = 0
 
     def show(
         self, rows: Sequence[Row], width: int, now: datetime, marked: Container[Key], several: bool
@@ -54,48 +92,117 @@ class NodeTable(DataTable[Text]):
         :param marked: the rows that bear a mark
         :param several: there is more than one region
         """
-        widths = _widths(width, several)
-        texts = {row.key: _cells(row, widths, now, row.key in marked) for row in rows}
-        order = list(texts)
-        if widths != self._widths or order != self._order:
-            self._show_all(rows, texts, widths)
-        else:
-            self._show_changes(rows, texts)
-        self._order, self._drawn = order, texts
+        current, widths = self.current, _widths(width, several)
+        is_resized = len(rows) != len(self._rows) or widths != self._widths
+        self._rows, self._widths, self._now, self._marked = rows, widths, now, marked
+        # The cursor stays on its node; where that is gone, on its line.
+        if self.current != current:
+            lines = (line for line, row in enumerate(rows) if row.key == current)
+            self.cursor_row = next(lines, max(0, min(self.cursor_row, len(rows) - 1)))
+        if is_resized:
+            self.virtual_size = Size(width, len(rows) + 1)
+            self._see_cursor()
+            self.refresh()
+            return
+        for line in self._lines():
+            if self._drawn.get(line) != self._texts(line):
+                self.refresh_line(line + 1)
+
+    @property
+    def row_count(self) -> int:
+        """How many nodes are shown."""
+        return len(self._rows)
 
     @property
     def current(self) -> Key | None:
         """The row under the cursor."""
-        return self._order[self.cursor_row] if self.cursor_row < len(self._order) else None
+        return self._rows[self.cursor_row].key if self.cursor_row < len(self._rows) else None
 
-    def _show_all(
-        self, rows: Sequence[Row], texts: Mapping[Key, tuple[str, ...]], widths: dict[str, int]
-    ) -> None:
-        current, top, row_before = self.current, self.scroll_y, self.cursor_row
-        with self.app.batch_update():
-            self.clear(columns=True)
-            for title, column_width in widths.items():
-                self.add_column(title, width=column_width, key=title)
-            for row in rows:
-                self.add_row(*_styled(row, texts[row.key], widths), key="\n".join(row.key))
-        self._widths = widths
-        order = list(texts)
-        # The cursor stays on its node; where that is gone, on its line.
-        last = len(order) - 1
-        line = order.index(current) if current is not None and current in texts else min(row_before, last)
-        if order:
-            self.move_cursor(row=max(0, line), animate=False, scroll=False)
-            self.scroll_to(y=top, animate=False)
+    def column(self, title: str) -> list[str]:
+        """Return the texts of a column, from top to bottom."""
+        place = list(self._widths).index(title)
+        return [self._texts(line)[place] for line in range(len(self._rows))]
 
-    def _show_changes(self, rows: Sequence[Row], texts: Mapping[Key, tuple[str, ...]]) -> None:
-        for row in rows:
-            before, after = self._drawn[row.key], texts[row.key]
-            if before == after:
-                continue
-            styled = _styled(row, after, self._widths)
-            for title, old, new, text in zip(self._widths, before, after, styled, strict=True):
-                if old != new:
-                    self.update_cell("\n".join(row.key), title, text)
+    def move_cursor(self, line: int) -> None:
+        """Put the cursor on a line, or on the nearest that there is."""
+        before, self.cursor_row = self.cursor_row, max(0, min(line, len(self._rows) - 1))
+        self.refresh_line(before + 1)
+        self.refresh_line(self.cursor_row + 1)
+        self._see_cursor()
+
+    def action_move(self, lines: int) -> None:
+        """Go down so many lines."""
+        self.move_cursor(self.cursor_row + lines)
+
+    def action_page(self, pages: int) -> None:
+        """Go down so many pages."""
+        self.move_cursor(self.cursor_row + pages * max(1, self._height))
+
+    def action_to_start(self) -> None:
+        """Go to the first node."""
+        self.move_cursor(0)
+
+    def action_to_end(self) -> None:
+        """Go to the last node."""
+        self.move_cursor(len(self._rows) - 1)
+
+    def on_resize(self) -> None:
+        """Keep the cursor on the screen."""
+        self._see_cursor()
+
+    def on_click(self, event: Click) -> None:
+        """Go to the line; a click at the cursor chooses its node."""
+        place = event.get_content_offset(self)
+        if place is None or place.y == 0:
+            return
+        line = place.y - 1 + self.scroll_offset.y
+        if line == self.cursor_row:
+            self.post_message(self.Chosen())
+        elif line < len(self._rows):
+            self.move_cursor(line)
+
+    def render_line(self, y: int) -> Strip:
+        """Draw a line of the screen; the first one holds the titles."""
+        line = y - 1 + self.scroll_offset.y
+        if y == 0:
+            style = self.get_component_rich_style("titles")
+            segments = [(_fitting(title, width), style) for title, width in self._widths.items()]
+        elif line < len(self._rows):
+            self._drawn[line] = texts = self._texts(line)
+            # On the cursor's own background a colour would be hard to read.
+            at_cursor = line == self.cursor_row
+            style = self.get_component_rich_style("cursor") if at_cursor else self.rich_style
+            colours = {} if at_cursor else _colours(self._rows[line])
+            segments = [
+                (_fitting(text, width), style + colours[title] if title in colours else style)
+                for text, (title, width) in zip(texts, self._widths.items(), strict=True)
+            ]
+        else:
+            style, segments = self.rich_style, []
+        strip = Strip([Segment(f" {text} ", styled) for text, styled in segments])
+        return strip.adjust_cell_length(self.size.width, style)
+
+    def _texts(self, line: int) -> tuple[str, ...]:
+        row = self._rows[line]
+        return _cells(row, self._widths, self._now, row.key in self._marked)
+
+    @property
+    def _height(self) -> int:
+        return self.size.height - 1
+
+    def _lines(self) -> range:
+        """The lines that are on the screen."""
+        top = self.scroll_offset.y
+        return range(top, min(top + self._height, len(self._rows)))
+
+    def _see_cursor(self) -> None:
+        top, height = self.scroll_offset.y, self._height
+        if height < 1:
+            return  # not laid out yet
+        if self.cursor_row < top:
+            self.scroll_to(y=self.cursor_row, animate=False, force=True)
+        elif self.cursor_row >= top + height:
+            self.scroll_to(y=self.cursor_row - height + 1, animate=False, force=True)
 
 
 def _widths(width: int, several_regions: bool) -> dict[str, int]:
@@ -137,20 +244,14 @@ def _short(region: str) -> str:
     return region
 
 
-def _styled(row: Row, texts: Sequence[str], widths: Mapping[str, int]) -> list[Text]:
-    cells = []
-    for title, text in zip(widths, texts, strict=True):
-        style = ""
-        if title == "STATE":
-            style = "yellow" if row.doing else _STYLES.get(row.node.state, "")
-        elif title == "WORKER":
-            style = "green" if row.node.ready else "red"
-        cells.append(Text(_shortened(printable(mask(text)), widths[title]), style, no_wrap=True))
-    return cells
+def _colours(row: Row) -> dict[str, Style]:
+    state = "yellow" if row.doing else _STYLES.get(row.node.state, "")
+    return {"STATE": Style.parse(state), "WORKER": Style.parse("green" if row.node.ready else "red")}
 
 
-def _shortened(text: str, width: int) -> str:
-    return text if len(text) <= width else text[: width - 1] + "…"
+def _fitting(text: str, width: int) -> str:
+    shown = printable(mask(text))
+    return set_cell_size(shown, width) if cell_len(shown) <= width else set_cell_size(shown, width - 1) + "…"
 
 
 def details(row: Row, now: datetime) -> list[tuple[str, str]]:
