@@ -18,8 +18,9 @@ from dataclasses import dataclass, field
 from typing import Any, Optional
 
 LONGEST_WAIT = 120  # seconds without a sign of life from a child
-# CPython 3.10 ends the process by itself when a MemoryError cannot be made into an object any more.
-GIVEN_UP = "Cannot recover from MemoryErrors"
+# CPython 3.10 and 3.11 end the process by themselves when a MemoryError cannot be made an object any more.
+# Where an error is being handled, they make one for another until the stack ends.
+GIVEN_UP = ("Cannot recover from MemoryErrors", "_Py_CheckRecursiveCall: Cannot recover from stack overflow")
 
 
 @dataclass
@@ -44,7 +45,7 @@ def judge_all(
         some = waiting[:batch]
         done, found, death = _in_child(some, judge)
         tally.found += found
-        if death is not None and GIVEN_UP in death:
+        if death is not None and any(words in death for words in GIVEN_UP):
             tally.given_up += 1
         elif death is not None:
             tally.found.append(f"{some[done]}: the process died: {death}")

@@ -37,8 +37,8 @@ for call in calls:
                 _testcapi.set_nomemory(start, stop)
                 try:
                     call()
-                except SystemError:
-                    ended = 1
+                except SystemError as error:
+                    ended = int(str(error) != INTERPRETERS_OWN)
                 except (MemoryError, TypeError):
                     pass
                 finally:

@@ -8,11 +8,14 @@ import pytest
 
 from tests.conftest import Child
 from tests.interpreter.test_crashes import PROLOGUE
+from tests.twin import cloud_node as twin
 
 pytest.importorskip("_testcapi", reason="this CPython has no _testcapi, which makes allocations fail")
 
 PROGRAM = """
 import _testcapi
+from tests.differential.hostile.allocations import spare_code
+spare = spare_code()
 def depth(level=0):
     try:
         return depth(level + 1)
@@ -41,12 +44,14 @@ def failing(operation, start, lasting):
         operation()
     except (MemoryError, TypeError, RuntimeError):  # CPython's own: "can't allocate lock"
         pass
+    except SystemError as error:
+        assert str(error) == INTERPRETERS_OWN, error
     finally:
         _testcapi.remove_mem_hooks()
 
 before = depth()
 for start in range(160):
-    for lasting in (False, True):
+    for lasting in LASTING:
         failing(OPERATION, start, lasting)
     assert not manager._NodeManager__node_list_lock.locked()
 assert depth() == before, (depth(), before)
@@ -54,6 +59,7 @@ print("as it should be")
 """
 OPERATIONS = {
     "a copy": "manager.get_node_list",
+    "a copy into the registry": "lambda: manager.set_node(record())",
     "a lock that is free": "lambda: manager.find_node_by_uuid('nobody')",
     "a call that lacks an argument": "lambda: manager.find_node_by_uuid()",
     "a lock of another kind": (
@@ -69,5 +75,10 @@ def test_no_level_is_lost_when_an_allocation_fails_in(
 ) -> None:
     """Each allocation in turn, alone and with all behind it."""
     prologue = PROLOGUE.replace("PACKAGE", cloud_node.__name__.rpartition(".")[0])
-    child = run_child(prologue + PROGRAM.replace("OPERATION", operation))
+    lasting = "(False, True)"
+    if cloud_node is twin and "set_node" in operation:
+        # CPython ends the process: `copy.deepcopy` uses up the MemoryErrors that are kept for such times, or
+        # finds freed memory from 3.12 on; without this project, too.
+        lasting = "(False,)"
+    child = run_child(f"LASTING = {lasting}\n" + prologue + PROGRAM.replace("OPERATION", operation))
     assert (child.returncode, child.stdout) == (0, "as it should be\n"), child.stderr[-3000:]

@@ -59,7 +59,8 @@ class LogLevels:
     """What was changed in :mod:`logging`, so that it is changed once and can be taken back."""
 
     def __init__(self) -> None:
-        self._lock = threading.Lock()
+        # Entered again by a finaliser that makes a manager while this one's loggers are being set up.
+        self._lock = threading.RLock()
         self._own_level = logging.NOTSET
         self._own_handler: logging.Handler | None = None
         self._held: dict[str, _HeldLevel] = {}
@@ -75,7 +76,8 @@ class LogLevels:
         for masked in (logger, logging.getLogger("CloudManager")):
             # Adding it twice does nothing.
             masked.addFilter(_masking)
-        with self._lock:
+        self._lock.acquire()
+        try:
             if logger.level in (logging.NOTSET, self._own_level):
                 logger.setLevel(level)
                 self._own_level = logger.level
@@ -84,6 +86,8 @@ class LogLevels:
                 self._release()
             else:
                 self._hold()
+        finally:
+            self._lock.release()  # the end of a `with` would need memory
         return logger
 
     def _set_handler(self, logger: logging.Logger, handler: str) -> None:
@@ -120,7 +124,7 @@ class LogLevels:
         self._held[name] = _HeldLevel(before, wanted)
 
     def _release(self) -> None:
-        for name, held in self._held.items():
+        for name, held in list(self._held.items()):
             logger = logging.getLogger(name)
             if logger.level == held.given:
                 logger.setLevel(held.before)

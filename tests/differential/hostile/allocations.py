@@ -66,9 +66,12 @@ def fail_interpreter(start: int, stop: int) -> None:
         _testcapi.set_nomemory(start, stop)
 
 
+# A call of Python code would need memory itself.
+give_memory_back = _testcapi.remove_mem_hooks if _testcapi is not None else int
+
+
 def fail_none() -> None:
-    if _testcapi is not None:
-        _testcapi.remove_mem_hooks()
+    give_memory_back()
     if _fail_cpp is not None:
         _fail_cpp(-1, 0)
 

@@ -91,7 +91,8 @@ def _run(module: Any, case: HostileCase) -> Seen:
     for each in world.lists():
         each.clear()
     gc.collect()
-    seen.events, world.events = world.events, []  # whatever dies later is no part of it
+    # Whatever dies later is no part of it, and does nothing to the programs behind it.
+    seen.events, world.events, world.deeds_left = world.events, [], 0
     return seen
 
 
@@ -130,11 +131,15 @@ def difference(extension: Any, twin: Any, case: HostileCase) -> Optional[str]:
     if not KINDS[case.kind].exact:
         return None
     plain = run(twin, case)
-    for _ in range(KINDS[case.kind].tries):
-        if ours.events == plain.events:
+    all_ours, all_plain = [ours.events], [plain.events]
+    for tries_left in reversed(range(KINDS[case.kind].tries + 1)):
+        if any(events in all_plain for events in all_ours):
             return None
-        move_in_the_type_cache()
-        ours, plain = run(extension, case), run(twin, case)
+        if tries_left:
+            move_in_the_type_cache()
+            ours, plain = run(extension, case), run(twin, case)
+            all_ours.append(ours.events)
+            all_plain.append(plain.events)
     for number, (a, b) in enumerate(zip_longest(ours.events, plain.events)):
         if a != b:
             before = "\n".join(
@@ -148,7 +153,7 @@ def difference(extension: Any, twin: Any, case: HostileCase) -> Optional[str]:
 
 def move_in_the_type_cache() -> None:
     """Gives the classes that are made next other places in the interpreter's cache of attributes of types."""
-    for number in range(7):
+    for number in range(random.randrange(1, 500)):
         type(f"Passing{number}", (), {}).__dict__.get("nothing")
 
 
