@@ -6,6 +6,7 @@ import fcntl
 import os
 import re
 import stat
+import threading
 import time
 from collections.abc import Iterator
 from pathlib import Path
@@ -80,13 +81,15 @@ def _sync_folder(folder: Path) -> None:
 
 
 @contextlib.contextmanager
-def locked(path: Path) -> Iterator[None]:
+def locked(path: Path, stop: threading.Event | None = None) -> Iterator[None]:
     """Hold the lock of a file for reading, changing and writing it, among threads and processes.
 
     A missing folder is made, for its owner alone. The lock is a file beside the one that it protects, since
     that one is replaced; it stays there. What a killed writer left behind is removed.
 
-    :raises ConfigError: the lock cannot be acquired within ten seconds, its file cannot be made or is not the
+    :param path: the file
+    :param stop: wait for the lock as long as it takes, until this is set; ``None`` waits ten seconds
+    :raises ConfigError: the lock cannot be acquired in that time, its file cannot be made or is not the
         user's own, or others could replace the file
     """
     target = Path(os.path.realpath(path))
@@ -102,7 +105,7 @@ def locked(path: Path) -> Iterator[None]:
         raise ConfigError(f"{lock_path}: cannot be made: {why}") from error
     try:
         _require_own(descriptor, lock_path)
-        _wait_for_lock(descriptor, lock_path)
+        _wait_for_lock(descriptor, lock_path, stop)
         _sweep(target)
         yield
     finally:
@@ -143,7 +146,7 @@ def _sweep(target: Path) -> None:
                     os.unlink(entry)
 
 
-def _wait_for_lock(descriptor: int, lock_path: Path) -> None:
+def _wait_for_lock(descriptor: int, lock_path: Path, stop: threading.Event | None) -> None:
     deadline = time.monotonic() + _LOCK_SECONDS
     while True:
         try:
@@ -152,6 +155,10 @@ def _wait_for_lock(descriptor: int, lock_path: Path) -> None:
         except OSError as error:
             if error.errno not in (errno.EWOULDBLOCK, errno.EACCES):
                 raise ConfigError(f"{lock_path}: cannot be locked: {error.strerror}") from error
+        if stop is not None:
+            if stop.wait(0.1):
+                raise ConfigError(f"{lock_path}: another program held it until the wait was stopped")
+            continue
         if time.monotonic() >= deadline:
             raise ConfigError(
                 f"{lock_path}: another program has held it for {_LOCK_SECONDS:.0f} seconds; try again later"

@@ -23,7 +23,7 @@ from tovarincore.fleet.crew import work_through
 from tovarincore.fleet.ledger import Ledger
 from tovarincore.sdk_data import service_descriptions_shared
 
-__all__ = ["LaunchReport", "Place", "launch"]
+__all__ = ["LaunchReport", "Place", "launch", "node_names"]
 
 _GONE = (NodeState.SHUTTING_DOWN, NodeState.TERMINATED)
 
@@ -100,7 +100,8 @@ def launch(
         ``None`` means the name in ``config``, with the number behind it unless ``count`` is 1
     :param fallbacks: what is tried in turn when there is no capacity
     :param at_once: how many launches are under way at the same time
-    :param if_absent: do not launch a node whose name a node of the region or of a fallback's already has
+    :param if_absent: do not launch a node whose name a node of the region or of a fallback's already has;
+        another such launch with the same ledger is waited for
     :param username: user for whom the nodes are tagged; ``None`` means the one that the region's provider has
     :param additional_params: as for the facade's ``launch_node``
     :param startup_script: as for the facade's ``launch_node``
@@ -117,7 +118,7 @@ def launch(
     begin = time.monotonic()
     if count < 0 or at_once < 1:
         raise ValueError(f"count is {count} and at_once {at_once}; allowed are 0 or more, and 1 or more")
-    wanted = _names(config, count, names)
+    wanted = node_names(config, count, names)
     places = [
         Place(place.instance_type or instance_type, place.region or region, place.template)
         for place in (Place(), *fallbacks)
@@ -136,13 +137,16 @@ def launch(
             user = provider.username
         template = place.template or config.instance_template
         sites.append(Site(place.region, place.instance_type, template, {**request, "username": user}))
-    present = _present(manager, [site.region for site in sites], wanted) if if_absent else []
-    there = {node.name for node in present}
     cancel = cancel or threading.Event()
     attempts = Attempts(sites, config, patience or Patience(), ledger, manager, cancel)
+    present: list[CloudNode] = []
     with ExitStack() as stack:
+        if if_absent:
+            stack.enter_context(ledger.in_turn(cancel))
+            present = _present(manager, [site.region for site in sites], wanted)
         if any(site.region.cloud == "AWS" for site in sites):
             stack.enter_context(service_descriptions_shared())
+        there = {node.name for node in present}
         absent = [name for name in wanted if name not in there]
         results = work_through(absent, attempts.launch, at_once, cancel, on_outcome)
     return LaunchReport(
@@ -153,7 +157,11 @@ def launch(
     )
 
 
-def _names(config: CloudInstanceConfig, count: int, pattern: str | None) -> list[str]:
+def node_names(config: CloudInstanceConfig, count: int, pattern: str | None) -> list[str]:
+    """Return the names that :func:`launch` gives.
+
+    :raises ValueError: the pattern is none, or a name cannot be used
+    """
     if pattern is None:
         pattern = (config.name or "tovarin-node").replace("{", "{{").replace("}", "}}")
         pattern += "" if count == 1 else "-{}"

@@ -10,7 +10,8 @@ import json
 import os
 import threading
 from collections import Counter
-from collections.abc import Iterable
+from collections.abc import Iterable, Iterator
+from contextlib import contextmanager
 from dataclasses import asdict, dataclass, replace
 from datetime import datetime, timezone
 from pathlib import Path
@@ -94,6 +95,18 @@ class Ledger:
         """
         with locked(self.path):
             self._read()
+
+    @contextmanager
+    def in_turn(self, stop: threading.Event) -> Iterator[None]:
+        """Let launches of what is absent follow each other, among threads and processes of this ledger.
+
+        What one of two that begin together launches would be absent for the other.
+
+        :param stop: once it is set, nobody waits any more
+        :raises ConfigError: the file of the turns cannot be used, or the wait was stopped
+        """
+        with locked(self.path.with_name(f"{self.path.name}.turn"), stop):
+            yield
 
     def intend(self, region: str, uuid: str, name: str, instance_type: str) -> None:
         """Note that a node is about to be asked for.

@@ -11,7 +11,7 @@ from tovarincore.command.errors.failures import CommandFailure, ExitCode
 from tovarincore.command.nodes.inventory import GONE, list_nodes
 from tovarincore.command.output.text import one_line
 
-__all__ = ["choose_name"]
+__all__ = ["choose_name", "taken_names"]
 
 _DEFAULT = "tovarin-node"
 
@@ -29,13 +29,7 @@ def choose_name(invocation: Invocation, access: Access, wanted: str | None, allo
     if access.region.cloud == "local" or allow_same:
         # The one local container has the name of the settings.
         return wanted or _DEFAULT
-    try:
-        taken = {node.name for node in list_nodes(access) if node.state not in GONE}
-    except Exception as error:
-        # A right that launching itself does not need.
-        what = explain(error, access.region).what
-        invocation.note(f"note: whether the name is taken could not be looked up: {what}")
-        taken = set()
+    taken = taken_names(invocation, access)
     if wanted is None:
         return next(name for name in _numbered() if name not in taken)
     if wanted in taken:
@@ -45,6 +39,17 @@ def choose_name(invocation: Invocation, access: Access, wanted: str | None, allo
             ExitCode.USAGE,
         )
     return wanted
+
+
+def taken_names(invocation: Invocation, access: Access) -> set[str]:
+    """Return the names that the user's living nodes have; none, with a note, where they cannot be listed."""
+    try:
+        return {node.name for node in list_nodes(access) if node.state not in GONE}
+    except Exception as error:
+        # A right that launching itself does not need.
+        what = explain(error, access.region).what
+        invocation.note(f"note: whether the name is taken could not be looked up: {what}")
+        return set()
 
 
 def _numbered() -> Iterator[str]:

@@ -109,6 +109,7 @@ def launch(
             count or 1,
             at_once,
             if_absent,
+            same_name,
             [find_type(access, other) for other in other_types],
             wait,
             additional_params=params,
