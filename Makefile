@@ -42,7 +42,7 @@ test-thorough: build-tests ## runs the tests with their long searches, on both c
 	@TOVARIN_THOROUGH=1 $(python) -X dev -W error -m pytest -n auto $(ARGS)
 
 .PHONY: demo
-demo: setup-demo ## works through a node's life on an EC2 endpoint of its own (ARGS=--json, ARGS=--local)
+demo: setup-demo ## works through a node's life on an emulated EC2 (ARGS=--json, ARGS=--local)
 	@scripts/build $(PRESET)
 	@$(python) -m demo $(ARGS)
 

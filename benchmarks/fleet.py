@@ -157,7 +157,7 @@ def _refresh(run: Run, name: str, nodes: Sequence[CloudNode]) -> None:
             pass
 
         def get_cloud_nodes(self) -> tuple[list[CloudNode], OPResult]:
-            """Return records of their own each time, as a provider does."""
+            """Return new records each time, as a provider does."""
             return deepcopy(list(nodes)), OPResult(success=True)
 
     with patch.object(cloud_node, "K8sConsoleClient", Console):

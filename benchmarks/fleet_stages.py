@@ -126,7 +126,7 @@ def _let_run(world: KubeWorld) -> None:
 
 @contextmanager
 def opened(open_stage: Callable[[], Opened]) -> Iterator[tuple[Stage, Connection]]:
-    """Run a stage in a process of its own; gives what to know of it, and the line that tells it to act."""
+    """Run a stage in a separate process; gives what to know of it, and the line that tells it to act."""
     ours, theirs = multiprocessing.Pipe()
     process = multiprocessing.get_context("spawn").Process(target=_serve, args=(open_stage, theirs))
     process.start()

@@ -51,7 +51,7 @@ class Line:
 
 @contextmanager
 def account() -> Iterator[tuple[CloudRegion, AWSCloudAuth, str]]:
-    """An EC2 endpoint in a process of its own; gives region, credentials and the id of an image."""
+    """An EC2 endpoint in a separate process; gives region, credentials and the id of an image."""
     region = CloudRegion(REGION_NAME, "AWS")
     auth = AWSCloudAuth(aws_access_key_id=ACCESS_KEY_ID, aws_secret_access_key=SECRET_ACCESS_KEY)
     ours, theirs = multiprocessing.Pipe()

@@ -28,7 +28,7 @@ def share_service_descriptions() -> None:
 
     Off until a program calls it. It puts a subclass in the place of ``boto3.Session``, which every provider
     operation looks up when it makes its session; the subclass differs in one thing, the component
-    ``data_loader`` of a session that was given none of its own. Sessions, clients and credentials stay as
+    ``data_loader`` of a session that has none. Sessions, clients and credentials stay as
     fresh as before: profiles, environment and configuration files are read by each session. A session that
     is given a ``botocore_session`` is left as it is.
 

@@ -15,9 +15,10 @@ from tests.conftest import ROOT
 from tests.differential.hostile import allocations
 from tests.differential.hostile.kinds import KINDS
 from tests.differential.hostile.programs import HostileCase, difference
+from tests.thorough import sized
 from tests.twin import cloud_node as twin
 
-PROGRAMS = 1600
+PROGRAMS = sized(500, 1600)
 
 
 def test_a_short_search_finds_nothing() -> None:

@@ -20,7 +20,7 @@ REGION = "AWS:us-east-1"
 
 @pytest.fixture(autouse=True)
 def folder(tmp_path: Path) -> Iterator[Path]:
-    """The folder of a configuration of the test's own."""
+    """The folder of a configuration for this test alone."""
     with settings_of(tmp_path, {}):
         yield tmp_path
 

@@ -248,7 +248,7 @@ def test_recursion_without_end_is_caught_as_any_failure_and_leaves_the_lock_free
     """A provider whose listing refreshes again ends in an error result, wherever the limit is met."""
     package = cloud_node.__name__.rpartition(".")[0]
     child = run_child(f"from {package} import cloud_node\n" + RECURSION.format(listing=listing))
-    # What the import system says of its own callbacks at the limit is not ours: standard error may hold it.
+    # What the import system says about its callbacks at the limit is not ours: standard error may hold it.
     assert child.returncode == 0, child.stderr
 
 

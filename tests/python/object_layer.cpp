@@ -1,4 +1,4 @@
-// The object layer as a Python module of its own, so that its verbs are tested without the node managers.
+// The object layer as a separate Python module, so that its verbs are tested without the node managers.
 #include "object_layer.h"
 
 #include <vector>

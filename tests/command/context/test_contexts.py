@@ -1,4 +1,4 @@
-"""Named contexts: several accounts, each with a store and a ledger of its own."""
+"""Named contexts: several accounts, each with a separate store and ledger."""
 
 from __future__ import annotations
 

@@ -24,7 +24,7 @@ def test_a_profile_is_stored_with_the_user_name(run: Run, no_account: Path) -> N
     """A named profile needs no secret."""
     result = run("configure", "us-east-1", "--user-name", "ada", "--profile", "work")
     assert result.exit_code == 0, result.output
-    assert result.stdout == "AWS:us-east-1: user name ada; profile work; no worker token of its own\n"
+    assert result.stdout == "AWS:us-east-1: user name ada; profile work; no worker token stored\n"
     assert stored() == CloudConf(AWSCloudAuth(aws_profile="work"), "ada")
 
 

@@ -56,7 +56,7 @@ Object Handle::get(Name name, CallSite site) const
     return look_up(name, site);
 }
 
-// Apart from get(), which so needs no stack of its own.
+// Apart from get(), which therefore needs no stack frame.
 [[gnu::noinline]] Object Handle::look_up(Name name, CallSite site) const
 {
     if (PyObject* value = fast::found_attribute(name.memory(), name.ptr(), pointer_))

@@ -1,4 +1,4 @@
-"""Named contexts: each has a credential store and a ledger of its own, for somebody with several accounts."""
+"""Named contexts: each has a separate credential store and ledger, for somebody with several accounts."""
 
 from __future__ import annotations
 

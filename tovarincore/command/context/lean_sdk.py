@@ -34,7 +34,7 @@ _FORM = 1
 _BUILT_IN = Path(botocore.__file__).parent / "data"
 _KEPT_MODELS = {"service-2", "endpoint-rule-set-1"}
 _ENDPOINTS = "endpoints"
-# What a user may have put into a folder of his own, in place of the SDK's.
+# What a user may have put into another folder, in place of the SDK's.
 _OTHERS = ("endpoints.json*", "ec2/*/service-2*", "ec2/*/endpoint-rule-set-1*")
 
 

@@ -110,7 +110,7 @@ def unset(invocation: Invocation, key: str) -> None:
 @config.command(cls=ListCommand, examples=("config contexts",))
 @pass_invocation
 def contexts(invocation: Invocation) -> None:
-    """List the named contexts, each with credentials and a ledger of its own.
+    """List the named contexts, each with separate credentials and a separate ledger.
 
     Storing credentials with --context NAME makes one. --context NAME uses it for one command, the setting
     [command] context for all; without either the store beside the settings is used.

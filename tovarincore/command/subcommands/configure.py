@@ -123,7 +123,7 @@ def _show(invocation: Invocation, region: CloudRegion, conf: CloudConf | None) -
         if conf is None:
             invocation.say(f"Nothing is stored for {region.key}.")
             return
-        token = "worker token stored" if conf.worker_token else "no worker token of its own"
+        token = "worker token stored" if conf.worker_token else "no worker token stored"
         invocation.say(f"{region.key}: user name {conf.user_name or '-'}; {_credentials_text(conf)}; {token}")
 
     invocation.emit("credentials", document, draw)

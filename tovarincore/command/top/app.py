@@ -42,7 +42,7 @@ class TopApp(App[None]):
     """All nodes of some regions on the full screen.
 
     Nothing that waits for a provider or a worker runs in the thread that draws: looks and changes have
-    threads of their own, and hand over what they found.
+    separate threads, and hand over what they found.
 
     :param lookout: looks at the regions
     :param every: seconds between the beginnings of two looks

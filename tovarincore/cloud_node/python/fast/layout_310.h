@@ -42,7 +42,7 @@ inline PyObject** dict_slot(PyObject* instance)
 // The instance's dictionary, where one was made; borrowed or null. For classes with a managed __dict__.
 inline PyObject* dict_of(PyObject* instance) { return *dict_slot(instance); }
 
-// A key-sharing dictionary: values of its own, in the order of a key table that the instances of a class share. The
+// A key-sharing dictionary: its values, in the order of a key table that the instances of a class share. The
 // table only ever grows, and the dictionary uses its first PyDict_GET_SIZE() keys.
 struct SharedValues {
     PyObject* dict = nullptr; // null: the attributes are kept in another way

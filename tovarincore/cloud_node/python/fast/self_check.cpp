@@ -24,7 +24,7 @@ bool shares_keys_as_compiled(Handle sample)
     return layout::value_in_table(sample.ptr(), shared.table(), 1) == Py_True;
 }
 
-// Another one has a dictionary of its own.
+// Another one has a separate dictionary.
 bool has_dict_as_compiled(Handle sample)
 {
     Object own = dict({{"sample"_s, none()}, {"other"_s, true_()}});
