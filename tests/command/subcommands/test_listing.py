@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import json
 import re
 from collections.abc import Callable
 from typing import Any
@@ -110,3 +111,20 @@ def test_an_unknown_type_leads_to_the_doctor(run: Run, ec2: Ec2World) -> None:
     assert result.exit_code == 4
     assert "a type that is not in the list of instance types" in result.stderr
     assert "tovarin-nodes doctor us-east-1 names the type" in result.stderr
+
+
+def test_a_region_that_fails_is_told_once(run: Run, run_json: Callable[..., Any], ec2: Ec2World) -> None:
+    """By its name; nodes of the others are listed, and nobody says that there are none."""
+    ec2.run_instance("cold-1")
+    result = run("list", "-r", "us-east-1", "-r", "eu-west-1", "--no-probe")
+    assert result.exit_code == 4 and "cold-1" in result.stdout
+    assert result.stderr.splitlines()[0].startswith("error: AWS:eu-west-1: no credentials are stored")
+    assert result.stderr.count("no credentials") == 1
+    both = run("list", "-r", "eu-west-1", "-r", "eu-west-2")
+    assert both.stdout == ""
+    assert [line.split(": no")[0] for line in both.stderr.splitlines()[:2]] == [
+        "AWS:eu-west-2",
+        "error: AWS:eu-west-1",
+    ]
+    document = json.loads(run("list", "-r", "us-east-1", "-r", "eu-west-1", "--no-probe", "--json").stdout)
+    assert [note.split(": ")[0] for note in document["notes"]] == ["AWS:eu-west-1"]

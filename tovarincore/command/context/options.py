@@ -12,6 +12,7 @@ import click
 
 from tovarincore.command.context.completing import complete_contexts
 from tovarincore.command.context.invocation import FORMS, Invocation
+from tovarincore.command.context.numbers import Number
 from tovarincore.command.errors.failures import TimeIsUp
 
 if TYPE_CHECKING:
@@ -101,7 +102,7 @@ class NodesCommand(click.Command):
             self.params.append(
                 click.Option(
                     ["--timeout", "limit"],
-                    type=click.FloatRange(0, _LONGEST_SECONDS, min_open=True),
+                    type=Number(0, _LONGEST_SECONDS, min_open=True),
                     expose_value=False,
                     callback=_keep_limit,
                     metavar="SECONDS",

@@ -25,7 +25,8 @@ def in_every_region(
     """Collect what is found in each region, in the order of the regions.
 
     :param look: what is done in a region
-    :return: all that was found, and the first failure; each failure of several regions is told as a note
+    :return: all that was found, and the first failure, which names its region; the others are told as notes,
+        in a document all of them
     :raises CommandFailure: there is one region alone, and it fails
     """
     if len(regions) == 1:
@@ -43,8 +44,11 @@ def in_every_region(
     with ThreadPoolExecutor(min(len(regions), _REGIONS_AT_ONCE)) as executor:
         for region, outcome in zip(regions, executor.map(look_at, places), strict=True):
             if isinstance(outcome, CommandFailure):
-                first = first or outcome
-                invocation.note(f"{region.key}: {outcome.what}")
+                if first is not None or invocation.structured:
+                    invocation.note(f"{region.key}: {outcome.what}")
+                if first is None:
+                    outcome.what = f"{region.key}: {outcome.what}"
+                    first = outcome
             else:
                 found += outcome
     return found, first

@@ -11,6 +11,7 @@ import click
 from tovarincore.cloud_def import CloudNode, NodeState
 from tovarincore.command.context.access import Access
 from tovarincore.command.context.invocation import Invocation
+from tovarincore.command.context.numbers import WholeNumber
 from tovarincore.command.errors.advice import command_for
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
 from tovarincore.command.nodes.activity import LONGEST_GAP, idle_since, note_activity
@@ -34,7 +35,7 @@ _OPTIONS = (
     click.option("--dry-run", is_flag=True, help="Only list what would be done."),
     click.option(
         "--at-once",
-        type=click.IntRange(1, 64),
+        type=WholeNumber(1, 64),
         default=16,
         show_default=True,
         help="Most requests at the same time.",

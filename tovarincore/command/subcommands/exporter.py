@@ -7,6 +7,7 @@ import click
 
 from tovarincore.cloud_def import CloudRegion
 from tovarincore.command.context.invocation import Invocation, pass_invocation
+from tovarincore.command.context.numbers import Number, WholeNumber
 from tovarincore.command.context.options import NodesCommand
 from tovarincore.command.context.regions import all_regions_argument
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
@@ -29,12 +30,12 @@ _OVERDUE_ROUNDS = 3
 )
 @click.option(
     "--every",
-    type=click.FloatRange(5, 3600),
+    type=Number(5, 3600),
     default=30.0,
     show_default=True,
     help="Seconds between the beginnings of two refreshes.",
 )
-@click.option("--count", type=click.IntRange(1), help="Stop after this many refreshes.")
+@click.option("--count", type=WholeNumber(1), help="Stop after this many refreshes.")
 @pass_invocation
 def exporter(
     invocation: Invocation, regions: list[CloudRegion], listen: str, every: float, count: int | None

@@ -4,6 +4,7 @@ import click
 
 from tovarincore.cloud_def import CloudRegion
 from tovarincore.command.context.invocation import Invocation, pass_invocation
+from tovarincore.command.context.numbers import WholeNumber
 from tovarincore.command.context.options import ListCommand, view_of
 from tovarincore.command.context.regions import region_and
 from tovarincore.command.errors.advice import command_for
@@ -26,7 +27,7 @@ _COLUMNS = (
 
 @click.command(cls=ListCommand, examples=("history", "history us-east-1 --filter outcome=open"))
 @region_and(optional=True, profile=False)
-@click.option("--count", type=click.IntRange(1), help="Only the last ones.")
+@click.option("--count", type=WholeNumber(1), help="Only the last ones.")
 @pass_invocation
 def history(invocation: Invocation, region: CloudRegion | None, count: int | None) -> None:
     """List what was launched from this machine, oldest first, from the ledger launches.jsonl.

@@ -19,6 +19,7 @@ from tovarincore.cloud_def import (
 )
 from tovarincore.command.context.access import Access
 from tovarincore.command.context.completing import complete_images, complete_types
+from tovarincore.command.context.numbers import WholeNumber
 from tovarincore.command.errors.advice import command_for
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
 from tovarincore.command.nodes.images import list_templates
@@ -55,7 +56,7 @@ _OPTIONS = (
         help="Amazon: the default image of this plan, when no --template is given.  [default: cpu-a]",
     ),
     click.option(
-        "--disk", type=click.IntRange(1, 16384), default=20, show_default=True, help="Root volume in GiB."
+        "--disk", type=WholeNumber(1, 16384), default=20, show_default=True, help="Root volume in GiB."
     ),
     click.option(
         "--key-pair", default="tovarin-key", show_default=True, help="Amazon: key pair put on the instance."

@@ -10,6 +10,7 @@ from tovarincore.cloud_def import CloudNode, CloudRegion
 from tovarincore.cloud_node import cloud_manager_glbl
 from tovarincore.command.context.access import Access, open_region
 from tovarincore.command.context.invocation import Invocation, pass_invocation
+from tovarincore.command.context.numbers import WholeNumber
 from tovarincore.command.context.options import NodesCommand
 from tovarincore.command.context.regions import region_and
 from tovarincore.command.errors.advice import command_for
@@ -56,10 +57,10 @@ _logger = logging.getLogger("tovarincore.command")
     metavar="JSON",
     help="Kubernetes: JSON object, as tovarin-nodes help kubernetes describes it.",
 )
-@click.option("--count", type=click.IntRange(1, 1000), help="So many, with {} in the name for the number.")
+@click.option("--count", type=WholeNumber(1, 1000), help="So many, with {} in the name for the number.")
 @click.option(
     "--at-once",
-    type=click.IntRange(1, 64),
+    type=WholeNumber(1, 64),
     default=8,
     show_default=True,
     help="Of several, how many launches are under way at the same time.",

@@ -49,6 +49,9 @@ def list_command(
         probes = probe_nodes(shown)
         note_if_possible(shown)
     hidden = len(nodes) - len(shown)
+    if failure is not None and not nodes and not invocation.structured:
+        # That there are none is not known.
+        raise failure
     invocation.emit_list(
         node_listing(regions),
         [node_document(node, probes.get(node.instance_id)) for node in shown],

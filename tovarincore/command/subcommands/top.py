@@ -6,6 +6,7 @@ import click
 
 from tovarincore.cloud_def import CloudRegion
 from tovarincore.command.context.invocation import Invocation, pass_invocation
+from tovarincore.command.context.numbers import Number
 from tovarincore.command.context.options import NodesCommand
 from tovarincore.command.context.regions import all_regions_argument
 from tovarincore.command.errors.failures import CommandFailure, ExitCode
@@ -19,7 +20,7 @@ __all__ = ["top"]
 @all_regions_argument
 @click.option(
     "--every",
-    type=click.FloatRange(5, 3600),
+    type=Number(5, 3600),
     default=10.0,
     show_default=True,
     help="Seconds between the beginnings of two refreshes.",

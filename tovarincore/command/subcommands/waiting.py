@@ -11,6 +11,7 @@ from tovarincore._transport.masker import mask
 from tovarincore.cloud_def import CloudRegion
 from tovarincore.command.context.access import open_region
 from tovarincore.command.context.invocation import Invocation, pass_invocation
+from tovarincore.command.context.numbers import Number, WholeNumber
 from tovarincore.command.context.options import ListCommand, NodesCommand, view_of
 from tovarincore.command.context.regions import region_and, regions_argument
 from tovarincore.command.errors.explain import explain
@@ -54,7 +55,7 @@ _MAY_PASS = (ExitCode.UNREACHABLE, ExitCode.BUSY)
 )
 @click.option(
     "--timeout",
-    type=click.FloatRange(0, 86400),
+    type=Number(0, 86400),
     default=DEFAULT_WAIT_SECONDS,
     show_default=True,
     help="Longest time in seconds.",
@@ -78,12 +79,12 @@ def wait(
 @regions_argument
 @click.option(
     "--every",
-    type=click.FloatRange(0, 86400),
+    type=Number(0, 86400),
     default=10.0,
     show_default=True,
     help=f"Seconds between two refreshes, at least {FLOOR_SECONDS:g}.",
 )
-@click.option("--count", type=click.IntRange(1), help="Stop after this many refreshes.")
+@click.option("--count", type=WholeNumber(1), help="Stop after this many refreshes.")
 @click.option("--all", "everything", is_flag=True, help="Also nodes that are terminated or shutting down.")
 @pass_invocation
 def watch(
@@ -148,6 +149,8 @@ class _Display:
         nodes, failure = in_every_region(self._invocation, self._regions, list_nodes)
         if failure is not None and not nodes:
             raise failure
+        if failure is not None and not self._invocation.structured:
+            self._invocation.note(failure.what)
         nodes = [node for node in nodes if self._everything or node.state not in GONE]
         probes = probe_nodes(nodes)
         note_if_possible(nodes)
