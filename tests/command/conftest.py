@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import functools
 import json
 import os
 import subprocess
@@ -20,6 +21,7 @@ from stage.settings import settings_of
 from tests.conftest import ROOT
 from tovarincore._config_files.toml_file import read_toml
 from tovarincore.command.app import cli
+from tovarincore.command.context import lean_sdk
 from tovarincore.core_conf import core_conf_glbl
 
 # Named here, pytest finds them in this folder too.
@@ -27,6 +29,14 @@ __all__ = ["ec2", "ec2_endpoint", "healthy_worker", "sdk_data_read_once"]
 
 SCHEMA = json.loads((ROOT / "docs" / "command.schema.json").read_bytes())
 Run = Callable[..., click.testing.Result]
+
+
+@pytest.fixture(scope="session", autouse=True)
+def lean_data_made_once() -> Iterator[None]:
+    """Each test has another cache, for which the command would read all of the SDK's data again."""
+    with pytest.MonkeyPatch.context() as patched:
+        patched.setattr(lean_sdk, "_make", functools.cache(lean_sdk._make))
+        yield
 
 
 @pytest.fixture

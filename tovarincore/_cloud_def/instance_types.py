@@ -1,5 +1,6 @@
 """Instance types, and the list of those that are known."""
 
+import functools
 from dataclasses import dataclass
 from datetime import date
 from pathlib import Path
@@ -132,13 +133,19 @@ def _files() -> list[_TypesFile]:
 
 
 def _read_files() -> list[_TypesFile]:
-    files = [_TypesFile(parse_toml(_SHIPPED_FILE.read_bytes(), _SHIPPED_FILE), _SHIPPED_FILE)]
+    files = [_TypesFile(dict(_shipped_tables(_SHIPPED_FILE)), _SHIPPED_FILE)]
     path = CloudInstances.get_user_file()
     if core_conf_glbl.cloud__instance_types_file:
         files.append(_TypesFile(read_named_toml(path, "[cloud] instance_types_file"), path))
     elif (tables := read_toml(path)) is not None:
         files.append(_TypesFile(tables, path))
     return files
+
+
+@functools.lru_cache(maxsize=1)
+def _shipped_tables(path: Path) -> dict[str, Any]:
+    # Settings change, and are then read again; what is shipped stays.
+    return parse_toml(path.read_bytes(), path)
 
 
 def _read_instance_types() -> list[CloudInstanceTypeDef]:
