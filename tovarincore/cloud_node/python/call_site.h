@@ -11,8 +11,6 @@ struct CallSite {
     const char* file;
     std::int64_t line;
 
-    constexpr CallSite(const char* file, std::int64_t line) : file(file), line(line) {}
-
     static constexpr CallSite here(const char* file = __builtin_FILE(), std::int64_t line = __builtin_LINE())
     {
         return {file, line};
