@@ -55,28 +55,28 @@ def interrupted(operation, rounds):
 ROUNDS = 40
 MISSED = 2  # at most, of so many: an interrupt may also come in the very moment of the release
 
-PROGRAMS = {
-    "a copy, under a lock written in Python": """
-manager._NodeManager__node_list = [node(f"i-{number}") for number in range(5000)]
+# Puts another lock in place for each turn, and counts those that were left held.
+WITH_A_LOCK = """
 held = 0
 def prepare():
     global held
     lock = manager.__dict__.get("_NodeManager__node_list_lock")
     held += isinstance(lock, WrittenInPython) and lock.inner.locked()
     manager._NodeManager__node_list_lock = WrittenInPython()
+"""
+
+PROGRAMS = {
+    "a copy, under a lock written in Python": WITH_A_LOCK
+    + """
+manager._NodeManager__node_list = [node(f"i-{number}") for number in range(5000)]
 prepare()
 assert interrupted(manager.get_node_list, ROUNDS) == ROUNDS
 prepare()
 assert held <= MISSED, held
 """,
-    "a walk, under a lock written in Python": """
+    "a walk, under a lock written in Python": WITH_A_LOCK
+    + """
 manager._NodeManager__node_list = [node(f"i-{number % 10}") for number in range(40_000)]
-held = 0
-def prepare():
-    global held
-    lock = manager.__dict__.get("_NodeManager__node_list_lock")
-    held += isinstance(lock, WrittenInPython) and lock.inner.locked()
-    manager._NodeManager__node_list_lock = WrittenInPython()
 prepare()
 assert interrupted(lambda: manager.find_node_by_uuid("nobody's"), ROUNDS) == ROUNDS
 prepare()

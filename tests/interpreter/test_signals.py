@@ -1,8 +1,5 @@
 """Ctrl-C, by a real signal, while the main thread stands inside a method."""
 
-import subprocess
-import sys
-
 import pytest
 
 PROLOGUE = """
@@ -75,13 +72,7 @@ else:
 
 
 @pytest.mark.parametrize("body", BODIES.values(), ids=BODIES.keys())
-def test_an_interrupt_reaches(body):
+def test_an_interrupt_reaches(run_child, body):
     """Promptly, and with every lock free afterwards."""
-    child = subprocess.run(
-        [sys.executable, "-c", PROLOGUE + body + EPILOGUE],
-        capture_output=True,
-        text=True,
-        timeout=60,
-        check=False,
-    )
+    child = run_child(PROLOGUE + body + EPILOGUE)
     assert (child.returncode, child.stdout, child.stderr) == (0, "as it should be\n", "")

@@ -5,9 +5,6 @@ lock back. Each child process keeps the interpreter in its last phase long enoug
 that to happen, and must end with status 0.
 """
 
-import subprocess
-import sys
-
 import pytest
 
 PROLOGUE = """
@@ -133,13 +130,7 @@ def body():
 # The sanitizer takes the frames of a thread that was unwound from outside for frames still in use.
 @pytest.mark.no_sanitizer
 @pytest.mark.parametrize("body", BODIES.values(), ids=BODIES.keys())
-def test_the_interpreter_ends_with_status_0_while_daemon_threads_are(body):
+def test_the_interpreter_ends_with_status_0_while_daemon_threads_are(run_child, body):
     """No abort, no crash, nothing on standard error."""
-    child = subprocess.run(
-        [sys.executable, "-c", PROLOGUE + body + EPILOGUE],
-        capture_output=True,
-        text=True,
-        timeout=60,
-        check=False,
-    )
+    child = run_child(PROLOGUE + body + EPILOGUE)
     assert (child.returncode, child.stderr) == (0, "")
