@@ -50,6 +50,7 @@ def main() -> None:
         action="store_true",
         help="operations on many nodes, one after the other and together, instead",
     )
+    parser.add_argument("--command", action="store_true", help="start-up and commands of operators instead")
     parser.add_argument("--top", action="store_true", help="the full screen with 1,000 nodes instead")
     parser.add_argument("--write", action="store_true", help=f"put the table into {PAGE.relative_to(ROOT)}")
     parser.add_argument("--count-side", choices=["twin", "ours"], help=argparse.SUPPRESS)
@@ -67,6 +68,10 @@ def main() -> None:
         from benchmarks import fleet
 
         name, text = "fleet", fleet.table(options.pattern)
+    elif options.command:
+        from benchmarks import command
+
+        name, text = "command", command.table()
     elif options.top:
         from benchmarks import top
 

@@ -149,7 +149,14 @@ def refresh_live(run: Run) -> None:
     _refresh(run, f"refresh of {len(nodes):,} live workers", nodes)
 
 
-def _refresh(run: Run, name: str, nodes: Sequence[CloudNode]) -> None:
+def refresh_small(run: Run) -> None:
+    """A few nodes whose workers answer at once, again and again: what starting threads for them costs."""
+    for count in (1, 5, 20):
+        nodes = [_running(f"web-{number}", "127.0.0.1") for number in range(count)]
+        _refresh(run, f"50 refreshes of {count} {'node' if count == 1 else 'nodes'}", nodes, 50)
+
+
+def _refresh(run: Run, name: str, nodes: Sequence[CloudNode], times: int = 1) -> None:
     class Console:
         """A cluster whose listing is in memory."""
 
@@ -162,7 +169,7 @@ def _refresh(run: Run, name: str, nodes: Sequence[CloudNode]) -> None:
 
     with patch.object(cloud_node, "K8sConsoleClient", Console):
         listed = Fleet(nodes[0].region)
-        run.measure(name, lambda: listed.refresh(run.together))
+        run.measure(name, lambda: [listed.refresh(run.together) for _ in range(times)][-1])
 
 
 def _running(name: str, address: str) -> CloudNode:
@@ -220,6 +227,7 @@ def pods(run: Run) -> None:
 
 
 BENCHMARKS: list[tuple[Callable[[], Opened], Callable[[Run], None]]] = [
+    (stages.some_silent, refresh_small),
     (stages.some_silent, refresh_silent),
     (stages.live_workers, refresh_live),
     (stages.ec2_account, launch_32),
