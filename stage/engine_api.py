@@ -5,7 +5,7 @@ from __future__ import annotations
 import json
 import tempfile
 from collections.abc import Callable
-from contextlib import ExitStack
+from contextlib import ExitStack, suppress
 from dataclasses import dataclass
 from http.server import BaseHTTPRequestHandler
 from pathlib import Path
@@ -105,4 +105,6 @@ class _Handler(BaseHTTPRequestHandler):
             self.send_header("Api-Version", api.api_version)
         self.send_header("Content-Length", str(len(body)))
         self.end_headers()
-        self.wfile.write(body)
+        # A client whose time is up has gone.
+        with suppress(ConnectionError):
+            self.wfile.write(body)

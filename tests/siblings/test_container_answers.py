@@ -13,6 +13,7 @@ from typing import IO, Any
 import pytest
 
 from stage.engine_api import EngineApi
+from stage.patience import SETUP_SECONDS
 from stage.settings import settings_of
 from tovarincore._container_helper.bounded_client import MOST_ANSWER_BYTES
 from tovarincore.cloud_def import NodeState
@@ -33,7 +34,7 @@ GOOD = {
 def api(tmp_path: Path) -> Iterator[EngineApi]:
     """The endpoint, set as the engine in the configuration."""
     with EngineApi() as api:
-        engine = {"engine_url": api.url, "operation_seconds": 5}
+        engine = {"engine_url": api.url, "operation_seconds": SETUP_SECONDS}
         with settings_of(tmp_path, {"container": engine, "worker": {"token": CANARY}}):
             yield api
 

@@ -193,7 +193,7 @@ def test_a_failed_launch_leaves_nothing_behind(
     """Whether it was done unseen or not: neither pod nor Secret stays, and the caller hears of it in time."""
     kube_api.fault(request_, fault)
     # Long enough for a busy machine to take back what was made in a quarter of it.
-    limit = 3.0 if fault.delay or fault.drip else HANG_SECONDS
+    limit = 6.0 if fault.delay or fault.drip else HANG_SECONDS
     kube.limit(limit)
     with in_time(limit if limit < HANG_SECONDS else 0):
         node, result = kube.launch()

@@ -122,8 +122,11 @@ def run_within(deadline: Deadline, function: Callable[[], T], thread_name: str) 
         thread.start()
     except RuntimeError as error:
         raise Failure(f"cannot start a thread while {deadline.doing}: {error}") from error
-    thread.join(deadline.remaining())
-    if thread.is_alive():
-        thread.left_behind = True
+    try:
+        thread.join(deadline.remaining())
+    finally:
+        # Also when the time is up before the thread is waited for, or the wait is interrupted.
+        thread.left_behind = thread.is_alive()
+    if thread.left_behind:
         raise deadline.expired()
     return call.outcome()
