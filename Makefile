@@ -89,6 +89,10 @@ sanitize: setup ## runs the tests under the address and undefined-behaviour sani
 bench: build ## measures every operation beside plain Python (ARGS=--instructions counts instead)
 	@$(python) -m benchmarks $(ARGS)
 
+.PHONY: bench-all
+bench-all: setup ## measures with each CPython 3.10 to 3.13 on this machine, a column for each (ARGS=--instructions)
+	@scripts/bench_all $(ARGS)
+
 .PHONY: docs
 docs: build ## builds the documentation into docs/_build/html
 	@scripts/docs

@@ -8,6 +8,7 @@ from pathlib import Path
 from benchmarks import (
     changes,
     client_pool,
+    columns,
     fallbacks,
     import_time,
     instructions,
@@ -52,15 +53,22 @@ def main() -> None:
     )
     parser.add_argument("--command", action="store_true", help="start-up and commands of operators instead")
     parser.add_argument("--top", action="store_true", help="the full screen with 1,000 nodes instead")
+    parser.add_argument("--column", metavar="NAME", help="keep the ratios as a column of this name")
+    parser.add_argument(
+        "--columns", action="store_true", help="measure nothing: put the columns that were kept side by side"
+    )
     parser.add_argument("--write", action="store_true", help=f"put the table into {PAGE.relative_to(ROOT)}")
     parser.add_argument("--count-side", choices=["twin", "ours"], help=argparse.SUPPRESS)
     options = parser.parse_args()
     scenarios = chosen(options.pattern)
+    kind = "instructions" if options.instructions else "times"
     if options.count_side:
         instructions.count_one_side(options.count_side, scenarios)
         return
     results: list[tuple[Result, Formatter]] = []
-    if options.launch:
+    if options.columns:
+        name, text = f"{kind} by interpreter", columns.table(kind)
+    elif options.launch:
         from benchmarks import launch
 
         name, text = "launches", launch.table()
@@ -83,16 +91,18 @@ def main() -> None:
         results = [
             (result, report.instructions) for result in instructions.measure(scenarios, options.pattern)
         ]
-        name, text = "instructions", report.table(results, judged=False)
+        name, text = kind, report.table(results, judged=False)
     else:
         measuring.pin_to_one_processor()
         results = [(measuring.measure(scenario), report.seconds) for scenario in scenarios]
         if not options.pattern:
             results += [(result, report.seconds) for result in import_time.measure()]
             results.append((memory.measure(), report.bytes_per_node))
-        name, text = "times", report.table(results)
+        name, text = kind, report.table(results)
         chart = report.chart([result for result, _ in results])
         (CHART if options.write else ROOT / "build" / "performance.svg").write_text(chart)
+    if options.column:
+        columns.keep(kind, options.column, [result for result, _ in results])
     print(text)
     if options.write:
         report.put_between_marks(PAGE, name, text)

@@ -13,6 +13,7 @@ from collections.abc import Sequence
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
+from benchmarks.goals import goal
 from benchmarks.measuring import Result, loops_for, timer
 from benchmarks.scenario import Scenario
 
@@ -70,6 +71,6 @@ def measure(scenarios: Sequence[Scenario], pattern: str) -> list[Result]:
     with ThreadPoolExecutor() as pool:
         twin, ours = pool.map(counted, ("twin", "ours"), (pattern, pattern))
     return [
-        Result(scenario.name, scenario.goal, *counts)
+        Result(scenario.name, goal(scenario.name, scenario.goal), *counts)
         for scenario, *counts in zip(scenarios, twin, ours, strict=True)
     ]

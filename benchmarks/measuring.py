@@ -7,6 +7,7 @@ import time
 import timeit
 from dataclasses import dataclass
 
+from benchmarks.goals import goal
 from benchmarks.scenario import Scenario, module
 
 ROUNDS = 15
@@ -62,4 +63,4 @@ def measure(scenario: Scenario) -> Result:
         for side, made in timers.items():
             made.timeit(1)  # fetches its own data into the caches, where the other side's are
             best[side] = min(best[side], made.timeit(loops[side]) / loops[side])
-    return Result(scenario.name, scenario.goal, best["twin"], best["ours"])
+    return Result(scenario.name, goal(scenario.name, scenario.goal), best["twin"], best["ours"])

@@ -8,6 +8,7 @@ import tracemalloc
 from dataclasses import dataclass
 from typing import Any
 
+from benchmarks.goals import goal
 from benchmarks.measuring import Result
 from benchmarks.scenario import manager, module, nodes
 
@@ -32,7 +33,8 @@ def measure(number: int = 10_000) -> Result:
     peaks = {}
     for side in ("twin", "ours"):
         peaks[side] = peak_bytes(manager(module(side), nodes(number)))[0] / number
-    return Result(f"peak memory of get_node_list, {number:,} nodes", GOAL, peaks["twin"], peaks["ours"])
+    name = f"peak memory of get_node_list, {number:,} nodes"
+    return Result(name, goal(name, GOAL), peaks["twin"], peaks["ours"])
 
 
 @dataclass(frozen=True)
