@@ -13,7 +13,9 @@ def faults(names: list[str]) -> list[str]:
     """Return one line for each thing wrong with the list of files of a wheel."""
     found = []
     package = [
-        PurePosixPath(name) for name in names if ".dist-info/" not in name and not MANUAL.fullmatch(name)
+        PurePosixPath(name)
+        for name in names
+        if not name.endswith("/") and ".dist-info/" not in name and not MANUAL.fullmatch(name)
     ]
     modules = [path for path in package if path.suffix == ".so"]
     if [f"{path.parent}/{path.name.split('.')[0]}" for path in modules] != ["tovarincore/cloud_node"]:

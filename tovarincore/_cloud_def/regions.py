@@ -26,7 +26,7 @@ class CloudRegion:
     @property
     def hash_key(self) -> str:
         """What tells regions apart; regions with the same one share one node manager."""
-        return self.key
+        return f"{self.cloud}:{self.name}"  # not self.key: this is asked for on each way to a provider
 
     def __eq__(self, other: object) -> bool:
         if not isinstance(other, CloudRegion):

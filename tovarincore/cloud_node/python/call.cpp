@@ -24,8 +24,16 @@ Object call_prepared(Handle function, PyObject** values, std::size_t positional,
 
 MethodOfObject Handle::method(Name name, CallSite site) const
 {
-    if (auto [function, takes_self] = fast::found_method(name.memory(), name.ptr(), pointer_); function != nullptr)
-        return {Object(borrow(function)), takes_self ? *this : Handle()};
+    if (PyObject* function = fast::known_method(name.memory(), pointer_)) [[likely]]
+        return {Object(borrow(function)), *this};
+    return look_up_method(name, site);
+}
+
+// Apart from method(), which so needs no stack of its own.
+[[gnu::noinline]] MethodOfObject Handle::look_up_method(Name name, CallSite site) const
+{
+    if (PyObject* function = fast::found_method(name.memory(), name.ptr(), pointer_))
+        return {Object(borrow(function)), *this};
     PyObject* found = nullptr;
     bool takes_self = find_method(pointer_, name.ptr(), &found);
     return {steal(found, site), takes_self ? *this : Handle()};

@@ -30,11 +30,6 @@ PyThreadState* running_thread();
 bool enter_call(PyThreadState* running, const char* where);
 void leave_call(PyThreadState* running);
 
-struct FoundMethod {
-    PyObject* function = nullptr; // borrowed; null: unknown
-    bool takes_self = false;
-};
-
 class MemoryOfName; // what was found under one name of the source; each name has one
 
 // object.name: the value, borrowed; null when unknown. The first is for instances that store it plainly, and is asked
@@ -45,14 +40,14 @@ PyObject* found_attribute(const MemoryOfName& memory, PyObject* name, PyObject* 
 // object.name = value: `no` says that it failed, with an error set. Drops the old value.
 Answer set_attribute(const MemoryOfName& memory, PyObject* name, PyObject* object, PyObject* value);
 
-// object.name, to be called at once
-FoundMethod found_method(const MemoryOfName& memory, PyObject* name, PyObject* object);
+// object.name, to be called at once with the object as its first argument; borrowed, null when unknown. As above, the
+// first is asked before each look-up, and the second learns.
+PyObject* known_method(const MemoryOfName& memory, PyObject* object);
+PyObject* found_method(const MemoryOfName& memory, PyObject* name, PyObject* object);
 
 // name: what note_global() was told last, while neither dictionary has changed; borrowed, null when unknown.
 PyObject* known_global(const MemoryOfName& memory, PyObject* module_names, PyObject* builtin_names);
 void note_global(const MemoryOfName& memory, PyObject* module_names, PyObject* builtin_names, PyObject* found);
-
-Answer equals(PyObject* a, PyObject* b); // a == b
 
 // isinstance(object, type), len(object), str(object), where `function` is what now stands under the name of the
 // built-in. -1 and null: unknown, unless an error is set. The last two call methods of the object.
@@ -105,10 +100,10 @@ inline void leave_call(PyThreadState*) { Py_LeaveRecursiveCall(); }
 inline PyObject* stored_attribute(const MemoryOfName&, PyObject*) { return nullptr; }
 inline PyObject* found_attribute(const MemoryOfName&, PyObject*, PyObject*) { return nullptr; }
 inline Answer set_attribute(const MemoryOfName&, PyObject*, PyObject*, PyObject*) { return Answer::unknown; }
-inline FoundMethod found_method(const MemoryOfName&, PyObject*, PyObject*) { return {}; }
+inline PyObject* known_method(const MemoryOfName&, PyObject*) { return nullptr; }
+inline PyObject* found_method(const MemoryOfName&, PyObject*, PyObject*) { return nullptr; }
 inline PyObject* known_global(const MemoryOfName&, PyObject*, PyObject*) { return nullptr; }
 inline void note_global(const MemoryOfName&, PyObject*, PyObject*, PyObject*) {}
-inline Answer equals(PyObject*, PyObject*) { return Answer::unknown; }
 inline Answer is_instance(PyObject*, PyObject*, PyObject*) { return Answer::unknown; }
 inline Py_ssize_t len(PyObject*, PyObject*) { return -1; }
 inline PyObject* str(PyObject*, PyObject*) { return nullptr; }

@@ -14,6 +14,7 @@
 #pragma once
 
 #include "call_site.h"
+#include "comparing.h"
 #include "interpreter.h"
 #include "name.h"
 
@@ -95,6 +96,7 @@ public:
 
 private:
     Object look_up(Name name, CallSite site) const;
+    MethodOfObject look_up_method(Name name, CallSite site) const;
     bool compares_equal(Handle other, CallSite site) const;
 
 protected:
@@ -166,8 +168,11 @@ inline void checkpoint(CallSite site = CallSite::here()) { check(PyErr_CheckSign
 
 bool Handle::equals(Handle other, CallSite site) const
 {
-    fast::Answer known = fast::equals(pointer_, other.pointer_);
-    return known == fast::Answer::unknown ? compares_equal(other, site) : known == fast::Answer::yes;
+    if (are_plain_texts(pointer_, other.pointer_))
+        return is_same_text(pointer_, other.pointer_);
+    if (are_compared_by_identity(pointer_, other.pointer_))
+        return pointer_ == other.pointer_;
+    return compares_equal(other, site);
 }
 
 // "name"_k = value: an argument passed by keyword.
@@ -209,7 +214,7 @@ template <std::size_t Count> struct VectorCall {
     std::size_t positional = 0;
     Object names;
 
-    explicit VectorCall(const Argument (&arguments)[Count], CallSite site)
+    [[gnu::always_inline]] explicit VectorCall(const Argument (&arguments)[Count], CallSite site)
     {
         for (std::size_t i = 0; i < Count; ++i) {
             values[i + 1] = arguments[i].value();

@@ -1,6 +1,6 @@
 #include "attribute_cache.h"
 
-#include "comparing.h"
+#include "../comparing.h"
 #include "quiet_lookup.h"
 
 #include <utility>

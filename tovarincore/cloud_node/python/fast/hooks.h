@@ -1,7 +1,6 @@
 // The fast half's answers to ../fast_hooks.h: those that are asked at every turn, inline.
 #pragma once
 
-#include "comparing.h"
 #include "name_memory.h"
 #include "runtime.h"
 
@@ -19,6 +18,11 @@ inline PyObject* stored_attribute(const MemoryOfName& memory, PyObject* object)
     return memory.known().attribute.shared_value(object);
 }
 
+inline PyObject* known_method(const MemoryOfName& memory, PyObject* object)
+{
+    return memory.known().attribute.known_method(object);
+}
+
 inline PyObject* known_global(const MemoryOfName& memory, PyObject* module_names, PyObject* builtin_names)
 {
     const GlobalMemory& global = memory.known().global;
@@ -26,17 +30,6 @@ inline PyObject* known_global(const MemoryOfName& memory, PyObject* module_names
         global.builtins_version != layout::version_of_dict(builtin_names)) [[unlikely]]
         return nullptr;
     return global.value;
-}
-
-// Texts, truth values, and objects that inherit the comparison by identity from `object`.
-inline Answer equals(PyObject* a, PyObject* b)
-{
-    bool equal = a == b;
-    if (are_plain_texts(a, b))
-        equal = is_same_text(a, b);
-    else if (!(PyBool_Check(a) && PyBool_Check(b)) && !(compares_by_identity(a) && compares_by_identity(b)))
-        return Answer::unknown;
-    return equal ? Answer::yes : Answer::no;
 }
 
 } // namespace py::fast

@@ -53,15 +53,12 @@ Answer set_attribute(const MemoryOfName& memory, PyObject* name, PyObject* objec
     return Answer::unknown;
 }
 
-FoundMethod found_method(const MemoryOfName& memory, PyObject* name, PyObject* object)
+PyObject* found_method(const MemoryOfName& memory, PyObject* name, PyObject* object)
 {
-    const NameMemory& known = memory.known();
-    PyObject* function = known.attribute.known_method(object);
-    if (function == nullptr && PyType_Check(object))
-        function = known.class_attribute.known_method(object);
+    PyObject* function = PyType_Check(object) ? memory.known().class_attribute.known_method(object) : nullptr;
     if (function == nullptr)
         consider(memory, name, object);
-    return {function, true};
+    return function;
 }
 
 void note_global(const MemoryOfName& memory, PyObject* module_names, PyObject* builtin_names, PyObject* found)

@@ -1,8 +1,8 @@
 // Passing over the elements of a list that certainly are not the wanted one, without running any Python code: those
 // whose attribute is plainly stored and plainly holds something else.
+#include "../comparing.h"
 #include "../fast_hooks.h"
 #include "../iteration.h"
-#include "comparing.h"
 #include "name_memory.h"
 
 namespace py::fast {
@@ -35,12 +35,12 @@ private:
     PlainSlot slot_;
 };
 
-// The text that is looked for.
+// The text that is looked for; a plain one.
 class WantedText {
 public:
-    explicit WantedText(Handle text) : text_(text.ptr()), plain_(are_plain_texts(text_, text_))
+    explicit WantedText(Handle text) : text_(text.ptr())
     {
-        if (!plain_ || !PyUnicode_IS_COMPACT_ASCII(text_) || PyUnicode_GET_LENGTH(text_) < end_size)
+        if (!PyUnicode_IS_COMPACT_ASCII(text_) || PyUnicode_GET_LENGTH(text_) < end_size)
             return;
         length_ = PyUnicode_GET_LENGTH(text_);
         end_ = end_of(text_);
@@ -54,7 +54,7 @@ public:
             return false;
         if (PyUnicode_IS_COMPACT_ASCII(value) && PyUnicode_GET_LENGTH(value) == length_ && end_of(value) != end_)
             return true;
-        return plain_ && PyUnicode_IS_READY(value) && !is_same_text(value, text_);
+        return PyUnicode_IS_READY(value) && !is_same_text(value, text_);
     }
 
 private:
@@ -69,7 +69,6 @@ private:
     }
 
     PyObject* text_;
-    bool plain_;
     Py_ssize_t length_ = -1; // of a text whose end is known
     std::uint64_t end_ = 0;
 };
@@ -158,6 +157,8 @@ Py_ssize_t first_candidate(PyObject* list, Py_ssize_t start, const Wanted& wante
         return start;
     if (!wanted.text)
         return walk(list, start, WantedReader(wanted), [](PyObject* value) { return value == Py_False; });
+    if (!are_plain_texts(wanted.text.ptr(), wanted.text.ptr()))
+        return start; // its own comparison decides about each element
     return walk(list, start, WantedReader(wanted),
                 [text = WantedText(wanted.text)](PyObject* value) { return text.certainly_differs(value); });
 }

@@ -1,12 +1,12 @@
 // Comparisons that run no code.
 #pragma once
 
-#include "../interpreter.h"
+#include "interpreter.h"
 
 #include <cstdint>
 #include <cstring>
 
-namespace py::fast {
+namespace py {
 
 // Both are texts, and neither has a class that could compare differently.
 inline bool are_plain_texts(PyObject* a, PyObject* b)
@@ -42,4 +42,10 @@ inline bool compares_by_identity(PyObject* object)
     return Py_TYPE(object)->tp_richcompare == PyBaseObject_Type.tp_richcompare;
 }
 
-} // namespace py::fast
+// The two are equal when they are the same object.
+inline bool are_compared_by_identity(PyObject* a, PyObject* b)
+{
+    return (PyBool_Check(a) && PyBool_Check(b)) || (compares_by_identity(a) && compares_by_identity(b));
+}
+
+} // namespace py
