@@ -211,11 +211,7 @@ PyObject* call_own_function(PyObject* callable, PyObject* const* arguments, std:
     return bind_and_run(self, arguments, flagged_count, keywords);
 }
 
-void ready_function_type()
-{
-    check(PyType_Ready(&function_type));
-    ready_function_codes();
-}
+void ready_function_type() { check(PyType_Ready(&function_type)); }
 
 Object make_function(const Method& method, const char* class_name, Handle module_name)
 {

@@ -4,7 +4,9 @@
 #include "globals.h"
 #include "iteration.h"
 
-#include <array>
+#include <algorithm>
+#include <opcode.h>
+#include <string>
 #include <string_view>
 
 namespace py {
@@ -28,28 +30,57 @@ Object default_in_row(const Parameter& parameter)
 
 Object text(const char* characters) { return steal(PyUnicode_FromString(characters)); }
 
-// By the number of parameters. Compiled when the module starts: the compiler of CPython 3.10 frees memory twice where
-// there is none left, and later on there may be none. Kept for the life of the process.
-std::array<PyObject*, most_parameters + 1> codes;
+Object bytes(const std::string& content)
+{
+    return steal(PyBytes_FromStringAndSize(content.data(), static_cast<Py_ssize_t>(content.size())));
+}
 
-constexpr const char* source_of_codes = "(lambda:(),"
-                                        "lambda a:(a,),"
-                                        "lambda a,b:(a,b),"
-                                        "lambda a,b,c:(a,b,c),"
-                                        "lambda a,b,c,d:(a,b,c,d),"
-                                        "lambda a,b,c,d,e:(a,b,c,d,e),"
-                                        "lambda a,b,c,d,e,f:(a,b,c,d,e,f),"
-                                        "lambda a,b,c,d,e,f,g:(a,b,c,d,e,f,g),"
-                                        "lambda a,b,c,d,e,f,g,h:(a,b,c,d,e,f,g,h),"
-                                        "lambda a,b,c,d,e,f,g,h,i:(a,b,c,d,e,f,g,h,i))";
+std::string pair(std::size_t first, std::size_t second)
+{
+    return {static_cast<char>(first), static_cast<char>(second)};
+}
 
-// lambda a, b: (a, b)        with the names of the parameters
+// Where its instructions, two bytes each, are in the source: all in the first line.
+std::string lines_of(std::size_t instructions)
+{
+#if PY_VERSION_HEX < 0x030B0000
+    return pair(2 * instructions, 0);
+#else
+    constexpr std::size_t most = 8, without_columns = 0x80 + (13 << 3); // of an entry
+    std::string lines;
+    for (std::size_t done = 0; done < instructions; done += most)
+        lines += pair(without_columns + std::min(most, instructions - done) - 1, 0);
+    return lines;
+#endif
+}
+
+// lambda self, region: (self, region)        under the method's name
+//
+// Written down in place of compiled: compiling at import would take as long as the rest of it, and a call that does not
+// fit compiles nothing in Python. The compiler of CPython 3.10 also frees memory twice where there is none left.
 Object code_for(FunctionObject* self)
 {
     if (!has_parameter_names(self))
         raise_failure(CallSite::here());
-    return borrow(codes.at(self->method->count))
-        .method("replace"_s)({"co_name"_k = self->method->name, "co_varnames"_k = borrow(self->names)});
+    std::size_t count = self->method->count;
+    std::string instructions;
+#if PY_VERSION_HEX >= 0x030B0000
+    instructions += pair(RESUME, 0);
+    long flags = CO_OPTIMIZED | CO_NEWLOCALS;
+#else
+    long flags = CO_OPTIMIZED | CO_NEWLOCALS | CO_NOFREE;
+#endif
+    for (std::size_t place = 0; place < count; ++place)
+        instructions += pair(LOAD_FAST, place);
+    instructions += pair(BUILD_TUPLE, count) + pair(RETURN_VALUE, 0);
+    Object empty =
+        steal(reinterpret_cast<PyObject*>(PyCode_NewEmpty("tovarincore/cloud_node", self->method->name.text(), 1)));
+    Object parameters = number(static_cast<long>(count));
+    return empty.method("replace"_s)({"co_argcount"_k = parameters, "co_nlocals"_k = parameters,
+                                      "co_stacksize"_k = number(static_cast<long>(count) + 1),
+                                      "co_flags"_k = number(flags), "co_code"_k = bytes(instructions),
+                                      "co_linetable"_k = bytes(lines_of(instructions.size() / 2)),
+                                      "co_varnames"_k = borrow(self->names)});
 }
 
 Object defaults_for(const Method& method)
@@ -106,17 +137,6 @@ bool has_parameter_names(FunctionObject* self)
     }
     Py_XDECREF(std::exchange(self->names, names)); // a collection may have run code that made them
     return names != nullptr;
-}
-
-void ready_function_codes()
-{
-    Object module_code = steal(Py_CompileString(source_of_codes, "tovarincore/cloud_node", Py_eval_input));
-    Object constants = module_code.get("co_consts"_s);
-    for (Object constant : each(constants))
-        if (PyCode_Check(constant.ptr())) {
-            auto* code = reinterpret_cast<PyCodeObject*>(constant.ptr());
-            Py_XSETREF(codes.at(static_cast<std::size_t>(code->co_argcount)), constant.release());
-        }
 }
 
 Object shape_of(FunctionObject* self)

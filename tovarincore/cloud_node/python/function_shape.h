@@ -21,8 +21,6 @@ struct FunctionObject {
     bool replaced; // or the code: the shape is what is called
 };
 
-void ready_function_codes(); // once, when the module starts
-
 bool has_parameter_names(FunctionObject* self); // makes `names`, if need be; false with an error set
 Object shape_of(FunctionObject* self);
 

@@ -9,7 +9,9 @@ Each::Each(Handle iterable, const Wanted* wanted, Handle passed_over, CallSite s
     if (!PyList_CheckExact(iterable.ptr()))
         return;
     index_ = 0;
-    if (fast::is_on && wanted != nullptr) {
+    // A text of a class with a comparison of its own has to be asked about each element.
+    if (fast::is_on && wanted != nullptr &&
+        (!wanted->text || are_plain_texts(wanted->text.ptr(), wanted->text.ptr()))) {
         wanted_ = *wanted;
         text_ = Object(wanted->text); // held as long as the loop lasts
     }

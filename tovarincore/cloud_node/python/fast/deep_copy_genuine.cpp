@@ -24,34 +24,29 @@ struct Watched {
 // One function written in Python that deepcopy depends on, with all that a program may replace inside of it.
 class WatchedFunction {
 public:
-    PyObject* function() const { return parts_[0]; }
+    PyObject* function() const { return function_; }
 
     bool unchanged() const
     {
-        PyObject* now[4];
-        read(now, parts_[0]);
-        return std::equal(std::begin(now), std::end(now), parts_) &&
-               (parts_[3] == nullptr || layout::version_of_dict(parts_[3]) == keyword_defaults_version_);
+        return PyFunction_GET_CODE(function_) == code_ && PyFunction_GET_DEFAULTS(function_) == defaults_ &&
+               PyFunction_GET_KW_DEFAULTS(function_) == keyword_defaults_ &&
+               (keyword_defaults_ == nullptr ||
+                layout::version_of_dict(keyword_defaults_) == keyword_defaults_version_);
     }
 
     void keep(PyObject* function)
     {
-        read(parts_, function);
-        for (PyObject* part : parts_)
+        function_ = function;
+        code_ = PyFunction_GET_CODE(function);
+        defaults_ = PyFunction_GET_DEFAULTS(function);
+        keyword_defaults_ = PyFunction_GET_KW_DEFAULTS(function);
+        for (PyObject* part : {function_, code_, defaults_, keyword_defaults_})
             Py_XINCREF(part); // for the life of the process
-        keyword_defaults_version_ = parts_[3] == nullptr ? 0 : layout::version_of_dict(parts_[3]);
+        keyword_defaults_version_ = keyword_defaults_ == nullptr ? 0 : layout::version_of_dict(keyword_defaults_);
     }
 
 private:
-    static void read(PyObject** parts, PyObject* function)
-    {
-        parts[0] = function;
-        parts[1] = PyFunction_GET_CODE(function);
-        parts[2] = PyFunction_GET_DEFAULTS(function);
-        parts[3] = PyFunction_GET_KW_DEFAULTS(function);
-    }
-
-    PyObject* parts_[4] = {};
+    PyObject *function_ = nullptr, *code_ = nullptr, *defaults_ = nullptr, *keyword_defaults_ = nullptr;
     std::uint64_t keyword_defaults_version_ = 0;
 };
 
@@ -210,6 +205,7 @@ bool find_everything()
     return keep_functions(kept_copy_functions, copy_names.dict, copy_functions) &&
            keep_functions(kept_copyreg_functions, copyreg_names.dict, copyreg_functions);
 }
+
 // The function that copy's own helpers were defined with.
 bool is_used_by_its_helpers(PyObject* function)
 {
