@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from collections.abc import Callable
 from types import ModuleType
 from typing import Any
 
@@ -52,3 +53,23 @@ def workers(cloud_node: ModuleType, log: CallLog, monkeypatch: pytest.MonkeyPatc
 def listing(manager: Any, answer: Any) -> None:
     """Let the provider answer so."""
     manager.list_instances = recording(CallLog(), "list_instances", answer)
+
+
+@pytest.fixture
+def break_at(
+    cloud_node: ModuleType, manager: Any, workers: Workers, monkeypatch: pytest.MonkeyPatch
+) -> Callable[[str, BaseException], None]:
+    """Lets one step of a refresh fail: the ping, the statistics, a method or a name of the module."""
+
+    def break_it(at: str, fault: BaseException) -> None:
+        broken = recording(CallLog(), at, fault)
+        if at == "ping":
+            workers.pings["i-1"] = fault
+        elif at == "statistics":
+            workers.refreshed = broken
+        elif hasattr(manager, at):
+            setattr(manager, at, broken)
+        else:
+            monkeypatch.setattr(cloud_node, at, broken)
+
+    return break_it

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import logging
+from collections.abc import Callable
 from types import ModuleType
 from typing import Any
 
@@ -72,21 +73,14 @@ def test_refresh_node_stores_through_set_node(manager: Any, workers: Workers, lo
 def test_any_failure_of_refresh_node_is_logged_and_returned(
     cloud_node: ModuleType,
     manager: Any,
-    workers: Workers,
+    break_at: Callable[[str, BaseException], None],
     log: CallLog,
     monkeypatch: pytest.MonkeyPatch,
     fault: BaseException,
     at: str,
 ) -> None:
     """Everything is caught, KeyboardInterrupt too; record and result are made while it is handled."""
-    if at in ("deepcopy", "WebSocketClient", "PingRequest"):
-        monkeypatch.setattr(cloud_node, at, recording(CallLog(), at, fault))
-    elif at == "ping":
-        workers.pings["i-1"] = fault
-    elif at == "statistics":
-        workers.refreshed = recording(CallLog(), at, fault)
-    else:
-        manager.set_node = recording(CallLog(), at, fault)
+    break_at(at, fault)
     seen: list[BaseException | None] = []
 
     def op_result(**fields: Any) -> OPResult:

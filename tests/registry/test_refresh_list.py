@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from types import ModuleType
+from collections.abc import Callable
 from typing import Any
 
 import pytest
@@ -156,25 +156,16 @@ def test_the_registry_is_read_and_replaced_through_the_managers_own_methods(
     ],
 )
 def test_any_failure_of_refresh_node_list_is_logged_and_returned(
-    cloud_node: ModuleType,
     manager: Any,
-    workers: Workers,
+    break_at: Callable[[str, BaseException], None],
     log: CallLog,
-    monkeypatch: pytest.MonkeyPatch,
     fault: BaseException,
     at: str,
 ) -> None:
     """Everything is caught, KeyboardInterrupt too, and the registry keeps the previous list."""
     manager.set_node(make_node("old"))
     listing(manager, ([make_node()], GOOD))
-    if at in ("WebSocketClient", "PingRequest"):
-        monkeypatch.setattr(cloud_node, at, recording(CallLog(), at, fault))
-    elif at == "ping":
-        workers.pings["i-1"] = fault
-    elif at == "statistics":
-        workers.refreshed = recording(CallLog(), at, fault)
-    else:
-        setattr(manager, at, recording(CallLog(), at, fault))
+    break_at(at, fault)
     result = manager.refresh_node_list()
     assert result == OPResult(error=True, msg=LIST_FAILED, exc_info=True)
     assert type(fault).__name__ in result.traceback_text
