@@ -248,7 +248,7 @@ import _testcapi
 failed = False
 for start in range(60):
     gc.collect()  # what is kept for the next tuples, too
-    # Not for ever: CPython from 3.11 on may turn in a loop at the end of a `try` until there is memory.
+    # Not for ever: CPython 3.13 was seen to loop at the end of a `try` until there was memory again.
     _testcapi.set_nomemory(start, start + 40)
     try:
         Manager(REGION)
