@@ -37,7 +37,10 @@ def find_region(text: str) -> CloudRegion:
         near = nearest(text, [known.name for known in CloudRegions.get_all()])
         raise CommandFailure(
             f'there is no region "{one_line(text)}"' + (f'; did you mean "{near}"?' if near else ""),
-            "list the regions with: tovarin-nodes regions",
+            # Regions of clusters exist only where a file says so.
+            "write it into the file of the setting [cloud] regions_file, as shown by: tovarin-nodes help configuration"
+            if text.startswith("k8s:") and not near
+            else "list the regions with: tovarin-nodes regions",
             ExitCode.USAGE,
         )
     return region
