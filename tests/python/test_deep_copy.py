@@ -11,9 +11,10 @@ from typing import Any
 
 import pytest
 
+from tests import graphs
+from tests.graphs import Plain, Record
 from tests.python import _object_layer as layer
-from tests.python import copying
-from tests.python.copying import Plain, Record
+from tests.python.copying import first_difference
 from tests.thorough import sized
 
 needs_native = pytest.mark.skipif(
@@ -38,14 +39,14 @@ def test_the_interpreters_own_tests_pass_with_the_native_copy(monkeypatch: pytes
 
 def test_random_graphs_are_copied_as_python_copies_them() -> None:
     """Structure, aliasing and errors agree; `python -m tests.python.copying` tries 100,000 of them."""
-    assert copying.first_difference(range(sized(500, 1_500))) is None
+    assert first_difference(range(sized(500, 1_500))) is None
 
 
 @needs_native
 def test_a_plain_record_takes_the_way_without_python_code() -> None:
     """Otherwise all of this would only test copy.deepcopy."""
     copy.deepcopy(Record())
-    assert layer.plain_copy([Record(a=[1], b={"k": (1, [2])}, c=[copying.Bits.A])]) is not NotImplemented
+    assert layer.plain_copy([Record(a=[1], b={"k": (1, [2])}, c=[graphs.Bits.A])]) is not NotImplemented
 
 
 def test_records_shared_within_one_copy_stay_shared_and_differ_between_two() -> None:
@@ -150,9 +151,9 @@ def count_of_plain() -> int:
     "graph",
     [
         [Record(a=[1], b=(1, [2]), c={"k": 1})],
-        [Record(a=copying.Hooked([1]))],
+        [Record(a=graphs.Hooked([1]))],
         [Record(a=Failing(ValueError()))],
-        [Record(a={1, 2}), copying.Slotted()],
+        [Record(a={1, 2}), graphs.Slotted()],
     ],
     ids=["plain", "hook", "failing", "unusual"],
 )

@@ -7,8 +7,8 @@ from typing import Any
 
 import pytest
 
+from tests.graphs import Colour, Plain, Record
 from tests.python import _object_layer as layer
-from tests.python.copying import Colour, Plain, Record
 
 # The general copy stands behind the native one, on the interpreters that have it.
 BEHIND = {"general": layer.general_copy} if layer.is_native(None) else {}

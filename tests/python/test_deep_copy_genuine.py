@@ -11,8 +11,8 @@ from typing import Any
 
 import pytest
 
+from tests.graphs import Plain, Record
 from tests.python import _object_layer as layer
-from tests.python.copying import Plain, Record
 from tests.python.test_deep_copy import needs_native
 
 

@@ -8,8 +8,8 @@ from typing import Any
 
 import pytest
 
+from tests.graphs import Hooked, Plain, Record, describe, numbered
 from tests.python import _object_layer as layer
-from tests.python.copying import Hooked, Plain, Record, describe, numbered
 from tests.python.test_deep_copy import needs_native
 
 pytestmark = needs_native

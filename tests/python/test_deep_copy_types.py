@@ -10,16 +10,16 @@ from typing import Any
 
 import pytest
 
+from tests import graphs
+from tests.graphs import Colour, Plain, describe, numbered
 from tests.python import _object_layer as layer
-from tests.python import copying
-from tests.python.copying import Colour, Plain, describe, numbered
 from tests.python.test_deep_copy import needs_native
 
 
 def assert_copied_as_python_does(graph: Any) -> None:
     original = numbered(graph)
-    expected = copying.outcome(copy.deepcopy, graph, original)
-    assert copying.outcome(layer.native_deepcopy, graph, original) == expected
+    expected = graphs.outcome(copy.deepcopy, graph, original)
+    assert graphs.outcome(layer.native_deepcopy, graph, original) == expected
 
 
 def fresh_class() -> Any:
@@ -215,11 +215,11 @@ def test_a_finaliser_is_not_called_for_an_attempt_that_was_given_up() -> None:
     assert ended == [1]
 
 
-@pytest.mark.parametrize("thing", [*copying.SLOTTED, *copying.WITH_BUILT_IN_BASES])
+@pytest.mark.parametrize("thing", [*graphs.SLOTTED, *graphs.WITH_BUILT_IN_BASES])
 def test_slots_and_built_in_bases_are_copied(thing: Any) -> None:
     """With and without content, alone and twice in one graph."""
     made = thing()
-    if thing in copying.SLOTTED:
+    if thing in graphs.SLOTTED:
         made.x = [made]
     assert_copied_as_python_does([made, made, [made]])
 
@@ -243,7 +243,7 @@ class Other(enum.Enum):
 
 def test_members_of_enumerations_are_their_own_copies() -> None:
     """Plain, with equal values elsewhere, integer, flag and combined members."""
-    members = [*Colour, copying.Count.ONE, copying.Bits.A, copying.Bits.A | copying.Bits.B, copying.Custom.X]
+    members = [*Colour, graphs.Count.ONE, graphs.Bits.A, graphs.Bits.A | graphs.Bits.B, graphs.Custom.X]
     for member in members:
         assert layer.native_deepcopy(member) is copy.deepcopy(member)
     assert_copied_as_python_does(members)
