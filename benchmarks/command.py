@@ -10,8 +10,8 @@ import time
 from pathlib import Path
 
 from benchmarks.report import seconds
-from demo.playground import playground
 from stage.ec2_endpoint import REGION_NAME
+from stage.playground import playground
 from tovarincore.cloud_conf import CloudConf, CloudConfManager
 from tovarincore.cloud_def import AWSCloudAuth, CloudRegion
 

@@ -27,7 +27,7 @@ from rich.console import Console
 from rich.style import Style
 from rich.text import Text
 
-from demo.playground import playground
+from stage.playground import playground
 from tovarincore._config_files.toml_file import read_toml
 
 PICTURES = Path(__file__).parent.parent / "docs" / "pictures"

@@ -10,7 +10,8 @@ from pathlib import Path
 
 import pytest
 
-from demo.playground import main, playground
+from demo.playground import main
+from stage.playground import playground
 from tovarincore.core_conf import core_conf_glbl
 
 LOOK = """

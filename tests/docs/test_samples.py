@@ -15,7 +15,7 @@ from typing import Any
 
 import pytest
 
-from demo.playground import playground
+from stage.playground import playground
 from tests.docs.samples import PAGES, ROOT, Sample, commands_of, programs_of, samples_of
 
 SAMPLES = {page: samples_of(page) for page in PAGES if page.exists()}

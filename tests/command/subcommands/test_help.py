@@ -42,7 +42,7 @@ def test_the_page_on_settings_has_all_of_them(run: Run) -> None:
 def test_a_sub_command_s_name_shows_its_help(run: Run) -> None:
     """As if it were asked for it."""
     assert run("help", "show").stdout.splitlines()[0] == "Usage: tovarin-nodes show [OPTIONS] [REGION] NODE"
-    assert "--timeout FLOAT RANGE" in run("help", "wait").stdout
+    assert "--timeout NUMBER" in run("help", "wait").stdout
 
 
 def test_a_misspelt_topic_gets_a_suggestion(run: Run) -> None:

@@ -38,7 +38,8 @@ def find_region(text: str) -> CloudRegion:
         raise CommandFailure(
             f'there is no region "{one_line(text)}"' + (f'; did you mean "{near}"?' if near else ""),
             # Regions of clusters exist only where a file says so.
-            "write it into the file of the setting [cloud] regions_file, as shown by: tovarin-nodes help configuration"
+            "write it into the file of the setting [cloud] regions_file, as shown by:"
+            " tovarin-nodes help configuration"
             if text.startswith("k8s:") and not near
             else "list the regions with: tovarin-nodes regions",
             ExitCode.USAGE,
