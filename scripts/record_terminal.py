@@ -107,12 +107,13 @@ class Recording:
         self._stream = pyte.ByteStream(self.screen)
         self._moments: dict[int, float] = {}
         self._clock = 0.0
-        self._last = time.monotonic()
+        self._last: float | None = None
 
     def feed(self, data: bytes) -> None:
         """Show what a program wrote just now."""
         now = time.monotonic()
-        self._clock += min(now - self._last, LONGEST_PAUSE_SECONDS)
+        if self._last is not None:
+            self._clock += min(now - self._last, LONGEST_PAUSE_SECONDS)
         self._last = now
         self._stream.feed(data)
         for number in self.screen.dirty:
@@ -168,7 +169,8 @@ def _colour(name: str) -> str | None:
 
 def _with_moments(picture: str, moments: dict[int, float]) -> str:
     rules = [
-        "@keyframes appear { from { opacity: 0 } to { opacity: 1 } }",
+        # Dim, not hidden: a viewer that shows the first moment only shows all of it.
+        "@keyframes appear { from { opacity: 0.25 } to { opacity: 1 } }",
         "@media (prefers-reduced-motion: no-preference) { .line { animation: appear 0.1s both } }",
     ]
 

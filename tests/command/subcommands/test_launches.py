@@ -35,6 +35,13 @@ def test_a_launch_carries_the_stored_user_name_and_is_noted(run: Run, ec2: Ec2Wo
     ]
 
 
+def test_a_name_made_of_the_help_s_words_stays(run: Run, ec2: Ec2World) -> None:
+    """Remedies put the region into their text; what the user called a node is no part of that."""
+    assert run(*LAUNCH, "--name", "REGION-NAME").stdout.startswith("REGION-NAME (i-")
+    missing = run("show", "us-east-1", "NODE-REGION")
+    assert (missing.exit_code, '"NODE-REGION"' in missing.stderr) == (3, True)
+
+
 def test_a_launch_can_wait_for_its_worker(run: Run, ec2: Ec2World) -> None:
     """With --wait the command ends when the worker answers."""
     result = run(*LAUNCH, "--name", "ready-1", "--wait")
