@@ -12,6 +12,7 @@ HERE = Path(__file__).parent
 sys.path.insert(0, str(HERE))
 
 from settings_tables import write_settings_tables  # noqa: E402
+from stub_signatures import typed_signatures  # noqa: E402
 
 project = "tovarincore"
 author = copyright = project
@@ -34,6 +35,8 @@ autodoc_typehints = "signature"
 autodoc_default_options = {"members": True, "show-inheritance": True}
 
 write_settings_tables(HERE / "_generated" / "settings.md")
+STUB = HERE.parent / "tovarincore" / "cloud_node.pyi"
+TYPED = typed_signatures(STUB, "tovarincore.cloud_node")
 
 
 class NativeMethodDocumenter(MethodDocumenter):
@@ -49,6 +52,15 @@ class NativeMethodDocumenter(MethodDocumenter):
         return type(member).__name__ == "native_function"
 
 
+def with_types(
+    app: Sphinx, what: str, name: str, found: Any, options: Any, signature: str | None, result: str | None
+) -> tuple[str | None, str | None]:
+    """Show the stub's types."""
+    app.env.note_dependency(str(STUB))
+    return TYPED.get(name, (signature, result))
+
+
 def setup(app: Sphinx) -> None:
     """Called by the generator."""
+    app.connect("autodoc-process-signature", with_types)
     app.add_autodocumenter(NativeMethodDocumenter)

@@ -95,9 +95,9 @@ def test_the_policy_names_the_tags_that_a_launch_and_a_dry_run_carry() -> None:
     assert '"dry_run"_s' in sources(folder / "facade", ".cpp")
 
 
-def settings_tables() -> ModuleType:
-    """The module that writes the reference of settings."""
-    spec = importlib.util.spec_from_file_location("settings_tables", DOCS / "settings_tables.py")
+def module_of_docs(name: str) -> ModuleType:
+    """A module beside the pages, which writes a part of them."""
+    spec = importlib.util.spec_from_file_location(name, DOCS / f"{name}.py")
     assert spec is not None and spec.loader is not None
     module = importlib.util.module_from_spec(spec)
     spec.loader.exec_module(module)
@@ -108,7 +108,7 @@ def settings_tables() -> ModuleType:
 def test_every_setting_stands_in_the_reference(setting: Setting, tmp_path: Path) -> None:
     """Its row stands under its section and gives default, allowed values and meaning."""
     path = tmp_path / "made" / "settings.md"
-    settings_tables().write_settings_tables(path)
+    module_of_docs("settings_tables").write_settings_tables(path)
     section = path.read_text(encoding="utf-8").split(f"### `[{setting.section}]`\n")[1].split("###")[0]
     (row,) = (line for line in section.splitlines() if line.startswith(f"| `{setting.key}` |"))
     _key, default, value, meaning = (cell.strip() for cell in row.strip("|").split(" | "))
@@ -208,6 +208,18 @@ def test_every_link_leads_somewhere(file: Path) -> None:
         linked = file.parent / target
         assert linked.exists(), target
         assert not anchor or anchor in anchors(linked.read_text(encoding="utf-8")), f"{target}#{anchor}"
+
+
+def test_the_reference_shows_types_for_each_method() -> None:
+    """Those of the stub, without the shorthands that it uses inside."""
+    typed = module_of_docs("stub_signatures").typed_signatures(
+        ROOT / "tovarincore" / "cloud_node.pyi", "tovarincore.cloud_node"
+    )
+    name = "tovarincore.cloud_node.CloudManager"
+    assert typed[f"{name}.get_node_list"] == ("(region: CloudRegion)", "list[CloudNode]")
+    assert typed[f"{name}.list_instances"][1] == "tuple[list[CloudNode] | None, OPResult]"
+    public = [key for key in vars(cloud_node.CloudManager) if not key.startswith("_")]
+    assert [key for key in public if f"{name}.{key}" not in typed] == []
 
 
 def test_every_page_is_in_the_index() -> None:
