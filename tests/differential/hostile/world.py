@@ -253,10 +253,12 @@ class World:
         if id(value) in met:
             return f"#{met[id(value)]}"
         met[id(value)] = len(met)
+        # Of copies: a finaliser may empty the value meanwhile.
         if isinstance(value, (list, tuple)):
-            return f"{type(value).__name__}[{', '.join(self.show(each, met) for each in value)}]"
+            return f"{type(value).__name__}[{', '.join(self.show(each, met) for each in list(value))}]"
         if isinstance(value, dict):
-            return f"{{{', '.join(f'{self.show(k, met)}: {self.show(v, met)}' for k, v in value.items())}}}"
+            pairs = value.copy().items()
+            return f"{{{', '.join(f'{self.show(k, met)}: {self.show(v, met)}' for k, v in pairs)}}}"
         if isinstance(value, CloudRegion) or not hasattr(value, "worker_id"):
             return type(value).__name__
         return f"{type(value).__name__}{self.show(vars(value), met)}"
