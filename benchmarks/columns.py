@@ -21,10 +21,9 @@ def keep(kind: str, column: str, results: Sequence[Result]) -> None:
     FOLDER.mkdir(parents=True, exist_ok=True)
     file = FOLDER / f"{kind}-{column}.json"
     lines = json.loads(file.read_text()) if file.exists() else {}
-    slowest = (
-        1.0 if column.endswith("general") else 0.0
-    )  # the general paths are only held to plain Python's speed
-    lines |= {result.name: [result.ratio, slowest or result.goal] for result in results}
+    # The general paths are only held to plain Python's speed.
+    goals = {result.name: 1.0 if column.endswith("general") else result.goal for result in results}
+    lines |= {result.name: [result.ratio, goals[result.name]] for result in results}
     file.write_text(json.dumps(lines, indent=1))
 
 

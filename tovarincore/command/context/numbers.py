@@ -9,37 +9,33 @@ import click
 __all__ = ["Number", "WholeNumber"]
 
 
-class WholeNumber(click.IntRange):
+class _InPlainWords(click.ParamType):  # type: ignore[type-arg]  # generic in newer versions of click alone
+    """Stands before click's own kind of number, and words its refusals."""
+
+    name = "number"
+    allowed = "a number"
+
+    def convert(self, value: Any, param: click.Parameter | None, ctx: click.Context | None) -> Any:
+        """Return the number."""
+        try:
+            return super().convert(value, param, ctx)
+        except click.BadParameter:
+            self.fail(f"'{value}' is not allowed; give {self.allowed} {_limits(self)}", param, ctx)
+
+
+class WholeNumber(_InPlainWords, click.IntRange):
     """A whole number between two others."""
 
-    name = "number"
-
-    def convert(self, value: Any, param: click.Parameter | None, ctx: click.Context | None) -> int:
-        """Return the number."""
-        try:
-            number: int = super().convert(value, param, ctx)
-        except click.BadParameter:
-            self.fail(f"'{value}' is not allowed; give a whole number {_limits(self)}", param, ctx)
-        return number
+    allowed = "a whole number"
 
 
-class Number(click.FloatRange):
+class Number(_InPlainWords, click.FloatRange):
     """A number between two others."""
 
-    name = "number"
 
-    def convert(self, value: Any, param: click.Parameter | None, ctx: click.Context | None) -> float:
-        """Return the number."""
-        try:
-            number: float = super().convert(value, param, ctx)
-        except click.BadParameter:
-            self.fail(f"'{value}' is not allowed; give a number {_limits(self)}", param, ctx)
-        return number
-
-
-def _limits(kind: click.IntRange | click.FloatRange) -> str:
+def _limits(kind: Any) -> str:
     if kind.max is None:
         return f"from {kind.min:g} on"
-    return (
-        f"above {kind.min:g}, at most {kind.max:g}" if kind.min_open else f"from {kind.min:g} to {kind.max:g}"
-    )
+    if kind.min_open:
+        return f"above {kind.min:g}, at most {kind.max:g}"
+    return f"from {kind.min:g} to {kind.max:g}"

@@ -35,13 +35,16 @@ def find_region(text: str) -> CloudRegion:
     region = CloudRegions.find(text)
     if region is None:
         near = nearest(text, [known.name for known in CloudRegions.get_all()])
+        remedy = "list the regions with: tovarin-nodes regions"
+        if text.startswith("k8s:") and not near:
+            # Regions of clusters exist only where a file says so.
+            remedy = (
+                "write it into the file of the setting [cloud] regions_file, as shown by:"
+                " tovarin-nodes help configuration"
+            )
         raise CommandFailure(
             f'there is no region "{one_line(text)}"' + (f'; did you mean "{near}"?' if near else ""),
-            # Regions of clusters exist only where a file says so.
-            "write it into the file of the setting [cloud] regions_file, as shown by:"
-            " tovarin-nodes help configuration"
-            if text.startswith("k8s:") and not near
-            else "list the regions with: tovarin-nodes regions",
+            remedy,
             ExitCode.USAGE,
         )
     return region
