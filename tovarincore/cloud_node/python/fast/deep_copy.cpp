@@ -3,6 +3,7 @@
 #include "deep_copy_general.h"
 #include "deep_copy_genuine.h"
 #include "deep_copy_plain.h"
+#include "runtime.h"
 
 namespace py::fast {
 
@@ -18,6 +19,19 @@ Object plain_copy(Handle value, CallSite site)
     return adopt(made);
 }
 
+// The collection that was held off while plain data was copied. Left to the code that comes next, it could take so
+// long there that an interrupt lands in a finaliser, which swallows it.
+void collect_what_is_due()
+{
+    if (!runtime::collection_is_due())
+        return;
+    constexpr Py_ssize_t more_than_is_kept_free = 32; // only newly allocated memory counts
+    PyObject* container = PyTuple_New(more_than_is_kept_free);
+    if (container == nullptr)
+        PyErr_Clear(); // whoever needs memory next says so
+    Py_XDECREF(container);
+}
+
 } // namespace
 
 Object deep_copy(const Handle& function, const Handle& value, const CallSite& site)
@@ -25,7 +39,10 @@ Object deep_copy(const Handle& function, const Handle& value, const CallSite& si
     if (!layout::known || !is_genuine_deepcopy(function) || !deepcopy_is_untouched())
         return {};
     Object made = plain_copy(value, site);
-    return made ? made : GeneralCopy(dict({}, site), site).copy(value);
+    if (!made)
+        return GeneralCopy(dict({}, site), site).copy(value);
+    collect_what_is_due();
+    return made;
 }
 
 } // namespace py::fast

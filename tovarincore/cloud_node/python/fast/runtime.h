@@ -11,6 +11,7 @@
 #pragma GCC diagnostic ignored "-Wconversion"
 #pragma GCC diagnostic ignored "-Wunused-parameter"
 #include <internal/pycore_ceval.h>
+#include <internal/pycore_interp.h>
 #include <internal/pycore_pystate.h>
 #include <internal/pycore_runtime.h>
 #pragma GCC diagnostic pop
@@ -53,6 +54,15 @@ inline bool enter_call(PyThreadState* thread, const char* where)
 inline void leave_call(PyThreadState* thread) { _Py_LeaveRecursiveCallTstate(thread); }
 #endif
 
+// Whether the next container that is made brings a collection.
+inline bool collection_is_due()
+{
+    if (!is_as_compiled) [[unlikely]]
+        return true;
+    const auto& collector = running_thread()->interp->gc;
+    return collector.enabled != 0 && collector.generations[0].count > collector.generations[0].threshold;
+}
+
 // Whether the headers say what the interpreter answers.
 inline bool state_is_as_compiled()
 {
@@ -76,6 +86,7 @@ inline bool is_finalising() { return py::is_finalising(); }
 inline PyThreadState* running_thread() { return PyThreadState_Get(); }
 inline bool enter_call(PyThreadState*, const char* where) { return Py_EnterRecursiveCall(where) == 0; }
 inline void leave_call(PyThreadState*) { Py_LeaveRecursiveCall(); }
+inline bool collection_is_due() { return true; }
 inline bool state_is_as_compiled() { return false; }
 
 #endif
