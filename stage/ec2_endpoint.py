@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import functools
 import urllib.request
 from collections.abc import Sequence
 from contextlib import ExitStack
@@ -30,6 +31,16 @@ def ports_text(from_port: int, to_port: int) -> str:
     return str(from_port) if from_port == to_port else f"{from_port}-{to_port}"
 
 
+def _backend(service: str, region: str = REGION_NAME) -> Any:
+    """What the emulator holds: set-ups change it without a request, which takes ten times as long."""
+    from moto.backends import get_backend
+    from moto.core import DEFAULT_ACCOUNT_ID
+
+    # Of no type: the names of services are overloads, as literals.
+    backends_of: Any = get_backend
+    return backends_of(service)[DEFAULT_ACCOUNT_ID][region]
+
+
 class Ec2Endpoint:
     """Context manager that runs an EC2 (and IAM) endpoint on a free loopback port.
 
@@ -47,7 +58,8 @@ class Ec2Endpoint:
         # Imported here: the emulator takes a noticeable part of a second that other demos need not wait for.
         # Its import stumbles over a profile that the user's environment names.
         with environment({}):
-            from moto import settings
+            from moto import backends, settings
+            from moto.core import responses
             from moto.ec2.models.instances import Instance
             from moto.moto_server.werkzeug_app import (
                 DomainDispatcherApplication,
@@ -73,6 +85,14 @@ class Ec2Endpoint:
         self._cleanup.enter_context(
             patch.object(Instance, "public_dns_name", property(lambda instance: find_name(instance) or ""))
         )
+        # The emulator works these out for each request, which takes a quarter of its time.
+        services = list(backends.list_of_moto_modules())
+        actions_of = functools.cache(responses.method_names_from_class)
+        for owner, name, quick in (
+            (backends, "list_of_moto_modules", lambda: services),
+            (responses, "method_names_from_class", actions_of),
+        ):
+            self._cleanup.enter_context(patch.object(owner, name, quick))
         server = make_server(
             HOST,
             0,
@@ -110,19 +130,20 @@ class Ec2Endpoint:
 
     def register_image(self, name: str, public: bool = True) -> str:
         """Register a machine image, public or private, and return its id."""
-        ec2 = self.client()
-        image_id = ec2.register_image(Name=name, RootDeviceName="/dev/sda1", Architecture="x86_64")["ImageId"]
+        backend = _backend("ec2")
+        image = backend.register_image(name, "")
         # Images are private until their launch permission is changed.
         if public:
-            ec2.modify_image_attribute(ImageId=image_id, LaunchPermission={"Add": [{"Group": "all"}]})
-        return str(image_id)
+            backend.modify_image_attribute(image.id, [{"Group": "all"}], [])
+        return str(image.id)
 
     def prepare_account(self, image_names: Sequence[str]) -> None:
         """Register public images; make the key pair and the instance profile that launches ask for."""
         for name in image_names:
             self.register_image(name)
-        self.client().create_key_pair(KeyName=KEY_PAIR_NAME)
-        self.client("iam").create_instance_profile(InstanceProfileName=INSTANCE_PROFILE_NAME)
+        # Of the kind that is quickly made: an RSA key takes longer than many a test.
+        _backend("ec2").create_key_pair(KEY_PAIR_NAME, "ed25519", {})
+        _backend("iam", "aws").create_instance_profile(INSTANCE_PROFILE_NAME, "/", [])
 
     def security_group(self, name: str) -> tuple[str, list[dict[str, str]]]:
         """The id of a security group and its inbound rules, as rows for a table."""

@@ -8,6 +8,7 @@ from collections.abc import Callable, Hashable, Iterator
 from typing import Any
 
 import pytest
+from botocore import hooks
 from botocore.client import ClientCreator
 from botocore.loaders import JSONFileLoader, Loader
 
@@ -18,6 +19,12 @@ from tovarincore.testing.reference_worker import ReferenceWorker
 __all__ = ["ec2", "ec2_endpoint", "healthy_worker", "sdk_data_read_once"]
 
 _SDK_MADE: dict[Hashable, Any] = {}
+
+
+def _judged_once(judge: Callable[[Any], Any]) -> Callable[[Any], Any]:
+    """The judgement of a hook, made once for each function: every session registers the same hundred."""
+    of_function = functools.cache(judge)
+    return lambda hook: of_function(getattr(hook, "__func__", hook))
 
 
 def _once(method: Callable[..., Any], key: Callable[..., Hashable]) -> Callable[..., Any]:
@@ -46,6 +53,7 @@ def sdk_data_read_once() -> Iterator[None]:
             (ClientCreator, "_create_methods", lambda creator, service_model: service_model.service_name),
         ):
             patched.setattr(owner, name, _once(getattr(owner, name), key))
+        patched.setattr(hooks, "accepts_kwargs", _judged_once(hooks.accepts_kwargs))
         yield
 
 

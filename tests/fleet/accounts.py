@@ -6,6 +6,7 @@ from collections.abc import Iterator
 from contextlib import contextmanager
 from dataclasses import dataclass
 
+from stage.patience import SETUP_SECONDS
 from tovarincore.cloud_def import (
     CloudInstanceConfig,
     CloudInstances,
@@ -18,7 +19,7 @@ from tovarincore.cloud_node import cloud_manager_glbl
 from tovarincore.fleet import Patience, launch
 from tovarincore.testing.fakes import FakeCloud, patched_cloud_node
 
-HASTY = Patience(seconds=5, first_pause=0.01, longest_pause=0.02, unseen_seconds=0.05)
+HASTY = Patience(seconds=SETUP_SECONDS, first_pause=0.01, longest_pause=0.02, unseen_seconds=0.05)
 
 
 @dataclass

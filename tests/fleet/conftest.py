@@ -10,6 +10,7 @@ import pytest
 from stage.ec2 import IMAGE_NAME, USER_NAME, Ec2World
 from stage.ec2_endpoint import ACCESS_KEY_ID, SECRET_ACCESS_KEY
 from stage.ec2_fixtures import ec2, ec2_endpoint, healthy_worker, sdk_data_read_once
+from stage.patience import SETUP_SECONDS
 from tovarincore.cloud_conf import CloudConf, CloudConfManager
 from tovarincore.cloud_def import CloudRegion
 from tovarincore.fleet import Patience
@@ -21,7 +22,7 @@ __all__ = ["ec2", "ec2_endpoint", "healthy_worker", "sdk_data_read_once"]
 @pytest.fixture
 def hasty() -> Patience:
     """Repetitions without the pauses that a real provider needs."""
-    return Patience(seconds=30, first_pause=0.01, longest_pause=0.05, unseen_seconds=0.1)
+    return Patience(seconds=SETUP_SECONDS, first_pause=0.01, longest_pause=0.05, unseen_seconds=0.1)
 
 
 def second_region(world: Ec2World) -> CloudRegion:

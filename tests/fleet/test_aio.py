@@ -3,13 +3,14 @@
 from __future__ import annotations
 
 import asyncio
+import itertools
 import threading
-import time
 from collections.abc import Callable, Iterator
 from typing import Any
 
 import pytest
 
+from stage.patience import SETUP_SECONDS
 from tests.fleet.accounts import HASTY, Account, account
 from tovarincore.fleet import FleetError, Ledger, aio
 
@@ -44,35 +45,38 @@ def test_a_fleets_life_in_an_event_loop(world: Account) -> None:
     assert set(world.states().values()) == {"Terminated"}
 
 
-def slow_launches(world: Account, seconds: float) -> None:
-    """Let EC2 take its time for each launch."""
+async def cancel_in_the_middle(world: Account, body: Callable[[], Any]) -> None:
+    """Cancel a task when EC2 has served one launch and works on the next, and let EC2 go on then."""
     client = world.cloud.ec2(world.region)
     run: Callable[..., Any] = type(client).run_instances.__wrapped__  # type: ignore[attr-defined]
+    asked = itertools.count(1)
+    under_way, cancelled = threading.Event(), threading.Event()
 
-    def slow(**request: Any) -> Any:
-        time.sleep(seconds)
+    def served(**request: Any) -> Any:
+        if next(asked) > 1:
+            under_way.set()
+            cancelled.wait(SETUP_SECONDS)
         return run(client, **request)
 
-    world.cloud.answers["ec2.run_instances"] = slow
+    world.cloud.answers["ec2.run_instances"] = served
+    task = asyncio.create_task(body())
+    await asyncio.to_thread(under_way.wait, SETUP_SECONDS)
+    task.cancel()
+    asyncio.get_running_loop().call_later(0.05, cancelled.set)
+    with pytest.raises(asyncio.CancelledError):
+        await task
 
 
 def test_cancelling_a_launch_notes_what_was_under_way(world: Account) -> None:
     """The cancellation goes on when every instance that exists is in the ledger."""
-    slow_launches(world, 0.05)
 
-    async def live() -> None:
-        task = asyncio.create_task(
-            aio.launch(world.region, 20, world.size, world.config, at_once=2, patience=HASTY)
-        )
-        await asyncio.sleep(0.2)
-        task.cancel()
-        with pytest.raises(asyncio.CancelledError):
-            await task
+    async def body() -> None:
+        await aio.launch(world.region, 20, world.size, world.config, at_once=2, patience=HASTY)
 
-    asyncio.run(live())
+    asyncio.run(cancel_in_the_middle(world, body))
     ids = {entry.instance_id for entry in Ledger().entries()}
     assert ids == set(world.cloud.ec2(world.region).instances)
-    assert 1 <= len(ids) < 20
+    assert 1 < len(ids) < 20
     assert Ledger().open_intents() == []
 
 
@@ -104,21 +108,13 @@ def test_temporary_nodes_end_when_the_body_is_cancelled(world: Account) -> None:
 
 def test_temporary_nodes_end_when_their_launch_is_cancelled(world: Account) -> None:
     """Those that were launched until then."""
-    slow_launches(world, 0.1)
 
     async def body() -> None:
         async with temporary(world, at_once=1):
             raise AssertionError("the body ran")
 
-    async def live() -> None:
-        task = asyncio.create_task(body())
-        await asyncio.sleep(0.15)
-        task.cancel()
-        with pytest.raises(asyncio.CancelledError):
-            await task
-
-    asyncio.run(live())
-    assert set(world.states().values()) <= {"Terminated"}
+    asyncio.run(cancel_in_the_middle(world, body))
+    assert set(world.states().values()) == {"Terminated"}
 
 
 def test_the_errors_of_temporary_nodes_come_through(world: Account) -> None:

@@ -150,12 +150,19 @@ def test_a_provider_that_fails_keeps_its_registry_alone() -> None:
 
 def test_a_refresh_that_is_told_to_stop_changes_nothing_more() -> None:
     """What had not begun is left out, the registry stays, and the outcome is an error."""
-    world = World(silent_seconds=0.1)
-    region = region_with(20, world)
     cancel = threading.Event()
+
+    class Pinged(list[str]):
+        """Tells to stop with the first ping."""
+
+        def append(self, instance_id: str) -> None:
+            super().append(instance_id)
+            cancel.set()
+
+    world = World(pinged=Pinged(), silent_seconds=0.1)
+    region = region_with(20, world)
     with placed(world):
         manager = CloudManager()
-        threading.Timer(0.05, cancel.set).start()
         (outcome,) = refresh([region], probes=2, manager=manager, cancel=cancel)
         assert outcome.result.error
         assert len(world.pinged) <= 4

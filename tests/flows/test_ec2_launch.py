@@ -13,6 +13,7 @@ from botocore.exceptions import ParamValidationError
 
 from stage.ec2 import USER_NAME, Ec2World, one_record
 from stage.ec2_endpoint import INSTANCE_PROFILE_NAME, KEY_PAIR_NAME
+from stage.patience import SETUP_SECONDS
 from tovarincore import cloud_node
 from tovarincore.cloud_def import InstanceTemplate, NodeState, SecurityGroupRules
 from tovarincore.core_def import OPResultErrorCode
@@ -321,14 +322,14 @@ def test_threads_can_launch_at_the_same_time(ec2: Ec2World, monkeypatch: pytest.
     successes: list[str] = []
 
     def launch(name: str) -> None:
-        barrier.wait(10)
+        barrier.wait(SETUP_SECONDS)
         successes.append(ec2.launched(ec2.config(name)).instance_id)
 
     threads = [threading.Thread(target=launch, args=(f"cold-{number}",)) for number in range(1, 5)]
     for thread in threads:
         thread.start()
     for thread in threads:
-        thread.join(60)
+        thread.join(SETUP_SECONDS)
     assert len(set(successes)) == 4
     assert len(ec2.instances()) == 5
     assert len(ec2.security_groups()) == 1

