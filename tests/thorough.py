@@ -19,11 +19,8 @@ def sized(short: T, thorough: T) -> T:
 
 
 def skip_thorough(item: pytest.Item) -> None:
-    """In the short form, skip what has the mark `thorough`.
-
-    The mark `short` on a test keeps it in the short form though one of its parameters is thorough.
-    """
+    """In the short form, skip what has the mark `thorough`."""
     mark = item.get_closest_marker("thorough")
-    if mark and not THOROUGH and not item.get_closest_marker("short"):
+    if mark and not THOROUGH:
         reason = mark.kwargs.get("reason", "takes long")
         item.add_marker(pytest.mark.skip(reason=f"{reason}: run make test-thorough"))

@@ -58,7 +58,7 @@ def _within(seconds: float, call: Callable[[], Any]) -> Any:
     return outcome
 
 
-@pytest.mark.short
+@pytest.mark.each_engine
 def test_a_workers_whole_life(local: LocalRegion) -> None:
     """Templates, launch, ready over the web-socket, stop, start, reboot, terminate; nothing at the end."""
     assert [template.version for template in local.templates()] == NEWEST_FIRST
@@ -152,7 +152,7 @@ def test_the_client_with_another_token_finds_the_worker_not_ready(local: LocalRe
     assert local.refreshed_node().ready
 
 
-@pytest.mark.short
+@pytest.mark.each_engine
 def test_launching_again_returns_the_container_there_is(local: LocalRegion) -> None:
     """The same version is started and returned; another version has to wait for a termination."""
     node = local.running_node("1.9.0")
@@ -217,7 +217,7 @@ def test_a_paused_worker_can_be_stopped(local: LocalRegion) -> None:
     assert local.client.containers(filters={"status": "exited"}, all=True) != []
 
 
-@pytest.mark.short
+@pytest.mark.each_engine
 def test_a_paused_worker_can_be_rebooted_and_terminated(local: LocalRegion) -> None:
     """A worker that hangs works again after a reboot, and is got rid of within the limit."""
     node = local.running_node()
@@ -247,7 +247,7 @@ def test_a_removed_image_leaves_the_container_and_fails_the_next_launch(local: L
         local.client.tag(f"{IMAGE}:1.9.0", IMAGE, "1.2.0")
 
 
-@pytest.mark.short
+@pytest.mark.each_engine
 def test_a_port_in_use_fails_the_launch_and_leaves_nothing(local: LocalRegion) -> None:
     """The text names the port; no half-made container stands in the way of the next launch."""
     with socket.create_server(("127.0.0.1", local.port)):
@@ -270,7 +270,7 @@ def test_a_strangers_container_of_that_name_is_left_alone(local: LocalRegion) ->
     assert [container["Id"] for container in local.client.containers(all=True)] == [stranger]
 
 
-@pytest.mark.short
+@pytest.mark.each_engine
 def test_a_hanging_engine_ends_every_call_within_the_limit(
     local: LocalRegion, limit_of: Callable[[float], AbstractContextManager[None]]
 ) -> None:
