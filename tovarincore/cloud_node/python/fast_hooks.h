@@ -30,6 +30,12 @@ PyThreadState* running_thread();
 bool enter_call(PyThreadState* running, const char* where);
 void leave_call(PyThreadState* running);
 
+// Whether the interpreter would do something before its next instruction: handle a signal, let another thread run.
+bool something_is_due();
+
+// Lets it do so, by running an instruction of Python, where it is still due.
+void do_what_is_left(const CallSite& site);
+
 class MemoryOfName; // what was found under one name of the source; each name has one
 
 // object.name: the value, borrowed; null when unknown. The first is for instances that store it plainly, and is asked
@@ -97,6 +103,7 @@ inline bool is_finalising() { return py::is_finalising(); }
 inline PyThreadState* running_thread() { return PyThreadState_Get(); }
 inline bool enter_call(PyThreadState*, const char* where) { return Py_EnterRecursiveCall(where) == 0; }
 inline void leave_call(PyThreadState*) { Py_LeaveRecursiveCall(); }
+inline bool something_is_due() { return true; }
 inline PyObject* stored_attribute(const MemoryOfName&, PyObject*) { return nullptr; }
 inline PyObject* found_attribute(const MemoryOfName&, PyObject*, PyObject*) { return nullptr; }
 inline Answer set_attribute(const MemoryOfName&, PyObject*, PyObject*, PyObject*) { return Answer::unknown; }

@@ -19,6 +19,7 @@ Each::Each(Handle iterable, const Wanted* wanted, Handle passed_over, CallSite s
 
 bool Each::next(Object& variable)
 {
+    checkpoint(site_); // reading and comparing an element may run no Python code
     if (index_ < 0)
         return next_of_iterator(variable);
     if (wanted_)
@@ -63,8 +64,8 @@ void Each::pass_over(Object& variable)
         Py_ssize_t end = PyList_GET_SIZE(passed_over_.ptr());
         check(PyList_SetSlice(passed_over_.ptr(), end, end, passed.ptr()), site_);
     }
-    variable = std::move(last);
     checkpoint(site_);
+    variable = std::move(last);
 }
 
 Py_ssize_t first_like(Handle list, Name attribute, Handle like, CallSite site)

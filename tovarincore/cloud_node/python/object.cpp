@@ -49,6 +49,16 @@ void raise_failure(CallSite site)
     throw Raised{site};
 }
 
+// Signals first: a collection runs finalisers, and what is raised in one of those is lost.
+void do_what_is_due(CallSite site)
+{
+    if constexpr (fast::is_on)
+        check(Py_MakePendingCalls(), site);
+    check(PyErr_CheckSignals(), site); // from 3.12 on a collection as well
+    if constexpr (fast::is_on)
+        fast::do_what_is_left(site);
+}
+
 Object Handle::get(Name name, CallSite site) const
 {
     if (PyObject* value = fast::stored_attribute(name.memory(), pointer_)) [[likely]]

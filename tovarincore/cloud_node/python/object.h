@@ -162,9 +162,16 @@ inline void check(int status, CallSite site = CallSite::here())
         throw Raised{site};
 }
 
-// Looks at signals: to be called after whatever may take long without running Python code, inside the body that holds
-// a lock. Else the next Python code would be interrupted in its stead, which may be the lock's release, or a finaliser.
-inline void checkpoint(CallSite site = CallSite::here()) { check(PyErr_CheckSignals(), site); }
+void do_what_is_due(CallSite site);
+
+// Does what the interpreter does between two instructions of Python: signals, other threads and the exceptions that
+// they raise here. To be called after whatever may take long without running Python code, inside the body that holds a
+// lock. Else the next Python code would be interrupted in its stead, which may be the lock's release, or a finaliser.
+inline void checkpoint(CallSite site = CallSite::here())
+{
+    if (fast::something_is_due()) [[unlikely]]
+        do_what_is_due(site);
+}
 
 bool Handle::equals(Handle other, CallSite site) const
 {

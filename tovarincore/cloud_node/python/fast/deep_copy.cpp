@@ -39,6 +39,7 @@ Object deep_copy(const Handle& function, const Handle& value, const CallSite& si
     if (!layout::known || !is_genuine_deepcopy(function) || !deepcopy_is_untouched())
         return {};
     Object made = plain_copy(value, site);
+    checkpoint(site);
     if (!made)
         return GeneralCopy(dict({}, site), site).copy(value);
     collect_what_is_due();

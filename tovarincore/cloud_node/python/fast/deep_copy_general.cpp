@@ -82,6 +82,7 @@ void GeneralCopy::keep_alive(Handle original) const
 Object GeneralCopy::copy(Handle value_given)
 {
     Object value(value_given); // the code of a hook may take it away from its owner
+    checkpoint(site_);
     if (Object known = remembered(value))
         return known;
     if (is_plain_value(Py_TYPE(value.ptr())))

@@ -13,6 +13,8 @@ inline PyThreadState* running_thread() { return runtime::running_thread(); }
 inline bool enter_call(PyThreadState* running, const char* where) { return runtime::enter_call(running, where); }
 inline void leave_call(PyThreadState* running) { runtime::leave_call(running); }
 
+inline bool something_is_due() { return runtime::something_is_due(); }
+
 inline PyObject* stored_attribute(const MemoryOfName& memory, PyObject* object)
 {
     return memory.known().attribute.shared_value(object);

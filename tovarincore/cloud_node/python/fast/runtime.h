@@ -54,6 +54,17 @@ inline bool enter_call(PyThreadState* thread, const char* where)
 inline void leave_call(PyThreadState* thread) { _Py_LeaveRecursiveCallTstate(thread); }
 #endif
 
+inline bool something_is_due()
+{
+    if (!is_as_compiled) [[unlikely]]
+        return true;
+#if PY_VERSION_HEX >= 0x030D0000
+    return (_Py_atomic_load_uintptr_relaxed(&running_thread()->eval_breaker) & _PY_EVAL_EVENTS_MASK) != 0;
+#else
+    return __atomic_load_n(&running_thread()->interp->ceval.eval_breaker._value, __ATOMIC_RELAXED) != 0;
+#endif
+}
+
 // Whether the next container that is made brings a collection.
 inline bool collection_is_due()
 {
@@ -86,6 +97,7 @@ inline bool is_finalising() { return py::is_finalising(); }
 inline PyThreadState* running_thread() { return PyThreadState_Get(); }
 inline bool enter_call(PyThreadState*, const char* where) { return Py_EnterRecursiveCall(where) == 0; }
 inline void leave_call(PyThreadState*) { Py_LeaveRecursiveCall(); }
+inline bool something_is_due() { return true; }
 inline bool collection_is_due() { return true; }
 inline bool state_is_as_compiled() { return false; }
 
