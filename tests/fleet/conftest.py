@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from collections.abc import Iterator
 from typing import Any
 
 import boto3
@@ -11,6 +12,7 @@ from stage.ec2 import IMAGE_NAME, USER_NAME, Ec2World
 from stage.ec2_endpoint import ACCESS_KEY_ID, SECRET_ACCESS_KEY
 from stage.ec2_fixtures import ec2, ec2_endpoint, healthy_worker, sdk_data_read_once
 from stage.patience import SETUP_SECONDS
+from tests.fleet.accounts import Account, account
 from tovarincore.cloud_conf import CloudConf, CloudConfManager
 from tovarincore.cloud_def import CloudRegion
 from tovarincore.fleet import Patience
@@ -23,6 +25,13 @@ __all__ = ["ec2", "ec2_endpoint", "healthy_worker", "sdk_data_read_once"]
 def hasty() -> Patience:
     """Repetitions without the pauses that a real provider needs."""
     return Patience(seconds=SETUP_SECONDS, first_pause=0.01, longest_pause=0.05, unseen_seconds=0.1)
+
+
+@pytest.fixture
+def world() -> Iterator[Account]:
+    """An empty region in memory."""
+    with account() as made:
+        yield made
 
 
 def second_region(world: Ec2World) -> CloudRegion:

@@ -5,21 +5,14 @@ from __future__ import annotations
 import asyncio
 import itertools
 import threading
-from collections.abc import Callable, Iterator
+from collections.abc import Callable
 from typing import Any
 
 import pytest
 
 from stage.patience import SETUP_SECONDS
-from tests.fleet.accounts import HASTY, Account, account
+from tests.fleet.accounts import HASTY, Account
 from tovarincore.fleet import FleetError, Ledger, aio
-
-
-@pytest.fixture
-def world() -> Iterator[Account]:
-    """An empty region in memory."""
-    with account() as made:
-        yield made
 
 
 def test_a_fleets_life_in_an_event_loop(world: Account) -> None:

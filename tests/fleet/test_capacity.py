@@ -2,22 +2,14 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterator
 from typing import Any
 
 import pytest
 
-from tests.fleet.accounts import HASTY, Account, account
+from tests.fleet.accounts import HASTY, Account
 from tovarincore.cloud_def import CloudInstances
 from tovarincore.fleet import Place, launch
 from tovarincore.testing.fakes import client_error
-
-
-@pytest.fixture
-def world() -> Iterator[Account]:
-    """An empty region in memory."""
-    with account() as made:
-        yield made
 
 
 @pytest.mark.parametrize(

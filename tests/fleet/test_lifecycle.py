@@ -3,26 +3,19 @@
 from __future__ import annotations
 
 import threading
-from collections.abc import Callable, Iterator
+from collections.abc import Callable
 from typing import Any
 
 import pytest
 from botocore.exceptions import ConnectionClosedError
 
-from tests.fleet.accounts import HASTY, Account, account
+from tests.fleet.accounts import HASTY, Account
 from tovarincore.cloud_def import CloudNode, K8sRegion, NodeState
 from tovarincore.cloud_node import cloud_manager_glbl
 from tovarincore.fleet import ActionReport, NotDone, Patience, reboot, start, stop, terminate
 from tovarincore.testing.fakes import client_error
 
 LOST = ConnectionClosedError(endpoint_url="https://ec2")
-
-
-@pytest.fixture
-def world() -> Iterator[Account]:
-    """An empty region in memory."""
-    with account() as made:
-        yield made
 
 
 @pytest.mark.parametrize(

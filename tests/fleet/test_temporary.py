@@ -3,13 +3,13 @@
 from __future__ import annotations
 
 import threading
-from collections.abc import Callable, Iterator
+from collections.abc import Callable
 from typing import Any
 
 import pytest
 from botocore.exceptions import ConnectionClosedError
 
-from tests.fleet.accounts import HASTY, Account, account
+from tests.fleet.accounts import HASTY, Account
 from tovarincore.cloud_def import CloudNode, CloudRegions
 from tovarincore.fleet import FleetError, Ledger, temporary_nodes
 from tovarincore.testing.fakes import client_error
@@ -18,13 +18,6 @@ from tovarincore.testing.fixtures import temporary_nodes as temporary_nodes_fixt
 LOST = ConnectionClosedError(endpoint_url="https://ec2")
 given_nodes = temporary_nodes_fixture
 pytest_plugins = ["pytester"]
-
-
-@pytest.fixture
-def world() -> Iterator[Account]:
-    """An empty region in memory."""
-    with account() as made:
-        yield made
 
 
 def temporary(world: Account, count: int = 3, **arguments: Any) -> Any:

@@ -3,12 +3,11 @@
 from __future__ import annotations
 
 import threading
-from collections.abc import Iterator
 from typing import Any
 
 import pytest
 
-from tests.fleet.accounts import Account, account
+from tests.fleet.accounts import Account
 from tovarincore.cloud_def import CloudNode, NodeState
 from tovarincore.cloud_node import cloud_manager_glbl
 from tovarincore.core_def import OPResult
@@ -16,13 +15,6 @@ from tovarincore.fleet import WaitReport, stop, terminate, wait
 from tovarincore.testing.fakes import client_error
 
 QUICK: dict[str, Any] = {"every": 0.01, "unseen_seconds": 0.05}
-
-
-@pytest.fixture
-def world() -> Iterator[Account]:
-    """An empty region in memory."""
-    with account() as made:
-        yield made
 
 
 def test_nodes_are_ready_when_their_workers_answer(world: Account) -> None:

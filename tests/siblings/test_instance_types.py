@@ -9,7 +9,7 @@ import pytest
 
 from tests.conftest import ROOT
 from tovarincore.cloud_def import CloudInstances, CloudInstanceTypeDef
-from tovarincore.core_conf import ConfigError, core_conf_glbl
+from tovarincore.core_conf import core_conf_glbl
 
 
 @pytest.fixture
@@ -76,46 +76,6 @@ def test_the_users_file_adds_and_replaces(types_file: Path) -> None:
     assert find("t3.micro") == CloudInstanceTypeDef("t3.micro", 1, 5)
     assert find("z9.huge") == CloudInstanceTypeDef("z9.huge", 999, 7, 2, "M")
     assert find("m5.large") is not None
-
-
-@pytest.mark.parametrize(
-    ("text", "parts"),
-    [
-        (
-            '[instance_types]\n"a.b" = { cpu_count = 0, memory_mib = 1 }',
-            ['"a.b"', "cpu_count 0", "at least 1"],
-        ),
-        (
-            '[instance_types]\n"a.b" = { cpu_count = 1, memory_mib = "1" }',
-            ["memory_mib '1'", "a whole number"],
-        ),
-        ('[instance_types]\n"a.b" = { cpu_count = 1 }', ['"a.b": memory_mib is missing']),
-        ('[instance_types]\n"a.b" = { cpus = 1 }', ['unknown key "cpus"', "cpu_count, gpu_count"]),
-        ('[instance_types]\n"a.b" = 1', ['"a.b": 1 is not allowed', "{ cpu_count = 2, memory_mib = 4096 }"]),
-        (
-            "[instance_types]\na.b = { cpu_count = 1, memory_mib = 1 }",
-            ['"a": is only half a name', 'in quotes: "a.b"'],
-        ),
-        ("[instance_typs]", ['unknown section "instance_typs"', 'did you mean "instance_types"?']),
-        ("instance_types = 1", ["allowed is a section [instance_types]"]),
-        ("[instance_types", ["is not valid TOML at"]),
-    ],
-)
-def test_a_users_file_with_a_mistake_is_refused(types_file: Path, text: str, parts: list[str]) -> None:
-    """With the file, the type, the key and what is allowed."""
-    types_file.write_text(text)
-    with pytest.raises(ConfigError) as caught:
-        _ = CloudInstances.instance_type_list
-    for part in [f"{types_file}: ", *parts]:
-        assert part in str(caught.value)
-
-
-def test_a_missing_users_file_is_refused(types_file: Path) -> None:
-    """It was named on purpose; the setting that names it is told."""
-    with pytest.raises(
-        ConfigError, match=r"types\.toml: no such file; the setting \[cloud\] instance_types_file"
-    ):
-        _ = CloudInstances.instance_type_list
 
 
 def test_the_local_type_is_as_large_as_the_container_may_be(monkeypatch: pytest.MonkeyPatch) -> None:

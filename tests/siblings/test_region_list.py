@@ -129,42 +129,6 @@ def test_a_region_is_found_by_name_and_by_key(regions_file: Path) -> None:
     assert CloudRegions.find("nowhere") is None
 
 
-@pytest.mark.parametrize(
-    ("text", "parts"),
-    [
-        ('[[region]]\ncloud = "aws"\nname = "a"', ["[[region]] number 1", "'aws'", '"AWS" or "k8s"']),
-        ('[[region]]\ncloud = "local"\nname = "a"', ["the local region always exists"]),
-        ('[[region]]\nname = "a"', ["cloud None"]),
-        ('[[region]]\ncloud = "AWS"', ["name is missing"]),
-        ('[[region]]\ncloud = "AWS"\nname = ""', ["name is missing"]),
-        ('[[region]]\ncloud = "AWS"\nname = 5', ["name 5", "a text"]),
-        (
-            '[[region]]\ncloud = "AWS"\nname = "a"\nnamespace = "n"',
-            ['unknown key "namespace" of a region of AWS'],
-        ),
-        ('[[region]]\ncloud = "k8s"\nname = "a"\nin_cluster = 1', ["in_cluster 1", "true or false"]),
-        ('[[region]]\ncloud = "k8s"\nname = "a"\nnamspace = "n"', ['did you mean "namespace"?']),
-        ('[[region]]\ncloud = "AWS"\nname = "a"\n' * 2, ["numbers 1 and 2 are both AWS:a"]),
-        ('[[regions]]\ncloud = "AWS"', ['unknown section "regions"', 'did you mean "region"?']),
-        ('[region]\ncloud = "AWS"', ["allowed are tables [[region]]"]),
-        ("region = [1]", ["allowed are tables [[region]]"]),
-    ],
-)
-def test_a_file_with_a_mistake_is_refused(regions_file: Path, text: str, parts: list[str]) -> None:
-    """With the file, the number of the region, the key and what is allowed."""
-    regions_file.write_text(text)
-    with pytest.raises(ConfigError) as caught:
-        CloudRegions.get_all()
-    for part in [f"{regions_file}: ", *parts]:
-        assert part in str(caught.value)
-
-
-def test_a_missing_file_is_refused(regions_file: Path) -> None:
-    """It was named on purpose; the setting that names it is told."""
-    with pytest.raises(ConfigError, match=r"regions\.toml: no such file; the setting \[cloud\] regions_file"):
-        CloudRegions.get_k8s_regions()
-
-
 def test_a_region_is_got_by_name_or_the_nearest_is_suggested() -> None:
     """Unlike find, get never gives None: a misspelt name ends in an error with the right one."""
     assert CloudRegions.get("us-east-1") == CloudRegions.find("us-east-1")
