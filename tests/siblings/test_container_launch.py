@@ -155,7 +155,7 @@ def test_a_name_that_stays_reserved_is_an_error_within_the_limit(
 ) -> None:
     """Nobody is told to remove a container that cannot be seen."""
     engine.failures["create_container"] = ContainerNameTakenError("taken")
-    with in_time(0.6), settings_of(tmp_path, {"container": {**SETTINGS, "operation_seconds": 0.6}}):
+    with in_time(2), settings_of(tmp_path, {"container": {**SETTINGS, "operation_seconds": 2}}):
         node, result = ContainerHelper(engine.open).run_tvr_container_image("1.10")
     assert (node, result.error_code) == (None, OPResultErrorCode.TIMEOUT)
     assert 'keeps the name "the-worker" for a container that it does not list' in str(result.msg)

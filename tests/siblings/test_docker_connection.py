@@ -172,7 +172,7 @@ def test_the_package_is_imported_at_first_use() -> None:
 def test_a_program_ends_cleanly_after_a_call_that_was_left_behind(api: EngineApi) -> None:
     """The thread that still waits for the engine neither delays the end of the process nor disturbs it."""
     released = threading.Event()
-    api.answers["GET", "/containers/json"] = lambda connection: released.wait(30)
+    api.answers["GET", "/containers/json"] = lambda connection: released.wait(2 * SETUP_SECONDS)
     program = (
         "from tovarincore.container_helper import ContainerError, ContainerHelper\n"
         "try:\n    ContainerHelper().get_existing_node()\nexcept ContainerError as error:\n    print(error)"
@@ -185,7 +185,7 @@ def test_a_program_ends_cleanly_after_a_call_that_was_left_behind(api: EngineApi
             check=False,
             capture_output=True,
             text=True,
-            timeout=20,
+            timeout=SETUP_SECONDS,
         )
     finally:
         released.set()
