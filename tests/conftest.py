@@ -71,7 +71,18 @@ def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
 
 
 def pytest_collection_finish() -> None:
-    """Take what the imports made out of the collector's sight: many tests collect, each time all of it."""
+    """Begin the first test with a small heap."""
+    take_out_of_sight()
+
+
+@pytest.fixture(scope="module", autouse=True)
+def small_heap() -> None:
+    """Begin each file with a small heap, whatever earlier ones imported, such as the SDK and an emulator."""
+    take_out_of_sight()
+
+
+def take_out_of_sight() -> None:
+    """Hide what there is from the collector: many tests collect, each time all of it."""
     gc.collect()
     gc.freeze()
 
