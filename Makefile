@@ -35,7 +35,7 @@ build-tests: setup ## builds the extension that only tests import, too
 
 .PHONY: test
 test: build-tests ## runs the tests, in several processes (ARGS="-n 0" in one, ARGS="-k launch" some of them)
-	@$(python) -X dev -W error -m pytest -n auto $(ARGS)
+	@$(python) -W error -m pytest -n auto $(ARGS)
 
 .PHONY: test-thorough
 test-thorough: build-tests ## runs the tests with their long searches, on both container engines and a built wheel
