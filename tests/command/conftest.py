@@ -31,9 +31,14 @@ SCHEMA = json.loads((ROOT / "docs" / "command.schema.json").read_bytes())
 Run = Callable[..., click.testing.Result]
 
 
+# For the processes that tests start: the user's cache that they share.
+_of_processes: dict[str, str] = {}
+
+
 @pytest.fixture(scope="session", autouse=True)
-def lean_data_made_once() -> Iterator[None]:
+def lean_data_made_once(tmp_path_factory: pytest.TempPathFactory) -> Iterator[None]:
     """Each test has another cache, for which the command would read all of the SDK's data again."""
+    _of_processes["XDG_CACHE_HOME"] = str(tmp_path_factory.mktemp("cache"))
     with pytest.MonkeyPatch.context() as patched:
         patched.setattr(lean_sdk, "_make", functools.cache(lean_sdk._make))
         yield
@@ -98,7 +103,7 @@ def start_command(
     """Start the command as a separate process in the test's surroundings, warnings being errors."""
     return subprocess.Popen(
         [sys.executable, "-W", "error", "-m", module, *arguments],
-        env={**os.environ, "PYTHONPATH": str(ROOT)},
+        env={**os.environ, **_of_processes, "PYTHONPATH": str(ROOT)},
         stdin=stdin,
         stdout=subprocess.PIPE,
         stderr=subprocess.PIPE,
