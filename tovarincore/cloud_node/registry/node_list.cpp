@@ -55,11 +55,13 @@ Object set_node(Handle self, Handle node_given)
         node = deep_copy(node_given);
         Object nodes = nodes_of(self);
         Py_ssize_t count = len(nodes);
-        for (Py_ssize_t i = first_like(nodes, "instance_id"_s, node); i < count; ++i)
+        for (Py_ssize_t i = first_like(nodes, "instance_id"_s, node); i < count; ++i) {
             if (nodes_of(self).item(i).get("instance_id"_s).equals(node.get("instance_id"_s))) {
                 nodes_of(self).set_item(i, node);
                 return none();
             }
+            checkpoint(); // before the finaliser of a record that is replaced
+        }
         nodes_of(self).method("append"_s)({node});
         return none();
     });
