@@ -34,7 +34,7 @@ def ports_text(from_port: int, to_port: int) -> str:
 def _backend(service: str, region: str = REGION_NAME) -> Any:
     """What the emulator holds: set-ups change it without a request, which takes ten times as long."""
     from moto.backends import get_backend
-    from moto.core import DEFAULT_ACCOUNT_ID
+    from moto.core.models import DEFAULT_ACCOUNT_ID
 
     # Of no type: the names of services are overloads, as literals.
     backends_of: Any = get_backend
@@ -59,7 +59,7 @@ class Ec2Endpoint:
         # Its import stumbles over a profile that the user's environment names.
         with environment({}):
             from moto import backends, settings
-            from moto.core import responses
+            from moto.core import responses, utils
             from moto.ec2.models.instances import Instance
             from moto.moto_server.werkzeug_app import (
                 DomainDispatcherApplication,
@@ -87,7 +87,7 @@ class Ec2Endpoint:
         )
         # The emulator works these out for each request, which takes a quarter of its time.
         services = list(backends.list_of_moto_modules())
-        actions_of = functools.cache(responses.method_names_from_class)
+        actions_of = functools.cache(utils.method_names_from_class)
         for owner, name, quick in (
             (backends, "list_of_moto_modules", lambda: services),
             (responses, "method_names_from_class", actions_of),

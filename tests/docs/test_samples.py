@@ -28,16 +28,17 @@ CHILD = Path(__file__).with_name("child.py")
 class Reader:
     """Follows a page in the playground: Python blocks share one process, commands one configuration."""
 
-    def __init__(self, folder: Path) -> None:
+    def __init__(self, folder: Path, cache: Path) -> None:
         self.folder = folder
         self.variables = {
             **os.environ,
             "COLUMNS": "120",
             "PYTHONPATH": str(ROOT),
             "HOME": str(folder),
+            "XDG_CACHE_HOME": str(cache),
         }
         self.python = subprocess.Popen(
-            [sys.executable, "-X", "dev", "-W", "error", str(CHILD)],
+            [sys.executable, "-W", "error", str(CHILD)],
             cwd=folder,
             env=self.variables,
             stdin=subprocess.PIPE,
@@ -100,9 +101,10 @@ def compare(sample: Sample, shown: str, printed: str) -> None:
 
 
 @pytest.fixture
-def reader(tmp_path: Path) -> Iterator[Reader]:
-    """A reader at the beginning of a page, in its own playground."""
-    with playground(), contextlib.closing(Reader(tmp_path)) as following:
+def reader(tmp_path: Path, tmp_path_factory: pytest.TempPathFactory) -> Iterator[Reader]:
+    """A reader at the beginning of a page, in its own playground; pages share what the command caches."""
+    cache = tmp_path_factory.getbasetemp() / "cache"
+    with playground(), contextlib.closing(Reader(tmp_path, cache)) as following:
         yield following
 
 
