@@ -69,7 +69,7 @@ def region_with(count: int, world: World, name: str = "r") -> CloudRegion:
 
 def test_silent_workers_are_waited_for_side_by_side() -> None:
     """Of twelve silent workers four are waited for at a time, whatever region they are in."""
-    world = World(silent_seconds=0.1)
+    world = World(silent_seconds=0.1, at_once=4)
     regions = [region_with(6, world, "r1"), region_with(6, world, "r2")]
     with placed(world):
         outcomes = refresh(regions, probes=4, manager=CloudManager())
@@ -79,11 +79,11 @@ def test_silent_workers_are_waited_for_side_by_side() -> None:
 
 def test_providers_are_asked_side_by_side_up_to_the_limit() -> None:
     """Of five regions two are listed at a time."""
-    world = World()
+    world = World(at_once=2)
     regions = [K8sRegion(f"r{number}") for number in range(5)]
 
     def slow() -> object:
-        time.sleep(0.05)
+        world.take(0.05)
         return [], OPResult(success=True)
 
     world.listings = {region.name: slow for region in regions}

@@ -12,6 +12,7 @@ from unittest.mock import patch
 
 from hypothesis import strategies as st
 
+from stage.patience import SETUP_SECONDS
 from tovarincore import cloud_node
 from tovarincore.cloud_def import CloudInstanceTypeDef, CloudNode, CloudRegion, K8sRegion, NodeState
 from tovarincore.cloud_node import CloudManager
@@ -29,6 +30,8 @@ class World:
     :param listings: by name of the region, what its provider does when it is asked
     :param workers: by instance id, how much time a worker takes and what its load is; ``None`` for one that
         is silent, an exception for one whose client fails
+    :param at_once: how many things have to go on at the same time before a slow one ends: threads of a busy
+        machine begin late
     """
 
     listings: dict[str, Listing] = field(default_factory=dict)
@@ -36,10 +39,18 @@ class World:
     pinged: list[str] = field(default_factory=list)
     silent_seconds: float = 0.0
     most_at_once: int = 0
+    at_once: int = 0
 
     def __post_init__(self) -> None:
         self._lock = threading.Lock()
         self._now = 0
+
+    def take(self, seconds: float) -> None:
+        """Take time."""
+        time.sleep(seconds)
+        end = time.monotonic() + SETUP_SECONDS
+        while self.most_at_once < self.at_once and time.monotonic() < end:
+            time.sleep(0.005)
 
     @contextmanager
     def counted(self) -> Iterator[None]:
@@ -69,7 +80,7 @@ def world_client(world: World) -> type:
             with world.counted():
                 if isinstance(self.behaviour, BaseException):
                     raise self.behaviour
-                time.sleep(self.behaviour[0] if self.behaviour else world.silent_seconds)
+                world.take(self.behaviour[0] if self.behaviour else world.silent_seconds)
             return OPResult(success=True) if self.behaviour else deepcopy(FAILURE)
 
         def refresh_system_stat(self) -> OPResult:

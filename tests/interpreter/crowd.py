@@ -16,13 +16,14 @@ from collections.abc import Callable
 from types import SimpleNamespace
 from typing import Any
 
+from stage.patience import SETUP_SECONDS, SLACK_SECONDS
 from tovarincore import cloud_node
 from tovarincore.cloud_def import AWSCloudAuth, CloudInstances, CloudNode, CloudRegion, NodeState
 
 TYPE = CloudInstances.get_default_local_instance_type()
 REGIONS = [CloudRegion(name=f"region-{number}", cloud="AWS") for number in range(3)]
 AUTH = AWSCloudAuth(aws_access_key_id="id", aws_secret_access_key="secret")
-LONGEST_WAIT = 3.5  # seconds: a lock wait is bounded by 3, the rest is the scheduler's
+LONGEST_WAIT = 3 + SLACK_SECONDS  # a lock wait is bounded by 3, the rest is the scheduler's
 
 
 class Session:
@@ -152,7 +153,7 @@ def run(threads: int, seconds: float) -> Crowd:
         for worker in workers:
             worker.start()
         for worker in workers:
-            worker.join(seconds + 30)
+            worker.join(seconds + SETUP_SECONDS)
             crowd.check(not worker.is_alive(), "a thread hangs")
     finally:
         sys.setswitchinterval(interval)
