@@ -73,7 +73,7 @@ def test_silent_workers_are_waited_for_side_by_side() -> None:
     regions = [region_with(6, world, "r1"), region_with(6, world, "r2")]
     with placed(world):
         outcomes = refresh(regions, probes=4, manager=CloudManager())
-    assert world.most_at_once == 4
+    assert world.most_at_once["pings"] == 4
     assert [(len(outcome.silent), outcome.answered) for outcome in outcomes] == [(6, 0), (6, 0)]
 
 
@@ -89,7 +89,7 @@ def test_providers_are_asked_side_by_side_up_to_the_limit() -> None:
     world.listings = {region.name: slow for region in regions}
     with placed(world):
         assert all(outcome.result.success for outcome in refresh(regions, 9, 2, manager=CloudManager()))
-    assert world.most_at_once == 2
+    assert world.most_at_once["listings"] == 2
 
 
 def test_an_outcome_tells_what_was_found() -> None:

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import threading
 import time
+from collections import Counter
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from copy import deepcopy
@@ -38,31 +39,31 @@ class World:
     workers: dict[str, tuple[float, float] | BaseException | None] = field(default_factory=dict)
     pinged: list[str] = field(default_factory=list)
     silent_seconds: float = 0.0
-    most_at_once: int = 0
+    most_at_once: Counter[str] = field(default_factory=Counter)
     at_once: int = 0
 
     def __post_init__(self) -> None:
         self._lock = threading.Lock()
-        self._now = 0
+        self._now = Counter[str]()
 
     def take(self, seconds: float) -> None:
         """Take time."""
         time.sleep(seconds)
         end = time.monotonic() + SETUP_SECONDS
-        while self.most_at_once < self.at_once and time.monotonic() < end:
+        while max(self.most_at_once.values()) < self.at_once and time.monotonic() < end:
             time.sleep(0.005)
 
     @contextmanager
-    def counted(self) -> Iterator[None]:
-        """Count the body among what goes on."""
+    def counted(self, kind: str) -> Iterator[None]:
+        """Count the body among what goes on of its kind."""
         with self._lock:
-            self._now += 1
-            self.most_at_once = max(self.most_at_once, self._now)
+            self._now[kind] += 1
+            self.most_at_once[kind] = max(self.most_at_once[kind], self._now[kind])
         try:
             yield
         finally:
             with self._lock:
-                self._now -= 1
+                self._now[kind] -= 1
 
 
 def world_client(world: World) -> type:
@@ -77,7 +78,7 @@ def world_client(world: World) -> type:
         def api_get_op_result(self, request: object) -> OPResult:
             """Answer the ping."""
             world.pinged.append(self.node.instance_id)
-            with world.counted():
+            with world.counted("pings"):
                 if isinstance(self.behaviour, BaseException):
                     raise self.behaviour
                 world.take(self.behaviour[0] if self.behaviour else world.silent_seconds)
@@ -102,7 +103,7 @@ def placed(world: World) -> Iterator[None]:
 
         def get_cloud_nodes(self) -> object:
             """List the nodes, as new records each time."""
-            with world.counted():
+            with world.counted("listings"):
                 return deepcopy(world.listings[self.region.name]())
 
     with (

@@ -16,7 +16,7 @@ from typing import Any
 
 from textual.pilot import Pilot
 
-from tests.command.top.screens import head, made_up, play, text_of, until
+from tests.command.top.screens import column, head, made_up, play, text_of, until
 from tests.conftest import ROOT
 from tovarincore.command.top.app import TopApp
 from tovarincore.testing.fakes import patched_cloud_node
@@ -65,6 +65,8 @@ def drawn(name: str) -> str:
         await until(pilot, lambda: "nodes" in head(app) and "quit" in text_of(app))
         for key in screen.keys:
             await pilot.press(key)
+        # Three are marked; on a busy machine their requests begin late.
+        await until(pilot, lambda: "y" not in screen.keys or column(app, "STATE").count("ending") == 3)
         await pilot.pause()
         pictures.append(app.export_screenshot(title="tovarin-nodes top"))
         over.set()
