@@ -76,19 +76,27 @@ class LogLevels:
         for masked in (logger, logging.getLogger("CloudManager")):
             # Adding it twice does nothing.
             masked.addFilter(_masking)
+        self._apply_locked(logger, level, handler, show_secrets)
+        return logger
+
+    # Short on purpose: where no memory is left, CPython 3.11 to 3.13 loop for ever at the end of a `finally` that stands
+    # behind a function's first 256 instructions, and fail at the end of a `with`.
+    def _apply_locked(self, logger: logging.Logger, level: str, handler: str, show_secrets: bool) -> None:
         self._lock.acquire()
         try:
-            if logger.level in (logging.NOTSET, self._own_level):
-                logger.setLevel(level)
-                self._own_level = logger.level
-            self._set_handler(logger, handler)
-            if show_secrets:
-                self._release()
-            else:
-                self._hold()
+            self._set_up(logger, level, handler, show_secrets)
         finally:
-            self._lock.release()  # the end of a `with` would need memory
-        return logger
+            self._lock.release()
+
+    def _set_up(self, logger: logging.Logger, level: str, handler: str, show_secrets: bool) -> None:
+        if logger.level in (logging.NOTSET, self._own_level):
+            logger.setLevel(level)
+            self._own_level = logger.level
+        self._set_handler(logger, handler)
+        if show_secrets:
+            self._release()
+        else:
+            self._hold()
 
     def _set_handler(self, logger: logging.Logger, handler: str) -> None:
         # A NullHandler keeps logging's handler of last resort from writing to standard error.
