@@ -79,8 +79,8 @@ class LogLevels:
         self._apply_locked(logger, level, handler, show_secrets)
         return logger
 
-    # Short on purpose: where no memory is left, CPython 3.11 to 3.13 loop for ever at the end of a `finally` that stands
-    # behind a function's first 256 instructions, and fail at the end of a `with`.
+    # Short on purpose: where no memory is left, CPython 3.11 to 3.13 loop for ever at the end of a `finally`
+    # that stands behind a function's first 256 instructions, and fail at the end of a `with`.
     def _apply_locked(self, logger: logging.Logger, level: str, handler: str, show_secrets: bool) -> None:
         self._lock.acquire()
         try:

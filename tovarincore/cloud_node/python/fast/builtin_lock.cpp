@@ -1,6 +1,7 @@
 // The interpreter's own lock, through its own methods but without packing arguments for them.
 #include "../fast_hooks.h"
 #include "layout.h"
+#include "quiet_lookup.h"
 
 #include <cstring>
 
@@ -20,7 +21,7 @@ struct BuiltInLock {
 // A method of the class itself that is called in this way; null when there is none.
 PyMethodDef* method_of(PyTypeObject* type, const char* name, int flags)
 {
-    PyObject* found = PyDict_GetItemString(layout::names_of_class(type), name);
+    PyObject* found = item_named(layout::names_of_class(type), name);
     if (found == nullptr || !Py_IS_TYPE(found, &PyMethodDescr_Type))
         return nullptr;
     PyMethodDef* method = reinterpret_cast<PyMethodDescrObject*>(found)->d_method;

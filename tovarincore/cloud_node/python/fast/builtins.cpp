@@ -15,7 +15,7 @@ PyObject *genuine_isinstance = nullptr, *genuine_len = nullptr;
 // A new reference to the interpreter's own built-in function of this name, or null.
 PyObject* genuine(PyObject* builtin_names, const char* name)
 {
-    PyObject* found = PyDict_GetItemString(builtin_names, name);
+    PyObject* found = item_named(builtin_names, name);
     PyObject* module = found != nullptr && PyCFunction_CheckExact(found) ? PyCFunction_GET_SELF(found) : nullptr;
     if (module == nullptr || !PyModule_Check(module) || PyModule_GetDict(module) != builtin_names ||
         std::strcmp(reinterpret_cast<PyCFunctionObject*>(found)->m_ml->ml_name, name) != 0)

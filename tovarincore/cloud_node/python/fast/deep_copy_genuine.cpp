@@ -76,8 +76,6 @@ constexpr const char* enumeration_function_names[] = {
 #endif
 };
 
-PyObject* in(PyObject* dict, const char* name) { return PyDict_GetItemString(dict, name); } // borrowed or null
-
 // A function that the module of these names defined itself, under this name.
 bool is_own_function(PyObject* names, PyObject* function, std::string_view name)
 {
@@ -90,7 +88,7 @@ bool is_own_function(PyObject* names, PyObject* function, std::string_view name)
 bool keep_functions(std::span<WatchedFunction> kept, PyObject* module_names, std::span<const char* const> names)
 {
     for (std::size_t i = 0; i < names.size(); ++i) {
-        PyObject* function = in(module_names, names[i]);
+        PyObject* function = item_named(module_names, names[i]);
         if (!is_own_function(module_names, function, names[i]))
             return false;
         kept[i].keep(function);
@@ -101,7 +99,7 @@ bool keep_functions(std::span<WatchedFunction> kept, PyObject* module_names, std
 bool stand_in(PyObject* module_names, std::span<const WatchedFunction> kept, std::span<const char* const> names)
 {
     for (std::size_t i = 0; i < names.size(); ++i)
-        if (in(module_names, names[i]) != kept[i].function())
+        if (item_named(module_names, names[i]) != kept[i].function())
             return false;
     return true;
 }
@@ -112,7 +110,7 @@ bool dispatches(PyTypeObject* type, const char* copier)
     PyObject *key, *found;
     for (Py_ssize_t position = 0; PyDict_Next(dispatch.dict, &position, &key, &found) != 0;)
         if (key == reinterpret_cast<PyObject*>(type))
-            return found == in(copy_names.dict, copier);
+            return found == item_named(copy_names.dict, copier);
     return false;
 }
 
@@ -138,34 +136,34 @@ bool copy_module_is_as_it_comes()
     if (!stand_in(copy_names.dict, std::span(kept_copy_functions).subspan(1), std::span(copy_functions).subspan(1)))
         return false;
     for (const char* shadowing : {"type", "zip", "tuple", "str", "len", "KeyError"})
-        if (in(copy_names.dict, shadowing) != nullptr)
+        if (item_named(copy_names.dict, shadowing) != nullptr)
             return false;
     for (const char* shadowing : called_builtins)
-        if (in(copy_names.dict, shadowing) != nullptr)
+        if (item_named(copy_names.dict, shadowing) != nullptr)
             return false;
-    return in(copy_names.dict, "_deepcopy_dispatch") == dispatch.dict &&
-           in(copy_names.dict, "dispatch_table") == reducers.dict;
+    return item_named(copy_names.dict, "_deepcopy_dispatch") == dispatch.dict &&
+           item_named(copy_names.dict, "dispatch_table") == reducers.dict;
 }
 
 bool builtins_are_as_they_come()
 {
     for (std::size_t i = 0; i < called_builtins.size(); ++i)
-        if (in(builtin_names.dict, called_builtins[i]) != kept_called_builtins[i])
+        if (item_named(builtin_names.dict, called_builtins[i]) != kept_called_builtins[i])
             return false;
-    return in(builtin_names.dict, "type") == reinterpret_cast<PyObject*>(&PyType_Type) &&
-           in(builtin_names.dict, "tuple") == reinterpret_cast<PyObject*>(&PyTuple_Type) &&
-           in(builtin_names.dict, "zip") == reinterpret_cast<PyObject*>(&PyZip_Type) &&
-           in(builtin_names.dict, "str") == reinterpret_cast<PyObject*>(&PyUnicode_Type) &&
-           in(builtin_names.dict, "KeyError") == PyExc_KeyError;
+    return item_named(builtin_names.dict, "type") == reinterpret_cast<PyObject*>(&PyType_Type) &&
+           item_named(builtin_names.dict, "tuple") == reinterpret_cast<PyObject*>(&PyTuple_Type) &&
+           item_named(builtin_names.dict, "zip") == reinterpret_cast<PyObject*>(&PyZip_Type) &&
+           item_named(builtin_names.dict, "str") == reinterpret_cast<PyObject*>(&PyUnicode_Type) &&
+           item_named(builtin_names.dict, "KeyError") == PyExc_KeyError;
 }
 
 // What object.__reduce_ex__ finds in sys.modules.
 bool copyreg_is_as_it_comes()
 {
-    PyObject* module = in(modules.dict, "copyreg");
+    PyObject* module = item_named(modules.dict, "copyreg");
     return module != nullptr && PyModule_CheckExact(module) && PyModule_GetDict(module) == copyreg_names.dict &&
            stand_in(copyreg_names.dict, kept_copyreg_functions, copyreg_functions) &&
-           in(copyreg_names.dict, "dispatch_table") == reducers.dict;
+           item_named(copyreg_names.dict, "dispatch_table") == reducers.dict;
 }
 
 bool everything_is_as_it_comes()
@@ -192,8 +190,8 @@ bool find_everything()
     modules.dict = PyImport_GetModuleDict();
     if (copy_names.dict == nullptr || copyreg_names.dict == nullptr)
         return false;
-    dispatch.dict = in(copy_names.dict, "_deepcopy_dispatch");
-    reducers.dict = in(copyreg_names.dict, "dispatch_table");
+    dispatch.dict = item_named(copy_names.dict, "_deepcopy_dispatch");
+    reducers.dict = item_named(copyreg_names.dict, "dispatch_table");
     for (PyObject* dict :
          {copy_names.dict, copyreg_names.dict, builtin_names.dict, modules.dict, dispatch.dict, reducers.dict}) {
         if (dict == nullptr || !PyDict_CheckExact(dict))
@@ -201,7 +199,7 @@ bool find_everything()
         Py_INCREF(dict);
     }
     for (std::size_t i = 0; i < called_builtins.size(); ++i)
-        kept_called_builtins[i] = Object(borrow(in(builtin_names.dict, called_builtins[i]))).release();
+        kept_called_builtins[i] = Object(borrow(item_named(builtin_names.dict, called_builtins[i]))).release();
     return keep_functions(kept_copy_functions, copy_names.dict, copy_functions) &&
            keep_functions(kept_copyreg_functions, copyreg_names.dict, copyreg_functions);
 }
@@ -209,13 +207,13 @@ bool find_everything()
 // The function that copy's own helpers were defined with.
 bool is_used_by_its_helpers(PyObject* function)
 {
-    PyObject* defaults = PyFunction_GET_DEFAULTS(in(copy_names.dict, "_deepcopy_list"));
+    PyObject* defaults = PyFunction_GET_DEFAULTS(item_named(copy_names.dict, "_deepcopy_list"));
     return defaults != nullptr && PyTuple_GET_SIZE(defaults) == 1 && PyTuple_GET_ITEM(defaults, 0) == function;
 }
 
 PyObject* names_of_enum_module() // borrowed, or null
 {
-    PyObject* module = has_text_keys_only(modules.dict) ? in(modules.dict, "enum") : nullptr;
+    PyObject* module = has_text_keys_only(modules.dict) ? item_named(modules.dict, "enum") : nullptr;
     PyObject* names = module != nullptr && PyModule_CheckExact(module) ? PyModule_GetDict(module) : nullptr;
     return names != nullptr && has_text_keys_only(names) ? names : nullptr;
 }
@@ -255,7 +253,7 @@ Handle reducer_table() { return borrow(reducers.dict); }
 bool is_enumeration_metaclass(PyTypeObject* metatype)
 {
     PyObject* names = names_of_enum_module();
-    return names != nullptr && in(names, "EnumMeta") == reinterpret_cast<PyObject*>(metatype);
+    return names != nullptr && item_named(names, "EnumMeta") == reinterpret_cast<PyObject*>(metatype);
 }
 
 bool enumerations_are_made_by(const std::array<PyObject*, enumeration_functions>& functions)

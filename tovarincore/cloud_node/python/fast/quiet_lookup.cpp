@@ -40,4 +40,14 @@ bool is_quiet_class(PyTypeObject* type)
     return true;
 }
 
+PyObject* item_named(PyObject* dict, const char* name)
+{
+    PyObject* key = PyUnicode_FromString(name);
+    PyObject* found = key == nullptr ? nullptr : PyDict_GetItemWithError(dict, key);
+    Py_XDECREF(key);
+    if (found == nullptr)
+        PyErr_Clear();
+    return found;
+}
+
 } // namespace py::fast
