@@ -14,15 +14,10 @@ inline bool are_plain_texts(PyObject* a, PyObject* b)
     return PyUnicode_CheckExact(a) && PyUnicode_CheckExact(b) && PyUnicode_IS_READY(a) && PyUnicode_IS_READY(b);
 }
 
-inline bool is_same_text(PyObject* a, PyObject* b)
+inline bool are_same_bytes(const void* a, const void* b, std::size_t size)
 {
-    if (a == b)
-        return true;
-    if (PyUnicode_GET_LENGTH(a) != PyUnicode_GET_LENGTH(b) || PyUnicode_KIND(a) != PyUnicode_KIND(b))
-        return false;
-    std::size_t size = static_cast<std::size_t>(PyUnicode_GET_LENGTH(a)) * PyUnicode_KIND(a);
-    const auto* x = static_cast<const char*>(PyUnicode_DATA(a));
-    const auto* y = static_cast<const char*>(PyUnicode_DATA(b));
+    const auto* x = static_cast<const char*>(a);
+    const auto* y = static_cast<const char*>(b);
     // Identifiers of one length mostly differ in their last characters.
     if (size >= sizeof(std::uint64_t)) {
         std::uint64_t end_of_x, end_of_y;
@@ -34,6 +29,19 @@ inline bool is_same_text(PyObject* a, PyObject* b)
         return false;
     }
     return std::memcmp(x, y, size) == 0;
+}
+
+inline bool is_same_text(PyObject* a, PyObject* b)
+{
+    if (a == b)
+        return true;
+    if (PyUnicode_GET_LENGTH(a) != PyUnicode_GET_LENGTH(b))
+        return false;
+    auto length = static_cast<std::size_t>(PyUnicode_GET_LENGTH(a));
+    if (PyUnicode_IS_COMPACT_ASCII(a) && PyUnicode_IS_COMPACT_ASCII(b)) [[likely]]
+        return are_same_bytes(reinterpret_cast<PyASCIIObject*>(a) + 1, reinterpret_cast<PyASCIIObject*>(b) + 1, length);
+    return PyUnicode_KIND(a) == PyUnicode_KIND(b) &&
+           are_same_bytes(PyUnicode_DATA(a), PyUnicode_DATA(b), length * PyUnicode_KIND(a));
 }
 
 // `==` of such an object is the one of `object`: it is equal to itself only.

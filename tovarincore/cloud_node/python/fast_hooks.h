@@ -73,10 +73,10 @@ Py_ssize_t first_candidate(PyObject* list, Py_ssize_t start, const Wanted& wante
 // The same for elements with the value that `element` has under the name.
 Py_ssize_t first_like(PyObject* list, const Name& name, PyObject* element);
 
-// lock.acquire(), which takes a free lock at once, and lock.release(), of the interpreter's own locks. `no` says that
-// the lock is not free, and that releasing it failed, with an error set.
-Answer acquire(PyObject* lock);
-Answer release(PyObject* lock);
+// A lock of the interpreter's own class, without a call of its methods: `no` says that it is not free. False: not given
+// back.
+Answer take_lock(PyObject* lock);
+bool give_lock_back(PyObject* lock);
 
 // deepcopy(value), where `function` is what now stands under the name: empty when unknown. May run code of the value.
 Object deep_copy(const Handle& function, const Handle& value, const CallSite& site);
@@ -117,8 +117,8 @@ inline PyObject* str(PyObject*, PyObject*) { return nullptr; }
 inline PyObject* initialiser(PyObject*) { return nullptr; }
 inline Py_ssize_t first_candidate(PyObject*, Py_ssize_t start, const Wanted&) { return start; }
 inline Py_ssize_t first_like(PyObject*, const Name&, PyObject*) { return 0; }
-inline Answer acquire(PyObject*) { return Answer::unknown; }
-inline Answer release(PyObject*) { return Answer::unknown; }
+inline Answer take_lock(PyObject*) { return Answer::unknown; }
+inline bool give_lock_back(PyObject*) { return false; }
 inline void open(PyObject*) {}
 inline void deepcopy_is_bound(PyObject*) {}
 

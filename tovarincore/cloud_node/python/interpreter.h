@@ -62,6 +62,18 @@ inline void set_frame_line([[maybe_unused]] PyFrameObject* frame, [[maybe_unused
 #endif
 }
 
+// The names that a class itself has; borrowed.
+inline PyObject* names_of_class(PyTypeObject* type)
+{
+#if PY_VERSION_HEX >= 0x030C0000
+    PyObject* names = PyType_GetDict(type); // those of built-in classes belong to the interpreter
+    Py_DECREF(names);
+    return names;
+#else
+    return type->tp_dict;
+#endif
+}
+
 // What the innermost frame or generator is handling, as borrowed references. Not PyErr_GetExcInfo: that one looks
 // further out when this frame handles nothing, and putting its answer back would leave it with the wrong frame.
 inline void handled_here(PyObject** type, PyObject** value, PyObject** traceback)
@@ -92,6 +104,18 @@ public:
 private:
     bool was_on_;
 };
+
+// What the dictionary, which has text keys only, holds under the name: borrowed. Null without an error where there is
+// nothing, or no memory to look: CPython 3.13's own function for it would print that.
+inline PyObject* item_named(PyObject* dict, const char* name)
+{
+    PyObject* key = PyUnicode_FromString(name);
+    PyObject* found = key == nullptr ? nullptr : PyDict_GetItemWithError(dict, key);
+    Py_XDECREF(key);
+    if (found == nullptr)
+        PyErr_Clear();
+    return found;
+}
 
 // Looks an attribute up without raising when it is missing: 1 found (a new reference), 0 missing, -1 failed.
 inline int find_attribute(PyObject* object, PyObject* name, PyObject** found)

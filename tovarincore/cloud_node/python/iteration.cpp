@@ -2,7 +2,7 @@
 
 namespace py {
 
-Each::Each(Handle iterable, const Wanted* wanted, Handle passed_over, CallSite site)
+Each::Each(Handle iterable, const Wanted* wanted, Object* passed_over, CallSite site)
     : source_(PyList_CheckExact(iterable.ptr()) ? Object(iterable) : steal(PyObject_GetIter(iterable.ptr()), site)),
       passed_over_(passed_over), site_(site)
 {
@@ -17,17 +17,12 @@ Each::Each(Handle iterable, const Wanted* wanted, Handle passed_over, CallSite s
     }
 }
 
-bool Each::next(Object& variable)
+bool Each::next_in_another_way(Object& variable)
 {
-    checkpoint(site_); // reading and comparing an element may run no Python code
     if (index_ < 0)
         return next_of_iterator(variable);
-    if (wanted_)
-        pass_over(variable);
-    if (index_ >= PyList_GET_SIZE(source_.ptr()))
-        return false;
-    variable = Object(borrow(PyList_GET_ITEM(source_.ptr(), index_++)));
-    return true;
+    pass_over(variable);
+    return next_of_list(variable);
 }
 
 bool Each::next_of_iterator(Object& variable)
@@ -51,6 +46,16 @@ Object slice_of(Handle list, Py_ssize_t begin, Py_ssize_t end, CallSite site)
     return steal(PyList_GetSlice(list.ptr(), begin, end), site);
 }
 
+// An empty list that nobody else knows gives way to the one with the elements.
+void extend(Object& list, Object elements, CallSite site)
+{
+    Py_ssize_t end = PyList_GET_SIZE(list.ptr());
+    if (end == 0 && Py_REFCNT(list.ptr()) == 1)
+        list = std::move(elements);
+    else
+        check(PyList_SetSlice(list.ptr(), end, end, elements.ptr()), site);
+}
+
 } // namespace
 
 void Each::pass_over(Object& variable)
@@ -59,11 +64,8 @@ void Each::pass_over(Object& variable)
     if (index_ == begin)
         return;
     Object last(borrow(PyList_GET_ITEM(source_.ptr(), index_ - 1)));
-    if (passed_over_) {
-        Object passed = slice_of(source_, begin, index_, site_);
-        Py_ssize_t end = PyList_GET_SIZE(passed_over_.ptr());
-        check(PyList_SetSlice(passed_over_.ptr(), end, end, passed.ptr()), site_);
-    }
+    if (passed_over_ != nullptr)
+        extend(*passed_over_, slice_of(source_, begin, index_, site_), site_);
     checkpoint(site_);
     variable = std::move(last);
 }

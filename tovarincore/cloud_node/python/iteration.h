@@ -30,12 +30,19 @@ inline Wanted having(Name hop, Name attribute, Handle text) { return {hop, attri
 //     for (Each rest = each(xs); rest.next(x);) ...
 class Each {
 public:
-    // Passes elements over that are not wanted, if anything is, and appends them to a list, if one is given.
-    Each(Handle iterable, const Wanted* wanted, Handle passed_over, CallSite site);
+    // Passes elements over that are not wanted, if anything is, and appends them to the list that a variable holds, if
+    // one is given. The variable outlives the loop.
+    Each(Handle iterable, const Wanted* wanted, Object* passed_over, CallSite site);
 
     // Gives the variable the next element; false at the end. The variable is then the last of all elements, also when
     // that was passed over, or stays as it was where there was none.
-    bool next(Object& variable);
+    bool next(Object& variable)
+    {
+        checkpoint(site_); // reading and comparing an element may run no Python code
+        if (index_ < 0 || (fast::is_on && wanted_))
+            return next_in_another_way(variable);
+        return next_of_list(variable);
+    }
 
     struct End {};
 
@@ -60,25 +67,39 @@ public:
     static End end() { return {}; }
 
 private:
+    bool next_of_list(Object& variable)
+    {
+        if (index_ >= PyList_GET_SIZE(source_.ptr()))
+            return false;
+        variable = Object(borrow(PyList_GET_ITEM(source_.ptr(), index_++)));
+        return true;
+    }
+
+    bool next_in_another_way(Object& variable);
     bool next_of_iterator(Object& variable);
     void pass_over(Object& variable);
 
     Object source_;         // an exact list, or an iterator where index_ is negative
     Py_ssize_t index_ = -1; // of the next element
     std::optional<Wanted> wanted_;
-    Object text_, passed_over_;
+    Object text_;
+    Object* passed_over_;
     CallSite site_;
 };
 
 // for x in xs
-inline Each each(Handle iterable, CallSite site = CallSite::here()) { return {iterable, nullptr, Handle(), site}; }
+inline Each each(Handle iterable, CallSite site = CallSite::here()) { return {iterable, nullptr, nullptr, site}; }
 
 // The same, for a loop that only asks for the wanted ones, and appends the others to a list, if it does anything with
 // them: `temp_pool` in
 //     for (Each clients = each(pool, having("node"_s, "uuid"_s, uuid), temp_pool); clients.next(client);)
-inline Each each(Handle iterable, const Wanted& wanted, Handle passed_over = {}, CallSite site = CallSite::here())
+inline Each each(Handle iterable, const Wanted& wanted, Object& passed_over, CallSite site = CallSite::here())
 {
-    return {iterable, &wanted, passed_over, site};
+    return {iterable, &wanted, &passed_over, site};
+}
+inline Each each(Handle iterable, const Wanted& wanted, CallSite site = CallSite::here())
+{
+    return {iterable, &wanted, nullptr, site};
 }
 
 // Where a search by index for an element with the attribute of `like` has to begin: 0, or behind elements that

@@ -1,5 +1,6 @@
 #include "lock.h"
 
+#include "builtin_lock.h"
 #include "recursion.h"
 
 namespace py {
@@ -12,7 +13,7 @@ bool acquire(Handle lock, CallSite site)
     NativeCall call;
     if (!call.enter())
         throw Raised{site};
-    fast::Answer at_once = fast::acquire(lock.ptr());
+    fast::Answer at_once = acquire_built_in(lock.ptr());
     call.leave();
     return at_once == fast::Answer::yes || lock.method("acquire"_s, site)({"timeout"_k = number(3)}, site).truthy(site);
 }
@@ -20,7 +21,7 @@ bool acquire(Handle lock, CallSite site)
 // The recursion limit, which acquire() has passed at the same depth, is not asked again.
 void release(Handle lock, CallSite site)
 {
-    fast::Answer done = fast::release(lock.ptr());
+    fast::Answer done = release_built_in(lock.ptr());
     if (done == fast::Answer::no)
         throw Raised{site};
     if (done == fast::Answer::unknown)

@@ -59,14 +59,14 @@ void do_what_is_due(CallSite site)
         fast::do_what_is_left(site);
 }
 
-Object Handle::get(Name name, CallSite site) const
+Object Handle::get_remembered(Name name, CallSite site) const
 {
     if (PyObject* value = fast::stored_attribute(name.memory(), pointer_)) [[likely]]
         return Object(borrow(value));
     return look_up(name, site);
 }
 
-// Apart from get(), which therefore needs no stack frame.
+// Apart from the look above, which therefore needs no stack frame.
 [[gnu::noinline]] Object Handle::look_up(Name name, CallSite site) const
 {
     if (PyObject* value = fast::found_attribute(name.memory(), name.ptr(), pointer_))
@@ -86,6 +86,8 @@ Object Handle::item(Handle key, CallSite site) const { return steal(PyObject_Get
 
 Object Handle::item(Py_ssize_t index, CallSite site) const
 {
+    if (PyList_CheckExact(pointer_) && index >= 0 && index < PyList_GET_SIZE(pointer_)) [[likely]]
+        return Object(borrow(PyList_GET_ITEM(pointer_, index)));
     Object key = steal(PyLong_FromSsize_t(index), site);
     return item(key, site);
 }

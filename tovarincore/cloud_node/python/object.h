@@ -76,7 +76,7 @@ public:
     PyObject* ptr() const { return pointer_; }
     explicit operator bool() const { return pointer_ != nullptr; } // whether there is an object at all; see truthy()
 
-    Object get(Name name, CallSite site = CallSite::here()) const;                   // self.name
+    inline Object get(Name name, CallSite site = CallSite::here()) const;            // self.name
     void set(Name name, Handle value, CallSite site = CallSite::here()) const;       // self.name = value
     Object item(Handle key, CallSite site = CallSite::here()) const;                 // self[key]
     Object item(Py_ssize_t index, CallSite site = CallSite::here()) const;           // self[index]
@@ -95,6 +95,7 @@ public:
     MethodOfObject method(Name name, CallSite site = CallSite::here()) const; // self.name, in self.name(...)
 
 private:
+    Object get_remembered(Name name, CallSite site) const;
     Object look_up(Name name, CallSite site) const;
     MethodOfObject look_up_method(Name name, CallSite site) const;
     bool compares_equal(Handle other, CallSite site) const;
@@ -113,9 +114,14 @@ public:
     Object(const Object& other) : Handle(other.pointer_) { Py_XINCREF(pointer_); }
     Object(Object&& other) noexcept : Handle(std::exchange(other.pointer_, nullptr)) {}
 
-    Object& operator=(Object other) noexcept(false)
+    Object& operator=(const Object& other) noexcept(false) { return *this = Object(other); }
+
+    Object& operator=(Object&& other) noexcept(false)
     {
-        std::swap(pointer_, other.pointer_); // the old object is dropped last, when this one is whole again
+        // The old object is dropped last, when this one is whole again. No stack is unwound through here: the thread
+        // is not ending.
+        if (PyObject* old = std::exchange(pointer_, other.release()))
+            drop(old);
         return *this;
     }
 
@@ -125,17 +131,48 @@ public:
         // A daemon thread is ended by unwinding its frames without the GIL: objects must not be touched then.
         if (pointer_ == nullptr || (fast::is_finalising() && thread_is_ending()))
             return;
-        if (Py_REFCNT(pointer_) > 1) [[likely]]
-            Py_DECREF(pointer_);
-        else
-            drop_last_reference(pointer_);
+        drop(pointer_);
     }
 
     [[nodiscard]] PyObject* release() { return std::exchange(pointer_, nullptr); }
 
+    bool equals(Handle other, CallSite site = CallSite::here()) const& { return Handle::equals(other, site); }
+    bool truthy(CallSite site = CallSite::here()) const& { return Handle::truthy(site); }
+    Object get(Name name, CallSite site = CallSite::here()) const& { return Handle::get(name, site); }
+
+    // On a temporary, which is dropped at once, as Python does it: no stack is unwound then, as it may be where a
+    // destructor runs, and whether the thread is ending need not be asked.
+    bool equals(Handle other, CallSite site = CallSite::here()) &&
+    {
+        bool same = Handle::equals(other, site);
+        drop(release());
+        return same;
+    }
+    bool truthy(CallSite site = CallSite::here()) &&
+    {
+        bool truth = Handle::truthy(site);
+        drop(release());
+        return truth;
+    }
+    Object get(Name name, CallSite site = CallSite::here()) &&
+    {
+        Object value = Handle::get(name, site);
+        drop(release());
+        return value;
+    }
+
 private:
     struct Owned {};
     Object(Owned, PyObject* pointer) : Handle(pointer) {}
+
+    [[gnu::always_inline]] static void drop(PyObject* pointer)
+    {
+        if (Py_REFCNT(pointer) > 1) [[likely]]
+            Py_DECREF(pointer);
+        else
+            drop_last_reference(pointer);
+    }
+
     friend Object adopt(PyObject* pointer);
 };
 
@@ -171,6 +208,14 @@ inline void checkpoint(CallSite site = CallSite::here())
 {
     if (fast::something_is_due()) [[unlikely]]
         do_what_is_due(site);
+}
+
+Object Handle::get(Name name, CallSite site) const
+{
+    if constexpr (fast::is_on)
+        return get_remembered(name, site);
+    else
+        return steal(PyObject_GetAttr(pointer_, name.ptr()), site);
 }
 
 bool Handle::equals(Handle other, CallSite site) const

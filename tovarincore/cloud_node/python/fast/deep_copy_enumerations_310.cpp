@@ -51,7 +51,7 @@ bool is_plain_enumeration(PyTypeObject* type, PyObject*& members)
     PyTypeObject* metatype = Py_TYPE(type);
     if (!is_enumeration_metaclass(metatype))
         return false;
-    members = PyDict_GetItemWithError(layout::names_of_class(type), "_value2member_map_"_s.ptr());
+    members = PyDict_GetItemWithError(names_of_class(type), "_value2member_map_"_s.ptr());
     return has_no_hooks(type) &&
            class_attribute(metatype, "__getattribute__"_s) == class_attribute(&PyType_Type, "__getattribute__"_s) &&
            enumerations_are_made_by({class_attribute(metatype, "__call__"_s), class_attribute(type, "__new__"_s),

@@ -54,14 +54,14 @@ bool has_ordinary_dict(PyTypeObject* type)
     if (accessor == nullptr || !Py_IS_TYPE(accessor, &PyGetSetDescr_Type))
         return false;
     PyTypeObject* owner = PyDescr_TYPE(accessor);
-    return PyDict_GetItemWithError(layout::names_of_class(owner), "__dict__"_s.ptr()) == accessor &&
+    return PyDict_GetItemWithError(names_of_class(owner), "__dict__"_s.ptr()) == accessor &&
            PyType_IsSubtype(type, owner) && PyType_HasFeature(owner, Py_TPFLAGS_HEAPTYPE);
 }
 
 // copyreg leaves the names of the slots on the class at the first copy; that first copy is left to Python's function.
 bool is_known_to_have_no_slots(PyTypeObject* type)
 {
-    PyObject* names = PyDict_GetItemWithError(layout::names_of_class(type), "__slotnames__"_s.ptr());
+    PyObject* names = PyDict_GetItemWithError(names_of_class(type), "__slotnames__"_s.ptr());
     return names != nullptr && PyList_CheckExact(names) && PyList_GET_SIZE(names) == 0;
 }
 

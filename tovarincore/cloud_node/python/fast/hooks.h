@@ -34,4 +34,21 @@ inline PyObject* known_global(const MemoryOfName& memory, PyObject* module_names
     return global.value;
 }
 
+#if PY_VERSION_HEX < 0x030B0000
+inline Answer take_lock(PyObject* lock)
+{
+    if (!runtime::is_as_compiled || !layout::has_lock_as_known(lock)) [[unlikely]]
+        return Answer::unknown;
+    return layout::take_free_lock(lock) ? Answer::yes : Answer::no;
+}
+
+inline bool give_lock_back(PyObject* lock)
+{
+    return runtime::is_as_compiled && layout::has_lock_as_known(lock) && layout::give_lock_back(lock);
+}
+#else
+inline Answer take_lock(PyObject*) { return Answer::unknown; }
+inline bool give_lock_back(PyObject*) { return false; }
+#endif
+
 } // namespace py::fast

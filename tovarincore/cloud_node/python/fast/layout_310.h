@@ -16,9 +16,6 @@ inline std::uint64_t version_of_dict(PyObject* dict) { return reinterpret_cast<P
 // Changes with every change of the type or of a base; no two types ever have the same. 0: none at the moment.
 inline unsigned version_of_type(PyTypeObject* type) { return type->tp_version_tag; }
 
-// The names that a class itself has; borrowed.
-inline PyObject* names_of_class(PyTypeObject* type) { return type->tp_dict; }
-
 // Whether instances have a __dict__ as a class statement gives it; whether they have none at all.
 inline bool has_managed_dict(PyTypeObject* type) { return type->tp_dictoffset > 0; }
 inline bool has_no_dict(PyTypeObject* type) { return type->tp_dictoffset == 0; }
@@ -242,7 +239,7 @@ struct BuiltInLock {
     char locked;
 };
 
-inline bool has_lock_as_known(PyTypeObject* type) { return type->tp_basicsize == sizeof(BuiltInLock); }
+inline bool has_lock_as_known(PyObject* lock) { return Py_TYPE(lock)->tp_basicsize == sizeof(BuiltInLock); }
 
 inline bool take_free_lock(PyObject* object)
 {

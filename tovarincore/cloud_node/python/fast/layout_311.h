@@ -26,18 +26,6 @@ inline std::uint64_t version_of_dict(PyObject* dict) { return reinterpret_cast<P
 // Changes with every change of the type or of a base; no two types ever have the same. 0: none at the moment.
 inline unsigned version_of_type(PyTypeObject* type) { return type->tp_version_tag; }
 
-// The names that a class itself has; borrowed.
-inline PyObject* names_of_class(PyTypeObject* type)
-{
-#if PY_VERSION_HEX >= 0x030C0000
-    PyObject* names = PyType_GetDict(type); // those of built-in classes belong to the interpreter
-    Py_DECREF(names);
-    return names;
-#else
-    return type->tp_dict;
-#endif
-}
-
 // Whether instances have a __dict__ as a class statement gives it; whether they have none at all.
 inline bool has_managed_dict(PyTypeObject* type) { return PyType_HasFeature(type, Py_TPFLAGS_MANAGED_DICT); }
 inline bool has_no_dict(PyTypeObject* type) { return !has_managed_dict(type) && type->tp_dictoffset == 0; }

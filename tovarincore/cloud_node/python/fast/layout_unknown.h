@@ -23,7 +23,6 @@ struct KeptTable {
 
 inline std::uint64_t version_of_dict(PyObject*) { return 0; }
 inline unsigned version_of_type(PyTypeObject*) { return 0; }
-inline PyObject* names_of_class(PyTypeObject* type) { return type->tp_dict; }
 inline bool has_managed_dict(PyTypeObject*) { return false; }
 inline bool has_no_dict(PyTypeObject*) { return false; }
 inline Py_ssize_t plain_size(PyTypeObject*) { return -1; }

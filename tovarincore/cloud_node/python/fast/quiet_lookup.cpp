@@ -34,20 +34,10 @@ bool is_quiet_class(PyTypeObject* type)
         return false;
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(bases); ++i) {
         PyObject* base = PyTuple_GET_ITEM(bases, i);
-        if (!PyType_Check(base) || !has_text_keys_only(layout::names_of_class(reinterpret_cast<PyTypeObject*>(base))))
+        if (!PyType_Check(base) || !has_text_keys_only(names_of_class(reinterpret_cast<PyTypeObject*>(base))))
             return false;
     }
     return true;
-}
-
-PyObject* item_named(PyObject* dict, const char* name)
-{
-    PyObject* key = PyUnicode_FromString(name);
-    PyObject* found = key == nullptr ? nullptr : PyDict_GetItemWithError(dict, key);
-    Py_XDECREF(key);
-    if (found == nullptr)
-        PyErr_Clear();
-    return found;
 }
 
 } // namespace py::fast

@@ -14,8 +14,4 @@ bool has_text_keys_only(PyObject* dict);
 // Looking a text up in the class and its bases runs no code.
 bool is_quiet_class(PyTypeObject* type);
 
-// What the dictionary, which has text keys only, holds under the name: borrowed. Null without an error where there is
-// nothing, or no memory to look: CPython 3.13's own function for it would print that.
-PyObject* item_named(PyObject* dict, const char* name);
-
 } // namespace py::fast

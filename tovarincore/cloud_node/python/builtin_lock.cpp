@@ -1,11 +1,8 @@
-// The interpreter's own lock, through its own methods but without packing arguments for them.
-#include "../fast_hooks.h"
-#include "layout.h"
-#include "quiet_lookup.h"
+#include "builtin_lock.h"
 
 #include <cstring>
 
-namespace py::fast {
+namespace py {
 
 namespace {
 
@@ -21,7 +18,7 @@ struct BuiltInLock {
 // A method of the class itself that is called in this way; null when there is none.
 PyMethodDef* method_of(PyTypeObject* type, const char* name, int flags)
 {
-    PyObject* found = item_named(layout::names_of_class(type), name);
+    PyObject* found = item_named(names_of_class(type), name);
     if (found == nullptr || !Py_IS_TYPE(found, &PyMethodDescr_Type))
         return nullptr;
     PyMethodDef* method = reinterpret_cast<PyMethodDescrObject*>(found)->d_method;
@@ -49,35 +46,31 @@ void learn(PyTypeObject* type)
 
 } // namespace
 
-Answer acquire(PyObject* lock)
+fast::Answer acquire_built_in(PyObject* lock)
 {
     learn(Py_TYPE(lock));
     if (!is_built_in(lock))
-        return Answer::unknown;
-#if PY_VERSION_HEX < 0x030B0000
-    if (runtime::is_as_compiled && layout::has_lock_as_known(built_in.type)) [[likely]]
-        return layout::take_free_lock(lock) ? Answer::yes : Answer::no;
-#endif
+        return fast::Answer::unknown;
+    if (fast::Answer known = fast::take_lock(lock); known != fast::Answer::unknown)
+        return known;
     PyObject* taken = built_in.acquire(lock, built_in.at_once, nullptr);
     if (taken == nullptr) {
         PyErr_Clear(); // acquire(timeout=3) says it again
-        return Answer::unknown;
+        return fast::Answer::unknown;
     }
     Py_DECREF(taken);
-    return taken == Py_True ? Answer::yes : Answer::no;
+    return taken == Py_True ? fast::Answer::yes : fast::Answer::no;
 }
 
-Answer release(PyObject* lock)
+fast::Answer release_built_in(PyObject* lock)
 {
     if (!is_built_in(lock))
-        return Answer::unknown;
-#if PY_VERSION_HEX < 0x030B0000
-    if (runtime::is_as_compiled && layout::has_lock_as_known(built_in.type) && layout::give_lock_back(lock)) [[likely]]
-        return Answer::yes;
-#endif
+        return fast::Answer::unknown;
+    if (fast::give_lock_back(lock))
+        return fast::Answer::yes;
     PyObject* none = built_in.release(lock, nullptr);
     Py_XDECREF(none);
-    return none == nullptr ? Answer::no : Answer::yes;
+    return none == nullptr ? fast::Answer::no : fast::Answer::yes;
 }
 
-} // namespace py::fast
+} // namespace py
