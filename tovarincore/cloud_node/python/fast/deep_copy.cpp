@@ -32,11 +32,24 @@ void collect_what_is_due()
     Py_XDECREF(container);
 }
 
+// Python's copy collects while it runs, early and little at a time. What is garbage already goes before a long copy, in
+// a short collection: its finalisers would lose an interrupt that comes during the long one behind the copy.
+void collect_before_many(Handle value, CallSite site)
+{
+    if (!PyList_CheckExact(value.ptr()) || !runtime::bring_collection_forward(PyList_GET_SIZE(value.ptr())))
+        return;
+    collect_what_is_due();
+    checkpoint(site);
+}
+
 } // namespace
 
 Object deep_copy(const Handle& function, const Handle& value, const CallSite& site)
 {
-    if (!layout::known || !is_genuine_deepcopy(function) || !deepcopy_is_untouched())
+    if (!layout::known || !is_genuine_deepcopy(function))
+        return {};
+    collect_before_many(value, site);
+    if (!deepcopy_is_untouched())
         return {};
     Object made = plain_copy(value, site);
     checkpoint(site);

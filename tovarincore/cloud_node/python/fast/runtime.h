@@ -65,6 +65,19 @@ inline bool something_is_due()
 #endif
 }
 
+// Where making so many containers brings a collection, lets the next one bring it.
+inline bool bring_collection_forward(Py_ssize_t containers)
+{
+    if (!is_as_compiled)
+        return false;
+    auto& collector = running_thread()->interp->gc;
+    auto& youngest = collector.generations[0];
+    if (collector.enabled == 0 || youngest.threshold == 0 || containers <= youngest.threshold - youngest.count)
+        return false;
+    youngest.count = youngest.threshold + 1;
+    return true;
+}
+
 // Whether the next container that is made brings a collection.
 inline bool collection_is_due()
 {
@@ -98,6 +111,7 @@ inline PyThreadState* running_thread() { return PyThreadState_Get(); }
 inline bool enter_call(PyThreadState*, const char* where) { return Py_EnterRecursiveCall(where) == 0; }
 inline void leave_call(PyThreadState*) { Py_LeaveRecursiveCall(); }
 inline bool something_is_due() { return true; }
+inline bool bring_collection_forward(Py_ssize_t) { return false; }
 inline bool collection_is_due() { return true; }
 inline bool state_is_as_compiled() { return false; }
 
