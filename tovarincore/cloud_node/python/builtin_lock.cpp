@@ -25,8 +25,6 @@ PyMethodDef* method_of(PyTypeObject* type, const char* name, int flags)
     return method->ml_flags == flags ? method : nullptr;
 }
 
-bool is_built_in(PyObject* lock) { return Py_IS_TYPE(lock, built_in.type); }
-
 void learn(PyTypeObject* type)
 {
     if (built_in.type != nullptr || std::strcmp(type->tp_name, "_thread.lock") != 0 ||
@@ -46,10 +44,12 @@ void learn(PyTypeObject* type)
 
 } // namespace
 
+bool is_built_in_lock(PyObject* lock) { return Py_IS_TYPE(lock, built_in.type); }
+
 fast::Answer acquire_built_in(PyObject* lock)
 {
     learn(Py_TYPE(lock));
-    if (!is_built_in(lock))
+    if (!is_built_in_lock(lock))
         return fast::Answer::unknown;
     if (fast::Answer known = fast::take_lock(lock); known != fast::Answer::unknown)
         return known;
@@ -64,7 +64,7 @@ fast::Answer acquire_built_in(PyObject* lock)
 
 fast::Answer release_built_in(PyObject* lock)
 {
-    if (!is_built_in(lock))
+    if (!is_built_in_lock(lock))
         return fast::Answer::unknown;
     if (fast::give_lock_back(lock))
         return fast::Answer::yes;

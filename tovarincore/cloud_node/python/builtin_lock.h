@@ -5,6 +5,8 @@
 
 namespace py {
 
+bool is_built_in_lock(PyObject* lock); // one that was taken by the following, at least once
+
 // lock.acquire(), which takes a free lock at once, and lock.release(). `unknown` says that the lock is of another
 // class, and `no` that it is not free, or that releasing it failed, with an error set.
 fast::Answer acquire_built_in(PyObject* lock);

@@ -15,4 +15,12 @@ void deepcopy_is_bound();
 // and the same errors, hooks included. Only the call stack of hooks differs.
 Object deep_copy(Handle value, CallSite site = CallSite::here());
 
+// Between a copy and what drops older records: the collection that was held off meanwhile. Left to a finaliser's frame,
+// it takes so long there that an interrupt lands in the finaliser, which swallows it.
+inline void collect_before_dropping(CallSite site = CallSite::here())
+{
+    fast::collect_what_is_due();
+    checkpoint(site);
+}
+
 } // namespace py

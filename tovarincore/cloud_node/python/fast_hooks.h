@@ -78,6 +78,9 @@ Py_ssize_t first_like(PyObject* list, const Name& name, PyObject* element);
 Answer take_lock(PyObject* lock);
 bool give_lock_back(PyObject* lock);
 
+// The collection that is held off while plain data is copied, before code that would lose an interrupt during it.
+void collect_what_is_due();
+
 // deepcopy(value), where `function` is what now stands under the name: empty when unknown. May run code of the value.
 Object deep_copy(const Handle& function, const Handle& value, const CallSite& site);
 
@@ -119,6 +122,7 @@ inline Py_ssize_t first_candidate(PyObject*, Py_ssize_t start, const Wanted&) { 
 inline Py_ssize_t first_like(PyObject*, const Name&, PyObject*) { return 0; }
 inline Answer take_lock(PyObject*) { return Answer::unknown; }
 inline bool give_lock_back(PyObject*) { return false; }
+inline void collect_what_is_due() {}
 inline void open(PyObject*) {}
 inline void deepcopy_is_bound(PyObject*) {}
 

@@ -5,6 +5,8 @@
 
 namespace py {
 
+bool is_released_by_python(Handle lock) { return !is_built_in_lock(lock.ptr()); }
+
 bool acquire(Handle lock, CallSite site)
 {
     "release"_s.ptr(); // a lock that is taken must be given back also where there is no memory left

@@ -43,7 +43,9 @@ Object get_node_list(Handle self)
 Object set_node_list(Handle self, Handle node_list)
 {
     return holding(self.get("_NodeManager__node_list_lock"_s), [&] {
-        self.set("_NodeManager__node_list"_s, deep_copy(node_list));
+        Object copied = deep_copy(node_list);
+        collect_before_dropping();
+        self.set("_NodeManager__node_list"_s, copied);
         return none();
     });
 }
@@ -53,6 +55,7 @@ Object set_node(Handle self, Handle node_given)
     Object node;
     return holding(self.get("_NodeManager__node_list_lock"_s), [&] {
         node = deep_copy(node_given);
+        collect_before_dropping();
         Object nodes = nodes_of(self);
         Py_ssize_t count = len(nodes);
         for (Py_ssize_t i = first_like(nodes, "instance_id"_s, node); i < count; ++i) {

@@ -19,8 +19,8 @@ Object plain_copy(Handle value, CallSite site)
     return adopt(made);
 }
 
-// The collection that was held off while plain data was copied. Left to the code that comes next, it could take so
-// long there that an interrupt lands in a finaliser, which swallows it.
+} // namespace
+
 void collect_what_is_due()
 {
     if (!runtime::collection_is_due())
@@ -31,6 +31,8 @@ void collect_what_is_due()
         PyErr_Clear(); // whoever needs memory next says so
     Py_XDECREF(container);
 }
+
+namespace {
 
 // Python's copy collects while it runs, early and little at a time. What is garbage already goes before a long copy, in
 // a short collection: its finalisers would lose an interrupt that comes during the long one behind the copy.
@@ -53,10 +55,7 @@ Object deep_copy(const Handle& function, const Handle& value, const CallSite& si
         return {};
     Object made = plain_copy(value, site);
     checkpoint(site);
-    if (!made)
-        return GeneralCopy(dict({}, site), site).copy(value);
-    collect_what_is_due();
-    return made;
+    return made ? made : GeneralCopy(dict({}, site), site).copy(value);
 }
 
 } // namespace py::fast
