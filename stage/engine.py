@@ -74,6 +74,7 @@ class ContainerEngineServer(ABC):
     def hang(self) -> None:
         """Stop the engine in the middle of whatever it does: it keeps its socket and answers nothing."""
         self._process.send_signal(signal.SIGSTOP)
+        os.waitid(os.P_PID, self._process.pid, os.WSTOPPED)  # its threads may go on for a moment
 
     def go_on(self) -> None:
         """Let the engine go on after `hang`."""

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 import signal
 import ssl
 import subprocess
@@ -97,6 +98,7 @@ class KubeReal(KubeServer):
         """Leave every request unanswered until `resume`."""
         assert self._server is not None
         self._server.send_signal(signal.SIGSTOP)
+        os.waitid(os.P_PID, self._server.pid, os.WSTOPPED)  # its threads may go on for a moment
 
     def resume(self) -> None:
         """Answer again, also what came in meanwhile."""
