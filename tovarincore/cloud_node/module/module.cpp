@@ -44,15 +44,19 @@ bool is_first_interpreter()
 bool is_marked(bool& marked)
 {
     static bool first_time = true;
-    constexpr const char* mark = "tovarincore.cloud_node";
     PyObject* notes = PyInterpreterState_GetDict(PyInterpreterState_Get());
-    if (notes == nullptr || (first_time && PyDict_SetItemString(notes, mark, Py_None) < 0)) {
+    PyObject* mark = notes == nullptr ? nullptr : PyUnicode_FromString("tovarincore.cloud_node");
+    int found = -1;
+    if (mark != nullptr && (!first_time || PyDict_SetItem(notes, mark, Py_None) == 0))
+        found = PyDict_Contains(notes, mark);
+    Py_XDECREF(mark);
+    if (found < 0) {
         if (!PyErr_Occurred())
             PyErr_NoMemory();
         return false;
     }
     first_time = false;
-    marked = PyDict_GetItemString(notes, mark) != nullptr;
+    marked = found == 1;
     return true;
 }
 
