@@ -244,3 +244,23 @@ def test_the_texts_of_the_troubleshooting_page_are_those_of_the_sources() -> Non
     sentences = [text for text in texts if " " in text]
     assert len(sentences) >= 8
     assert [text for text in sentences if text not in said and text != "cannot import name"] == []
+
+
+@pytest.mark.parametrize(
+    "row",
+    [
+        line
+        for line in (ROOT / "CONTRIBUTING.md").read_text(encoding="utf-8").splitlines()
+        if re.match(r"\| (?!where is|---).*`", line)
+    ],
+    ids=lambda row: row.split("|")[1].strip(),
+)
+def test_what_a_newcomer_looks_for_is_where_the_table_says(row: str) -> None:
+    """Each row names files, and what to look for in them."""
+    places = re.findall(r"`([^`]+)`", row)
+    homes = (ROOT / "tovarincore" / "cloud_node", ROOT / "tovarincore")
+    found = {place: home / place for place in places for home in homes if (home / place).exists()}
+    assert found, row
+    text = "".join(path.read_text(encoding="utf-8") for path in found.values() if path.is_file())
+    for name in set(places) - set(found):
+        assert re.search(rf"\b{name}\(", text), f"{name} is not in {[*found]}"
