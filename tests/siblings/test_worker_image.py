@@ -15,6 +15,7 @@ from pathlib import Path
 import pytest
 
 from stage.engine_api import EngineApi
+from stage.patience import SETUP_SECONDS
 from stage.settings import settings_of
 from tovarincore.testing.worker_image import write_root_file_system
 
@@ -45,17 +46,12 @@ def root_folder(tmp_path_factory: pytest.TempPathFactory) -> Iterator[Path]:
     yield folder
 
 
-def test_the_image_runs_the_worker_with_nothing_but_its_own_files(root_folder: Path) -> None:
-    """The interpreter in it starts with its own libraries and standard library, and can import the worker."""
+def _run_in_image(root_folder: Path, *arguments: str) -> subprocess.CompletedProcess[str]:
+    """Run the image's interpreter with nothing but the image's settings."""
     home = root_folder / "opt/python"
-    program = (
-        "import sys, ssl, ctypes, tovarincore.testing.reference_worker as worker, websockets; "
-        "print(worker.__file__); print(websockets.__file__); print(ssl.__file__); "
-        "print(*(line.split()[-1] for line in open('/proc/self/maps') if '.so' in line))"
-    )
     (loader,) = root_folder.glob("lib*/ld-linux*")
     done = subprocess.run(
-        [str(loader), str(home / "bin/python3"), "-c", program],
+        [str(loader), str(home / "bin/python3"), *arguments],
         cwd=root_folder,
         env={
             "PYTHONHOME": str(home),
@@ -65,19 +61,36 @@ def test_the_image_runs_the_worker_with_nothing_but_its_own_files(root_folder: P
         },
         capture_output=True,
         text=True,
-        timeout=60,
+        timeout=SETUP_SECONDS,
         check=False,
     )
     assert done.returncode == 0, done.stderr
-    loaded = {os.path.realpath(path) for path in done.stdout.split()}
+    return done
+
+
+def test_the_image_runs_the_worker_with_nothing_but_its_own_files(root_folder: Path) -> None:
+    """The interpreter in it starts with its own libraries and standard library, and can import the worker."""
+    program = (
+        "import sys, ssl, ctypes, tovarincore.testing.reference_worker as worker, websockets; "
+        "print(worker.__file__); print(websockets.__file__); print(ssl.__file__); "
+        "print(*(line.split()[-1] for line in open('/proc/self/maps') if '.so' in line))"
+    )
+    loaded = {os.path.realpath(path) for path in _run_in_image(root_folder, "-c", program).stdout.split()}
     assert len(loaded) > 5
     assert [path for path in loaded if not path.startswith(os.path.realpath(root_folder))] == []
 
 
-def test_the_image_holds_no_tests_caches_or_other_packages(root_folder: Path) -> None:
+def test_a_worker_starts_without_compiling_anything(root_folder: Path) -> None:
+    """A container keeps no bytecode: whatever the image lacks is compiled at each start."""
+    said = _run_in_image(root_folder, "-v", "-m", "tovarincore.testing.reference_worker", "--help").stderr
+    assert len(re.findall(r"^# code object from .*\.pyc'$", said, re.MULTILINE)) > 50
+    assert re.findall(r"^# code object from .*\.py$", said, re.MULTILINE) == []
+
+
+def test_the_image_holds_no_tests_or_other_packages(root_folder: Path) -> None:
     """What a server does not need stays out, and so does whatever else is installed on this machine."""
     folders = {path.name for path in root_folder.rglob("*") if path.is_dir()}
-    assert folders.isdisjoint({"__pycache__", "site-packages", "test", "idlelib", "ensurepip", "tkinter"})
+    assert folders.isdisjoint({"site-packages", "test", "idlelib", "ensurepip", "tkinter"})
     packages = {path.name for path in (root_folder / "opt/worker").iterdir()}
     assert packages == {"tovarincore", "websockets"}
 

@@ -11,13 +11,14 @@ from __future__ import annotations
 import argparse
 import json
 import os
+import py_compile
 import re
 import subprocess
 import sys
 import sysconfig
 import tarfile
 import tempfile
-from collections.abc import Iterable, Iterator, Sequence
+from collections.abc import Iterable, Iterator, Mapping, Sequence
 from importlib.util import find_spec
 from pathlib import Path
 from typing import IO
@@ -30,6 +31,8 @@ from tovarincore.core_conf import core_conf_glbl
 _PYTHON_HOME = "opt/python"
 _WORKER_HOME = "opt/worker"
 _PORT = 8855
+_PACKAGES = ("websockets", "tovarincore")
+_WORKER = "tovarincore.testing.reference_worker"
 
 _IMAGE_SETTINGS = (
     # One variable each: Podman takes a line of several for one.
@@ -39,8 +42,7 @@ _IMAGE_SETTINGS = (
     "ENV PYTHONDONTWRITEBYTECODE=1",
     "ENV PYTHONUNBUFFERED=1",
     "USER 65534:65534",
-    f'CMD ["/{_PYTHON_HOME}/bin/python3", "-m", "tovarincore.testing.reference_worker", '
-    f'"--host", "0.0.0.0", "--port", "{_PORT}"]',
+    f'CMD ["/{_PYTHON_HOME}/bin/python3", "-m", "{_WORKER}", "--host", "0.0.0.0", "--port", "{_PORT}"]',
 )
 # A server needs none of these, and some would bring a window system along.
 _LEFT_OUT_FOLDERS = re.compile(
@@ -73,23 +75,69 @@ def import_worker_image(client: docker.APIClient, repository: str, versions: Seq
 def write_root_file_system(archive: IO[bytes]) -> None:
     """Write the image's whole file system as a tar archive.
 
+    What the worker imports has its bytecode beside it: a container cannot keep any, and would compile it at
+    each start.
+
     :param archive: file to write to
     :raises OSError: a file of this machine cannot be read
+    :raises subprocess.CalledProcessError: the worker cannot be imported here
     """
     executable = Path(sys.executable).resolve()
     library = Path(sysconfig.get_path("stdlib", vars={"base": sys.base_prefix}))
     extensions = [path for path in _files_below(library) if path.suffix == ".so"]
     with tarfile.open(fileobj=archive, mode="w") as tar:
         _add(tar, executable, f"{_PYTHON_HOME}/bin/python3")
-        for path in _files_below(library):
-            _add(tar, path, f"{_PYTHON_HOME}/lib/{library.name}/{path.relative_to(library)}")
         for name, path in _shared_libraries([executable, *extensions]).items():
             _add(tar, path, name)
-        for package in ("websockets", "tovarincore"):
-            for folder in _package_folders(package):
-                for path in _files_below(folder):
-                    if path.suffix in (".py", ".toml"):
-                        _add(tar, path, f"{_WORKER_HOME}/{package}/{path.relative_to(folder)}")
+        modules = dict(_modules(library))
+        for name, path in modules.items():
+            _add(tar, path, name)
+        _add_bytecode(tar, modules)
+
+
+def _modules(library: Path) -> Iterator[tuple[str, Path]]:
+    """Place in the image and file of each module, and of what lies beside them."""
+    for path in _files_below(library):
+        yield f"{_PYTHON_HOME}/lib/{library.name}/{path.relative_to(library)}", path
+    for package in _PACKAGES:
+        for folder in _package_folders(package):
+            for path in _files_below(folder):
+                if path.suffix in (".py", ".toml"):
+                    yield f"{_WORKER_HOME}/{package}/{path.relative_to(folder)}", path
+
+
+def _add_bytecode(tar: tarfile.TarFile, modules: Mapping[str, Path]) -> None:
+    """Compile what the worker imports, and put it where the interpreter looks for it."""
+    imported = _imported_by_the_worker()
+    # A module of the image that somebody changes later is compiled again.
+    mode = py_compile.PycInvalidationMode.CHECKED_HASH
+    with tempfile.TemporaryDirectory() as folder:
+        compiled = Path(folder) / "compiled"
+        for name, path in modules.items():
+            if path.suffix == ".py" and path in imported:
+                py_compile.compile(str(path), str(compiled), f"/{name}", doraise=True, invalidation_mode=mode)
+                place = Path(name)
+                cached = f"{place.stem}.{sys.implementation.cache_tag}.pyc"
+                _add(tar, compiled, str(place.parent / "__pycache__" / cached))
+
+
+def _imported_by_the_worker() -> set[Path]:
+    """The files of all modules that are imported when the worker starts."""
+    program = (
+        f"import runpy, sys, {_WORKER}\n"
+        "for module in sys.modules.values():\n"
+        "    print(getattr(module, '__file__', None) or '')"
+    )
+    places = {str(folder.parent) for package in _PACKAGES for folder in _package_folders(package)}
+    listing = subprocess.run(
+        [sys.executable, "-c", program],
+        check=True,
+        capture_output=True,
+        text=True,
+        timeout=60,
+        env={**os.environ, "PYTHONPATH": os.pathsep.join(sorted(places))},
+    ).stdout
+    return {Path(line) for line in listing.splitlines() if line}
 
 
 def _files_below(folder: Path) -> Iterator[Path]:
