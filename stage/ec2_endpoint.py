@@ -15,6 +15,7 @@ from werkzeug.serving import make_server
 
 from stage.patience import SETUP_SECONDS
 from stage.ports import HOST
+from stage.sdk_once import sdk_read_once
 from stage.serving import serving
 from stage.settings import environment
 
@@ -56,8 +57,9 @@ class Ec2Endpoint:
 
     def __enter__(self) -> Ec2Endpoint:
         # Imported here: the emulator takes a noticeable part of a second that other demos need not wait for.
-        # Its import stumbles over a profile that the user's environment names.
-        with environment({}):
+        # Its import stumbles over a profile that the user names, and makes a session for each
+        # partition of EC2.
+        with environment({}), sdk_read_once():
             from moto import backends, settings
             from moto.core import responses, utils
             from moto.ec2.models.instances import Instance

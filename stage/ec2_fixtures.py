@@ -4,56 +4,22 @@ from __future__ import annotations
 
 import functools
 import gc
-from collections.abc import Callable, Hashable, Iterator
-from typing import Any
+from collections.abc import Iterator
 
 import pytest
-from botocore import hooks
-from botocore.client import ClientCreator
-from botocore.loaders import JSONFileLoader, Loader
 
 from stage.ec2 import Ec2World, ec2_world
 from stage.ec2_endpoint import Ec2Endpoint
+from stage.sdk_once import sdk_read_once
 from tovarincore.testing.reference_worker import ReferenceWorker
 
 __all__ = ["ec2", "ec2_endpoint", "healthy_worker", "sdk_data_read_once"]
 
-_SDK_MADE: dict[Hashable, Any] = {}
-
-
-def _judged_once(judge: Callable[[Any], Any]) -> Callable[[Any], Any]:
-    """The judgement of a hook, made once for each function: every session registers the same hundred."""
-    of_function = functools.cache(judge)
-    return lambda hook: of_function(getattr(hook, "__func__", hook))
-
-
-def _once(method: Callable[..., Any], key: Callable[..., Hashable]) -> Callable[..., Any]:
-    """The method, called once for each key of its arguments in all of this process."""
-
-    def remembered(self: Any, *arguments: Any, **named: Any) -> Any:
-        place = (method.__qualname__, key(self, *arguments, **named))
-        if place not in _SDK_MADE:
-            _SDK_MADE[place] = method(self, *arguments, **named)
-        # A copy of what callers change.
-        return dict(made) if isinstance(made := _SDK_MADE[place], dict) else made
-
-    return remembered
-
 
 @pytest.fixture(scope="module")
 def sdk_data_read_once() -> Iterator[None]:
-    """Let the SDK read its data and write a client's methods once.
-
-    The facade makes a client for every request.
-    """
-    with pytest.MonkeyPatch.context() as patched:
-        for owner, name, key in (
-            (JSONFileLoader, "load_file", lambda loader, path: path),
-            (Loader, "list_available_services", lambda loader, type_name: (*loader.search_paths, type_name)),
-            (ClientCreator, "_create_methods", lambda creator, service_model: service_model.service_name),
-        ):
-            patched.setattr(owner, name, _once(getattr(owner, name), key))
-        patched.setattr(hooks, "accepts_kwargs", _judged_once(hooks.accepts_kwargs))
+    """Let the SDK read its data and write a client's methods once in all of this process."""
+    with sdk_read_once():
         yield
 
 

@@ -9,6 +9,8 @@ import sys
 import traceback
 from typing import Any
 
+from stage.sdk_once import sdk_read_once
+
 
 def main() -> None:
     """Read a block a line, write its output and error a line, until the input ends."""
@@ -30,4 +32,6 @@ def main() -> None:
 
 
 if __name__ == "__main__":
-    main()
+    # The calls of a page make dozens of clients.
+    with sdk_read_once():
+        main()

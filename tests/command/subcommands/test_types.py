@@ -9,7 +9,6 @@ from pathlib import Path
 from typing import Any
 
 import pytest
-from moto.ec2.models.instance_types import InstanceType
 
 from stage.ec2 import Ec2World
 from stage.fault import unauthorized
@@ -22,6 +21,9 @@ def test_the_file_of_types_is_refreshed_from_ec2(
     run: Run, run_json: Callable[..., Any], ec2: Ec2World, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     """A type that no file had stops listings no more; comments and types that EC2 lacks stay."""
+    # Not above, where its import would delay the collection of the tests in each process.
+    from moto.ec2.models.instance_types import InstanceType
+
     offered = ["mac1.metal", "g4dn.xlarge", "t3.small"]
     # The emulator's list of all is long, and writing it takes seconds.
     monkeypatch.setattr("moto.ec2.models.EC2Backend.instance_types", [InstanceType(name) for name in offered])
