@@ -21,14 +21,16 @@ from tovarincore.fleet import Ledger, Patience, launch, settle
 COUNT = 20
 PROGRAM = f"""
 from stage.ec2_endpoint import REGION_NAME
+from stage.sdk_once import sdk_read_once
 from tovarincore import fleet
 from tovarincore.cloud_def import CloudInstanceConfig, CloudInstances, CloudRegion, CpuPlanA
 from tovarincore.cloud_node import cloud_manager_glbl
 
 region = CloudRegion(REGION_NAME, "AWS")
-template = cloud_manager_glbl.get_default_instance_template(region, None, CpuPlanA())
-config = CloudInstanceConfig(20, {{}}, template)
-fleet.launch(region, {COUNT}, CloudInstances.instance_type_list[0], config, names="cold-{{:02}}")
+with sdk_read_once():
+    template = cloud_manager_glbl.get_default_instance_template(region, None, CpuPlanA())
+    config = CloudInstanceConfig(20, {{}}, template)
+    fleet.launch(region, {COUNT}, CloudInstances.instance_type_list[0], config, names="cold-{{:02}}")
 """
 
 

@@ -16,6 +16,10 @@ import copy, functools, gc, logging, sys, threading
 from PACKAGE import cloud_node
 from tovarincore.cloud_def import CloudInstances, CloudNode, CloudRegion, NodeState
 
+# Many programs collect again and again; what was imported is none of what they drop.
+gc.collect()
+gc.freeze()
+
 REGION = CloudRegion(name="here", cloud="local")
 TYPE = CloudInstances.get_default_local_instance_type()
 
