@@ -30,6 +30,7 @@ class Tally:
     ran: Counter[str] = field(default_factory=Counter)
     cold: int = 0
     given_up: int = 0
+    lost: int = 0  # interrupts
     found: list[str] = field(default_factory=list)
 
 

