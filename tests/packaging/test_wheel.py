@@ -116,6 +116,7 @@ def test_the_check_of_a_wheel_names_each_fault() -> None:
     ]
 
 
+@pytest.mark.no_sanitizer  # git does not know the copy of the tree that such a run takes place in
 def test_the_version_stands_in_one_place() -> None:
     """No file but pyproject.toml states the version."""
     stated = f'"{version("tovarincore")}"'
