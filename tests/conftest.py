@@ -47,13 +47,13 @@ def pytest_configure() -> None:
 def pytest_xdist_auto_num_workers(config: pytest.Config) -> int:
     """How many processes `-n auto` means: none for single files and for output that is not captured.
 
-    Many tests wait, so that an idle machine serves twice as many processes as it has cores.
+    Many tests wait, so that a machine serves twice as many processes as it has cores. Its load does not
+    count: it is that of the last minute, mostly of the build.
     """
     single = config.args and all(Path(argument.partition("::")[0]).is_file() for argument in config.args)
     if single or config.option.capture == "no":
         return 0
-    cores = len(os.sched_getaffinity(0))
-    return max(2, round(2 * cores - min(os.getloadavg()[0], cores)))
+    return 2 * len(os.sched_getaffinity(0))
 
 
 def pytest_xdist_make_scheduler(config: pytest.Config, log: object) -> GroupScheduling:

@@ -10,15 +10,21 @@ from typing import Any
 
 from xdist.scheduler import LoadScopeScheduling
 
-# What takes longest begins first, so that no process works alone at the end.
+# What takes longest begins first, so that no process works alone at the end: engines, which are waited for,
+# then long files, then single long tests. What is not named here is short.
 _FIRST = (
     "tests/flows/test_local_container",
     "tests/command/subcommands/test_local_container",
+    "tests/fleet/test_launching",
+    "tests/command/subcommands/test_launch_faults",
     "tests/demo",
-    "tests/packaging/test_wheel",
-    "tests/differential",
     "tests/docs/test_samples",
+    "tests/differential",
     "tests/fleet/test_killed",
+    "tests/packaging/test_wheel",
+    "tests/flows",
+    "tests/fleet",
+    "tests/command",
     "tests/interpreter",
     "tests/python/test_deep_copy",
 )

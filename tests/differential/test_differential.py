@@ -14,6 +14,7 @@ PROGRAMS = sized(1500, 4000)
 BLOCK = 500
 # A mutation that is missed costs all of them.
 TRIED = sized(600, 1500)
+MUTATIONS = sized(6, 12)
 
 
 @pytest.mark.parametrize(
@@ -30,7 +31,7 @@ def test_the_programs_find_mutations_of_the_twin():
     """A comparison that cannot fail would prove nothing: most changes of one line are found within a
     few hundred programs."""
     with open(str(twin.__file__), encoding="utf-8") as file:
-        drawn = list(islice(mutations(file.read(), seed=7), 12))
+        drawn = list(islice(mutations(file.read(), seed=7), MUTATIONS))
     some = recorded(TRIED)
     missed = [mutation.text for mutation in drawn if found_by(load(mutation.module), some) is None]
-    assert len(missed) <= 3, missed
+    assert len(missed) <= MUTATIONS // 4, missed
