@@ -21,16 +21,15 @@ Object hidden(Handle a) { return Object(a); }
 Object required(Handle) { return none(); }
 
 constexpr Method sample_methods[] = {
-    method<init>("__init__"_s, {{"self"}, {"value", "int"}}, "None"),
-    method<echo>("echo"_s, {{"self"}, {"a", "str"}, {"b", nullptr, Default::none}, {"c", "bool", Default::true_}},
-                 "Tuple[str, None, bool]", "Returns its arguments."),
-    method<fail>("fail"_s, {{"self"}}),
-    method<recurse>("recurse"_s, {{"self"}}),
-    static_method(method<hidden>("__hidden"_s, {{"a"}})),
+    method<init>("__init__"_s, "self, value: int -> None"),
+    method<echo>("echo"_s, "self, a: str, b=None, c: bool = True -> Tuple[str, None, bool]", "Returns its arguments."),
+    method<fail>("fail"_s, "self"),
+    method<recurse>("recurse"_s, "self"),
+    static_method(method<hidden>("__hidden"_s, "a")),
 };
 
 constexpr Method abstract_methods[] = {
-    abstract(method<required>("required"_s, {{"self"}})),
+    abstract(method<required>("required"_s, "self")),
 };
 
 } // namespace

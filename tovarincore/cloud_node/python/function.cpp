@@ -9,11 +9,11 @@ namespace py {
 namespace {
 
 // Borrowed; null for a required parameter.
-PyObject* default_in_row(const Parameter& parameter)
+PyObject* value_of(Default default_value)
 {
     static PyObject* const values[] = {nullptr, Py_None, Py_False, Py_True};
     static_assert(static_cast<int>(Default::none) == 1 && static_cast<int>(Default::true_) == 3);
-    return values[static_cast<std::size_t>(parameter.default_value)];
+    return values[static_cast<std::size_t>(default_value)];
 }
 
 // Puts the arguments passed by keyword into their places. Names are interned, so that their addresses are compared;
@@ -44,7 +44,7 @@ bool bind(const Method& method, PyObject* names, PyObject* const* arguments, std
         return false;
     for (std::size_t i = given; i < method.count; ++i) {
         if (bound[i] == nullptr)
-            bound[i] = default_in_row(method.parameters[i]);
+            bound[i] = value_of(method.defaults[i]);
         if (bound[i] == nullptr)
             return false;
     }
@@ -115,7 +115,8 @@ PyObject* reduce(PyObject* self, PyObject*) { return qualified_name(self); } // 
 
 template <class Visit> int each_reference(FunctionObject* self, Visit visit)
 {
-    for (PyObject** member : {&self->module, &self->names, &self->shape, &self->code, &self->attributes})
+    for (PyObject** member :
+         {&self->module, &self->names, &self->annotations, &self->shape, &self->code, &self->attributes})
         if (int stop = visit(member))
             return stop;
     return 0;
@@ -221,7 +222,8 @@ Object make_function(const Method& method, const char* class_name, Handle module
     made->method = &method;
     made->class_name = class_name;
     made->module = Object(module_name).release();
-    made->names = made->shape = made->code = made->attributes = made->weak_references = nullptr;
+    made->names = made->annotations = made->shape = made->code = nullptr;
+    made->attributes = made->weak_references = nullptr;
     made->rebound = made->replaced = false;
     PyObject_GC_Track(function.ptr());
     return function;

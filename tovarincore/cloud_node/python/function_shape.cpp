@@ -13,9 +13,9 @@ namespace py {
 
 namespace {
 
-Object default_in_row(const Parameter& parameter)
+Object value_of(Default default_value)
 {
-    switch (parameter.default_value) {
+    switch (default_value) {
     case Default::none:
         return none();
     case Default::false_:
@@ -28,7 +28,10 @@ Object default_in_row(const Parameter& parameter)
     return {};
 }
 
-Object text(const char* characters) { return steal(PyUnicode_FromString(characters)); }
+Object text(std::string_view characters)
+{
+    return steal(PyUnicode_FromStringAndSize(characters.data(), static_cast<Py_ssize_t>(characters.size())));
+}
 
 Object bytes(const std::string& content)
 {
@@ -87,20 +90,26 @@ Object defaults_for(const Method& method)
 {
     Object defaults = list({});
     for (std::size_t i = 0; i < method.count; ++i)
-        if (Object value = default_in_row(method.parameters[i]))
+        if (Object value = value_of(method.defaults[i]))
             append(defaults, value);
     return PyList_GET_SIZE(defaults.ptr()) == 0 ? none() : steal(PyList_AsTuple(defaults.ptr()));
 }
 
-Object annotations_for(const Method& method)
+// The same dictionary each time.
+Object annotations_of(FunctionObject* self)
 {
+    if (self->annotations != nullptr)
+        return Object(borrow(self->annotations));
     Object annotations = dict({});
-    for (std::size_t i = 0; i < method.count; ++i)
-        if (const Parameter& parameter = method.parameters[i]; parameter.annotation != nullptr)
+    Signature rest{self->method->signature};
+    while (!rest.is_taken())
+        if (Parameter parameter = rest.take(); !parameter.annotation.empty())
             annotations.set_item(text(parameter.name), text(parameter.annotation));
-    if (method.result != nullptr)
-        annotations.set_item("return"_s, text(method.result));
-    return annotations;
+    if (!rest.result().empty())
+        annotations.set_item("return"_s, text(rest.result()));
+    if (self->annotations == nullptr) // else code that a collection ran has made one
+        self->annotations = annotations.release();
+    return Object(borrow(self->annotations));
 }
 
 Object qualified_name(FunctionObject* self)
@@ -108,7 +117,8 @@ Object qualified_name(FunctionObject* self)
     return steal(PyUnicode_FromFormat("%s.%s", self->class_name, self->method->name.text()));
 }
 
-// What needs no shape, which most programs never ask for: the class statement asks functions for these.
+// What needs no shape, which most programs never ask for: the class statement and `staticmethod` ask functions for
+// these.
 PyObject* get_from_row(FunctionObject* self, std::string_view name)
 {
     if (name == "__name__")
@@ -119,6 +129,10 @@ PyObject* get_from_row(FunctionObject* self, std::string_view name)
         return Object(borrow(self->module)).release();
     if (name == "__class__")
         return Object(borrow(reinterpret_cast<PyObject*>(&PyFunction_Type))).release();
+    if (name == "__doc__" && self->method->doc == nullptr)
+        return none().release();
+    if (name == "__annotations__")
+        return annotations_of(self).release();
     return nullptr;
 }
 
@@ -129,8 +143,12 @@ bool has_parameter_names(FunctionObject* self)
     if (self->names != nullptr)
         return true;
     PyObject* names = PyTuple_New(static_cast<Py_ssize_t>(self->method->count));
+    Signature rest{self->method->signature};
     for (std::size_t i = 0; names != nullptr && i < self->method->count; ++i) {
-        PyObject* name = PyUnicode_InternFromString(self->method->parameters[i].name);
+        std::string_view text = rest.take().name;
+        PyObject* name = PyUnicode_FromStringAndSize(text.data(), static_cast<Py_ssize_t>(text.size()));
+        if (name != nullptr)
+            PyUnicode_InternInPlace(&name);
         PyTuple_SET_ITEM(names, static_cast<Py_ssize_t>(i), name);
         if (name == nullptr)
             Py_CLEAR(names);
@@ -150,7 +168,7 @@ Object shape_of(FunctionObject* self)
         shape.set("__module__"_s, borrow(self->module));
         shape.set("__doc__"_s, method.doc == nullptr ? none() : text(method.doc));
         shape.set("__defaults__"_s, defaults_for(method));
-        shape.set("__annotations__"_s, annotations_for(method));
+        shape.set("__annotations__"_s, annotations_of(self));
         if (self->shape == nullptr) { // else code that a collection ran has made one
             self->shape = shape.release();
             self->code = code.release();

@@ -13,6 +13,7 @@ struct FunctionObject {
     const char* class_name; // the first half of __qualname__
     PyObject* module;       // __module__, as long as there is no shape
     PyObject* names;        // tuple of the parameters' names; null: not needed yet
+    PyObject* annotations;  // null: not needed yet; the shape may have others
     PyObject* shape;        // null: not needed yet
     PyObject* code;         // what the shape was made with
     PyObject* attributes;   // __dict__

@@ -1,25 +1,16 @@
-// One row per Python method: name, parameters with annotation and default, result annotation, C++ function. The
-// argument binding, the signature, the annotations and the TypeError texts all come from the row.
+// One row per Python method: name, signature, C++ function. The argument binding, the annotations and the TypeError
+// texts all come from the row. Its signature is one text, since each pointer in a constant table costs the import a
+// relocation.
 #pragma once
 
 #include "errors.h"
+#include "signature.h"
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <utility>
 
 namespace py {
-
-inline constexpr std::size_t most_parameters = 9; // launch_node has as many
-
-enum class Default : std::uint8_t { required, none, false_, true_ };
-
-struct Parameter {
-    const char* name = nullptr;
-    const char* annotation = nullptr; // null: not annotated
-    Default default_value = Default::required;
-};
 
 enum class Mark : std::uint8_t { plain, abstract, static_ };
 
@@ -27,11 +18,11 @@ struct Method {
     using Body = PyObject* (*)(const Method& method, PyObject* const* arguments);
 
     Name name;
-    std::array<Parameter, most_parameters> parameters;
-    std::size_t count;
-    const char* result; // annotation, null: none declared
-    const char* doc;    // null: none
+    const char* signature;
+    const char* doc; // null: none
     Body body;
+    Defaults defaults; // of the signature
+    std::uint8_t count;
     Mark mark = Mark::plain;
 };
 
@@ -51,14 +42,16 @@ template <auto Function> PyObject* call_native(const Method& method, PyObject* c
 }
 
 // A row; one whose parameter count differs from its C++ function's does not compile.
-template <auto Function, std::size_t Count>
-    requires(Count == ArityOf<decltype(Function)>::value && Count <= most_parameters)
-consteval Method method(Name name, const Parameter (&parameters)[Count], const char* result = nullptr,
-                        const char* doc = nullptr)
+template <auto Function> consteval Method method(Name name, const char* signature, const char* doc = nullptr)
 {
-    Method row{name, {}, Count, result, doc, &call_native<Function>};
-    for (std::size_t i = 0; i < Count; ++i)
-        row.parameters[i] = parameters[i];
+    constexpr std::size_t count = ArityOf<decltype(Function)>::value;
+    static_assert(count <= most_parameters);
+    Method row{name, signature, doc, &call_native<Function>, {}, count};
+    Signature rest{signature};
+    for (std::size_t i = 0; i < count; ++i)
+        row.defaults[i] = rest.is_taken() ? throw "the signature lacks a parameter" : default_of(rest.take());
+    if (!rest.is_taken())
+        throw "the signature has more parameters than the function";
     return row;
 }
 

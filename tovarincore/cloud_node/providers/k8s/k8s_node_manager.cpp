@@ -44,7 +44,7 @@ Object list_instance_templates(Handle self, Handle)
 Object list_instance_types(Handle self) { return self.get("console_client"_s).method("list_instance_types"_s)(); }
 
 constexpr Method methods[] = {
-    method<init>("__init__"_s, {{"self"}, {"region"}}, "None", docs::node_manager_init),
+    method<init>("__init__"_s, "self, region -> None", docs::node_manager_init),
     provider_rows::list_instances<list_instances>(),
     provider_rows::launch_node<launch_node>(),
     provider_rows::start_node_reboot_first<start_node>(),

@@ -77,7 +77,7 @@ Object list_instance_types(Handle)
 }
 
 constexpr Method methods[] = {
-    method<init>("__init__"_s, {{"self"}, {"region", "CloudRegion"}}, nullptr, docs::node_manager_init),
+    method<init>("__init__"_s, "self, region: CloudRegion", docs::node_manager_init),
     provider_rows::list_instances<list_instances>(),
     provider_rows::launch_node<launch_node>(),
     provider_rows::start_node_reboot_first<start_node>(),
