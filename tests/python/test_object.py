@@ -1,6 +1,7 @@
 """Owning and borrowed references, and the operations on them."""
 
 import builtins
+import gc
 import sys
 
 import pytest
@@ -121,6 +122,18 @@ def test_a_call_passes_positions_and_keywords_in_order():
 
     assert layer.call_mixed(record, 1, 2) == ((1,), [("second", 2), ("third", 1)])
     assert layer.call_method(Owner(), 1, 2) == ((1,), [("second", 2)])
+
+
+def test_a_class_that_is_called_makes_an_instance_as_python_does():
+    """Its attributes lie where Python puts them: from 3.11 on in the instance, without a dictionary."""
+
+    class Record:
+        def __init__(self, first, second, third):
+            self.first, self.second, self.third = first, second, third
+
+    made = layer.call_mixed(Record, "a", "b")
+    assert gc.get_referents(made) == gc.get_referents(Record("a", second="b", third="a"))
+    assert vars(made) == {"first": "a", "second": "b", "third": "a"}
 
 
 @pytest.mark.parametrize("entry", ["call_method_of_answers", "call_attribute_of_answers"])
