@@ -11,7 +11,7 @@ NameMemory* MemoryOfName::own() const
 {
     if (!runtime::is_as_compiled)
         return nullptr;
-    if (memory_ != &nothing_known)
+    if (memory_ != &nothing_known && memory_ != &nothing_kept)
         return memory_;
     auto* made = new (std::nothrow) NameMemory{}; // kept for the life of the process, as the name is
     if (made != nullptr)

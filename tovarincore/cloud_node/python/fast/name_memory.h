@@ -4,8 +4,6 @@
 #include "attribute_cache.h"
 #include "class_attribute_cache.h"
 
-#include <utility>
-
 namespace py::fast {
 
 // What a global name stood for, as long as neither the module's dictionary nor the built-ins change.
@@ -21,8 +19,8 @@ struct NameMemory {
     GlobalMemory global;
 };
 
-// What is known of a name that was not looked up yet.
-inline constinit NameMemory nothing_known{};
+// What is known of a name that was not looked up yet, and of one that was looked up once: most are, at import.
+inline constinit NameMemory nothing_known{}, nothing_kept{};
 
 // A name's own part of it.
 class MemoryOfName {
@@ -33,12 +31,17 @@ public:
     // a look-up.
     NameMemory* own() const;
 
-    // The same, but null at the first time: most names are looked up once, at import.
-    NameMemory* to_fill() const { return std::exchange(used_, true) ? own() : nullptr; }
+    // The same, but null at the first time.
+    NameMemory* to_fill() const
+    {
+        if (memory_ != &nothing_known)
+            return own();
+        memory_ = &nothing_kept;
+        return nullptr;
+    }
 
 private:
     mutable NameMemory* memory_ = &nothing_known;
-    mutable bool used_ = false;
 };
 
 } // namespace py::fast
