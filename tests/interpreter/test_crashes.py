@@ -195,7 +195,65 @@ for threshold in range(1, 40):
     gc.set_threshold(700)
     gc.collect()
 """,
+    "instances that had another class, which is gone with its table of names": """
+class Taken: ...
+def taken_over(*names):
+    made = type("Passing", (), {})()
+    for name in names:
+        setattr(made, name, "value of " + name)
+    made.__class__ = Taken
+    return made
+common = [f"name{number}" for number in range(20)]
+for turn in range(30):
+    Taken.turn = turn
+    manager._NodeManager__node_list = [taken_over(*common, "uuid")]
+    for _ in range(4):
+        assert manager.find_node_by_uuid("nobody") is None
+    manager._NodeManager__node_list.clear()
+    gc.collect()
+    manager._NodeManager__node_list = [taken_over(*common, "other", "uuid") for _ in range(30)]
+    assert manager.find_node_by_uuid("value of uuid").other == "value of other"
+    manager._NodeManager__node_list = []
+    gc.collect()
+""",
+    "a name of the built-ins that changes them while it is looked up": """
+import builtins
+class Closed:
+    def acquire(self, timeout): return False
+class Mine(Exception): ...
+def tidy():
+    texts = {name: value for name, value in vars(builtins).items() if type(name) is str}
+    vars(builtins).clear()
+    vars(builtins).update(texts)
+    cloud_node.TimeoutError = Mine
+manager._NodeManager__node_list_lock = Closed()
+for _ in range(3):
+    assert outcome(manager.get_node_list) == "TimeoutError: "
+names = dict(vars(builtins))
+vars(builtins).clear()
+vars(builtins)[Key("TimeoutError")] = None
+vars(builtins).update(names)
+Key.deed = staticmethod(tidy)
+assert outcome(manager.get_node_list) == "TimeoutError: "
+assert outcome(manager.get_node_list) == outcome(manager.get_node_list) == "Mine: "
+manager._NodeManager__node_list_lock = threading.Lock()
+""",
 }
+if sys.version_info >= (3, 11):  # before, Python's own copy uses up the machine's stack
+    PROGRAMS["containers nested deeper than the machine's stack reaches"] = """
+sys.setrecursionlimit(10**7)
+class Hooked:
+    def __deepcopy__(self, memo): return "copied"
+for content in (), (Hooked(),):
+    nested = manager._NodeManager__node_list = [*content]
+    for _ in range(60_000):
+        nested.append([*content])
+        nested = nested[-1]
+    nested = manager.get_node_list()
+    for _ in range(60_000):
+        assert nested[:-1] == (["copied"] if content else [])
+        nested = nested[-1]
+"""
 EPILOGUE = """
 assert not manager._NodeManager__node_list_lock.locked()
 print("alive")

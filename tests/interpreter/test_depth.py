@@ -82,3 +82,33 @@ def test_no_level_is_lost_when_an_allocation_fails_in(
         lasting = "(False,)"
     child = run_child(f"LASTING = {lasting}\n" + prologue + PROGRAM.replace("OPERATION", operation))
     assert (child.returncode, child.stdout) == (0, "as it should be\n"), child.stderr[-3000:]
+
+
+DUE = """
+import ctypes
+class Record:
+    uuid = "u"
+manager._NodeManager__node_list = [Record() for _ in range(30)]
+def find(level):
+    return find(level - 1) if level else manager.find_node_by_uuid("nobody")
+def levels():
+    return [outcome(lambda: find(level)) is None for level in range(250, 300)]
+sys.setrecursionlimit(300)
+before = levels()
+assert 0 < sum(before) < len(before)
+# An error for another thread, which waits: up to 3.12 each thread has something to do until then.
+going_on = threading.Event()
+other = threading.Thread(target=going_on.wait)
+other.start()
+ctypes.pythonapi.PyThreadState_SetAsyncExc(ctypes.c_ulong(other.ident), ctypes.py_object(SystemExit))
+assert levels() == before
+going_on.set()
+other.join()
+print("as it should be")
+"""
+
+
+def test_what_the_interpreter_has_to_do_takes_no_level(cloud_node: ModuleType, run_child: Child) -> None:
+    """At the very limit it waits, where Python needs no level for it."""
+    child = run_child(PROLOGUE.replace("PACKAGE", cloud_node.__name__.rpartition(".")[0]) + DUE)
+    assert (child.returncode, child.stdout) == (0, "as it should be\n"), child.stderr[-3000:]

@@ -31,6 +31,21 @@ def test_a_replaced_name_in_copy_does_not_matter(monkeypatch: pytest.MonkeyPatch
     assert layer.native_deepcopy([[1]]) == [[1]]
 
 
+def test_another_class_of_the_module_copyreg_is_noticed(monkeypatch: pytest.MonkeyPatch) -> None:
+    """Its attributes may be properties then, which copying a plain object reads."""
+    seen: list[str] = []
+
+    class Module(type(copyreg)):  # type: ignore[misc]
+        @property
+        def __newobj__(self) -> Any:
+            seen.append("read")
+            return vars(self)["__newobj__"]
+
+    monkeypatch.setattr(copyreg, "__class__", Module)
+    layer.native_deepcopy([Record(a=1)])
+    assert seen == ["read"]
+
+
 def test_the_modules_own_name_is_called_when_it_is_replaced(monkeypatch: pytest.MonkeyPatch) -> None:
     """A test that replaces the module's `deepcopy` sees its function called with the value alone."""
     calls: list[Any] = []

@@ -55,6 +55,22 @@ def test_a_hook_set_on_a_known_class_is_found(name: str) -> None:
     assert_copied_as_python_does([instance])
 
 
+def test_a_slot_written_into_the_list_of_a_known_class_is_copied() -> None:
+    """copyreg keeps that list on the class, where any program may write into it."""
+    late = fresh_class()
+    seen: list[str] = []
+
+    def get(self: Any) -> str:
+        seen.append("get")
+        return "value"
+
+    late.slot = property(get, lambda self, value: seen.append("set"))
+    layer.native_deepcopy([late()])
+    late.__slotnames__.append("slot")
+    layer.native_deepcopy([late()])
+    assert seen == ["get", "set"]
+
+
 @pytest.mark.parametrize("name", HOOKS)
 def test_a_hook_set_on_a_base_of_a_known_class_is_found(name: str) -> None:
     """Classes look into their bases."""

@@ -23,7 +23,7 @@ struct ClassTable {
 class ClassCell {
 public:
     void keep(Handle built);
-    Handle get() const { return borrow(class_); }
+    Object get() const { return Object(borrow(class_)); } // held: a second import may replace it
 
 private:
     PyObject* class_ = nullptr;

@@ -51,7 +51,9 @@ Answer set_attribute(const MemoryOfName& memory, PyObject* name, PyObject* objec
 PyObject* known_method(const MemoryOfName& memory, PyObject* object);
 PyObject* found_method(const MemoryOfName& memory, PyObject* name, PyObject* object);
 
-// name: what note_global() was told last, while neither dictionary has changed; borrowed, null when unknown.
+// name: what note_global() was told last, while neither dictionary has changed; borrowed, null when unknown. It is told
+// of what was found in dictionaries that are searched without running code.
+bool is_searched_quietly(PyObject* module_names, PyObject* builtin_names);
 PyObject* known_global(const MemoryOfName& memory, PyObject* module_names, PyObject* builtin_names);
 void note_global(const MemoryOfName& memory, PyObject* module_names, PyObject* builtin_names, PyObject* found);
 
@@ -112,6 +114,7 @@ inline PyObject* found_attribute(const MemoryOfName&, PyObject*, PyObject*) { re
 inline Answer set_attribute(const MemoryOfName&, PyObject*, PyObject*, PyObject*) { return Answer::unknown; }
 inline PyObject* known_method(const MemoryOfName&, PyObject*) { return nullptr; }
 inline PyObject* found_method(const MemoryOfName&, PyObject*, PyObject*) { return nullptr; }
+inline bool is_searched_quietly(PyObject*, PyObject*) { return false; }
 inline PyObject* known_global(const MemoryOfName&, PyObject*, PyObject*) { return nullptr; }
 inline void note_global(const MemoryOfName&, PyObject*, PyObject*, PyObject*) {}
 inline Answer is_instance(PyObject*, PyObject*, PyObject*) { return Answer::unknown; }

@@ -42,16 +42,20 @@ void open_module(Handle module)
     module_names = Object(borrow(PyModule_GetDict(module.ptr()))).release();
     builtin_names = Object(borrow(PyEval_GetBuiltins())).release(); // those of the importing frame, as for any module
     fast::open(builtin_names);
-    Object flags = steal(PyObject_GetAttrString(borrow(PySys_GetObject("flags")).ptr(), "optimize"));
-    assertions_enabled = !flags.truthy();
+    Object flags(borrow(PySys_GetObject("flags")));
+    if (!flags)
+        raise(borrow(PyExc_RuntimeError)({"sys.flags is missing: put it back before this import"_s}));
+    assertions_enabled = !flags.get("optimize"_s).truthy();
 }
 
 Object global(Name name, CallSite site)
 {
     if (PyObject* known = fast::known_global(name.memory(), module_names, builtin_names)) [[likely]]
         return Object(borrow(known));
+    bool runs_no_code = fast::is_searched_quietly(module_names, builtin_names); // else it may change them
     Object found = global_of(borrow(module_names), name, site);
-    fast::note_global(name.memory(), module_names, builtin_names, found.ptr());
+    if (runs_no_code)
+        fast::note_global(name.memory(), module_names, builtin_names, found.ptr());
     return found;
 }
 

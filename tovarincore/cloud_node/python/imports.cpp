@@ -22,13 +22,11 @@ Object import_with(Name module, Handle names_wanted, CallSite site)
 // Whether the module is still running its body: then the missing name is most likely a circular import's.
 bool is_initialising(Handle module)
 {
-    PyObject* spec = PyObject_GetAttr(module.ptr(), "__spec__"_s.ptr());
-    PyObject* flag = spec == nullptr ? nullptr : PyObject_GetAttr(spec, "_initializing"_s.ptr());
-    int initialising = flag == nullptr ? 0 : PyObject_IsTrue(flag);
-    Py_XDECREF(flag);
-    Py_XDECREF(spec);
+    Object spec = adopt(PyObject_GetAttr(module.ptr(), "__spec__"_s.ptr()));
+    Object flag = spec ? adopt(PyObject_GetAttr(spec.ptr(), "_initializing"_s.ptr())) : Object();
+    bool initialising = flag && PyObject_IsTrue(flag.ptr()) > 0;
     PyErr_Clear();
-    return initialising > 0;
+    return initialising;
 }
 
 [[noreturn]] void raise_cannot_import(Handle module, Name name, Handle module_name, CallSite site)

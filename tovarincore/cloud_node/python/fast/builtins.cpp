@@ -1,5 +1,6 @@
 // isinstance, len and str, as long as those names stand for the interpreter's own.
 #include "../fast_hooks.h"
+#include "../name.h"
 #include "quiet_lookup.h"
 #include "self_check.h"
 
@@ -27,9 +28,9 @@ PyObject* genuine(PyObject* builtin_names, const char* name)
 // Its __class__ is its type: isinstance() asks for both.
 bool is_plainly_of_its_type(PyObject* object)
 {
-    static PyObject* const name = PyUnicode_InternFromString("__class__");
+    PyObject* name = "__class__"_s.ptr();
     PyTypeObject* type = Py_TYPE(object);
-    return name != nullptr && type->tp_getattro == PyObject_GenericGetAttr && is_quiet_class(type) &&
+    return type->tp_getattro == PyObject_GenericGetAttr && is_quiet_class(type) &&
            _PyType_Lookup(type, name) == _PyType_Lookup(&PyBaseObject_Type, name);
 }
 

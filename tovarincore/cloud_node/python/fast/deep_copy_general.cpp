@@ -87,8 +87,12 @@ Object GeneralCopy::copy(Handle value_given)
         return known;
     if (is_plain_value(Py_TYPE(value.ptr())))
         return deepcopy_is_untouched() ? value : genuine_deepcopy(value, memo_, site_);
+    if (depth_ == deepest)
+        return genuine_deepcopy(value, memo_, site_);
     Level level(site_);
+    ++depth_;
     Object made = copy_unknown(value);
+    --depth_;
     if (!made)
         return genuine_deepcopy(value, memo_, site_);
     if (!made.is(value)) {
@@ -115,7 +119,8 @@ Object GeneralCopy::copy_unknown(Handle value)
     case CopyKind::atomic:
         return Object(value);
     case CopyKind::object: // its class goes through the memo as well, as the one argument that it is made from
-        if (!is_plain_instance(value, plan) || remembered(borrow(reinterpret_cast<PyObject*>(type))))
+        if (!has_no_slots(plan) || !is_plain_instance(value, plan) ||
+            remembered(borrow(reinterpret_cast<PyObject*>(type))))
             return {};
         return copy_object(value);
     case CopyKind::enumeration:

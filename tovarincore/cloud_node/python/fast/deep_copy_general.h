@@ -26,6 +26,7 @@ private:
 
     Object memo_;
     CallSite site_;
+    int depth_ = 0; // what throws ends the whole copy
 };
 
 } // namespace py::fast

@@ -1,6 +1,7 @@
 #include "deep_copy_genuine.h"
 
 #include "../globals.h"
+#include "../recursion.h"
 #include "quiet_lookup.h"
 
 #include <algorithm>
@@ -57,6 +58,7 @@ bool are_unchanged(std::span<const WatchedFunction> functions)
 
 bool deepcopy_is_known = false; // false when it was replaced before we were imported
 Watched copy_names, dispatch, copyreg_names, reducers, builtin_names, modules;
+PyObject* copyreg_module = nullptr; // held by `modules`, while that is unchanged; its class may change
 
 constexpr std::array copy_functions{"deepcopy",       "_deepcopy_atomic", "_deepcopy_list", "_deepcopy_tuple",
                                     "_deepcopy_dict", "_deepcopy_method", "_keep_alive",    "_reconstruct"};
@@ -160,46 +162,53 @@ bool builtins_are_as_they_come()
 // What object.__reduce_ex__ finds in sys.modules.
 bool copyreg_is_as_it_comes()
 {
-    PyObject* module = item_named(modules.dict, "copyreg");
-    return module != nullptr && PyModule_CheckExact(module) && PyModule_GetDict(module) == copyreg_names.dict &&
+    copyreg_module = item_named(modules.dict, "copyreg");
+    return copyreg_module != nullptr && PyModule_CheckExact(copyreg_module) &&
+           PyModule_GetDict(copyreg_module) == copyreg_names.dict &&
            stand_in(copyreg_names.dict, kept_copyreg_functions, copyreg_functions) &&
            item_named(copyreg_names.dict, "dispatch_table") == reducers.dict;
 }
 
+// Exact dictionaries, which are searched without running code.
+bool are_quiet(std::initializer_list<PyObject*> dicts)
+{
+    return std::ranges::all_of(dicts, [](PyObject* dict) {
+        return dict != nullptr && PyDict_CheckExact(dict) && has_text_keys_only(dict);
+    });
+}
+
 bool everything_is_as_it_comes()
 {
-    for (PyObject* dict : {copy_names.dict, copyreg_names.dict, builtin_names.dict, modules.dict})
-        if (!has_text_keys_only(dict))
-            return false;
+    if (!are_quiet({copy_names.dict, copyreg_names.dict, builtin_names.dict, modules.dict}))
+        return false;
     return copy_module_is_as_it_comes() && dispatch_is_as_it_comes() && builtins_are_as_they_come() &&
            copyreg_is_as_it_comes();
 }
 
-PyObject* names_of(const char* module) // borrowed, or null
+PyObject* kept(PyObject* borrowed) { return Object(borrow(borrowed)).release(); } // for the life of the process
+
+PyObject* names_of(const char* module) // kept, or null
 {
     Object name = steal(PyUnicode_FromString(module));
     Object found = adopt(PyImport_GetModule(name.ptr()));
-    return found && PyModule_Check(found.ptr()) ? PyModule_GetDict(found.ptr()) : nullptr;
+    return found && PyModule_Check(found.ptr()) ? kept(PyModule_GetDict(found.ptr())) : nullptr;
 }
 
 bool find_everything()
 {
     copy_names.dict = names_of("copy");
     copyreg_names.dict = names_of("copyreg");
-    builtin_names.dict = PyEval_GetBuiltins();
-    modules.dict = PyImport_GetModuleDict();
-    if (copy_names.dict == nullptr || copyreg_names.dict == nullptr)
+    builtin_names.dict = kept(PyEval_GetBuiltins());
+    modules.dict = kept(PyImport_GetModuleDict());
+    if (!are_quiet({copy_names.dict, copyreg_names.dict, builtin_names.dict, modules.dict}))
         return false;
-    dispatch.dict = item_named(copy_names.dict, "_deepcopy_dispatch");
-    reducers.dict = item_named(copyreg_names.dict, "dispatch_table");
-    for (PyObject* dict :
-         {copy_names.dict, copyreg_names.dict, builtin_names.dict, modules.dict, dispatch.dict, reducers.dict}) {
+    dispatch.dict = kept(item_named(copy_names.dict, "_deepcopy_dispatch"));
+    reducers.dict = kept(item_named(copyreg_names.dict, "dispatch_table"));
+    for (PyObject* dict : {dispatch.dict, reducers.dict})
         if (dict == nullptr || !PyDict_CheckExact(dict))
             return false;
-        Py_INCREF(dict);
-    }
     for (std::size_t i = 0; i < called_builtins.size(); ++i)
-        kept_called_builtins[i] = Object(borrow(item_named(builtin_names.dict, called_builtins[i]))).release();
+        kept_called_builtins[i] = kept(item_named(builtin_names.dict, called_builtins[i]));
     return keep_functions(kept_copy_functions, copy_names.dict, copy_functions) &&
            keep_functions(kept_copyreg_functions, copyreg_names.dict, copyreg_functions);
 }
@@ -240,7 +249,7 @@ bool deepcopy_is_untouched()
     for (const Watched* watched : all)
         unchanged = unchanged && watched->unchanged();
     if (unchanged) [[likely]]
-        return true;
+        return PyModule_CheckExact(copyreg_module);
     if (!everything_is_as_it_comes())
         return false;
     for (Watched* watched : all)
@@ -281,10 +290,30 @@ Object genuine_deepcopy(Handle value, Handle memo, CallSite site)
     return borrow(kept_copy_functions[0].function())({value, memo}, site);
 }
 
+namespace {
+
+// Whether the recursion limit leaves room for a function in Python that calls one in C. Leaves no error set.
+bool has_room_for_calls()
+{
+    NativeCall outer, inner;
+    bool has_room = false;
+    if (outer.enter()) {
+        has_room = inner.enter();
+        if (has_room)
+            inner.leave();
+        outer.leave();
+    }
+    if (!has_room)
+        PyErr_Clear();
+    return has_room;
+}
+
+} // namespace
+
 // By a call of Python's own deepcopy, as it makes many of in the place of a native copy.
 void do_what_is_left(const CallSite& site)
 {
-    if (deepcopy_is_known && runtime::something_is_due() && deepcopy_is_untouched())
+    if (deepcopy_is_known && runtime::something_is_due() && deepcopy_is_untouched() && has_room_for_calls())
         genuine_deepcopy(none(), none(), site);
 }
 

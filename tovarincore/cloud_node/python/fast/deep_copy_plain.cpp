@@ -83,9 +83,11 @@ PyObject* PlainCopy::copy(PyObject* original) noexcept
         Py_INCREF(original);
         return original;
     }
-    if (!level_.enter())
+    if (depth_ == deepest || !level_.enter())
         return nullptr;
+    ++depth_;
     PyObject* made = copy_container(original);
+    --depth_;
     level_.leave();
     return made;
 }
@@ -102,7 +104,7 @@ PyObject* PlainCopy::copy_container(PyObject* original)
     case CopyKind::list:
         return copy_list(original, entry);
     case CopyKind::object:
-        return copy_object(original, entry, plan);
+        return has_no_slots(plan) ? copy_object(original, entry, plan) : nullptr;
     case CopyKind::tuple:
         return copy_tuple(original);
     case CopyKind::dict:

@@ -71,6 +71,7 @@ private:
     NoCollection undisturbed_; // first, so that it ends last
     PointerMemo memo_;
     NativeCall level_;
+    int depth_ = 0;
 };
 
 } // namespace py::fast

@@ -59,13 +59,13 @@ bool has_ordinary_dict(PyTypeObject* type)
 }
 
 // copyreg leaves the names of the slots on the class at the first copy; that first copy is left to Python's function.
-bool is_known_to_have_no_slots(PyTypeObject* type)
+bool is_known_to_have_no_slots(PyTypeObject* type, PyObject*& names)
 {
-    PyObject* names = PyDict_GetItemWithError(names_of_class(type), "__slotnames__"_s.ptr());
+    names = PyDict_GetItemWithError(names_of_class(type), "__slotnames__"_s.ptr());
     return names != nullptr && PyList_CheckExact(names) && PyList_GET_SIZE(names) == 0;
 }
 
-bool is_plain_object(PyTypeObject* type)
+bool is_plain_object(PyTypeObject* type, PyObject*& slot_names)
 {
     return Py_IS_TYPE(type, &PyType_Type) && PyType_HasFeature(type, Py_TPFLAGS_HEAPTYPE) &&
            !PyType_HasFeature(type, Py_TPFLAGS_IS_ABSTRACT) && layout::has_managed_dict(type) &&
@@ -75,7 +75,7 @@ bool is_plain_object(PyTypeObject* type)
            inherits(type, "__reduce_ex__"_s) && inherits(type, "__reduce__"_s) && inherits(type, "__getstate__"_s) &&
            class_attribute(type, "__setstate__"_s) == nullptr && class_attribute(type, "__getnewargs__"_s) == nullptr &&
            class_attribute(type, "__getnewargs_ex__"_s) == nullptr && has_ordinary_dict(type) &&
-           is_known_to_have_no_slots(type);
+           is_known_to_have_no_slots(type, slot_names);
 }
 
 bool is_atomic_type(PyTypeObject* type)
@@ -88,7 +88,7 @@ bool is_atomic_type(PyTypeObject* type)
     return is_plain_value(type) || PyType_IsSubtype(type, &PyType_Type); // classes, whatever their metaclass
 }
 
-CopyKind find_out(PyTypeObject* type, PyObject*& members)
+CopyKind find_out(PyTypeObject* type, CopyPlan& plan)
 {
     if (type == &PyList_Type)
         return CopyKind::list;
@@ -100,9 +100,9 @@ CopyKind find_out(PyTypeObject* type, PyObject*& members)
         return CopyKind::unusual;
     if (is_atomic_type(type))
         return CopyKind::atomic;
-    if (is_plain_object(type))
+    if (is_plain_object(type, plan.slot_names))
         return CopyKind::object;
-    return is_plain_enumeration(type, members) ? CopyKind::enumeration : CopyKind::unusual;
+    return is_plain_enumeration(type, plan.members) ? CopyKind::enumeration : CopyKind::unusual;
 }
 
 // Where the plan on the type is, or the place that it takes.
@@ -154,7 +154,7 @@ CopyPlan& copy_plan(PyTypeObject* type)
         plan.metatype_version == layout::version_of_type(Py_TYPE(type))) [[likely]]
         return plan;
     plan.keys.forget(); // of a class that may be gone, and its table's address in use again
-    plan.kind = find_out(type, plan.members);
+    plan.kind = find_out(type, plan);
     // Looking names up has given both a version, unless the interpreter has run out of them.
     plan.version = layout::version_of_type(type);
     plan.metatype_version = layout::version_of_type(Py_TYPE(type));

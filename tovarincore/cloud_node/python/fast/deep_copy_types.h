@@ -4,6 +4,8 @@
 #include "../name.h"
 #include "shared_key_table.h"
 
+#include <limits>
+
 namespace py::fast {
 
 enum class CopyKind : std::uint8_t {
@@ -16,13 +18,19 @@ enum class CopyKind : std::uint8_t {
     enumeration, // a member of an enumeration that is as the enum module made it
 };
 
+// How deep containers are copied natively, which takes the machine's stack for each level. From 3.11 on Python's own
+// function takes none of it: what is nested deeper is left to that one.
+inline constexpr int deepest = PY_VERSION_HEX < 0x030B0000 ? std::numeric_limits<int>::max() : 100;
+
 struct CopyPlan {
     PyTypeObject* type = nullptr;
     unsigned version = 0;
     unsigned metatype_version = 0;
     CopyKind kind = CopyKind::unusual;
-    PyObject* members = nullptr; // of an enumeration: its _value2member_map_; lives as long as this version of the type
-    SharedKeyTable keys;         // of instances: a table without a name that deepcopy or pickle look for
+    // Both live as long as this version of the type, whose dictionary has them.
+    PyObject* members = nullptr;    // of an enumeration: its _value2member_map_
+    PyObject* slot_names = nullptr; // of an object: its __slotnames__
+    SharedKeyTable keys;            // of instances: a table without a name that deepcopy or pickle look for
 };
 
 // The types of nearly all attribute values; such values are their own copies and no hashing or comparing of them can
@@ -38,6 +46,9 @@ void ready_copy_names();
 
 // Valid until the next call.
 CopyPlan& copy_plan(PyTypeObject* type);
+
+// Whether the plan to copy an object still holds: a program may write into the list of its slots.
+inline bool has_no_slots(const CopyPlan& plan) { return PyList_GET_SIZE(plan.slot_names) == 0; }
 
 // What a class or a base has under a name, for quiet classes; borrowed or null.
 inline PyObject* class_attribute(PyTypeObject* type, Name name) { return _PyType_Lookup(type, name.ptr()); }

@@ -271,25 +271,4 @@ inline PyObject* wrapped_function(PyObject* method)
     return reinterpret_cast<Wrapper*>(method)->function;
 }
 
-// Counts levels of the recursion limit without a call into the interpreter for each.
-class Recursion {
-public:
-    Recursion() : thread_(PyThreadState_Get()), limit_(Py_GetRecursionLimit()) {}
-
-    // False with RecursionError set at the limit.
-    bool enter()
-    {
-        if (++thread_->recursion_depth <= limit_) [[likely]]
-            return true;
-        --thread_->recursion_depth;
-        return Py_EnterRecursiveCall(" while calling a Python object") == 0;
-    }
-
-    void leave() { --thread_->recursion_depth; }
-
-private:
-    PyThreadState* thread_;
-    int limit_;
-};
-
 } // namespace py::fast::layout

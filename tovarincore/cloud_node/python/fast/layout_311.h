@@ -100,7 +100,10 @@ inline SharedValues shared_values_of(PyObject* instance)
     if (PyDictValues* values = own_values(instance)) [[likely]]
         return {values, keys_of_class(Py_TYPE(instance))};
     PyObject* dict = dict_of(instance);
-    return dict == nullptr || !PyDict_CheckExact(dict) ? SharedValues{} : shared_values_in(dict);
+    SharedValues shared = dict == nullptr || !PyDict_CheckExact(dict) ? SharedValues{} : shared_values_in(dict);
+    // The dictionary may come from an instance of another class, or from before a change of class: its table goes with
+    // that class, and the address may mean another table later.
+    return shared.keys == keys_of_class(Py_TYPE(instance)) ? shared : SharedValues{};
 }
 
 // The value at an index of an instance that keeps its values by this table; borrowed or null.
@@ -229,18 +232,5 @@ inline PyObject* wrapped_function(PyObject* method)
     Py_XDECREF(function); // the wrapper holds it
     return function;
 }
-
-// Counts levels of the recursion limit without a call into the interpreter for each.
-class Recursion {
-public:
-    Recursion() : thread_(PyThreadState_Get()) {}
-
-    // False with RecursionError set at the limit.
-    bool enter() { return _Py_EnterRecursiveCallTstate(thread_, " while calling a Python object") == 0; }
-    void leave() { _Py_LeaveRecursiveCallTstate(thread_); }
-
-private:
-    PyThreadState* thread_;
-};
 
 } // namespace py::fast::layout

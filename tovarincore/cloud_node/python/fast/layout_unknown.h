@@ -45,10 +45,4 @@ inline bool replace_value(PyObject*, PyObject*, const SharedValues&, Py_ssize_t,
 inline bool has_text_keys_only(PyObject*) { return false; }
 inline PyObject* wrapped_function(PyObject*) { return nullptr; }
 
-class Recursion {
-public:
-    bool enter() { return Py_EnterRecursiveCall(" while calling a Python object") == 0; }
-    void leave() { Py_LeaveRecursiveCall(); }
-};
-
 } // namespace py::fast::layout

@@ -61,11 +61,13 @@ PyObject* found_method(const MemoryOfName& memory, PyObject* name, PyObject* obj
     return function;
 }
 
+bool is_searched_quietly(PyObject* module_names, PyObject* builtin_names)
+{
+    return runtime::is_as_compiled && has_text_keys_only(module_names) && has_text_keys_only(builtin_names);
+}
+
 void note_global(const MemoryOfName& memory, PyObject* module_names, PyObject* builtin_names, PyObject* found)
 {
-    // In any other dictionary the search may have run code that changed it.
-    if (!runtime::is_as_compiled || !has_text_keys_only(module_names) || !has_text_keys_only(builtin_names))
-        return;
     if (NameMemory* own = memory.to_fill())
         own->global = {layout::version_of_dict(module_names), layout::version_of_dict(builtin_names), found};
 }
