@@ -42,6 +42,7 @@ class Late:
         self.write(1, b"as it should be\\n")
 
 late = Late()
+gc.unfreeze()  # what is frozen is never dropped at the end
 """
 
 
