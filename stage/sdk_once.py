@@ -11,6 +11,7 @@ from unittest.mock import patch
 from botocore import hooks
 from botocore.client import ClientCreator
 from botocore.loaders import JSONFileLoader, Loader
+from botocore.model import ServiceModel
 
 _SDK_MADE: dict[Hashable, Any] = {}
 
@@ -43,7 +44,13 @@ def sdk_read_once() -> Iterator[None]:
             (JSONFileLoader, "load_file", lambda loader, path: path),
             (Loader, "list_available_services", lambda loader, type_name: (*loader.search_paths, type_name)),
             (ClientCreator, "_create_methods", lambda creator, service_model: service_model.service_name),
+            # Each session asks for the same hundred names, and searches a long table for each.
+            (hooks.EventAliaser, "_alias_event_name", lambda aliaser, name: name),
         ):
             patched.enter_context(patch.object(owner, name, _once(getattr(owner, name), key)))
+        # Looks through all operations of a service, for each client.
+        discovery = vars(ServiceModel)["endpoint_discovery_operation"]
+        find = _once(lambda model: discovery.__get__(model, ServiceModel), lambda model: model.service_name)
+        patched.enter_context(patch.object(ServiceModel, "endpoint_discovery_operation", property(find)))
         patched.enter_context(patch.object(hooks, "accepts_kwargs", _judged_once(hooks.accepts_kwargs)))
         yield
