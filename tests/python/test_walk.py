@@ -57,6 +57,20 @@ def turns(elements: Any, wanted: Any, loop: Any = layer.turns_for_text) -> list[
     return had_turns  # type: ignore[no-any-return]
 
 
+class Owner:
+    """Of a list that is searched by index."""
+
+    def __init__(self, records: list[Any]) -> None:
+        self.records = records
+
+
+def first_like(owner: Owner, element: Any) -> int:
+    """Where the search begins, when it has learnt of the owner's class."""
+    for _ in range(3):
+        begin: int = layer.first_like(owner, element)
+    return begin
+
+
 def first_turn(elements: list[Any], wanted: Any) -> int:
     had_turns = turns(elements, [wanted])
     return elements.index(had_turns[0]) if had_turns else len(elements)
@@ -69,7 +83,7 @@ def test_other_texts_are_passed_over_up_to_the_equal_one(wanted: str) -> None:
     records = [Record("".join(name)) for name in NAMES]
     copied = "".join(list(wanted))
     assert turns(records, [copied]) == [records[NAMES.index(wanted)]]
-    assert layer.first_like(records, Record(copied)) == NAMES.index(wanted)
+    assert first_like(Owner(records), Record(copied)) == NAMES.index(wanted)
     assert turns([record for record in records if record.name != wanted], [copied]) == []
 
 
@@ -84,8 +98,18 @@ def test_a_value_that_is_no_plain_text_has_its_turn(odd: Any) -> None:
 def test_looking_for_something_that_is_no_plain_text_passes_over_nothing(odd: Any) -> None:
     """It may be equal to a text anyway."""
     assert first_turn([Record("x"), Record("a")], odd) == 0
-    assert layer.first_like([Record("x"), Record("a")], Record(odd)) == 0
-    assert layer.first_like([Record("x")], object()) == 0
+    assert first_like(Owner([Record("x"), Record("a")]), Record(odd)) == 0
+    assert first_like(Owner([Record("x")]), object()) == 0
+
+
+def test_a_search_that_reads_its_list_at_each_turn_begins_at_the_first_where_that_is_noticed() -> None:
+    """An owner with its own attribute access."""
+
+    class Noticing(Owner):
+        def __getattribute__(self, name: str) -> Any:
+            return super().__getattribute__(name)
+
+    assert first_like(Noticing([Record("x"), Record("a")]), Record("a")) == 0
 
 
 def test_records_that_compute_the_value_have_their_turn() -> None:

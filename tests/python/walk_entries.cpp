@@ -21,9 +21,10 @@ Object turns_for_text_behind(Handle iterable, Handle text)
     return turns_of(iterable, having("node"_s, "name"_s, text));
 }
 Object turns_for_truth(Handle iterable) { return turns_of(iterable, having("ready"_s)); }
-Object first_alike(Handle list, Handle element)
+Object first_alike(Handle owner, Handle element)
 {
-    return number(static_cast<long>(first_like(list, "name"_s, element)));
+    owner.get("records"_s); // what is stored is known from an earlier read
+    return number(static_cast<long>(first_like(owner, "records"_s, "name"_s, element)));
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 from collections.abc import Callable
+from types import ModuleType
 from typing import Any
 
 import pytest
@@ -79,6 +80,39 @@ def test_attribute_hooks_put_on_a_class_later_are_asked(
 
     monkeypatch.setattr(CloudNode, hook, asked, raising=False)
     assert look(filled) is not None
+
+
+def test_set_node_reads_its_list_at_each_turn(filled: Any) -> None:
+    """For the length, for each node and for the place of the new one, as its own attribute access sees."""
+    reads: list[str] = []
+
+    class Noticing(type(filled)):  # type: ignore[misc]
+        def __getattribute__(self, name: str) -> Any:
+            reads.append(name)
+            return super().__getattribute__(name)
+
+    filled.set_node(make_node("c"))
+    filled.__class__ = Noticing
+    filled.set_node(make_node("c"))
+    assert reads.count("_NodeManager__node_list") == 5
+
+
+def test_set_node_searches_the_list_that_a_replaced_len_puts_there(
+    filled: Any, cloud_node: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """As many turns as the old list was long, through the new one."""
+    filled.set_node(make_node("c"))
+    nodes = [make_node(i) for i in "cd"]
+
+    def exchange(old: list[Any]) -> int:
+        filled._NodeManager__node_list = nodes
+        return len(old)
+
+    monkeypatch.setattr(cloud_node, "len", exchange, raising=False)
+    new = make_node("c")
+    filled.set_node(new)
+    assert nodes[0] == new
+    assert [node.instance_id for node in nodes] == ["c", "d"]
 
 
 def test_a_node_that_changes_its_class_is_read_as_the_new_one(filled: Any) -> None:

@@ -70,11 +70,16 @@ void Each::pass_over(Object& variable)
     variable = std::move(last);
 }
 
-Py_ssize_t first_like(Handle list, Name attribute, Handle like, CallSite site)
+Py_ssize_t first_like(Handle owner, Name list_name, Name attribute, Handle like, CallSite site)
 {
-    if (!PyList_CheckExact(list.ptr()))
+    auto list_now = [&] { return fast::stored_attribute(list_name.memory(), owner.ptr()); };
+    PyObject* stored = list_now();
+    if (stored == nullptr || !PyList_CheckExact(stored))
         return 0;
+    Object list(borrow(stored));
     Py_ssize_t position = fast::first_like(list.ptr(), attribute, like.ptr());
+    if (list_now() != list.ptr()) // a collection meanwhile has run a finaliser
+        position = 0;
     checkpoint(site);
     return position;
 }

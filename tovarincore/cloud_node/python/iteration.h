@@ -102,9 +102,9 @@ inline Each each(Handle iterable, const Wanted& wanted, CallSite site = CallSite
     return {iterable, &wanted, nullptr, site};
 }
 
-// Where a search by index for an element with the attribute of `like` has to begin: 0, or behind elements that
-// certainly have another one.
-Py_ssize_t first_like(Handle list, Name attribute, Handle like, CallSite site = CallSite::here());
+// Where a search by index in `owner.list`, which reads that at each turn, for an element with the attribute of `like`
+// has to begin: behind elements that certainly have another one, or 0 where reading the list could be noticed.
+Py_ssize_t first_like(Handle owner, Name list, Name attribute, Handle like, CallSite site = CallSite::here());
 
 void unpack_into(Handle sequence, Object* targets, Py_ssize_t count, CallSite site);
 

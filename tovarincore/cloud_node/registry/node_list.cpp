@@ -56,9 +56,8 @@ Object set_node(Handle self, Handle node_given)
     return holding(self.get("_NodeManager__node_list_lock"_s), [&] {
         node = deep_copy(node_given);
         collect_before_dropping();
-        Object nodes = nodes_of(self);
-        Py_ssize_t count = len(nodes);
-        for (Py_ssize_t i = first_like(nodes, "instance_id"_s, node); i < count; ++i) {
+        Py_ssize_t count = len(nodes_of(self));
+        for (Py_ssize_t i = first_like(self, "_NodeManager__node_list"_s, "instance_id"_s, node); i < count; ++i) {
             if (nodes_of(self).item(i).get("instance_id"_s).equals(node.get("instance_id"_s))) {
                 nodes_of(self).set_item(i, node);
                 return none();
