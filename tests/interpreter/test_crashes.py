@@ -218,21 +218,22 @@ for turn in range(30):
 """,
     "a name of the built-ins that changes them while it is looked up": """
 import builtins
+of_builtins = vars(builtins)
 class Closed:
     def acquire(self, timeout): return False
 class Mine(Exception): ...
 def tidy():
-    texts = {name: value for name, value in vars(builtins).items() if type(name) is str}
-    vars(builtins).clear()
-    vars(builtins).update(texts)
+    texts = {name: value for name, value in of_builtins.items() if type(name) is str}
+    of_builtins.clear()
+    of_builtins.update(texts)
     cloud_node.TimeoutError = Mine
 manager._NodeManager__node_list_lock = Closed()
 for _ in range(3):
     assert outcome(manager.get_node_list) == "TimeoutError: "
-names = dict(vars(builtins))
-vars(builtins).clear()
-vars(builtins)[Key("TimeoutError")] = None
-vars(builtins).update(names)
+names = dict(of_builtins)
+of_builtins.clear()
+of_builtins[Key("TimeoutError")] = None
+of_builtins.update(names)
 Key.deed = staticmethod(tidy)
 assert outcome(manager.get_node_list) == "TimeoutError: "
 assert outcome(manager.get_node_list) == outcome(manager.get_node_list) == "Mine: "
