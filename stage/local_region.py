@@ -21,7 +21,8 @@ from tovarincore.cloud_def import (
 from tovarincore.cloud_node import cloud_manager_glbl
 from tovarincore.core_def import OPResult
 
-LIMIT_SECONDS = 10.0
+# Of a single call to the engine: a busy machine may take tens of seconds to start a worker.
+LIMIT_SECONDS = 60.0
 
 
 class LocalRegion:
