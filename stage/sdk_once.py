@@ -36,6 +36,11 @@ def _once(method: Callable[..., Any], key: Callable[..., Hashable]) -> Callable[
     return remembered
 
 
+def _described(service_model: ServiceModel) -> Hashable:
+    """The service and how many operations of it are described: the command keeps a few of EC2's."""
+    return service_model.service_name, len(service_model.operation_names)
+
+
 @contextmanager
 def sdk_read_once() -> Iterator[None]:
     """Let the SDK read its data and write a client's methods once while the body runs, and remember them."""
@@ -43,14 +48,14 @@ def sdk_read_once() -> Iterator[None]:
         for owner, name, key in (
             (JSONFileLoader, "load_file", lambda loader, path: path),
             (Loader, "list_available_services", lambda loader, type_name: (*loader.search_paths, type_name)),
-            (ClientCreator, "_create_methods", lambda creator, service_model: service_model.service_name),
+            (ClientCreator, "_create_methods", lambda creator, service_model: _described(service_model)),
             # Each session asks for the same hundred names, and searches a long table for each.
             (hooks.EventAliaser, "_alias_event_name", lambda aliaser, name: name),
         ):
             patched.enter_context(patch.object(owner, name, _once(getattr(owner, name), key)))
         # Looks through all operations of a service, for each client.
         discovery = vars(ServiceModel)["endpoint_discovery_operation"]
-        find = _once(lambda model: discovery.__get__(model, ServiceModel), lambda model: model.service_name)
+        find = _once(lambda model: discovery.__get__(model, ServiceModel), _described)
         patched.enter_context(patch.object(ServiceModel, "endpoint_discovery_operation", property(find)))
         patched.enter_context(patch.object(hooks, "accepts_kwargs", _judged_once(hooks.accepts_kwargs)))
         yield
