@@ -172,9 +172,8 @@ bool copyreg_is_as_it_comes()
 // Exact dictionaries, which are searched without running code.
 bool are_quiet(std::initializer_list<PyObject*> dicts)
 {
-    return std::ranges::all_of(dicts, [](PyObject* dict) {
-        return dict != nullptr && PyDict_CheckExact(dict) && has_text_keys_only(dict);
-    });
+    return std::ranges::all_of(
+        dicts, [](PyObject* dict) { return dict != nullptr && PyDict_CheckExact(dict) && has_text_keys_only(dict); });
 }
 
 bool everything_is_as_it_comes()
