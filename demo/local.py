@@ -3,15 +3,17 @@
 from __future__ import annotations
 
 import dataclasses
+import os
 import time
-from collections.abc import Callable
-from contextlib import ExitStack, suppress
+from collections.abc import Callable, Iterator
+from contextlib import ExitStack, contextmanager, suppress
 
 from demo.report import DemoStopped, Report, Step
 from stage.engine import ContainerEngineServer, EngineNotRunnable
 from stage.engine_docker import DockerServer
+from stage.patience import SLACK_SECONDS
 from stage.ports import free_port
-from stage.settings import NOWHERE, surroundings
+from stage.settings import NOWHERE, environment, surroundings
 from tovarincore.cloud_conf import CloudConf
 from tovarincore.cloud_def import (
     CloudInstanceConfig,
@@ -24,13 +26,28 @@ from tovarincore.cloud_def import (
     NodeState,
 )
 from tovarincore.cloud_node import CloudManager, cloud_manager_glbl
+from tovarincore.core_conf import core_conf_glbl
 from tovarincore.testing.worker_image import import_worker_image
 
 IMAGE = "tovarin-worker"
 VERSIONS = ["1.2.0", "1.10.0", "1.9.0"]
 NEWEST_FIRST = ["1.10.0", "1.9.0", "1.2.0"]
-LIMIT_SECONDS = 5.0
-READY_SECONDS = 20.0
+# A busy machine may take tens of seconds to start a worker.
+LIMIT_SECONDS = 60.0
+READY_SECONDS = 60.0
+# While the engine hangs.
+SHORT_LIMIT_SECONDS = 5.0
+
+
+@contextmanager
+def _short_limit() -> Iterator[None]:
+    """Let the body wait no longer for the engine than somebody who watches would."""
+    try:
+        with environment({**os.environ, "TOVARIN_CONTAINER__OPERATION_SECONDS": str(SHORT_LIMIT_SECONDS)}):
+            core_conf_glbl.reload()
+            yield
+    finally:
+        core_conf_glbl.reload()
 
 
 class LocalTour:
@@ -129,13 +146,14 @@ class LocalTour:
             before = self._manager.get_node_list(self._region)
             self._engine.hang()
             try:
-                started = time.monotonic()
-                result = self._manager.refresh_node_list(self._region)
-                seconds = time.monotonic() - started
+                with _short_limit():
+                    started = time.monotonic()
+                    result = self._manager.refresh_node_list(self._region)
+                    seconds = time.monotonic() - started
             finally:
                 self._engine.go_on()
             step.expect("error", result.error, True)
-            step.expect("ended within the limit and a second", seconds < LIMIT_SECONDS + 1, True)
+            step.expect("ended soon after the limit", seconds < SHORT_LIMIT_SECONDS + SLACK_SECONDS, True)
             step.expect("registry", self._manager.get_node_list(self._region), before)
             last_line = (result.traceback_text or "").strip().rpartition("\n")[2]
             step.say(f"{result.msg}: {last_line.partition(': ')[2]}")
