@@ -15,7 +15,9 @@ pytest.importorskip("_testcapi", reason="this CPython has no _testcapi, which ma
 PROGRAM = """
 import _testcapi
 from tests.differential.hostile.allocations import spare_code
+gc.unfreeze()  # what is frozen stands in no list
 spare = spare_code()
+gc.freeze()
 def depth(level=0):
     try:
         return depth(level + 1)
