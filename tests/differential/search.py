@@ -90,7 +90,7 @@ def search(
 
 def _by_chance(found: str, tally: Tally) -> bool:
     """Whether it is nothing but an interrupt that the interpreter itself loses, of which there are few."""
-    if LOST_INTERRUPT not in found or "; " in found:
+    if LOST_INTERRUPT not in found or "; " in found:  # what stands between several problems of a program
         return False
     tally.lost += 1
     return tally.lost <= 2 + tally.ran["timed signals"] // PROGRAMS_FOR_A_LOST_INTERRUPT
