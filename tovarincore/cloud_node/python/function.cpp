@@ -8,14 +8,6 @@ namespace py {
 
 namespace {
 
-// Borrowed; null for a required parameter.
-PyObject* value_of(Default default_value)
-{
-    static PyObject* const values[] = {nullptr, Py_None, Py_False, Py_True};
-    static_assert(static_cast<int>(Default::none) == 1 && static_cast<int>(Default::true_) == 3);
-    return values[static_cast<std::size_t>(default_value)];
-}
-
 // Puts the arguments passed by keyword into their places. Names are interned, so that their addresses are compared;
 // false where they are not, or do not fit.
 bool place_keywords(PyObject* names, PyObject* const* arguments, PyObject* keywords, PyObject** bound)

@@ -13,21 +13,6 @@ namespace py {
 
 namespace {
 
-Object value_of(Default default_value)
-{
-    switch (default_value) {
-    case Default::none:
-        return none();
-    case Default::false_:
-        return Object(false_());
-    case Default::true_:
-        return Object(true_());
-    case Default::required:
-        break;
-    }
-    return {};
-}
-
 Object text(std::string_view characters)
 {
     return steal(PyUnicode_FromStringAndSize(characters.data(), static_cast<Py_ssize_t>(characters.size())));
@@ -90,8 +75,8 @@ Object defaults_for(const Method& method)
 {
     Object defaults = list({});
     for (std::size_t i = 0; i < method.count; ++i)
-        if (Object value = value_of(method.defaults[i]))
-            append(defaults, value);
+        if (PyObject* value = value_of(method.defaults[i]))
+            append(defaults, borrow(value));
     return PyList_GET_SIZE(defaults.ptr()) == 0 ? none() : steal(PyList_AsTuple(defaults.ptr()));
 }
 

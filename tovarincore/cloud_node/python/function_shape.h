@@ -22,6 +22,14 @@ struct FunctionObject {
     bool replaced; // or the code: the shape is what is called
 };
 
+// The default of a parameter, borrowed; null where the parameter is required.
+inline PyObject* value_of(Default default_value)
+{
+    static PyObject* const values[] = {nullptr, Py_None, Py_False, Py_True};
+    static_assert(static_cast<int>(Default::none) == 1 && static_cast<int>(Default::true_) == 3);
+    return values[static_cast<std::size_t>(default_value)];
+}
+
 bool has_parameter_names(FunctionObject* self); // makes `names`, if need be; false with an error set
 Object shape_of(FunctionObject* self);
 

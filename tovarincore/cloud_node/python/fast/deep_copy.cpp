@@ -19,6 +19,16 @@ Object plain_copy(Handle value, CallSite site)
     return adopt(made);
 }
 
+// Python's copy collects while it runs, early and little at a time. What is garbage already goes before a long copy, in
+// a short collection: its finalisers would lose an interrupt that comes during the long one behind the copy.
+void collect_before_many(Handle value, CallSite site)
+{
+    if (!PyList_CheckExact(value.ptr()) || !runtime::bring_collection_forward(PyList_GET_SIZE(value.ptr())))
+        return;
+    collect_what_is_due();
+    checkpoint(site);
+}
+
 } // namespace
 
 void collect_what_is_due()
@@ -31,20 +41,6 @@ void collect_what_is_due()
         PyErr_Clear(); // whoever needs memory next says so
     Py_XDECREF(container);
 }
-
-namespace {
-
-// Python's copy collects while it runs, early and little at a time. What is garbage already goes before a long copy, in
-// a short collection: its finalisers would lose an interrupt that comes during the long one behind the copy.
-void collect_before_many(Handle value, CallSite site)
-{
-    if (!PyList_CheckExact(value.ptr()) || !runtime::bring_collection_forward(PyList_GET_SIZE(value.ptr())))
-        return;
-    collect_what_is_due();
-    checkpoint(site);
-}
-
-} // namespace
 
 Object deep_copy(const Handle& function, const Handle& value, const CallSite& site)
 {
