@@ -31,6 +31,7 @@ bool Each::next_of_iterator(Object& variable)
     if (!element) {
         if (PyErr_Occurred())
             throw Raised{site_};
+        between_turns_.end(site_);
         return false;
     }
     variable = std::move(element);

@@ -21,6 +21,27 @@ inline Wanted having(Name attribute) { return {{}, attribute, {}}; }
 inline Wanted having(Name attribute, Handle text) { return {{}, attribute, text}; }
 inline Wanted having(Name hop, Name attribute, Handle text) { return {hop, attribute, text}; }
 
+// What a loop does between two turns: see checkpoint(). Where that is a call of the interpreter, for want of the fast
+// half, it takes as long as a quarter of a turn, and one turn in sixteen has it.
+class BetweenTurns {
+public:
+    void operator()(CallSite site = CallSite::here())
+    {
+        if (fast::is_on || turns_++ % 16 == 0)
+            checkpoint(site);
+    }
+
+    // After the last turn.
+    void end(CallSite site = CallSite::here())
+    {
+        if constexpr (!fast::is_on)
+            checkpoint(site);
+    }
+
+private:
+    unsigned turns_ = 0;
+};
+
 // for (Object x : each(xs)) ...       iter(xs) is called at once, so xs may be a temporary
 //
 // Where a lock is held, the variable has to outlive the loop, as Python's does: its last value may have a finaliser
@@ -38,7 +59,7 @@ public:
     // that was passed over, or stays as it was where there was none.
     bool next(Object& variable)
     {
-        checkpoint(site_); // reading and comparing an element may run no Python code
+        between_turns_(site_); // reading and comparing an element may run no Python code
         if (index_ < 0 || (fast::is_on && wanted_))
             return next_in_another_way(variable);
         return next_of_list(variable);
@@ -69,8 +90,10 @@ public:
 private:
     bool next_of_list(Object& variable)
     {
-        if (index_ >= PyList_GET_SIZE(source_.ptr()))
+        if (index_ >= PyList_GET_SIZE(source_.ptr())) {
+            between_turns_.end(site_);
             return false;
+        }
         variable = Object(borrow(PyList_GET_ITEM(source_.ptr(), index_++)));
         return true;
     }
@@ -85,6 +108,7 @@ private:
     Object text_;
     Object* passed_over_;
     CallSite site_;
+    BetweenTurns between_turns_;
 };
 
 // for x in xs

@@ -122,6 +122,8 @@ bool Handle::truthy(CallSite site) const
 // Not PyObject_RichCompareBool: that one takes identity for equality, which `==` in an `if` does not.
 bool Handle::compares_equal(Handle other, CallSite site) const
 {
+    if (are_compared_by_identity(pointer_, other.pointer_))
+        return pointer_ == other.pointer_;
     return steal(PyObject_RichCompare(pointer_, other.ptr(), Py_EQ), site).truthy(site);
 }
 

@@ -218,12 +218,10 @@ Object Handle::get(Name name, CallSite site) const
         return steal(PyObject_GetAttr(pointer_, name.ptr()), site);
 }
 
-bool Handle::equals(Handle other, CallSite site) const
+[[gnu::always_inline]] inline bool Handle::equals(Handle other, CallSite site) const
 {
-    if (are_plain_texts(pointer_, other.pointer_))
+    if (are_plain_texts(pointer_, other.pointer_)) [[likely]]
         return is_same_text(pointer_, other.pointer_);
-    if (are_compared_by_identity(pointer_, other.pointer_))
-        return pointer_ == other.pointer_;
     return compares_equal(other, site);
 }
 

@@ -57,13 +57,16 @@ Object set_node(Handle self, Handle node_given)
         node = deep_copy(node_given);
         collect_before_dropping();
         Py_ssize_t count = len(nodes_of(self));
+        BetweenTurns between_turns;
         for (Py_ssize_t i = first_like(self, "_NodeManager__node_list"_s, "instance_id"_s, node); i < count; ++i) {
             if (nodes_of(self).item(i).get("instance_id"_s).equals(node.get("instance_id"_s))) {
+                checkpoint(); // before the finaliser of the record that is replaced
                 nodes_of(self).set_item(i, node);
                 return none();
             }
-            checkpoint(); // before the finaliser of a record that is replaced
+            between_turns();
         }
+        between_turns.end();
         nodes_of(self).method("append"_s)({node});
         return none();
     });
