@@ -164,6 +164,65 @@ def test_a_class_method_is_called_with_the_class() -> None:
     assert call(Derived) == ("function", (1,))
 
 
+def test_a_static_method_is_called_without_the_class() -> None:
+    """What it wraps at the call; another kind of attribute under the name counts at once."""
+
+    class Kind:
+        @staticmethod
+        def method(*given: Any, **named: Any) -> Any:
+            return given, named
+
+    for _ in range(4):
+        assert call(Kind) == ((1,), {"second": 2})
+    vars(Kind)["method"].__init__(lambda *given, **named: "again")
+    assert call(Kind) == "again"
+    vars(Kind)["method"].__init__("a text")
+    with pytest.raises(TypeError, match="'str' object is not callable"):
+        call(Kind)
+    Kind.method = classmethod(lambda cls, *given, **named: cls)  # type: ignore[assignment]
+    assert [call(Kind) for _ in range(4)] == [Kind] * 4
+    Kind.method = lambda *given, **named: "function"  # type: ignore[assignment]
+    assert call(Kind) == "function"
+    del Kind.method
+    with pytest.raises(AttributeError, match="method"):
+        call(Kind)
+
+
+def test_the_static_method_of_the_call_outlives_a_change_by_its_arguments() -> None:
+    """It is looked up before the arguments, as in Python."""
+
+    class Kind:
+        @staticmethod
+        def method(*given: Any, **named: Any) -> Any:
+            return "first"
+
+    def argument() -> None:
+        Kind.method = staticmethod(lambda *given, **named: "second")  # type: ignore[assignment]
+
+    for _ in range(4):
+        assert call(Kind) == "first"
+    assert layer.call_method_of_answers(Kind, argument) == "first"
+    assert call(Kind) == "second"
+
+
+def test_a_class_that_computes_the_attribute_is_asked_each_time() -> None:
+    """Also when it has been given up, and until it holds a plain value."""
+
+    class Computed:
+        def __get__(self, instance: Any, owner: Any) -> Any:
+            asked.append(owner)
+            return len(asked)
+
+    asked: list[Any] = []
+    kind = type("Kind", (), {"name": Computed()})
+    assert [read(kind) for _ in range(5)] == [1, 2, 3, 4, 5]
+    other = type("Other", (), {"name": "own"})
+    assert [read(other) for _ in range(4)] == ["own"] * 4
+    kind.name = "plain"
+    assert [read(kind) for _ in range(4)] == ["plain"] * 4
+    assert asked == [kind] * 5
+
+
 def test_a_class_method_is_bound_to_instances_as_well() -> None:
     """A name may be called on classes and on their instances in turns."""
 

@@ -32,6 +32,8 @@ MethodOfObject Handle::method(Name name, CallSite site) const
 // Apart from method(), which so needs no stack of its own.
 [[gnu::noinline]] MethodOfObject Handle::look_up_method(Name name, CallSite site) const
 {
+    if (PyObject* function = fast::known_static_method(name.memory(), pointer_))
+        return {Object(borrow(function)), Handle()};
     if (PyObject* function = fast::found_method(name.memory(), name.ptr(), pointer_))
         return {Object(borrow(function)), *this};
     PyObject* found = nullptr;

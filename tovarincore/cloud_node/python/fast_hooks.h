@@ -51,6 +51,9 @@ Answer set_attribute(const MemoryOfName& memory, PyObject* name, PyObject* objec
 PyObject* known_method(const MemoryOfName& memory, PyObject* object);
 PyObject* found_method(const MemoryOfName& memory, PyObject* name, PyObject* object);
 
+// The same for what is called without the object; to be asked before found_method().
+PyObject* known_static_method(const MemoryOfName& memory, PyObject* object);
+
 // name: what note_global() was told last, while neither dictionary has changed; borrowed, null when unknown. It is told
 // of what was found in dictionaries that are searched without running code.
 bool is_searched_quietly(PyObject* module_names, PyObject* builtin_names);
@@ -114,6 +117,7 @@ inline PyObject* found_attribute(const MemoryOfName&, PyObject*, PyObject*) { re
 inline Answer set_attribute(const MemoryOfName&, PyObject*, PyObject*, PyObject*) { return Answer::unknown; }
 inline PyObject* known_method(const MemoryOfName&, PyObject*) { return nullptr; }
 inline PyObject* found_method(const MemoryOfName&, PyObject*, PyObject*) { return nullptr; }
+inline PyObject* known_static_method(const MemoryOfName&, PyObject*) { return nullptr; }
 inline bool is_searched_quietly(PyObject*, PyObject*) { return false; }
 inline PyObject* known_global(const MemoryOfName&, PyObject*, PyObject*) { return nullptr; }
 inline void note_global(const MemoryOfName&, PyObject*, PyObject*, PyObject*) {}

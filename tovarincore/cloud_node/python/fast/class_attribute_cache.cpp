@@ -22,6 +22,8 @@ void ClassAttributeCache::consider(PyObject* object, PyObject* name)
     if constexpr (!layout::known)
         return;
     auto* type = reinterpret_cast<PyTypeObject*>(object);
+    if (unfit_version_ != 0 && layout::version_of_type(type) == unfit_version_)
+        return;
     if (!is_quiet_class(type) || !is_quiet_class(Py_TYPE(type)))
         return;
     PyObject* found = _PyType_Lookup(type, name); // gives the class a version
@@ -34,8 +36,10 @@ void ClassAttributeCache::consider(PyObject* object, PyObject* name)
         kind = Kind::static_method;
     else if (found_type == &PyClassMethod_Type)
         kind = Kind::class_method;
-    else if (found_type->tp_descr_get != nullptr)
+    else if (found_type->tp_descr_get != nullptr) {
+        unfit_version_ = version;
         return;
+    }
     PyTypeObject* metaclass = Py_TYPE(object);
     if (!is_quiet_class(found_type) || !is_read_as_usual(metaclass, name))
         return;

@@ -25,6 +25,12 @@ public:
         return function != nullptr && PyFunction_Check(function) ? function : nullptr;
     }
 
+    // The function of a static method, to be called without the class; borrowed. Null: as above.
+    PyObject* known_static_method(PyObject* object) const
+    {
+        return knows(object) && kind_ == Kind::static_method ? layout::wrapped_function(found_) : nullptr;
+    }
+
     // Learns from a class that comes twice running; for class objects only.
     void consider(PyObject* object, PyObject* name);
 
@@ -48,6 +54,7 @@ private:
     unsigned metaclass_version_ = 0;
     unsigned found_type_version_ = 0;
     unsigned candidate_version_ = 0;
+    unsigned unfit_version_ = 0; // of a class that computes the attribute; not tried again
     Kind kind_ = Kind::value;
 };
 

@@ -61,6 +61,11 @@ PyObject* found_method(const MemoryOfName& memory, PyObject* name, PyObject* obj
     return function;
 }
 
+PyObject* known_static_method(const MemoryOfName& memory, PyObject* object)
+{
+    return PyType_Check(object) ? memory.known().class_attribute.known_static_method(object) : nullptr;
+}
+
 bool is_searched_quietly(PyObject* module_names, PyObject* builtin_names)
 {
     return runtime::is_as_compiled && has_text_keys_only(module_names) && has_text_keys_only(builtin_names);
