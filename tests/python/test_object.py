@@ -75,6 +75,56 @@ def test_an_error_of_an_operand_travels_on_unchanged(operation):
         operation()
 
 
+IN_PYTHON = {
+    "name_equals": lambda a, b: True if a.name == b else False,
+    "names_are_equal": lambda a, b: True if a.name == b.name else False,
+    "name_contains": lambda a, b: b in a.name,
+    "item_of_name": lambda a, b: a.name[b][b],
+    "item_of_item_at": lambda a: a.name[0][0],
+}
+
+
+@pytest.mark.parametrize("operation", IN_PYTHON)
+def test_a_temporary_goes_as_soon_as_it_has_served(operation):
+    """Before the truth of what came of it is asked, and before the next operation."""
+
+    class Temporary:
+        def __init__(self, log, name):
+            self.log, self.own_name = log, name
+            log.append(f"made {name}")
+
+        def __del__(self):
+            self.log.append(f"dropped {self.own_name}")
+
+        def step(self, kind):
+            return Temporary(self.log, f"{self.own_name} {kind}")
+
+        name = property(lambda self: self.step("name"))
+
+        def __eq__(self, other):
+            return self.step("comparison")
+
+        def __bool__(self):
+            self.log.append(f"truth of {self.own_name}")
+            return True
+
+        def __contains__(self, other):
+            return self.step("search")
+
+        def __getitem__(self, key):
+            return self.step("item")
+
+    def steps(operate):
+        log = []
+        given = [Temporary(log, name) for name in "ab"[: 1 if operation == "item_of_item_at" else 2]]
+        result = operate(*given)
+        log.append("done")
+        del result, given
+        return log
+
+    assert steps(getattr(layer, operation)) == steps(IN_PYTHON[operation])
+
+
 def test_a_missing_attribute_raises_the_interpreters_error():
     """`o.name` on an object without it is Python's AttributeError."""
     with pytest.raises(AttributeError, match="'int' object has no attribute 'name'"):

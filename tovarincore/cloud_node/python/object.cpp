@@ -119,12 +119,25 @@ bool Handle::truthy(CallSite site) const
     return truth != 0;
 }
 
+namespace {
+
 // Not PyObject_RichCompareBool: that one takes identity for equality, which `==` in an `if` does not.
-bool Handle::compares_equal(Handle other, CallSite site) const
+Object compared(Handle a, Handle b, CallSite site)
 {
-    if (are_compared_by_identity(pointer_, other.pointer_))
-        return pointer_ == other.pointer_;
-    return steal(PyObject_RichCompare(pointer_, other.ptr(), Py_EQ), site).truthy(site);
+    if (are_compared_by_identity(a.ptr(), b.ptr()))
+        return Object(boolean(a.is(b)));
+    return steal(PyObject_RichCompare(a.ptr(), b.ptr(), Py_EQ), site);
+}
+
+} // namespace
+
+bool Handle::compares_equal(Handle other, CallSite site) const { return compared(*this, other, site).truthy(site); }
+
+bool Object::compare_objects_and_drop(Handle other, Object* other_temporary, CallSite site)
+{
+    Object result = compared(*this, other, site);
+    drop_with(other_temporary);
+    return std::move(result).truthy(site);
 }
 
 bool Handle::greater(Handle other, CallSite site) const

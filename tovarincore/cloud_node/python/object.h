@@ -98,7 +98,7 @@ private:
     Object get_remembered(Name name, CallSite site) const;
     Object look_up(Name name, CallSite site) const;
     MethodOfObject look_up_method(Name name, CallSite site) const;
-    bool compares_equal(Handle other, CallSite site) const;
+    bool compares_equal(Handle other, CallSite site) const; // where not both are texts
 
 protected:
     explicit constexpr Handle(PyObject* pointer) : pointer_(pointer) {}
@@ -137,28 +137,31 @@ public:
     [[nodiscard]] PyObject* release() { return std::exchange(pointer_, nullptr); }
 
     bool equals(Handle other, CallSite site = CallSite::here()) const& { return Handle::equals(other, site); }
+    bool contains(Handle value, CallSite site = CallSite::here()) const& { return Handle::contains(value, site); }
     bool truthy(CallSite site = CallSite::here()) const& { return Handle::truthy(site); }
     Object get(Name name, CallSite site = CallSite::here()) const& { return Handle::get(name, site); }
+    Object item(Handle key, CallSite site = CallSite::here()) const& { return Handle::item(key, site); }
+    Object item(Py_ssize_t index, CallSite site = CallSite::here()) const& { return Handle::item(index, site); }
 
     // On a temporary, which is dropped at once, as Python does it: no stack is unwound then, as it may be where a
     // destructor runs, and whether the thread is ending need not be asked.
-    bool equals(Handle other, CallSite site = CallSite::here()) &&
+    bool equals(Handle other, CallSite site = CallSite::here()) && { return compare_and_drop(other, nullptr, site); }
+    bool equals(Object&& other, CallSite site = CallSite::here()) && { return compare_and_drop(other, &other, site); }
+    bool contains(Handle value, CallSite site = CallSite::here()) &&
     {
-        bool same = Handle::equals(other, site);
-        drop(release());
-        return same;
+        return drop_behind(Handle::contains(value, site));
     }
-    bool truthy(CallSite site = CallSite::here()) &&
-    {
-        bool truth = Handle::truthy(site);
-        drop(release());
-        return truth;
-    }
+    bool truthy(CallSite site = CallSite::here()) && { return drop_behind(Handle::truthy(site)); }
     Object get(Name name, CallSite site = CallSite::here()) &&
     {
         Object value = Handle::get(name, site);
         drop(release());
         return value;
+    }
+    Object item(Handle key, CallSite site = CallSite::here()) && { return drop_behind(Handle::item(key, site)); }
+    Object item(Py_ssize_t index, CallSite site = CallSite::here()) &&
+    {
+        return drop_behind(Handle::item(index, site));
     }
 
 private:
@@ -172,6 +175,23 @@ private:
         else
             drop_last_reference(pointer);
     }
+
+    template <class Result> [[gnu::always_inline]] Result drop_behind(Result result)
+    {
+        drop(release());
+        return result;
+    }
+
+    [[gnu::always_inline]] void drop_with(Object* other)
+    {
+        drop(release());
+        if (other != nullptr)
+            drop(other->release());
+    }
+
+    // The truth of the result is asked when the operands are gone.
+    bool compare_and_drop(Handle other, Object* other_temporary, CallSite site);
+    bool compare_objects_and_drop(Handle other, Object* other_temporary, CallSite site);
 
     friend Object adopt(PyObject* pointer);
 };
@@ -223,6 +243,16 @@ Object Handle::get(Name name, CallSite site) const
     if (are_plain_texts(pointer_, other.pointer_)) [[likely]]
         return is_same_text(pointer_, other.pointer_);
     return compares_equal(other, site);
+}
+
+[[gnu::always_inline]] inline bool Object::compare_and_drop(Handle other, Object* other_temporary, CallSite site)
+{
+    if (are_plain_texts(pointer_, other.ptr())) [[likely]] {
+        bool same = is_same_text(pointer_, other.ptr());
+        drop_with(other_temporary);
+        return same;
+    }
+    return compare_objects_and_drop(other, other_temporary, site);
 }
 
 // "name"_k = value: an argument passed by keyword.
