@@ -14,14 +14,11 @@ from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 from benchmarks.goals import goal
-from benchmarks.measuring import Result, loops_for, timer
+from benchmarks.measuring import Result, timer
 from benchmarks.scenario import Scenario
 
-LOOPS = (
-    2  # of the largest scenarios; smaller ones get more, so that what begins and ends a batch hardly counts
-)
-MOST_LOOPS = 2_000
-LONGER_THAN_TIMED = 25  # times, for a scenario of middle size
+LEAST_LOOPS, MOST_LOOPS = 2, 2_000
+COUNTED_SECONDS = 0.1  # of the calls of one scenario, in which what begins and ends a batch hardly counts
 WARM_UP = 2
 
 
@@ -38,7 +35,7 @@ def count_one_side(side: str, scenarios: Sequence[Scenario]) -> None:
         print(f"counting {side}: {scenario.name}", file=sys.stderr, flush=True)
         made = timer(scenario, side)
         made.timeit(WARM_UP)
-        loops = max(LOOPS, min(MOST_LOOPS, LONGER_THAN_TIMED * loops_for(made)))
+        loops = max(LEAST_LOOPS, min(MOST_LOOPS, round(COUNTED_SECONDS / made.timeit(1))))
         for number in (0, loops):
             control("-z")
             made.timeit(number)
