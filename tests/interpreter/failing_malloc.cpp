@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the C library's own name
 extern "C" void* __libc_malloc(std::size_t size);
 
 namespace {

@@ -21,7 +21,8 @@ bool Each::next_in_another_way(Object& variable)
 {
     if (index_ < 0)
         return next_of_iterator(variable);
-    pass_over(variable);
+    if (wanted_)
+        pass_over(*wanted_, variable);
     return next_of_list(variable);
 }
 
@@ -59,9 +60,9 @@ void extend(Object& list, Object elements, CallSite site)
 
 } // namespace
 
-void Each::pass_over(Object& variable)
+void Each::pass_over(const Wanted& wanted, Object& variable)
 {
-    Py_ssize_t begin = std::exchange(index_, fast::first_candidate(source_.ptr(), index_, *wanted_));
+    Py_ssize_t begin = std::exchange(index_, fast::first_candidate(source_.ptr(), index_, wanted));
     if (index_ == begin)
         return;
     Object last(borrow(PyList_GET_ITEM(source_.ptr(), index_ - 1)));

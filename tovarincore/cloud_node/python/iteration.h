@@ -100,7 +100,7 @@ private:
 
     bool next_in_another_way(Object& variable);
     bool next_of_iterator(Object& variable);
-    void pass_over(Object& variable);
+    void pass_over(const Wanted& wanted, Object& variable);
 
     Object source_;         // an exact list, or an iterator where index_ is negative
     Py_ssize_t index_ = -1; // of the next element

@@ -17,7 +17,7 @@ bool ParkedObjects::add(PyObject* pointer)
         if (larger == nullptr)
             return false;
         std::copy_n(begin(), count, larger);
-        PyMem_RawFree(allocated);
+        PyMem_RawFree(static_cast<void*>(allocated));
         allocated = larger;
         size *= 2;
     }
@@ -39,7 +39,7 @@ Parked::~Parked() noexcept(false)
 {
     for (std::size_t i = 0; i < objects_.count && !thread_is_ending(); ++i)
         drop_last_reference(objects_.begin()[i]); // parks it again, should another error be on its way
-    PyMem_RawFree(objects_.allocated);
+    PyMem_RawFree(static_cast<void*>(objects_.allocated));
 }
 
 void raise_failure(CallSite site)
