@@ -164,7 +164,10 @@ def test_an_interrupt_is_raised_by(cloud_node: ModuleType, run_child: Child, pro
 def test_an_exception_from_another_thread_leaves_no_lock_held(
     cloud_node: ModuleType, run_child: Child
 ) -> None:
-    """It is raised in the body, as in Python: not in the release of a lock written in Python."""
+    """It is raised in the body, as in Python: not in the release of a lock written in Python.
+
+    Behind `acquire`, Python has a gap of its own.
+    """
     program = (
         WITH_A_LOCK
         + f"TURNS = {sized(30, 100)}"
@@ -178,6 +181,7 @@ def raise_there(thread):
 other = threading.Thread(target=raise_there, args=[threading.get_ident()])
 other.start()
 sys.setswitchinterval(0.0005)
+held_by_release = 0
 manager._NodeManager__node_list = [node(f"i-{number}") for number in range(MANY)]
 for _ in range(2):
     prepare()
@@ -190,12 +194,15 @@ for turn in range(TURNS):
         delays.put(length * (turn + 1) / TURNS)
         while True:
             manager.get_node_list()
-    except Interrupted:
-        pass
+    except Interrupted as raised:
+        step = raised.__traceback__
+        while step.tb_next is not None:
+            step = step.tb_next
+        is_held = manager._NodeManager__node_list_lock.inner.locked()
+        held_by_release += is_held and step.tb_frame.f_code.co_name == "release"
 delays.put(None)
 other.join()
-prepare()
-assert held <= MISSED, held
+assert held_by_release <= MISSED, held_by_release
 """
     )
     run(run_child, cloud_node, program)
