@@ -69,6 +69,25 @@ def test_the_key_is_looked_for_twice(facade: Any) -> None:
     assert key.seen == ["hash", "compare", "hash", "compare"]
 
 
+def test_the_first_key_goes_before_the_second_is_read(facade: Any) -> None:
+    """Its finaliser may change what the second look finds."""
+    seen: list[str] = []
+
+    class Key(str):
+        def __del__(self) -> None:
+            seen.append("dropped")
+
+    class Region:
+        @property
+        def hash_key(self) -> str:
+            seen.append("read")
+            return Key("local:local")
+
+    facade._node_manager_hashset["local:local"] = "provider"
+    assert facade._get_cached_node_manager(Region()) == "provider"
+    assert seen == ["read", "dropped"] * 2
+
+
 def test_a_key_in_the_cache_is_compared_twice(facade: Any) -> None:
     """A plain text may meet a key with its own methods."""
     key = LoggedText("local:local")

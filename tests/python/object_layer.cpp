@@ -19,9 +19,13 @@ Object is_a(Handle a, Handle b) { return Object(boolean(is_instance(a, b))); }
 Object get_name(Handle a) { return a.get("name"_s); }
 Object name_equals(Handle a, Handle b) { return Object(boolean(a.get("name"_s).equals(b))); }
 Object names_are_equal(Handle a, Handle b) { return Object(boolean(a.get("name"_s).equals(b.get("name"_s)))); }
-Object name_contains(Handle a, Handle b) { return Object(boolean(a.get("name"_s).contains(b))); }
+Object names_contain(Handle a, Handle b)
+{
+    return Object(boolean(a.get("name"_s).contains(b) && a.get("name"_s).contains(b)));
+}
 Object item_of_name(Handle a, Handle key) { return a.get("name"_s).item(key).item(key); }
 Object item_of_item_at(Handle a) { return a.get("name"_s).item(0).item(0); }
+Object first_of_first(Handle a) { return a.get("name"_s).first().first(); }
 Object item(Handle a, Handle key) { return a.item(key); }
 Object item_at(Handle a, Handle index) { return a.item(PyLong_AsSsize_t(index.ptr())); }
 Object set_item_at(Handle a, Handle index, Handle value)
@@ -162,9 +166,10 @@ PyMethodDef verbs[] = {
     entry<get_name>("get_name"),
     entry<name_equals>("name_equals"),
     entry<names_are_equal>("names_are_equal"),
-    entry<name_contains>("name_contains"),
+    entry<names_contain>("names_contain"),
     entry<item_of_name>("item_of_name"),
     entry<item_of_item_at>("item_of_item_at"),
+    entry<first_of_first>("first_of_first"),
     entry<item>("item"),
     entry<item_at>("item_at"),
     entry<set_item_at>("set_item_at"),

@@ -3,6 +3,7 @@
 import builtins
 import gc
 import sys
+from inspect import signature
 
 import pytest
 
@@ -78,9 +79,10 @@ def test_an_error_of_an_operand_travels_on_unchanged(operation):
 IN_PYTHON = {
     "name_equals": lambda a, b: True if a.name == b else False,
     "names_are_equal": lambda a, b: True if a.name == b.name else False,
-    "name_contains": lambda a, b: b in a.name,
+    "names_contain": lambda a, b: b in a.name and b in a.name,
     "item_of_name": lambda a, b: a.name[b][b],
     "item_of_item_at": lambda a: a.name[0][0],
+    "first_of_first": lambda a: a.name[0][0],
 }
 
 
@@ -116,7 +118,8 @@ def test_a_temporary_goes_as_soon_as_it_has_served(operation):
 
     def steps(operate):
         log = []
-        given = [Temporary(log, name) for name in "ab"[: 1 if operation == "item_of_item_at" else 2]]
+        names = signature(IN_PYTHON[operation]).parameters
+        given = [Temporary(log, name) for name in names]
         result = operate(*given)
         log.append("done")
         del result, given

@@ -37,6 +37,12 @@ Object new_node_manager(Handle self, Handle region, Handle auth, Handle username
         {concat({"Cloud Region "_s, str(region.get("cloud"_s)), " is not supported"_s})}));
 }
 
+bool is_cached(Handle self, Handle region)
+{
+    Object hash_key = region.get("hash_key"_s); // before the cache is read, as Python does
+    return self.get("_node_manager_hashset"_s).contains(hash_key);
+}
+
 } // namespace
 
 Object init(Handle self)
@@ -71,8 +77,7 @@ Object _get_cached_node_manager(Handle self, Handle region)
     if (region.is_none())
         return none();
     return holding(self.get("_node_manager_hashset_lock"_s), [&] {
-        Object hash_key = region.get("hash_key"_s); // before the cache is read, as Python does
-        if (!self.get("_node_manager_hashset"_s).contains(hash_key))
+        if (!is_cached(self, region))
             return none();
         return self.get("_node_manager_hashset"_s).item(region.get("hash_key"_s));
     });

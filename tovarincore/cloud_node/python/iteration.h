@@ -21,8 +21,8 @@ inline Wanted having(Name attribute) { return {{}, attribute, {}}; }
 inline Wanted having(Name attribute, Handle text) { return {{}, attribute, text}; }
 inline Wanted having(Name hop, Name attribute, Handle text) { return {hop, attribute, text}; }
 
-// What a loop does between two turns: see checkpoint(). Where that is a call of the interpreter, for want of the fast
-// half, it takes as long as a quarter of a turn, and one turn in sixteen has it.
+// What a loop does between two turns: see checkpoint(). Without the fast half that is a call of the interpreter, which
+// takes a sixth of a search's turn: there, one turn in sixteen has it.
 class BetweenTurns {
 public:
     void operator()(CallSite site = CallSite::here())

@@ -142,6 +142,7 @@ public:
     Object get(Name name, CallSite site = CallSite::here()) const& { return Handle::get(name, site); }
     Object item(Handle key, CallSite site = CallSite::here()) const& { return Handle::item(key, site); }
     Object item(Py_ssize_t index, CallSite site = CallSite::here()) const& { return Handle::item(index, site); }
+    Object first(CallSite site = CallSite::here()) const& { return Handle::first(site); }
 
     // On a temporary, which is dropped at once, as Python does it: no stack is unwound then, as it may be where a
     // destructor runs, and whether the thread is ending need not be asked.
@@ -152,7 +153,7 @@ public:
         return drop_behind(Handle::contains(value, site));
     }
     bool truthy(CallSite site = CallSite::here()) && { return drop_behind(Handle::truthy(site)); }
-    Object get(Name name, CallSite site = CallSite::here()) &&
+    Object get(Name name, CallSite site = CallSite::here()) && // written out: searches ask for it at every turn
     {
         Object value = Handle::get(name, site);
         drop(release());
@@ -163,6 +164,7 @@ public:
     {
         return drop_behind(Handle::item(index, site));
     }
+    Object first(CallSite site = CallSite::here()) && { return drop_behind(Handle::first(site)); }
 
 private:
     struct Owned {};
