@@ -48,13 +48,24 @@ class WebSocketClient:
         self.node.ready = True
 
 
+def without_frames(error: BaseException) -> BaseException:
+    """Plain Python's tracebacks hold frames, and what their variables name; the extension has no frames."""
+    seen: set[int] = set()
+    rest: list[Optional[BaseException]] = [error]
+    while rest:
+        each = rest.pop()
+        if each is not None and id(each) not in seen:
+            seen.add(id(each))
+            rest += [each.__cause__, each.__context__]
+            each.__traceback__ = None
+    return error
+
+
 def outcome(action: Callable[[], Any]) -> Any:
     try:
         return action()
-    except Exception as error:
-        return error.with_traceback(None)
-    except Interrupted as error:
-        return error.with_traceback(None)
+    except (Exception, Interrupted) as error:
+        return without_frames(error)
 
 
 def run(module: Any, case: HostileCase) -> Seen:
@@ -101,7 +112,7 @@ def _disturbed(world: World, kind: Any, seen: Seen, name: str, operation: Callab
     try:
         result = outcome(lambda: kind.around(operation))
     except (Interrupted, Refused) as error:  # right behind the operation
-        result = error.with_traceback(None)
+        result = without_frames(error)
     finally:
         try:
             kind.disarm()
