@@ -9,6 +9,7 @@ import sys
 from collections.abc import Callable
 from typing import Any
 
+from tests.differential.hostile.allocations import spare_code
 from tovarincore import cloud_node
 from tovarincore.cloud_def import CloudInstances, CloudNode, CloudRegion, NodeState
 from tovarincore.core_def import OPResult
@@ -121,6 +122,7 @@ def failures_of(operation: Callable[[], Any], lasting: bool, most: int = 600) ->
 
 
 def main() -> int:
+    spare = spare_code(1_000)  # for `copy`, which is called where the module does not copy by itself
     total = 0
     for name, operation in OPERATIONS.items():
         try:
@@ -130,6 +132,7 @@ def main() -> int:
         counts = [failures_of(operation, lasting) for lasting in (False, True)]
         print(f"{name}: {counts[0]} and {counts[1]} MemoryErrors", flush=True)
         total += sum(counts)
+    del spare
     print(f"{len(OPERATIONS)} operations, {total} MemoryErrors, no crash")
     return 0
 

@@ -81,14 +81,14 @@ def failed_cpp() -> int:
     return int(ctypes.CDLL(None).failed_allocations()) if reaches_cpp() else 0
 
 
-def spare_code() -> list[CodeType]:
-    """Further references to every code object that stands in another one.
+def spare_code(references: int = 50) -> list[CodeType]:
+    """So many further references to every code object that stands in another one.
 
     CPython 3.12 and 3.13 drop a reference too many when they have no memory for an inner function, such as a
     generator expression; the code would be gone while the outer one still holds it.
     """
     functions = [found for found in gc.get_objects() if type(found) is FunctionType]
-    return [code for function in functions for code in _inner(function.__code__) for _ in range(50)]
+    return [code for function in functions for code in _inner(function.__code__) for _ in range(references)]
 
 
 def _inner(code: CodeType) -> Iterator[CodeType]:
