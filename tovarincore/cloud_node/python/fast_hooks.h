@@ -43,6 +43,9 @@ class MemoryOfName; // what was found under one name of the source; each name ha
 PyObject* stored_attribute(const MemoryOfName& memory, PyObject* object);
 PyObject* found_attribute(const MemoryOfName& memory, PyObject* name, PyObject* object);
 
+// object.name, where that is a property of the object's class: empty when unknown. Runs the property's code.
+Object computed_attribute(const Name& name, const Handle& object, const CallSite& site);
+
 // object.name = value: `no` says that it failed, with an error set. Drops the old value.
 Answer set_attribute(const MemoryOfName& memory, PyObject* name, PyObject* object, PyObject* value);
 

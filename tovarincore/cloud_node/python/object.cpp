@@ -69,6 +69,9 @@ Object Handle::get_remembered(Name name, CallSite site) const
 // Apart from the look above, which therefore needs no stack frame.
 [[gnu::noinline]] Object Handle::look_up(Name name, CallSite site) const
 {
+    if constexpr (fast::is_on)
+        if (Object value = fast::computed_attribute(name, *this, site))
+            return value;
     if (PyObject* value = fast::found_attribute(name.memory(), name.ptr(), pointer_))
         return Object(borrow(value));
     return steal(PyObject_GetAttr(pointer_, name.ptr()), site);

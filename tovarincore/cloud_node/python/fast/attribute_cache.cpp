@@ -74,7 +74,8 @@ void AttributeCache::learn(PyObject* instance, PyObject* name)
         return;
     PyObject* on_class = _PyType_Lookup(type, name);
     unsigned version = layout::version_of_type(type);
-    if (version == 0 || !gives_way(on_class)) {
+    bool is_property = on_class != nullptr && Py_IS_TYPE(on_class, &PyProperty_Type);
+    if (version == 0 || !(is_property || gives_way(on_class))) {
         unfit_version_ = version;
         return;
     }
@@ -87,7 +88,7 @@ void AttributeCache::learn(PyObject* instance, PyObject* name)
             return;
     }
     bool same_class = type == type_ && version == version_;
-    if (has_dict && has_attributes(instance)) {
+    if (!is_property && has_dict && has_attributes(instance)) {
         if (!learn_place(instance, name, same_class))
             return;
     } else {
@@ -101,6 +102,7 @@ void AttributeCache::learn(PyObject* instance, PyObject* name)
     guard_version_ = guard == nullptr ? 0 : layout::version_of_type(guard);
     method_ =
         on_class != nullptr && PyType_HasFeature(Py_TYPE(on_class), Py_TPFLAGS_METHOD_DESCRIPTOR) ? on_class : nullptr;
+    property_ = is_property ? on_class : nullptr;
     settable_ = type->tp_setattro == PyObject_GenericSetAttr;
 }
 

@@ -92,6 +92,12 @@ public:
         return layout::has_only_names_of(instance, table, keys_.count()) ? method_ : nullptr;
     }
 
+    // The property of the class that computes the value; borrowed. Null: as above.
+    PyObject* known_property(PyObject* instance) const
+    {
+        return property_ != nullptr && knows(Py_TYPE(instance)) ? property_ : nullptr;
+    }
+
     // Whether `instance.name = value` puts the value into the place of one that the instance itself has.
     bool sets_known_value(PyObject* instance) const { return known_value(instance) != nullptr && settable_; }
 
@@ -146,8 +152,9 @@ private:
     unsigned guard_version_ = 0;
     unsigned char passed_over_ = 0; // how many instances are still not tried, after one that taught nothing
     bool settable_ = false;
-    Place place_;                // has no table where the name is not among the table's known keys
-    PyObject* method_ = nullptr; // lives as long as this version of the type
+    Place place_;                  // has no table where the name is not among the table's known keys
+    PyObject* method_ = nullptr;   // lives as long as this version of the type
+    PyObject* property_ = nullptr; // the same
     SharedKeyTable keys_;
 };
 
