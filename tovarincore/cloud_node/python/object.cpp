@@ -127,17 +127,25 @@ namespace {
 // Not PyObject_RichCompareBool: that one takes identity for equality, which `==` in an `if` does not.
 Object compared(Handle a, Handle b, CallSite site)
 {
-    if (are_compared_by_identity(a.ptr(), b.ptr()))
-        return Object(boolean(a.is(b)));
     return steal(PyObject_RichCompare(a.ptr(), b.ptr(), Py_EQ), site);
 }
 
 } // namespace
 
-bool Handle::compares_equal(Handle other, CallSite site) const { return compared(*this, other, site).truthy(site); }
+bool Handle::compares_equal(Handle other, CallSite site) const
+{
+    if (are_compared_by_identity(pointer_, other.pointer_))
+        return is(other);
+    return compared(*this, other, site).truthy(site);
+}
 
 bool Object::compare_objects_and_drop(Handle other, Object* other_temporary, CallSite site)
 {
+    if (are_compared_by_identity(pointer_, other.ptr())) {
+        bool same = is(other);
+        drop_with(other_temporary);
+        return same;
+    }
     Object result = compared(*this, other, site);
     drop_with(other_temporary);
     return std::move(result).truthy(site);
