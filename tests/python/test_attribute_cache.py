@@ -7,6 +7,7 @@ from typing import Any
 import pytest
 
 from tests.python import _object_layer as layer
+from tests.python.reading import ENOUGH, by_getattr, outcome
 
 
 class Thing:
@@ -21,7 +22,7 @@ def read(thing: Any) -> Any:
 def known(kind: Any = Thing) -> Any:
     """An instance whose attribute has been read so often that its place is remembered."""
     thing = kind()
-    for _ in range(4):
+    for _ in range(ENOUGH):
         assert read(thing) == "own"
     return thing
 
@@ -89,6 +90,34 @@ def test_a_class_attribute_that_turns_into_a_data_descriptor_is_asked() -> None:
     assert read(thing) == "described"
 
 
+def test_a_plain_object_on_the_class_that_turns_into_a_data_descriptor_is_asked() -> None:
+    """Its type may get both methods."""
+
+    class Default: ...
+
+    kind = type("Kind", (Thing,), {"name": Default()})
+    thing = known(kind)
+    Default.__get__ = lambda *given: "described"  # type: ignore[attr-defined]
+    Default.__set__ = lambda *given: None  # type: ignore[attr-defined]
+    assert read(thing) == "described"
+
+
+@pytest.mark.parametrize(
+    "names",
+    [
+        {"name": property(lambda self: "asked")},
+        {"__getattribute__": lambda self, name: "asked"},
+        {"__getattr__": lambda self, name: "asked", "__getattribute__": lambda self, name: "asked"},
+    ],
+    ids=["property", "__getattribute__", "both"],
+)
+def test_what_goes_before_the_own_value_is_asked_each_time(names: dict[str, Any]) -> None:
+    """However often it was."""
+    thing = type("Asked", (), names)()
+    object.__getattribute__(thing, "__dict__")["name"] = "own"
+    assert {read(thing) for _ in range(ENOUGH)} == {"asked"}
+
+
 @pytest.mark.parametrize("hook", ["__getattribute__", "__getattr__"])
 def test_attribute_access_of_the_class_itself_is_called(hook: str) -> None:
     """Also when it is defined after the place was remembered."""
@@ -126,6 +155,60 @@ def test_a_class_that_is_gone_leaves_nothing_to_go_wrong() -> None:
         assert [read(thing), read(thing), read(thing)] == [number] * 3
 
 
+class Key(str):
+    """A text among an instance's names that lies where "name" does, and is asked first."""
+
+    answer: Any = False
+
+    def __hash__(self) -> int:
+        return hash("name")
+
+    def __eq__(self, other: object) -> bool:
+        self.log.append(str(other))  # type: ignore[attr-defined]
+        if isinstance(self.answer, BaseException):
+            raise self.answer
+        return bool(self.answer)
+
+
+@pytest.mark.parametrize("on_class", [False, True])
+@pytest.mark.parametrize("own", [False, True])
+@pytest.mark.parametrize("answer", [False, True, ValueError("compared"), AttributeError("compared")], ids=str)
+def test_another_key_is_compared_as_often_as_in_python(answer: Any, own: bool, on_class: bool) -> None:
+    """And its answer counts, or its error."""
+    thing = known(type("Fresh", (Thing,), {"name": "of the class"} if on_class else {}))
+
+    def seen(read: Any) -> Any:
+        key = Key("other")
+        log: list[str] = []
+        key.log = log  # type: ignore[attr-defined]
+        names = {key: "of the key"}
+        if own:
+            names["name"] = "own"
+        log.clear()
+        thing.__dict__ = names
+        key.answer = answer
+        return outcome(read, thing), log
+
+    assert seen(read) == seen(by_getattr)
+
+
+def test_a_finaliser_of_the_dictionary_may_change_the_instance() -> None:
+    """The value read is held before the dictionary goes."""
+
+    class Replacing(Key):
+        def __eq__(self, other: object) -> bool:
+            self.thing.__dict__ = {}  # type: ignore[attr-defined]
+            return True
+
+        __hash__ = Key.__hash__
+
+    thing = known()
+    key = Replacing("other")
+    key.thing = thing  # type: ignore[attr-defined]
+    thing.__dict__ = {key: ["of", "the key"]}
+    assert read(thing) == ["of", "the key"]
+
+
 class Calling:
     def method(self, *given: Any, **named: Any) -> Any:
         return "class", given, named
@@ -135,7 +218,7 @@ def test_a_method_is_called_as_the_class_has_it() -> None:
     """Replaced on class or instance, a static method, or deleted: what is there at the call counts."""
     kind = type("Kind", (Calling,), {})
     thing = kind()
-    for _ in range(4):
+    for _ in range(ENOUGH):
         assert layer.call_method(thing, 1, 2) == ("class", (1,), {"second": 2})
     thing.method = lambda *given, **named: "instance"
     assert layer.call_method(thing, 1, 2) == "instance"

@@ -8,6 +8,7 @@ from typing import Any, Callable
 import pytest
 
 from tests.python import _object_layer as layer
+from tests.python.reading import ENOUGH, by_getattr, outcome
 
 
 def raising(error: Callable[[], BaseException]) -> Callable[[Any], Any]:
@@ -24,22 +25,9 @@ def instance(compute: Callable[[Any], Any]) -> Any:
 def known(compute: Callable[[Any], Any]) -> Any:
     """An instance whose property has been read so often that it is remembered."""
     thing = instance(compute)
-    for _ in range(4):
+    for _ in range(ENOUGH):
         outcome(layer.get_name, thing)
     return thing
-
-
-def outcome(read: Callable[[Any], Any], thing: Any) -> Any:
-    """The value, or what there is to see of the error."""
-    try:
-        return read(thing)
-    except BaseException as error:
-        whose = getattr(error, "obj", None)
-        return type(error), error.args, getattr(error, "name", None), "thing" if whose is thing else whose
-
-
-def by_getattr(thing: Any) -> Any:
-    return getattr(thing, "name")  # noqa: B009 - byte code of its own leaves out what `getattr` tells an error
 
 
 class Stubborn(AttributeError):
@@ -125,7 +113,7 @@ def test_a_property_may_take_itself_from_its_class() -> None:
 
     thing = instance(kept)
     thing.last = False
-    for _ in range(4):
+    for _ in range(ENOUGH):
         assert layer.get_name(thing) == "computed"
     thing.last = True
     del kept

@@ -1,6 +1,6 @@
 // Where the object layer asks its fast half, in fast/, whether there is a shorter way. This header is all that it knows
-// of it. Without the fast half (`make build FAST=off`) each answer is that nothing is known, and the general ways serve
-// alone: what a program sees is the same on both.
+// of it. Without the fast half (`make build FAST=off`), general/ answers mostly that nothing is known, and the general
+// ways serve alone: what a program sees is the same on both.
 //
 // A borrowed answer holds until the next call, comparison or collection: the caller owns it before that. No hook runs
 // Python code, but for those that say so.
@@ -42,6 +42,9 @@ class MemoryOfName; // what was found under one name of the source; each name ha
 // before each look-up; the second knows more, and learns.
 PyObject* stored_attribute(const MemoryOfName& memory, PyObject* object);
 PyObject* found_attribute(const MemoryOfName& memory, PyObject* name, PyObject* object);
+
+// The same without the fast half, and whatever there is: a new reference, or null with an error set.
+PyObject* general_attribute(const MemoryOfName& memory, PyObject* name, PyObject* object);
 
 // object.name, where that is a property of the object's class: empty when unknown. Runs the property's code.
 Object computed_attribute(const Name& name, const Handle& object, const CallSite& site);
@@ -103,39 +106,5 @@ void deepcopy_is_bound(PyObject* function);
 #if TOVARIN_FAST
 #include "fast/hooks.h"
 #else
-
-namespace py::fast {
-
-inline constexpr bool is_on = false;
-
-class MemoryOfName {};
-
-inline bool is_finalising() { return py::is_finalising(); }
-inline PyThreadState* running_thread() { return PyThreadState_Get(); }
-inline bool enter_call(PyThreadState*, const char* where) { return Py_EnterRecursiveCall(where) == 0; }
-inline void leave_call(PyThreadState*) { Py_LeaveRecursiveCall(); }
-inline bool something_is_due() { return true; }
-inline PyObject* stored_attribute(const MemoryOfName&, PyObject*) { return nullptr; }
-inline PyObject* found_attribute(const MemoryOfName&, PyObject*, PyObject*) { return nullptr; }
-inline Answer set_attribute(const MemoryOfName&, PyObject*, PyObject*, PyObject*) { return Answer::unknown; }
-inline PyObject* known_method(const MemoryOfName&, PyObject*) { return nullptr; }
-inline PyObject* found_method(const MemoryOfName&, PyObject*, PyObject*) { return nullptr; }
-inline PyObject* known_static_method(const MemoryOfName&, PyObject*) { return nullptr; }
-inline bool is_searched_quietly(PyObject*, PyObject*) { return false; }
-inline PyObject* known_global(const MemoryOfName&, PyObject*, PyObject*) { return nullptr; }
-inline void note_global(const MemoryOfName&, PyObject*, PyObject*, PyObject*) {}
-inline Answer is_instance(PyObject*, PyObject*, PyObject*) { return Answer::unknown; }
-inline Py_ssize_t len(PyObject*, PyObject*) { return -1; }
-inline PyObject* str(PyObject*, PyObject*) { return nullptr; }
-inline PyObject* initialiser(PyObject*) { return nullptr; }
-inline Py_ssize_t first_candidate(PyObject*, Py_ssize_t start, const Wanted&) { return start; }
-inline Py_ssize_t first_like(PyObject*, const Name&, PyObject*) { return 0; }
-inline Answer take_lock(PyObject*) { return Answer::unknown; }
-inline bool give_lock_back(PyObject*) { return false; }
-inline void collect_what_is_due() {}
-inline void open(PyObject*) {}
-inline void deepcopy_is_bound(PyObject*) {}
-
-} // namespace py::fast
-
+#include "general/hooks.h"
 #endif

@@ -237,7 +237,7 @@ Object Handle::get(Name name, CallSite site) const
     if constexpr (fast::is_on)
         return get_remembered(name, site);
     else
-        return steal(PyObject_GetAttr(pointer_, name.ptr()), site);
+        return steal(fast::general_attribute(name.memory(), name.ptr(), pointer_), site);
 }
 
 [[gnu::always_inline]] inline bool Handle::equals(Handle other, CallSite site) const
