@@ -14,13 +14,21 @@ CMAKE = Path(sys.executable).with_name("cmake")
 
 
 @pytest.mark.skipif(COMPILER is None, reason="no C++ compiler (on Debian: apt-get install g++)")
-def test_a_free_threaded_interpreter_is_refused_by_the_compiler() -> None:
-    command = [str(COMPILER), "-std=c++20", "-fsyntax-only", "-x", "c++", "-DPy_GIL_DISABLED", "-"]
+@pytest.mark.parametrize(
+    ("kind", "said"),
+    [
+        (["-DPy_GIL_DISABLED"], "does not support free-threaded CPython"),
+        (["-DPy_DEBUG", "-DTOVARIN_FAST=1"], "configure with -DTOVARIN_FAST=OFF"),
+    ],
+    ids=["free-threaded", "debug"],
+)
+def test_an_interpreter_that_would_go_wrong_is_refused_by_the_compiler(kind: list[str], said: str) -> None:
+    command = [str(COMPILER), "-std=c++20", "-fsyntax-only", "-x", "c++", *kind, "-"]
     command += ["-I", str(ROOT / "tovarincore" / "cloud_node"), "-isystem", sysconfig.get_path("include")]
     source = '#include "python/interpreter.h"\n'
     done = subprocess.run(command, input=source, capture_output=True, text=True)
     assert done.returncode != 0
-    assert "does not support free-threaded CPython" in done.stderr
+    assert said in done.stderr
 
 
 @pytest.mark.parametrize("program", ["python_defect", "serves"])
@@ -52,3 +60,24 @@ def test_a_version_to_come_is_said_to_be_untried_in_one_line(version: str, said:
     lines = (done.stdout + done.stderr).splitlines()
     assert len(lines) == said
     assert all(f"CPython {version} is untried" in line for line in lines)
+
+
+@pytest.mark.skipif(not CMAKE.exists(), reason="CMake is not in the environment: run `make setup`")
+@pytest.mark.parametrize(
+    ("version", "abi", "fast"),
+    [
+        ("3.13.0", "cpython-313-x86_64-linux-gnu", "ON"),
+        ("3.13.0", "cpython-313d-x86_64-linux-gnu", "OFF"),
+        ("3.14.0", "cpython-314-x86_64-linux-gnu", "OFF"),
+    ],
+)
+def test_an_interpreter_of_unknown_structures_gets_no_fast_half(
+    version: str, abi: str, fast: str, tmp_path: Path
+) -> None:
+    asking = tmp_path / "asking.cmake"
+    asking.write_text(
+        f'set(TOVARIN_FAST ON)\ninclude({ROOT}/cmake/interpreter.cmake)\nmessage("fast: ${{TOVARIN_FAST}}")\n'
+    )
+    command = [str(CMAKE), f"-DPython_VERSION={version}", f"-DPython_SOABI={abi}", "-P", str(asking)]
+    done = subprocess.run(command, capture_output=True, text=True, check=True)
+    assert done.stderr.splitlines()[-1] == f"fast: {fast}"

@@ -15,10 +15,7 @@ namespace {
 
 #if TOVARIN_FAST
 
-bool is_native_now()
-{
-    return fast::layout::known && fast::is_genuine_deepcopy(global("deepcopy"_s)) && fast::deepcopy_is_untouched();
-}
+bool is_native_now() { return fast::is_genuine_deepcopy(global("deepcopy"_s)) && fast::deepcopy_is_untouched(); }
 
 // From here on as where the look at the layout has failed: nothing is known that was not remembered before.
 Object distrust_layout(Handle)

@@ -8,16 +8,11 @@
 #ifdef Py_GIL_DISABLED
 #error "tovarincore does not support free-threaded CPython: build it with an interpreter that has the global lock"
 #endif
-#if TOVARIN_FAST && PY_VERSION_HEX < 0x030E0000 && !defined(Py_DEBUG)
-#define TOVARIN_INTERNALS 1
-#define Py_BUILD_CORE
-#else
-#define TOVARIN_INTERNALS 0
+#if TOVARIN_FAST
+#if PY_VERSION_HEX >= 0x030E0000 || defined(Py_DEBUG)
+#error "the fast half knows release builds of CPython 3.10 to 3.13 alone: configure with -DTOVARIN_FAST=OFF"
 #endif
-#if TOVARIN_INTERNALS && PY_VERSION_HEX >= 0x030B0000
-#define TOVARIN_LAYOUT_311 1
-#else
-#define TOVARIN_LAYOUT_311 0
+#define Py_BUILD_CORE
 #endif
 
 #define PY_SSIZE_T_CLEAN

@@ -45,8 +45,6 @@ bool has_attributes(PyObject* instance)
 
 void AttributeCache::consider(PyObject* instance, PyObject* name)
 {
-    if constexpr (!layout::known)
-        return;
     PyTypeObject* type = Py_TYPE(instance);
     unsigned version = layout::version_of_type(type);
     if (version != 0 && version == unfit_version_)
@@ -65,8 +63,6 @@ void AttributeCache::consider(PyObject* instance, PyObject* name)
 
 void AttributeCache::learn(PyObject* instance, PyObject* name)
 {
-    if constexpr (!layout::known)
-        return;
     PyTypeObject* type = Py_TYPE(instance);
     bool has_dict = layout::has_managed_dict(type);
     if (type->tp_getattro != PyObject_GenericGetAttr || !(has_dict || layout::has_no_dict(type)) ||

@@ -64,16 +64,12 @@ public:
     // The value in the instance's own __dict__; borrowed. Null: look it up in the general way, and consider() it.
     PyObject* known_value(PyObject* instance) const
     {
-        if constexpr (!layout::known)
-            return nullptr;
         return knows(Py_TYPE(instance)) && place_.is_known() ? place_.value(instance) : nullptr;
     }
 
     // The same, where the instance shares the key table of its class: the shortest of all reads, and asked first.
     PyObject* shared_value(PyObject* instance) const
     {
-        if constexpr (!layout::known)
-            return nullptr;
         if (!knows(Py_TYPE(instance)) || place_.table == nullptr) [[unlikely]]
             return nullptr;
         return layout::value_in_table(instance, place_.table, place_.index);
@@ -82,8 +78,6 @@ public:
     // The function of the class, to be called with the instance as its first argument; borrowed. Null: as above.
     PyObject* known_method(PyObject* instance) const
     {
-        if constexpr (!layout::known)
-            return nullptr;
         if (!knows(Py_TYPE(instance)) || method_ == nullptr) [[unlikely]]
             return nullptr;
         if (layout::has_no_dict(type_))

@@ -19,8 +19,6 @@ bool is_read_as_usual(PyTypeObject* metaclass, PyObject* name)
 
 void ClassAttributeCache::consider(PyObject* object, PyObject* name)
 {
-    if constexpr (!layout::known)
-        return;
     auto* type = reinterpret_cast<PyTypeObject*>(object);
     if (unfit_version_ != 0 && layout::version_of_type(type) == unfit_version_)
         return;

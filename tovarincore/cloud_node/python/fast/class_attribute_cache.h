@@ -39,7 +39,7 @@ private:
 
     bool knows(PyObject* object) const
     {
-        if (!layout::known || object != reinterpret_cast<PyObject*>(class_)) [[likely]]
+        if (object != reinterpret_cast<PyObject*>(class_)) [[likely]]
             return false;
         return layout::version_of_type(class_) == version_ && Py_TYPE(object) == metaclass_ &&
                layout::version_of_type(metaclass_) == metaclass_version_ && Py_TYPE(found_) == found_type_ &&

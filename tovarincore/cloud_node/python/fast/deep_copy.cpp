@@ -44,7 +44,7 @@ void collect_what_is_due()
 
 Object deep_copy(const Handle& function, const Handle& value, const CallSite& site)
 {
-    if (!layout::known || !is_genuine_deepcopy(function))
+    if (!is_genuine_deepcopy(function))
         return {};
     collect_before_many(value, site);
     if (!deepcopy_is_untouched())

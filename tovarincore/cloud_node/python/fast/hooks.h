@@ -28,7 +28,7 @@ inline PyObject* known_method(const MemoryOfName& memory, PyObject* object)
 inline PyObject* known_global(const MemoryOfName& memory, PyObject* module_names, PyObject* builtin_names)
 {
     const GlobalMemory& global = memory.known().global;
-    if (!layout::known || global.value == nullptr || global.module_version != layout::version_of_dict(module_names) ||
+    if (global.value == nullptr || global.module_version != layout::version_of_dict(module_names) ||
         global.builtins_version != layout::version_of_dict(builtin_names)) [[unlikely]]
         return nullptr;
     return global.value;

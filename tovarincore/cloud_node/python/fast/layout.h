@@ -5,8 +5,6 @@
 
 #if PY_VERSION_HEX < 0x030B0000
 #include "layout_310.h"
-#elif TOVARIN_LAYOUT_311
-#include "layout_311.h"
 #else
-#include "layout_unknown.h"
+#include "layout_311.h"
 #endif

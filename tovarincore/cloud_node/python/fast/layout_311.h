@@ -18,8 +18,6 @@
 
 namespace py::fast::layout {
 
-inline constexpr bool known = true;
-
 // Changes with every change of the dictionary; no two dictionaries ever have the same.
 inline std::uint64_t version_of_dict(PyObject* dict) { return reinterpret_cast<PyDictObject*>(dict)->ma_version_tag; }
 

@@ -4,7 +4,6 @@
 
 #include "../interpreter.h"
 
-#if TOVARIN_INTERNALS
 // The headers are meant for C; in C++ their atomic operations need the compiler's built-ins.
 #undef HAVE_STD_ATOMIC
 #pragma GCC diagnostic push
@@ -15,15 +14,12 @@
 #include <internal/pycore_pystate.h>
 #include <internal/pycore_runtime.h>
 #pragma GCC diagnostic pop
-#endif
 
 namespace py::fast::runtime {
 
 // Whether the running interpreter is laid out as its headers said when the module was compiled: self_check.cpp looks. A
 // later release of the same version could differ: then everything is asked by calls, and nothing is remembered.
 inline constinit bool is_as_compiled = false;
-
-#if TOVARIN_INTERNALS
 
 inline bool is_finalising()
 {
@@ -103,18 +99,5 @@ inline bool state_is_as_compiled()
 #endif
     return true;
 }
-
-#else
-
-inline bool is_finalising() { return py::is_finalising(); }
-inline PyThreadState* running_thread() { return PyThreadState_Get(); }
-inline bool enter_call(PyThreadState*, const char* where) { return Py_EnterRecursiveCall(where) == 0; }
-inline void leave_call(PyThreadState*) { Py_LeaveRecursiveCall(); }
-inline bool something_is_due() { return true; }
-inline bool bring_collection_forward(Py_ssize_t) { return false; }
-inline bool collection_is_due() { return true; }
-inline bool state_is_as_compiled() { return false; }
-
-#endif
 
 } // namespace py::fast::runtime

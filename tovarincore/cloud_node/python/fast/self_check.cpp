@@ -59,10 +59,6 @@ bool objects_are_as_compiled()
 
 } // namespace
 
-void look_at_layout()
-{
-    if constexpr (layout::known)
-        runtime::is_as_compiled = runtime::state_is_as_compiled() && objects_are_as_compiled();
-}
+void look_at_layout() { runtime::is_as_compiled = runtime::state_is_as_compiled() && objects_are_as_compiled(); }
 
 } // namespace py::fast

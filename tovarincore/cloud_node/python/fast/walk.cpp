@@ -153,8 +153,6 @@ template <class Passes> Py_ssize_t walk(PyObject* list, Py_ssize_t start, Wanted
 
 Py_ssize_t first_candidate(PyObject* list, Py_ssize_t start, const Wanted& wanted)
 {
-    if constexpr (!layout::known)
-        return start;
     if (!wanted.text)
         return walk(list, start, WantedReader(wanted), [](PyObject* value) { return value == Py_False; });
     if (!are_plain_texts(wanted.text.ptr(), wanted.text.ptr()))
@@ -166,7 +164,7 @@ Py_ssize_t first_candidate(PyObject* list, Py_ssize_t start, const Wanted& wante
 Py_ssize_t first_like(PyObject* list, const Name& name, PyObject* element)
 {
     PlainReader reader(name);
-    if (!layout::known || !reader.learn(element))
+    if (!reader.learn(element))
         return 0;
     return first_candidate(list, 0, having(name, borrow(reader.value(element))));
 }
