@@ -6,6 +6,7 @@ from typing import Any
 
 import pytest
 
+from tests.conftest import Child
 from tests.python import _object_layer as layer
 from tests.python.reading import ENOUGH, by_getattr, outcome
 
@@ -207,6 +208,38 @@ def test_a_finaliser_of_the_dictionary_may_change_the_instance() -> None:
     key.thing = thing  # type: ignore[attr-defined]
     thing.__dict__ = {key: ["of", "the key"]}
     assert read(thing) == ["of", "the key"]
+
+
+COLLECTING = """
+import gc
+from tests.python import _object_layer as layer
+class Thing:
+    def __init__(self):
+        self.name, self.other = "own", [1]
+class Mortal:
+    def __del__(self):
+        self.thing.__dict__
+for _ in range(70):
+    layer.get_name(Thing())
+for number in range(60):
+    things = [Thing() for _ in range(50)]
+    for thing in things:
+        mortal = Mortal()
+        mortal.own, mortal.thing = mortal, thing
+        del mortal
+        gc.set_threshold(gc.get_count()[0] + number % 3)
+        layer.get_name(thing)
+        gc.set_threshold(700)
+    things.clear()
+    gc.collect()
+print("as it should be")
+"""
+
+
+def test_a_collection_during_a_read_may_ask_for_the_dictionary(run_child: Child) -> None:
+    """CPython 3.11 gives the instance two where that happens while it makes the first."""
+    child = run_child(COLLECTING, PYTHONMALLOC="debug")
+    assert (child.returncode, child.stdout) == (0, "as it should be\n"), child.stderr[-3000:]
 
 
 class Calling:

@@ -4,6 +4,8 @@
 
 #include <utility>
 
+#if PY_VERSION_HEX >= 0x030C0000
+
 namespace py::general {
 
 namespace {
@@ -63,13 +65,9 @@ bool gives_way(PyTypeObject* type, PyObject* name)
            kind->tp_descr_set == nullptr;
 }
 
-bool keeps_attributes_in_dictionary([[maybe_unused]] PyTypeObject* type)
+bool keeps_attributes_in_dictionary(PyTypeObject* type)
 {
-#if PY_VERSION_HEX >= 0x030B0000
     return type->tp_getattro == PyObject_GenericGetAttr && PyType_HasFeature(type, Py_TPFLAGS_MANAGED_DICT);
-#else
-    return false; // byte code of 3.10 is no quicker than the interpreter's look-up
-#endif
 }
 
 } // namespace
@@ -95,7 +93,7 @@ void AttributeMemory::learn(PyObject* object, PyObject* name) const
         PyErr_Clear();
         return;
     }
-    PyTypeObject* type = Py_TYPE(object); // after the dictionary was made, which may have run finalisers
+    PyTypeObject* type = Py_TYPE(object);
     if (type->tp_version_tag != 0 && keeps_attributes_in_dictionary(type) && has(dictionary, name) &&
         gives_way(type, name)) {
         type_ = type;
@@ -125,3 +123,5 @@ PyObject* AttributeMemory::read_what_is_not_there(PyObject* object, PyObject* di
 }
 
 } // namespace py::general
+
+#endif
