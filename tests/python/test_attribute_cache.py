@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import gc
+import sys
 from typing import Any
 
 import pytest
@@ -208,6 +210,17 @@ def test_a_finaliser_of_the_dictionary_may_change_the_instance() -> None:
     key.thing = thing  # type: ignore[attr-defined]
     thing.__dict__ = {key: ["of", "the key"]}
     assert read(thing) == ["of", "the key"]
+
+
+@pytest.mark.skipif(sys.version_info < (3, 11), reason="instances of 3.10 have a dictionary from the start")
+@pytest.mark.skipif(
+    sys.version_info >= (3, 13) and not layer.is_native(None),
+    reason="without the fast half it makes one from 3.13 on, where the order of finalisers stays the same",
+)
+def test_a_read_makes_no_dictionary() -> None:
+    """The collector would meet the values in another order, and run their finalisers so."""
+    thing = known()
+    assert [each for each in gc.get_referents(thing) if type(each) is dict] == []
 
 
 COLLECTING = """

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#if PY_VERSION_HEX >= 0x030C0000
+#if PY_VERSION_HEX >= 0x030D0000
 
 namespace py::general {
 

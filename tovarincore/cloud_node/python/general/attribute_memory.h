@@ -1,16 +1,17 @@
 // Reading an attribute without the fast half. Byte code remembers from 3.11 on where it lies; a call of the interpreter
 // looks through the class and its bases each time, which takes longer than all the rest. Here that look is remembered
-// from 3.12 on, by what every interpreter has: the version of a class, and the dictionary of an instance.
+// from 3.13 on, by what every interpreter has: the version of a class, and the dictionary of an instance.
 #pragma once
 
 #include "../interpreter.h"
 
 namespace py::general {
 
-#if PY_VERSION_HEX < 0x030C0000
+#if PY_VERSION_HEX < 0x030D0000
 
-// 3.11 gives an instance two dictionaries, and frees their values twice, where a collection interrupts the making of
-// the first; byte code of 3.10 is no quicker than the interpreter's look-up.
+// Before, the making of a dictionary can be noticed: 3.12 moves the values into it, so that the collector meets them
+// later and runs their finalisers in another order; 3.11 makes two, and frees their values twice, where a collection
+// interrupts it. Byte code of 3.10 is no quicker than the interpreter's look-up.
 class AttributeMemory {
 public:
     static PyObject* read(PyObject* object, PyObject* name) { return PyObject_GetAttr(object, name); }
