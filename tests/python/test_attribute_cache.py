@@ -195,8 +195,8 @@ def test_another_key_is_compared_as_often_as_in_python(answer: Any, own: bool, o
     assert seen(read) == seen(by_getattr)
 
 
-def test_a_finaliser_of_the_dictionary_may_change_the_instance() -> None:
-    """The value read is held before the dictionary goes."""
+def test_a_comparison_may_replace_the_dictionary_that_is_searched() -> None:
+    """The value found is held before the dictionary goes."""
 
     class Replacing(Key):
         def __eq__(self, other: object) -> bool:

@@ -31,7 +31,7 @@ inline bool are_same_bytes(const void* a, const void* b, std::size_t size)
     return std::memcmp(x, y, size) == 0;
 }
 
-[[gnu::always_inline]] inline bool is_same_text(PyObject* a, PyObject* b)
+[[gnu::always_inline]] inline bool is_same_text(PyObject* a, PyObject* b) // at every turn of a search
 {
     if (a == b)
         return true;

@@ -43,7 +43,7 @@ class MemoryOfName; // what was found under one name of the source; each name ha
 PyObject* stored_attribute(const MemoryOfName& memory, PyObject* object);
 PyObject* found_attribute(const MemoryOfName& memory, PyObject* name, PyObject* object);
 
-// The same without the fast half, and whatever there is: a new reference, or null with an error set.
+// object.name in a build without the fast half, always answered: a new reference, or null with an error set.
 PyObject* general_attribute(const MemoryOfName& memory, PyObject* name, PyObject* object);
 
 // object.name, where that is a property of the object's class: empty when unknown. Runs the property's code.
